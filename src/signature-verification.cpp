@@ -1,0 +1,187 @@
+// Verifies the ECDSA signature of a German fiscal security device (TSE) on a
+// transaction, either from an exported log file and the TSE's certificate or
+// from the text of a DSFinV-K receipt QR code.
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "QrCodeToASN.h"
+#include "myutils.h"
+
+const char* certPath = nullptr;
+const char* logPath = nullptr;
+std::string qrString;
+
+bool file_exists(const std::string& path);
+void PrintVersion();
+void PrintUsage(const char* programName);
+bool GetOptions(int argc, char* argv[]);
+
+namespace {
+
+constexpr size_t SIGNATURE_ELEMENT_SIZE = 98;
+constexpr size_t SHORTEST_HEADER_SIZE = 3;
+constexpr size_t SMALLEST_LOG_FILE = SIGNATURE_ELEMENT_SIZE + SHORTEST_HEADER_SIZE;
+// Below this size the outer SEQUENCE has one length octet (30 81 LL),
+// from it on two (30 82 HH LL).
+constexpr size_t TWO_LENGTH_OCTETS_FROM = 259;
+
+size_t outerHeaderSize(size_t messageSize)
+{
+    return messageSize < TWO_LENGTH_OCTETS_FROM ? 3 : 4;
+}
+
+bool readWholeFile(const char* path, std::vector<uint8_t>& contents)
+{
+    std::ifstream file(path, std::ios::in | std::ios::binary);
+    if (!file) {
+        return false;
+    }
+    char chunk[1 << 16];
+    while (file.read(chunk, sizeof(chunk)) || file.gcount() > 0) {
+        contents.insert(contents.end(), chunk, chunk + file.gcount());
+    }
+    return !file.bad();
+}
+
+int runLogFileFlow()
+{
+    if (!file_exists(logPath)) {
+        std::cout << "[ERROR] Could not find given transaction log: " << logPath << std::endl;
+        return 1;
+    }
+    if (!file_exists(certPath)) {
+        std::cout << "Could not find given certificate: " << certPath << std::endl;
+        return 1;
+    }
+    std::cout << "[INFO] Attempting to validate exported log file." << std::endl;
+
+    std::vector<uint8_t> message;
+    if (!readWholeFile(logPath, message)) {
+        std::cout << "[ERROR] Could not read transaction log: " << logPath << std::endl;
+        return 1;
+    }
+    const size_t fileSize = message.size();
+    if (fileSize < SMALLEST_LOG_FILE) {
+        std::cout << "[ERROR] Transaction log is too short to hold a signed log message: " << logPath << std::endl;
+        return 1;
+    }
+    const std::vector<uint8_t> signature(message.end() - RAW_SIGNATURE_SIZE, message.end());
+    const size_t headerSize = outerHeaderSize(fileSize);
+    const uint8_t* signedData = message.data() + headerSize;
+    const size_t signedSize = fileSize - SIGNATURE_ELEMENT_SIZE - headerSize;
+    return verifySignature(signedData, static_cast<uint32_t>(signedSize),
+                           signature.data(), RAW_SIGNATURE_SIZE, certPath);
+}
+
+int runQrCodeFlow()
+{
+    std::cout << "[INFO] Attempting to validate DSFinVK QrCode data." << std::endl;
+    try {
+        const QrCodeToASN builder(qrString);
+        const std::vector<uint8_t> publicKey = builder.getPublicKey();
+        const std::vector<uint8_t> signature = builder.getSignature();
+        const std::vector<uint8_t> message = builder.getASN1Data();
+        const size_t headerSize = outerHeaderSize(message.size());
+        return verifySignatureFromQR(message.data() + headerSize,
+                                     static_cast<uint32_t>(message.size() - headerSize),
+                                     signature.data(), static_cast<uint32_t>(signature.size()),
+                                     publicKey.data(), static_cast<int32_t>(publicKey.size()));
+    } catch (...) {
+        // The failing step has already said why.
+        return 1;
+    }
+}
+
+} // namespace
+
+bool file_exists(const std::string& path)
+{
+    std::FILE* file = std::fopen(path.c_str(), "r");
+    if (file == nullptr) {
+        return false;
+    }
+    std::fclose(file);
+    return true;
+}
+
+void PrintVersion()
+{
+    std::cout << "Version: " << "1.2" << std::endl;
+    std::cout << std::endl;
+}
+
+void PrintUsage(const char* programName)
+{
+    std::cout << "Usage:" << std::endl;
+    std::cout << "      " << programName << "  <required>" << std::endl;
+    std::cout << std::endl;
+    std::cout << "[Required]" << std::endl;
+    std::cout << "  -cX: X=<TSE Certificate path in PEM format>" << std::endl;
+    std::cout << "  -lX: X=<Log File exported from TSE>" << std::endl;
+    std::cout << " or" << std::endl;
+    std::cout << "  -qX: X=<QrCode string in DSFinV_K format>" << std::endl;
+    std::cout << std::endl;
+    std::cout << "e.g.: " << programName
+              << "  -cCertificate.pem -lUnixt_12345_Sig-538_Log-Tra_No-0_Finish_Client-dummy.log\t           "
+              << std::endl;
+}
+
+bool GetOptions(int argc, char* argv[])
+{
+    if (argc < 2) {
+        return false;
+    }
+    for (int i = 1; i < argc; ++i) {
+        const std::string argument = argv[i];
+        if (argument.size() < 3 || argument[0] != '-') {
+            std::cout << "[ERROR] " << argument << " is not a valid parameter." << std::endl;
+            return false;
+        }
+        switch (argument[1]) {
+        case 'l':
+            logPath = argv[i] + 2;
+            break;
+        case 'c':
+            certPath = argv[i] + 2;
+            break;
+        case 'q':
+            qrString = argument.substr(2);
+            break;
+        default:
+            std::cout << "[ERROR] " << argument << " is not a valid parameter." << std::endl;
+            break;
+        }
+    }
+    return true;
+}
+
+namespace {
+
+int parameterFault(const char* programName)
+{
+    std::cout << "[ERROR] Parameter Error" << std::endl;
+    std::cout << std::endl;
+    PrintUsage(programName);
+    return 1;
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    PrintVersion();
+    const char* programName = (argc > 0 && argv[0] != nullptr) ? argv[0] : "";
+    if (argc < 2 || !GetOptions(argc, argv)) {
+        return parameterFault(programName);
+    }
+    if (argc == 2) {
+        return qrString.empty() ? parameterFault(programName) : runQrCodeFlow();
+    }
+    if (logPath == nullptr || certPath == nullptr) {
+        return parameterFault(programName);
+    }
+    return runLogFileFlow();
+}
