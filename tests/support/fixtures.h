@@ -1,0 +1,108 @@
+#ifndef TESTS_SUPPORT_FIXTURES_H
+#define TESTS_SUPPORT_FIXTURES_H
+
+// Real keys, certificates, signed log messages and QR code texts, made with
+// libcrypto at test time, and a runner for the real executables.
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "myutils.h"
+
+namespace fixtures {
+
+using Bytes = std::vector<uint8_t>;
+
+// An EC key pair on the named curve (brainpoolP384r1 unless said otherwise).
+EcKeyPtr makeEcKey(const char* curveName = "brainpoolP384r1");
+// Self-signed X.509 certificates holding the key, as PEM text or DER bytes.
+std::string certificatePem(const EC_KEY* key, const std::string& commonName = "Demo TSE");
+Bytes certificateDer(const EC_KEY* key, const std::string& commonName = "Demo TSE");
+std::string rsaCertificatePem();
+std::string publicKeyPem(const EC_KEY* key);
+// The uncompressed point: 0x04, X, Y (97 bytes on brainpoolP384r1).
+Bytes rawPublicKey(const EC_KEY* key);
+// ECDSA over SHA-384 of the data, as r || s with 48 bytes each.
+Bytes signRaw(const EC_KEY* key, const Bytes& data);
+
+Bytes sha256(const Bytes& data);
+std::string base64(const Bytes& data);
+Bytes fromHex(const std::string& hex);  // blanks are ignored
+std::string toHex(const Bytes& data);  // uppercase, a blank after every octet
+
+// The fields of a finish-transaction log message.
+struct LogFields {
+    std::string operationType = "FinishTransaction";
+    std::string clientId = "K1";
+    std::string processData = "Beleg^8.57_0.00_0.00_0.00_0.00^8.57:Bar";
+    std::string processType = "Kassenbeleg-V1";
+    uint64_t transactionNumber = 7;
+    uint64_t signatureCounter = 538;
+    int64_t logTime = 1592922010;  // 2020-06-23T14:20:10Z
+    Bytes serialNumber;             // SHA-256 of the public key when empty
+};
+
+// DER encodings used to lay out messages by hand.
+Bytes derLength(uint64_t size);
+Bytes derElement(uint8_t tag, const Bytes& content);
+Bytes derUnsigned(uint64_t value);  // shortest two's complement content
+
+// Elements 1 to 11 of a log message: the octets the signature covers.
+Bytes signedOctets(const LogFields& fields);
+// The outer SEQUENCE (always long form) around signed octets and signature.
+Bytes exportedLog(const Bytes& signedPart, const Bytes& signature);
+// A complete exported log, signed with the key.
+Bytes signedExportedLog(const EC_KEY* key, LogFields fields);
+
+// The fields of a receipt QR code; the signature and key are base64.
+struct QrFields {
+    std::string version = "V0";
+    std::string clientId = "K1";
+    std::string processType = "Kassenbeleg-V1";
+    std::string processData = "Beleg^8.57_0.00_0.00_0.00_0.00^8.57:Bar";
+    std::string transactionNumber = "7";
+    std::string signatureCounter = "538";
+    std::string startTime = "2020-06-23T14:19:00.000Z";
+    std::string logTime = "2020-06-23T14:20:10.000Z";
+    std::string signatureAlgorithm = "ecdsa-plain-SHA384";
+    std::string logTimeFormat = "unixTime";
+    std::string signature;
+    std::string publicKey;
+
+    std::string text() const;  // the twelve fields joined with ";"
+};
+// QR code fields signed with the key over the message the numbers and the
+// log time (in seconds) describe.
+QrFields signedQrFields(const EC_KEY* key, const LogFields& fields);
+
+// A directory that is removed with everything in it.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    std::string path(const std::string& name) const;
+    std::string write(const std::string& name, const Bytes& contents) const;
+    std::string write(const std::string& name, const std::string& contents) const;
+
+private:
+    std::string root_;
+};
+
+struct RunResult {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+// Runs the program with the arguments (not through a shell) and with the
+// extra environment settings given as NAME=value.
+RunResult run(const std::string& program, const std::vector<std::string>& arguments,
+              const std::vector<std::string>& environment = {});
+std::string verifierPath();
+std::string tseCheckPath();
+
+}  // namespace fixtures
+
+#endif
