@@ -1,0 +1,103 @@
+# shellcheck shell=bash disable=SC2034
+# Shared helpers for the scripts in this folder; source it, do not run it.
+# Sourcing it moves to the repository root, so every path below is relative
+# to the root whatever the caller's working directory.
+
+REPO_ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+cd "$REPO_ROOT" || exit 1
+
+# Debian packages that a build with tests needs.
+BUILD_PACKAGES=(g++ make cmake pkg-config libssl-dev libgtest-dev libcli11-dev)
+
+# Parallel build jobs.
+JOBS="${JOBS:-2}"
+
+# The everyday build in build/, shared by the demo, the samples and the tests.
+MAIN_BUILD_ARGS=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_TESTING=ON
+                 -DENABLE_SANITIZERS=OFF -DENABLE_FUZZING=OFF)
+
+# The bundled samples (scripts/make-samples writes them).
+SAMPLE_CERT=samples/demo-tse-certificate.pem
+SAMPLE_LOG=samples/Unixt_1627903738_Sig-1207_Log-Tra_No-538_Finish_Client-DEMO-KASSE-01.log
+SAMPLE_QR=samples/demo-receipt-qr-code.txt
+
+log() {
+    printf '\n==> %s\n' "$*"
+}
+
+die() {
+    printf 'error: %s\n' "$*" >&2
+    exit 1
+}
+
+# require_packages PKG...: installs those of the given Debian packages that
+# are not installed yet. Nothing is downloaded when all are present.
+require_packages() {
+    local missing=() pkg
+    for pkg in "$@"; do
+        if [ "$(dpkg-query -W -f='${db:Status-Status}' "$pkg" 2>/dev/null)" != "installed" ]; then
+            missing+=("$pkg")
+        fi
+    done
+    [ "${#missing[@]}" -eq 0 ] && return 0
+
+    local sudo=()
+    if [ "$(id -u)" -ne 0 ]; then
+        command -v sudo >/dev/null 2>&1 || die "missing packages (${missing[*]}) and neither root nor sudo"
+        sudo=(sudo)
+    fi
+    log "Installing missing packages: ${missing[*]}"
+    "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -q
+    "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive \
+        apt-get install -y -q --no-install-recommends "${missing[@]}"
+}
+
+# build_dir DIR [CMAKE_ARG...] [-- TARGET...]: configures DIR with the given
+# cache settings and builds the given targets, or all of them. Returns
+# nonzero when either step fails (also where set -e does not apply).
+build_dir() {
+    local dir="$1"
+    shift
+    local cmake_args=() targets=()
+    while [ "$#" -gt 0 ]; do
+        if [ "$1" = "--" ]; then
+            shift
+            targets=("$@")
+            break
+        fi
+        cmake_args+=("$1")
+        shift
+    done
+
+    log "Configuring $dir ${cmake_args[*]}"
+    cmake -S . -B "$dir" "${cmake_args[@]}" || return 1
+
+    log "Building $dir${targets[*]:+ (${targets[*]})}"
+    local target_args=()
+    [ "${#targets[@]}" -gt 0 ] && target_args=(--target "${targets[@]}")
+    cmake --build "$dir" --parallel "$JOBS" "${target_args[@]}"
+}
+
+# show_run TEXT CMD [ARG...]: prints "$ TEXT", runs the command, prints its
+# exit status and returns it; callers under set -e add "|| ...".
+show_run() {
+    local text="$1" status=0
+    shift
+    printf '\n$ %s\n' "$text"
+    "$@" || status=$?
+    printf '[exit status %d]\n' "$status"
+    return "$status"
+}
+
+# verify_samples: runs build/signature-verification on the sample log with its
+# certificate and on the sample QR code text, shown as a user would type it.
+# Returns the number of runs that did not end with status 0.
+verify_samples() {
+    local failures=0
+    show_run "build/signature-verification -c$SAMPLE_CERT -l$SAMPLE_LOG" \
+        build/signature-verification "-c$SAMPLE_CERT" "-l$SAMPLE_LOG" || failures=$((failures + 1))
+    # $(cat ...) drops the line end at the end of the file.
+    show_run "build/signature-verification \"-q\$(cat $SAMPLE_QR)\"" \
+        build/signature-verification "-q$(cat "$SAMPLE_QR")" || failures=$((failures + 1))
+    return "$failures"
+}
