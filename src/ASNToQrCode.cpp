@@ -133,11 +133,11 @@ void ASNToQrCode::doASN_header()
     if (position == end || (*position & 0x80) == 0) {
         throw ExpectedHeader;
     }
-    const size_t lengthOctets = 1 + size_t{static_cast<uint8_t>(*position & 0x7F)};
-    if (remaining() < lengthOctets) {
+    const unsigned count = *position & 0x7F;
+    if (count > MAX_LENGTH_OCTETS || remaining() < 1 + size_t{count}) {
         throw ExpectedHeader;
     }
-    position += static_cast<std::ptrdiff_t>(lengthOctets);
+    position += static_cast<std::ptrdiff_t>(1 + count);
     // Some exports announce one length octet and write two; step over the
     // stray one so the version is found.
     if (position != end && *position != TAG_INTEGER) {
