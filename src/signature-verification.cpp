@@ -7,17 +7,14 @@
 #include <string>
 #include <vector>
 
+#include "signature-verification.h"
+
 #include "QrCodeToASN.h"
 #include "myutils.h"
 
 const char* certPath = nullptr;
 const char* logPath = nullptr;
 std::string qrString;
-
-bool file_exists(const std::string& path);
-void PrintVersion();
-void PrintUsage(const char* programName);
-bool GetOptions(int argc, char* argv[]);
 
 namespace {
 
@@ -63,17 +60,7 @@ int runLogFileFlow()
         std::cout << "[ERROR] Could not read transaction log: " << logPath << std::endl;
         return 1;
     }
-    const size_t fileSize = message.size();
-    if (fileSize < SMALLEST_LOG_FILE) {
-        std::cout << "[ERROR] Transaction log is too short to hold a signed log message: " << logPath << std::endl;
-        return 1;
-    }
-    const std::vector<uint8_t> signature(message.end() - RAW_SIGNATURE_SIZE, message.end());
-    const size_t headerSize = outerHeaderSize(fileSize);
-    const uint8_t* signedData = message.data() + headerSize;
-    const size_t signedSize = fileSize - SIGNATURE_ELEMENT_SIZE - headerSize;
-    return verifySignature(signedData, static_cast<uint32_t>(signedSize),
-                           signature.data(), RAW_SIGNATURE_SIZE, certPath);
+    return verifyExportedLog(message, logPath, certPath);
 }
 
 int runQrCodeFlow()
@@ -96,6 +83,22 @@ int runQrCodeFlow()
 }
 
 } // namespace
+
+int verifyExportedLog(const std::vector<uint8_t>& contents, const char* logFile,
+                      const char* certificateFile)
+{
+    const size_t fileSize = contents.size();
+    if (fileSize < SMALLEST_LOG_FILE) {
+        std::cout << "[ERROR] Transaction log is too short to hold a signed log message: " << logFile << std::endl;
+        return 1;
+    }
+    const uint8_t* signature = contents.data() + fileSize - RAW_SIGNATURE_SIZE;
+    const size_t headerSize = outerHeaderSize(fileSize);
+    const uint8_t* signedData = contents.data() + headerSize;
+    const size_t signedSize = fileSize - SIGNATURE_ELEMENT_SIZE - headerSize;
+    return verifySignature(signedData, static_cast<uint32_t>(signedSize),
+                           signature, RAW_SIGNATURE_SIZE, certificateFile);
+}
 
 bool file_exists(const std::string& path)
 {
@@ -170,7 +173,13 @@ int parameterFault(const char* programName)
 
 } // namespace
 
+// Linked into a program with an entry of its own, the driver's entry takes
+// another name.
+#ifdef SIGNATURE_VERIFICATION_NO_MAIN
+int signatureVerificationMain(int argc, char* argv[])
+#else
 int main(int argc, char* argv[])
+#endif
 {
     PrintVersion();
     const char* programName = (argc > 0 && argv[0] != nullptr) ? argv[0] : "";
