@@ -2,6 +2,7 @@
 // transaction, either from an exported log file and the TSE's certificate or
 // from the text of a DSFinV-K receipt QR code.
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <string>
@@ -35,6 +36,12 @@ bool readWholeFile(const char* path, std::vector<uint8_t>& contents)
     std::ifstream file(path, std::ios::in | std::ios::binary);
     if (!file) {
         return false;
+    }
+    // Reserving the size up front keeps a large log in memory once.
+    std::error_code sizeUnknown;
+    const auto size = std::filesystem::file_size(path, sizeUnknown);
+    if (!sizeUnknown) {
+        contents.reserve(size);
     }
     char chunk[1 << 16];
     while (file.read(chunk, sizeof(chunk)) || file.gcount() > 0) {
