@@ -1,8 +1,7 @@
 #include "fixtures.h"
 
-#include <cstdio>
-#include <cstdlib>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <iomanip>
 #include <sstream>
@@ -10,32 +9,18 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <openssl/bn.h>
-#include <openssl/obj_mac.h>
-#include <openssl/objects.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 #include <openssl/sha.h>
 
-extern char** environ;
-
 namespace fixtures {
 namespace {
-
-struct X509NameFree { void operator()(X509_NAME* p) const { X509_NAME_free(p); } };
 
 void require(bool condition, const char* what)
 {
     if (!condition) {
         throw std::runtime_error(std::string("fixture failed: ") + what);
     }
-}
-
-EvpPkeyPtr wrap(const EC_KEY* key)
-{
-    EvpPkeyPtr pkey(EVP_PKEY_new());
-    require(pkey && EVP_PKEY_set1_EC_KEY(pkey.get(), const_cast<EC_KEY*>(key)) == 1, "wrap key");
-    return pkey;
 }
 
 X509Ptr selfSigned(EVP_PKEY* pkey, const std::string& commonName)
@@ -50,23 +35,56 @@ X509Ptr selfSigned(EVP_PKEY* pkey, const std::string& commonName)
     X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
                                reinterpret_cast<const unsigned char*>(commonName.c_str()), -1, -1, 0);
     X509_set_issuer_name(cert.get(), name);
-    require(X509_set_pubkey(cert.get(), pkey) == 1, "X509_set_pubkey");
-    require(X509_sign(cert.get(), pkey, EVP_sha256()) > 0, "X509_sign");
+    require(X509_set_pubkey(cert.get(), pkey) == 1 && X509_sign(cert.get(), pkey, EVP_sha256()) > 0, "sign cert");
     return cert;
 }
 
-std::string bioText(BIO* bio)
+X509Ptr ecCertificate(const EC_KEY* key, const std::string& commonName)
 {
+    EvpPkeyPtr pkey(EVP_PKEY_new());
+    require(pkey && EVP_PKEY_set1_EC_KEY(pkey.get(), const_cast<EC_KEY*>(key)) == 1, "wrap key");
+    return selfSigned(pkey.get(), commonName);
+}
+
+template <typename Write>
+std::string pemText(Write write)
+{
+    BioPtr bio(BIO_new(BIO_s_mem()));
+    require(bio && write(bio.get()) == 1, "write PEM");
     char* data = nullptr;
-    const long size = BIO_get_mem_data(bio, &data);
+    const long size = BIO_get_mem_data(bio.get(), &data);
     return std::string(data, static_cast<size_t>(size));
 }
 
-std::string pemOf(X509* cert)
+Bytes derUnsigned(uint64_t value)
 {
-    BioPtr bio(BIO_new(BIO_s_mem()));
-    require(PEM_write_bio_X509(bio.get(), cert) == 1, "PEM_write_bio_X509");
-    return bioText(bio.get());
+    Bytes content;
+    do {
+        content.insert(content.begin(), static_cast<uint8_t>(value & 0xFF));
+        value >>= 8;
+    } while (value != 0);
+    if (content.front() & 0x80) {
+        content.insert(content.begin(), 0x00);
+    }
+    return content;
+}
+
+Bytes text(const std::string& s)
+{
+    return Bytes(s.begin(), s.end());
+}
+
+void append(Bytes& to, const Bytes& from)
+{
+    to.insert(to.end(), from.begin(), from.end());
+}
+
+std::string readFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream contents;
+    contents << in.rdbuf();
+    return contents.str();
 }
 
 }  // namespace
@@ -81,21 +99,17 @@ EcKeyPtr makeEcKey(const char* curveName)
 
 std::string certificatePem(const EC_KEY* key, const std::string& commonName)
 {
-    EvpPkeyPtr pkey = wrap(key);
-    X509Ptr cert = selfSigned(pkey.get(), commonName);
-    return pemOf(cert.get());
+    X509Ptr cert = ecCertificate(key, commonName);
+    return pemText([&](BIO* bio) { return PEM_write_bio_X509(bio, cert.get()); });
 }
 
-Bytes certificateDer(const EC_KEY* key, const std::string& commonName)
+Bytes certificateDer(const EC_KEY* key)
 {
-    EvpPkeyPtr pkey = wrap(key);
-    X509Ptr cert = selfSigned(pkey.get(), commonName);
-    unsigned char* der = nullptr;
-    const int size = i2d_X509(cert.get(), &der);
-    require(size > 0, "i2d_X509");
-    Bytes result(der, der + size);
-    OPENSSL_free(der);
-    return result;
+    X509Ptr cert = ecCertificate(key, "Demo TSE");
+    Bytes der(static_cast<size_t>(i2d_X509(cert.get(), nullptr)));
+    unsigned char* cursor = der.data();
+    require(i2d_X509(cert.get(), &cursor) == static_cast<int>(der.size()), "i2d_X509");
+    return der;
 }
 
 std::string rsaCertificatePem()
@@ -107,14 +121,12 @@ std::string rsaCertificatePem()
     require(rsa && RSA_generate_key_ex(rsa, 2048, exponent.get(), nullptr) == 1, "RSA key");
     EVP_PKEY_assign_RSA(pkey.get(), rsa);
     X509Ptr cert = selfSigned(pkey.get(), "RSA signer");
-    return pemOf(cert.get());
+    return pemText([&](BIO* bio) { return PEM_write_bio_X509(bio, cert.get()); });
 }
 
 std::string publicKeyPem(const EC_KEY* key)
 {
-    BioPtr bio(BIO_new(BIO_s_mem()));
-    require(PEM_write_bio_EC_PUBKEY(bio.get(), const_cast<EC_KEY*>(key)) == 1, "PEM_write_bio_EC_PUBKEY");
-    return bioText(bio.get());
+    return pemText([&](BIO* bio) { return PEM_write_bio_EC_PUBKEY(bio, const_cast<EC_KEY*>(key)); });
 }
 
 Bytes rawPublicKey(const EC_KEY* key)
@@ -133,12 +145,9 @@ Bytes signRaw(const EC_KEY* key, const Bytes& data)
     SHA384(data.data(), data.size(), digest);
     EcdsaSigPtr signature(ECDSA_do_sign(digest, sizeof(digest), const_cast<EC_KEY*>(key)));
     require(signature != nullptr, "ECDSA_do_sign");
-    const BIGNUM* r = nullptr;
-    const BIGNUM* s = nullptr;
-    ECDSA_SIG_get0(signature.get(), &r, &s);
     Bytes result(96);
-    BN_bn2binpad(r, result.data(), 48);
-    BN_bn2binpad(s, result.data() + 48, 48);
+    BN_bn2binpad(ECDSA_SIG_get0_r(signature.get()), result.data(), 48);
+    BN_bn2binpad(ECDSA_SIG_get0_s(signature.get()), result.data() + 48, 48);
     return result;
 }
 
@@ -151,102 +160,66 @@ Bytes sha256(const Bytes& data)
 
 std::string base64(const Bytes& data)
 {
-    std::string text(4 * ((data.size() + 2) / 3) + 1, '\0');
-    const int size = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&text[0]), data.data(),
-                                     static_cast<int>(data.size()));
-    text.resize(static_cast<size_t>(size));
-    return text;
+    std::string encoded(4 * ((data.size() + 2) / 3) + 1, '\0');
+    encoded.resize(static_cast<size_t>(EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&encoded[0]),
+                                                       data.data(), static_cast<int>(data.size()))));
+    return encoded;
 }
 
 Bytes fromHex(const std::string& hex)
 {
     Bytes result;
-    std::string digits;
-    for (char c : hex) {
-        if (c != ' ') {
-            digits += c;
-        }
-    }
-    for (size_t i = 0; i + 1 < digits.size(); i += 2) {
-        result.push_back(static_cast<uint8_t>(std::stoi(digits.substr(i, 2), nullptr, 16)));
+    std::istringstream digits(hex);
+    std::string pair;
+    while (digits >> std::setw(2) >> pair) {
+        result.push_back(static_cast<uint8_t>(std::stoi(pair, nullptr, 16)));
     }
     return result;
 }
 
 std::string toHex(const Bytes& data)
 {
-    std::ostringstream text;
-    text << std::hex << std::uppercase << std::setfill('0');
+    std::ostringstream hex;
+    hex << std::hex << std::uppercase << std::setfill('0');
     for (uint8_t octet : data) {
-        text << std::setw(2) << static_cast<int>(octet) << ' ';
+        hex << std::setw(2) << static_cast<int>(octet) << ' ';
     }
-    return text.str();
-}
-
-Bytes derLength(uint64_t size)
-{
-    Bytes octets;
-    sizeToASNLength(size, octets);
-    return octets;
+    return hex.str();
 }
 
 Bytes derElement(uint8_t tag, const Bytes& content)
 {
     Bytes element{tag};
-    const Bytes length = derLength(content.size());
-    element.insert(element.end(), length.begin(), length.end());
-    element.insert(element.end(), content.begin(), content.end());
+    sizeToASNLength(content.size(), element);
+    append(element, content);
     return element;
-}
-
-Bytes derUnsigned(uint64_t value)
-{
-    Bytes content;
-    do {
-        content.insert(content.begin(), static_cast<uint8_t>(value & 0xFF));
-        value >>= 8;
-    } while (value != 0);
-    if (content.front() & 0x80) {
-        content.insert(content.begin(), 0x00);
-    }
-    return content;
 }
 
 Bytes signedOctets(const LogFields& fields)
 {
-    auto text = [](const std::string& s) { return Bytes(s.begin(), s.end()); };
     Bytes out = fromHex("02 01 02 06 09 04 00 7F 00 07 03 07 01 01");
-    for (const Bytes& element : {derElement(0x80, text(fields.operationType)),
-                                 derElement(0x81, text(fields.clientId)),
-                                 derElement(0x82, text(fields.processData)),
-                                 derElement(0x83, text(fields.processType)),
-                                 derElement(0x85, derUnsigned(fields.transactionNumber)),
-                                 derElement(0x04, fields.serialNumber),
-                                 fromHex("30 0C 06 0A 04 00 7F 00 07 01 01 04 01 04"),
-                                 derElement(0x02, derUnsigned(fields.signatureCounter))}) {
-        out.insert(out.end(), element.begin(), element.end());
-    }
+    append(out, derElement(0x80, text(fields.operationType)));
+    append(out, derElement(0x81, text(fields.clientId)));
+    append(out, derElement(0x82, text(fields.processData)));
+    append(out, derElement(0x83, text(fields.processType)));
+    append(out, derElement(0x85, derUnsigned(fields.transactionNumber)));
+    append(out, derElement(0x04, fields.serialNumber));
+    append(out, fromHex("30 0C 06 0A 04 00 7F 00 07 01 01 04 01 04"));
+    append(out, derElement(0x02, derUnsigned(fields.signatureCounter)));
     const auto seconds = static_cast<uint32_t>(fields.logTime);
-    const Bytes logTime{0x02, 0x04, static_cast<uint8_t>(seconds >> 24), static_cast<uint8_t>(seconds >> 16),
-                        static_cast<uint8_t>(seconds >> 8), static_cast<uint8_t>(seconds)};
-    out.insert(out.end(), logTime.begin(), logTime.end());
+    append(out, {0x02, 0x04, static_cast<uint8_t>(seconds >> 24), static_cast<uint8_t>(seconds >> 16),
+                 static_cast<uint8_t>(seconds >> 8), static_cast<uint8_t>(seconds)});
     return out;
 }
 
 Bytes exportedLog(const Bytes& signedPart, const Bytes& signature)
 {
     Bytes content = signedPart;
-    const Bytes signatureElement = derElement(0x04, signature);
-    content.insert(content.end(), signatureElement.begin(), signatureElement.end());
-    Bytes message{0x30};
-    if (content.size() < 256) {
-        message.push_back(0x81);
-    } else {
-        message.push_back(0x82);
-        message.push_back(static_cast<uint8_t>(content.size() >> 8));
-    }
-    message.push_back(static_cast<uint8_t>(content.size()));
-    message.insert(message.end(), content.begin(), content.end());
+    append(content, derElement(0x04, signature));
+    const auto size = content.size();
+    Bytes message = size < 256 ? Bytes{0x30, 0x81, static_cast<uint8_t>(size)}
+                               : Bytes{0x30, 0x82, static_cast<uint8_t>(size >> 8), static_cast<uint8_t>(size)};
+    append(message, content);
     return message;
 }
 
@@ -261,24 +234,20 @@ Bytes signedExportedLog(const EC_KEY* key, LogFields fields)
 
 std::string QrFields::text() const
 {
-    std::string joined;
-    for (const std::string* field : {&version, &clientId, &processType, &processData, &transactionNumber,
-                                     &signatureCounter, &startTime, &logTime, &signatureAlgorithm,
-                                     &logTimeFormat, &signature, &publicKey}) {
-        if (!joined.empty() || field != &version) {
-            joined += ';';
-        }
-        joined += *field;
+    std::string joined = version;
+    for (const std::string* field : {&clientId, &processType, &processData, &transactionNumber, &signatureCounter,
+                                     &startTime, &logTime, &signatureAlgorithm, &logTimeFormat, &signature,
+                                     &publicKey}) {
+        joined += ";" + *field;
     }
     return joined;
 }
 
-QrFields signedQrFields(const EC_KEY* key, const LogFields& fields)
+QrFields signedQrFields(const EC_KEY* key, LogFields fields)
 {
-    LogFields signedFields = fields;
-    signedFields.operationType = "FinishTransaction";
+    fields.operationType = "FinishTransaction";
     const Bytes publicKey = rawPublicKey(key);
-    signedFields.serialNumber = sha256(publicKey);
+    fields.serialNumber = sha256(publicKey);
     QrFields qr;
     qr.clientId = fields.clientId;
     qr.processType = fields.processType;
@@ -288,10 +257,10 @@ QrFields signedQrFields(const EC_KEY* key, const LogFields& fields)
     std::tm calendar{};
     const std::time_t seconds = static_cast<std::time_t>(fields.logTime);
     gmtime_r(&seconds, &calendar);
-    char text[32] = {};
-    std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%S.000Z", &calendar);
-    qr.logTime = text;
-    qr.signature = base64(signRaw(key, signedOctets(signedFields)));
+    char logTime[32] = {};
+    std::strftime(logTime, sizeof(logTime), "%Y-%m-%dT%H:%M:%S.000Z", &calendar);
+    qr.logTime = logTime;
+    qr.signature = base64(signRaw(key, signedOctets(fields)));
     qr.publicKey = base64(publicKey);
     return qr;
 }
@@ -305,10 +274,8 @@ TempDir::TempDir()
 
 TempDir::~TempDir()
 {
-    const std::string command = "rm -rf '" + root_ + "'";
-    if (std::system(command.c_str()) != 0) {
-        std::fprintf(stderr, "could not remove %s\n", root_.c_str());
-    }
+    std::error_code ignored;
+    std::filesystem::remove_all(root_, ignored);
 }
 
 std::string TempDir::path(const std::string& name) const
@@ -327,27 +294,14 @@ std::string TempDir::write(const std::string& name, const Bytes& contents) const
 
 std::string TempDir::write(const std::string& name, const std::string& contents) const
 {
-    return write(name, Bytes(contents.begin(), contents.end()));
+    return write(name, text(contents));
 }
-
-namespace {
-
-std::string readFile(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-}  // namespace
 
 RunResult run(const std::string& program, const std::vector<std::string>& arguments,
               const std::vector<std::string>& environment)
 {
     TempDir capture;
-    const std::string outPath = capture.path("out");
-    const std::string errPath = capture.path("err");
+    const std::string outPath = capture.path("out"), errPath = capture.path("err");
     const pid_t child = fork();
     require(child >= 0, "fork");
     if (child == 0) {
@@ -364,16 +318,12 @@ RunResult run(const std::string& program, const std::vector<std::string>& argume
             argv.push_back(const_cast<char*>(argument.c_str()));
         }
         argv.push_back(nullptr);
-        execve(program.c_str(), argv.data(), environ);
+        execv(program.c_str(), argv.data());
         _exit(127);
     }
     int status = 0;
     require(waitpid(child, &status, 0) == child, "waitpid");
-    RunResult result;
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    result.out = readFile(outPath);
-    result.err = readFile(errPath);
-    return result;
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), readFile(outPath), readFile(errPath)};
 }
 
 std::string verifierPath()

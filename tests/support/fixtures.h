@@ -18,7 +18,7 @@ using Bytes = std::vector<uint8_t>;
 EcKeyPtr makeEcKey(const char* curveName = "brainpoolP384r1");
 // Self-signed X.509 certificates holding the key, as PEM text or DER bytes.
 std::string certificatePem(const EC_KEY* key, const std::string& commonName = "Demo TSE");
-Bytes certificateDer(const EC_KEY* key, const std::string& commonName = "Demo TSE");
+Bytes certificateDer(const EC_KEY* key);
 std::string rsaCertificatePem();
 std::string publicKeyPem(const EC_KEY* key);
 // The uncompressed point: 0x04, X, Y (97 bytes on brainpoolP384r1).
@@ -43,10 +43,8 @@ struct LogFields {
     Bytes serialNumber;             // SHA-256 of the public key when empty
 };
 
-// DER encodings used to lay out messages by hand.
-Bytes derLength(uint64_t size);
+// A DER element: tag, length octets, content.
 Bytes derElement(uint8_t tag, const Bytes& content);
-Bytes derUnsigned(uint64_t value);  // shortest two's complement content
 
 // Elements 1 to 11 of a log message: the octets the signature covers.
 Bytes signedOctets(const LogFields& fields);
@@ -74,7 +72,7 @@ struct QrFields {
 };
 // QR code fields signed with the key over the message the numbers and the
 // log time (in seconds) describe.
-QrFields signedQrFields(const EC_KEY* key, const LogFields& fields);
+QrFields signedQrFields(const EC_KEY* key, LogFields fields);
 
 // A directory that is removed with everything in it.
 class TempDir {
