@@ -191,7 +191,10 @@ void QrCodeToASN::doASN_logTime()
     const std::string& text = qrCodeData.logTime;
     std::ostringstream message;
     std::tm calendar{};
-    std::istringstream input(text);
+    // libstdc++ stops without failing when the text ends right after a
+    // complete field, although the format goes on. A trailing character that
+    // no field or separator takes makes such a missing field fail.
+    std::istringstream input(text + '\x01');
     input >> std::get_time(&calendar, "%Y-%m-%dT%H:%M:%S");
     if (input.fail()) {
         message << "[ERROR] Failed to parse time string " << text;

@@ -120,10 +120,13 @@ TEST(QrMode, CodesThatCannotBeVerifiedEndWithStatus1)
         reported(with(&QrFields::transactionNumber, "abc")),
         reported(with(&QrFields::signatureCounter, "-")),
         reported(with(&QrFields::transactionNumber, "18446744073709551616")),
-        reported(with(&QrFields::logTime, time),
-                 error("Failed to parse time string " + time) + error("Error generating ASN.1 data. ERR: -3")),
     };
-    for (const auto& c : cases) {
+    std::vector<std::pair<std::string, std::string>> all(std::begin(cases), std::end(cases));
+    for (const std::string& badTime : {time, std::string("2020-06-23"), std::string("2020-06-23T14:20")}) {
+        all.push_back(reported(with(&QrFields::logTime, badTime), error("Failed to parse time string " + badTime) +
+                                                                     error("Error generating ASN.1 data. ERR: -3")));
+    }
+    for (const auto& c : all) {
         for (const char* zone : kZones) {
             SCOPED_TRACE(c.first + zone);
             expectRun(c.first, 1, kStart + c.second, zone);
