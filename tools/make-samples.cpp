@@ -60,6 +60,8 @@ int main(int argc, char* argv[])
 
     fixtures::QrFields qr = fixtures::signedQrFields(key.get(), fields);
     qr.startTime = "2021-08-02T11:28:41.000Z";
+    // The receipt carries the signature of the same finish log message.
+    qr.signature = fixtures::base64(fixtures::Bytes(log.end() - 96, log.end()));
 
     const bool written =
         writeFile(dir + "/demo-tse-certificate.pem", fixtures::certificatePem(key.get(), "Demo TSE (not a real device)")) &&
