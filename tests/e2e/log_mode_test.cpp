@@ -70,6 +70,7 @@ TEST(LogMode, VerdictsFileFaultsAndHeaderCut)
     ASSERT_EQ(std::vector<size_t>({log258.size(), log259.size(), log260.size(), log101.size()}),
               std::vector<size_t>({258, 259, 260, 101}));
     const std::string missing = dir.path("missing"), der = dir.write("cert.der", fixtures::certificateDer(key.get()));
+    const std::string pubkey = dir.write("key.pem", fixtures::publicKeyPem(key.get()));
     const std::string short100 = dir.write("100.log", Bytes(log101.begin() + 1, log101.end()));
     const std::string tooShort = "[ERROR] Transaction log is too short to hold a signed log message: ";
 
@@ -78,8 +79,10 @@ TEST(LogMode, VerdictsFileFaultsAndHeaderCut)
         {{cert, flipped}, kFailed, 252}, {{cert, log("zero-r.log", zeroRLog)}, kFailed, 252},
         {{flipped, good, cert}, kOk, 0}, {{cert, good, other}, kFailed, 252},  // the last one wins
         {{"-c" + dir.write("both.pem", pem + otherPem), good}, kOk, 0},  // the first certificate in a file counts
+        {{"-c" + dir.write("swapped.pem", otherPem + pem), good}, kFailed, 252},
         {{other, log("p256.log", fixtures::signedExportedLog(p256.get(), {}))}, kOk, 0},  // any curve, SHA-384
         {{"-c" + der, good}, kAttempt + "[ERROR] Unable to parse certificate in: " + der + "\n", 1},
+        {{"-c" + pubkey, good}, kAttempt + "[ERROR] Unable to parse certificate in: " + pubkey + "\n", 1},
         {{"-c" + dir.write("rsa.pem", fixtures::rsaCertificatePem()), good},
          kAttempt + "[ERROR] Failed extracting public key from certificate\n", 254},
         {{"-c" + missing, "-l" + missing}, "[ERROR] Could not find given transaction log: " + missing + "\n", 1},
