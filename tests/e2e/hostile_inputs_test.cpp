@@ -58,7 +58,7 @@ TEST(HostileInputs, EndWithAStatusAndTheirMessage)
         {{"-c" + noCert, log}, 1, {kBadCert + noCert}}, {{"-c" + half, log}, 1, {kBadCert + half}},
         {{"-c" + garbage, log}, 1, {kBadCert + garbage}},
         // The first certificate in the file counts, whatever comes before it.
-        {{"-c" + file(fixtures::publicKeyPem(key.get()) + pem), log}, 0, {kSuccess}},
+        {{"-c" + file(fixtures::privateKeyPem(key.get()) + pem), log}, 0, {kSuccess}},
         {{qr({}, &QrFields::processData, std::string(100000, 'P'))}, 1,
          {"[ERROR] Error generating ASN.1 data. ERR: -4"}},
         {{"-q" + nonAscii}, 1, {"[ERROR] Got 1 DSFinVK QR Code Parameters (expected 12)", kNotParsed}},

@@ -129,6 +129,13 @@ std::string publicKeyPem(const EC_KEY* key)
     return pemText([&](BIO* bio) { return PEM_write_bio_EC_PUBKEY(bio, const_cast<EC_KEY*>(key)); });
 }
 
+std::string privateKeyPem(const EC_KEY* key)
+{
+    return pemText([&](BIO* bio) {
+        return PEM_write_bio_ECPrivateKey(bio, const_cast<EC_KEY*>(key), nullptr, nullptr, 0, nullptr, nullptr);
+    });
+}
+
 Bytes rawPublicKey(const EC_KEY* key)
 {
     unsigned char* octets = nullptr;

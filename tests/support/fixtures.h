@@ -21,6 +21,7 @@ std::string certificatePem(const EC_KEY* key, const std::string& commonName = "D
 Bytes certificateDer(const EC_KEY* key);
 std::string rsaCertificatePem();
 std::string publicKeyPem(const EC_KEY* key);
+std::string privateKeyPem(const EC_KEY* key);
 // The uncompressed point: 0x04, X, Y (97 bytes on brainpoolP384r1).
 Bytes rawPublicKey(const EC_KEY* key);
 // ECDSA over SHA-384 of the data, as r || s with 48 bytes each.
