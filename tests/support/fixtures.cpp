@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <openssl/pem.h>
-#include <openssl/rsa.h>
 #include <openssl/sha.h>
 
 namespace fixtures {
@@ -114,12 +113,8 @@ Bytes certificateDer(const EC_KEY* key)
 
 std::string rsaCertificatePem()
 {
-    EvpPkeyPtr pkey(EVP_PKEY_new());
-    RSA* rsa = RSA_new();
-    BnPtr exponent(BN_new());
-    BN_set_word(exponent.get(), RSA_F4);
-    require(rsa && RSA_generate_key_ex(rsa, 2048, exponent.get(), nullptr) == 1, "RSA key");
-    EVP_PKEY_assign_RSA(pkey.get(), rsa);
+    EvpPkeyPtr pkey(EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", size_t{2048}));
+    require(pkey != nullptr, "RSA key");
     X509Ptr cert = selfSigned(pkey.get(), "RSA signer");
     return pemText([&](BIO* bio) { return PEM_write_bio_X509(bio, cert.get()); });
 }
