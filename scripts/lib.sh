@@ -7,7 +7,9 @@ REPO_ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 cd "$REPO_ROOT" || exit 1
 
 # Debian packages that a build with tests needs.
-BUILD_PACKAGES=(g++ make cmake pkg-config libssl-dev libgtest-dev libcli11-dev)
+BUILD_PACKAGES=(g++ make cmake pkg-config libssl-dev libgtest-dev libcli11-dev nlohmann-json3-dev
+                libarchive-dev libzxing-dev libstb-dev libpoppler-cpp-dev libqrencode-dev
+                libbenchmark-dev)
 
 # Parallel build jobs.
 JOBS="${JOBS:-2}"

@@ -1,8 +1,9 @@
-// tse-check: reads exported TSE transaction log messages and turns them into
-// the receipt QR code text that the signature-verification tool accepts.
+// tse-check: verifies, reads and audits what German fiscal security devices
+// (TSEs) sign: log messages of every type, whole exports and receipts.
 #include <functional>
 #include <iostream>
 #include <string>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 
@@ -26,6 +27,9 @@ int runGuarded(const std::function<int()>& command)
     } catch (const tsecheck::Refusal& refusal) {
         std::cerr << refusal.line << std::endl;
         return refusal.status;
+    } catch (const std::exception& error) {
+        std::cerr << "[ERROR] " << error.what() << std::endl;
+        return EXIT_BAD_INPUT;
     }
 }
 
@@ -33,35 +37,25 @@ int runGuarded(const std::function<int()>& command)
 
 int main(int argc, char** argv)
 {
-    CLI::App app{"Reads exported TSE transaction log messages and makes receipt QR codes from them.\n"
-                 "Exit status: 0 success, 1 signature does not verify, 2 bad input or usage.",
+    CLI::App app{"Verifies what German fiscal security devices (TSEs) sign: log messages, exports and receipts.\n"
+                 "Exit status: 0 success, 1 a signature does not verify, 2 bad input or usage.",
                  "tse-check"};
     app.require_subcommand(1);
     app.failure_message(usageFailure);
 
-    std::string readPath;
-    CLI::App* read = app.add_subcommand("read", "Print the fields of an exported transaction log message");
-    read->add_option("LOGFILE", readPath, "Exported transaction log message (DER)")->required()->type_name("FILE");
-
-    tsecheck::ToQrOptions toQr;
-    std::string startTime;
-    CLI::App* qr = app.add_subcommand(
-        "to-qr", "Verify an exported transaction log message and print the receipt QR code text for it");
-    qr->add_option("LOGFILE", toQr.logPath, "Exported transaction log message (DER)")->required()->type_name("FILE");
-    qr->add_option("--cert", toQr.certPath, "Certificate of the TSE (PEM)")->required()->type_name("FILE");
-    CLI::Option* startOption =
-        qr->add_option("--start-time", startTime, "Start time of the transaction (default: the log time)");
+    const std::vector<tsecheck::Command> commands = {
+        tsecheck::addReadCommand(app),
+        tsecheck::addToQrCommand(app),
+        tsecheck::addVerifyCommand(app),
+    };
 
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : EXIT_BAD_INPUT;
     }
-    if (read->parsed()) {
-        return runGuarded([&] { return tsecheck::readCommand(readPath); });
+    for (const tsecheck::Command& command : commands) {
+        if (command.app->parsed()) return runGuarded(command.run);
     }
-    if (startOption->count() > 0) {
-        toQr.startTime = startTime;
-    }
-    return runGuarded([&] { return tsecheck::toQrCommand(toQr); });
+    return EXIT_BAD_INPUT;
 }

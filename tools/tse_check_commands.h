@@ -1,21 +1,23 @@
 #ifndef TSE_CHECK_COMMANDS_H
 #define TSE_CHECK_COMMANDS_H
 
-#include <optional>
-#include <string>
+#include <functional>
+
+#include <CLI/CLI.hpp>
 
 namespace tsecheck {
 
-struct ToQrOptions {
-    std::string certPath;
-    std::string logPath;
-    std::optional<std::string> startTime;  // the log time when not given
+// A subcommand: its parser, and what runs when the user chose it. Each
+// subcommand's file adds itself to the application and keeps its options
+// in the closure.
+struct Command {
+    CLI::App* app = nullptr;
+    std::function<int()> run;
 };
 
-// Each prints its result on standard output and returns the exit status;
-// a refusal leaves them as a Refusal.
-int readCommand(const std::string& logPath);
-int toQrCommand(const ToQrOptions& options);
+Command addReadCommand(CLI::App& parent);
+Command addToQrCommand(CLI::App& parent);
+Command addVerifyCommand(CLI::App& parent);
 
 }  // namespace tsecheck
 

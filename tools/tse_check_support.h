@@ -1,17 +1,27 @@
 #ifndef TSE_CHECK_SUPPORT_H
 #define TSE_CHECK_SUPPORT_H
 
-#include <cstdint>
+#include <cstddef>
 #include <string>
 #include <vector>
 
+#include "bytes.h"
+#include "certificate.h"
+#include "log_message.h"
+
 namespace tsecheck {
 
-using Bytes = std::vector<uint8_t>;
+using tse::Bytes;
 
 constexpr int EXIT_OK = 0;
 constexpr int EXIT_NOT_VERIFIED = 1;
 constexpr int EXIT_BAD_INPUT = 2;
+
+// Inputs above these sizes are refused before they are held in memory: a
+// log message of a real TSE stays far below, a wrong path such as a disk
+// image or /dev/zero does not.
+constexpr size_t MAX_LOG_SIZE = 16u << 20;
+constexpr size_t MAX_CERTIFICATE_SIZE = 1u << 20;
 
 // Ends a command: main prints the line on standard error and exits with the
 // status.
@@ -21,28 +31,13 @@ struct Refusal {
 };
 [[noreturn]] void refuse(int status, const std::string& reason);
 
-// The library reports through the console; the commands speak for
-// themselves, so they silence it while they call in.
-class QuietLibrary {
-public:
-    QuietLibrary();
-    ~QuietLibrary();
-    QuietLibrary(const QuietLibrary&) = delete;
-    QuietLibrary& operator=(const QuietLibrary&) = delete;
-};
+// The whole file, read once (FIFOs and /dev/fd/N work); refuses with a
+// reason that names the file. `what` is "Log file", "Certificate", ...
+Bytes readInputFile(const std::string& path, const std::string& what, size_t maxSize);
 
-// The whole file; refuses with a readable reason for anything that is not a
-// readable file of plausible size. `what` names the file in messages.
-Bytes readInputFile(const std::string& path, const std::string& what);
-
-// The EC public key of the first PEM certificate in the file, as the
-// uncompressed point. Refuses unless the key lies on brainpoolP384r1, the
-// only curve a TSE uses.
-Bytes certificatePublicKey(const std::string& path);
-
-std::string toBase64(const Bytes& data);
-std::string toUpperHex(const Bytes& data);
-Bytes sha256(const Bytes& data);
+// A log message, or a refusal that names the file, the problem and the byte.
+tse::LogMessage readLogFile(const std::string& path);
+std::vector<tse::Certificate> readCertificateFile(const std::string& path);
 
 }  // namespace tsecheck
 

@@ -1,0 +1,66 @@
+#ifndef TSE_CORE_LOG_TIME_H
+#define TSE_CORE_LOG_TIME_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "bytes.h"
+
+namespace tse {
+
+enum class TimeFormat { UnixTime, UtcTime, GeneralizedTime };
+
+// "unixTime", "utcTime", "generalizedTime": the names receipts carry.
+std::string_view timeFormatName(TimeFormat format);
+
+// A log time: seconds since the epoch (UTC) plus the form it was written in.
+struct LogTime {
+    TimeFormat format = TimeFormat::UnixTime;
+    int64_t seconds = 0;
+    std::string fraction;  // digits after the decimal point (generalizedTime only)
+    std::string text;      // as encoded: decimal seconds, or the time string
+
+    // ISO 8601 in UTC with at least milliseconds: 2021-08-02T11:28:58.000Z
+    std::string iso() const;
+};
+
+// Days since 1970-01-01 of a proleptic Gregorian date, and back.
+int64_t daysFromCivil(int64_t year, unsigned month, unsigned day);
+struct CivilTime {
+    int64_t year;
+    unsigned month, day, hour, minute, second;
+};
+CivilTime civilFromSeconds(int64_t seconds);
+int64_t secondsFromCivil(const CivilTime& time);
+// "2021-08-02T11:28:58Z"-style text without fraction.
+std::string isoSeconds(int64_t seconds);
+
+// Parsers for the content of a UTCTime (YYMMDDhhmm[ss]Z) or GeneralizedTime
+// (YYYYMMDDhhmmss[.f...]Z); nullopt with the reason for anything else.
+struct TimeParse {
+    std::optional<LogTime> time;
+    std::string error;
+};
+TimeParse parseUtcTime(std::string_view text);
+TimeParse parseGeneralizedTime(std::string_view text);
+
+// The UTCTime and GeneralizedTime texts of a moment, as TSEs write them.
+std::string utcTimeText(int64_t seconds, bool withSeconds = true);
+std::string generalizedTimeText(int64_t seconds, std::string_view fraction = {});
+
+// ISO 8601 as receipts and users write it: YYYY-MM-DDThh:mm[:ss[.f...]]
+// followed by Z, +hh:mm, -hh:mm, +hhmm or nothing (then UTC is assumed and
+// `hadZone` is false). The seconds are returned in UTC.
+struct IsoTime {
+    int64_t seconds = 0;
+    std::string fraction;
+    bool hadZone = false;
+    int offsetMinutes = 0;
+};
+std::optional<IsoTime> parseIsoTime(std::string_view text);
+
+}  // namespace tse
+
+#endif

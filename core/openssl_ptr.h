@@ -1,0 +1,41 @@
+#ifndef TSE_CORE_OPENSSL_PTR_H
+#define TSE_CORE_OPENSSL_PTR_H
+
+#include <memory>
+
+#include <openssl/bio.h>
+#include <openssl/bn.h>
+#include <openssl/ec.h>
+#include <openssl/ecdsa.h>
+#include <openssl/evp.h>
+#include <openssl/x509.h>
+#include <openssl/x509_vfy.h>
+
+namespace tse {
+
+// Owners of libcrypto objects, so that every way out of a function releases
+// what it made.
+template <typename T, void (*Free)(T*)>
+struct OpenSslDeleter {
+    void operator()(T* p) const { Free(p); }
+};
+template <typename T, void (*Free)(T*)>
+using OpenSslPtr = std::unique_ptr<T, OpenSslDeleter<T, Free>>;
+
+inline void freeBio(BIO* p) { BIO_free(p); }
+
+using BioPtr = OpenSslPtr<BIO, freeBio>;
+using BignumPtr = OpenSslPtr<BIGNUM, BN_free>;
+using EcdsaSigPtr = OpenSslPtr<ECDSA_SIG, ECDSA_SIG_free>;
+using EcGroupPtr = OpenSslPtr<EC_GROUP, EC_GROUP_free>;
+using EcKeyPtr = OpenSslPtr<EC_KEY, EC_KEY_free>;
+using EcPointPtr = OpenSslPtr<EC_POINT, EC_POINT_free>;
+using EvpMdCtxPtr = OpenSslPtr<EVP_MD_CTX, EVP_MD_CTX_free>;
+using EvpPkeyPtr = OpenSslPtr<EVP_PKEY, EVP_PKEY_free>;
+using X509Ptr = OpenSslPtr<X509, X509_free>;
+using X509StorePtr = OpenSslPtr<X509_STORE, X509_STORE_free>;
+using X509StoreCtxPtr = OpenSslPtr<X509_STORE_CTX, X509_STORE_CTX_free>;
+
+}  // namespace tse
+
+#endif

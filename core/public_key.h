@@ -1,0 +1,57 @@
+#ifndef TSE_CORE_PUBLIC_KEY_H
+#define TSE_CORE_PUBLIC_KEY_H
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <openssl/ec.h>
+#include <openssl/evp.h>
+
+#include "algorithms.h"
+#include "bytes.h"
+
+namespace tse {
+
+// An EC public key on one of the supported curves. Copies share the
+// libcrypto object, which is only ever read, so one key serves many threads.
+class PublicKey {
+public:
+    Curve curve() const { return curve_; }
+    const CurveInfo& curveInfo() const { return tse::curveInfo(curve_); }
+    // The uncompressed point 04 || X || Y.
+    const Bytes& point() const { return point_; }
+    // The TSE serial number: the SHA-256 of the uncompressed point.
+    const Bytes& serialNumber() const { return serial_; }
+    const EC_KEY* ecKey() const { return ecKey_.get(); }
+    EVP_PKEY* evpKey() const { return evpKey_.get(); }
+
+    // Takes a reference of its own; fails for anything but an EC key on a
+    // supported named curve.
+    static std::optional<PublicKey> fromEvp(EVP_PKEY* key, std::string& error);
+
+private:
+    Curve curve_ = Curve::Secp256r1;
+    Bytes point_;
+    Bytes serial_;
+    std::shared_ptr<EC_KEY> ecKey_;
+    std::shared_ptr<EVP_PKEY> evpKey_;
+};
+
+struct KeyResult {
+    std::optional<PublicKey> key;
+    std::string error;
+};
+
+// A raw point, uncompressed (04...) or compressed (02.../03...), on the given
+// curve, or on the one supported curve of its size that it lies on.
+KeyResult keyFromPoint(ByteView point, std::optional<Curve> curve = std::nullopt);
+// A SubjectPublicKeyInfo in DER or PEM.
+KeyResult keyFromSubjectPublicKeyInfo(ByteView data);
+// Whatever a receipt or a user hands over: a raw point or a
+// SubjectPublicKeyInfo (DER), told apart by their first octet.
+KeyResult keyFromAnyEncoding(ByteView data);
+
+}  // namespace tse
+
+#endif

@@ -1,0 +1,128 @@
+#include "signer.h"
+
+#include <stdexcept>
+
+#include <openssl/err.h>
+#include <openssl/pem.h>
+
+#include "openssl_ptr.h"
+
+namespace tse {
+namespace {
+
+void require(bool condition, const char* what)
+{
+    if (!condition) {
+        ERR_clear_error();
+        throw std::runtime_error(std::string("signer: ") + what);
+    }
+}
+
+Bytes digestOf(Hash hash, ByteView data)
+{
+    Bytes out(EVP_MAX_MD_SIZE);
+    unsigned int size = 0;
+    require(EVP_Digest(data.data(), data.size(), out.data(), &size, hashFunction(hash), nullptr) == 1, "digest");
+    out.resize(size);
+    return out;
+}
+
+template <typename Write>
+std::string pemText(Write write)
+{
+    BioPtr bio(BIO_new(BIO_s_mem()));
+    require(bio && write(bio.get()) == 1, "write PEM");
+    char* data = nullptr;
+    const long size = BIO_get_mem_data(bio.get(), &data);
+    return std::string(data, static_cast<size_t>(size));
+}
+
+}  // namespace
+
+Signer::Signer(Curve curve)
+{
+    EC_KEY* key = EC_KEY_new_by_curve_name(curveInfo(curve).nid);
+    require(key != nullptr, "new key");
+    if (EC_KEY_generate_key(key) != 1) {
+        EC_KEY_free(key);
+        require(false, "generate key");
+    }
+    adopt(key);
+}
+
+Signer Signer::fromPem(const std::string& pem)
+{
+    BioPtr bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+    EvpPkeyPtr evp(bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr) : nullptr);
+    EC_KEY* key = evp ? EVP_PKEY_get1_EC_KEY(evp.get()) : nullptr;
+    require(key != nullptr, "no EC private key in the PEM text");
+    Signer signer;
+    signer.adopt(key);
+    return signer;
+}
+
+void Signer::adopt(EC_KEY* key)
+{
+    key_ = std::shared_ptr<EC_KEY>(key, EC_KEY_free);
+    EvpPkeyPtr evp(EVP_PKEY_new());
+    require(evp && EVP_PKEY_set1_EC_KEY(evp.get(), key) == 1, "wrap key");
+    std::string error;
+    std::optional<PublicKey> publicKey = PublicKey::fromEvp(evp.get(), error);
+    require(publicKey.has_value(), "key on an unsupported curve");
+    publicKey_ = *publicKey;
+}
+
+Bytes Signer::signDer(Hash hash, ByteView data) const
+{
+    const Bytes hashed = digestOf(hash, data);
+    EcdsaSigPtr signature(ECDSA_do_sign(hashed.data(), static_cast<int>(hashed.size()), key_.get()));
+    require(signature != nullptr, "sign");
+    unsigned char* der = nullptr;
+    const int size = i2d_ECDSA_SIG(signature.get(), &der);
+    require(size > 0, "encode signature");
+    Bytes out(der, der + size);
+    OPENSSL_free(der);
+    return out;
+}
+
+Bytes Signer::signPlain(Hash hash, ByteView data) const
+{
+    const Bytes hashed = digestOf(hash, data);
+    EcdsaSigPtr signature(ECDSA_do_sign(hashed.data(), static_cast<int>(hashed.size()), key_.get()));
+    require(signature != nullptr, "sign");
+    const size_t half = publicKey_.curveInfo().fieldSize;
+    Bytes out(2 * half);
+    require(BN_bn2binpad(ECDSA_SIG_get0_r(signature.get()), out.data(), static_cast<int>(half)) > 0 &&
+                BN_bn2binpad(ECDSA_SIG_get0_s(signature.get()), out.data() + half, static_cast<int>(half)) > 0,
+            "pad signature");
+    return out;
+}
+
+std::string Signer::privateKeyPem() const
+{
+    return pemText([&](BIO* bio) {
+        return PEM_write_bio_ECPrivateKey(bio, key_.get(), nullptr, nullptr, 0, nullptr, nullptr);
+    });
+}
+
+std::string Signer::selfSignedCertificatePem(const std::string& commonName, int64_t notBefore, int days) const
+{
+    X509Ptr cert(X509_new());
+    EvpPkeyPtr evp(EVP_PKEY_new());
+    require(cert && evp && EVP_PKEY_set1_EC_KEY(evp.get(), key_.get()) == 1, "new certificate");
+    X509_set_version(cert.get(), 2);
+    ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), 1);
+    require(ASN1_TIME_set(X509_getm_notBefore(cert.get()), static_cast<time_t>(notBefore)) != nullptr &&
+                ASN1_TIME_set(X509_getm_notAfter(cert.get()), static_cast<time_t>(notBefore + 86400LL * days)) !=
+                    nullptr,
+            "validity");
+    X509_NAME* name = X509_get_subject_name(cert.get());
+    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(commonName.c_str()),
+                               -1, -1, 0);
+    X509_set_issuer_name(cert.get(), name);
+    require(X509_set_pubkey(cert.get(), evp.get()) == 1 && X509_sign(cert.get(), evp.get(), EVP_sha384()) > 0,
+            "sign certificate");
+    return pemText([&](BIO* bio) { return PEM_write_bio_X509(bio, cert.get()); });
+}
+
+}  // namespace tse

@@ -1,0 +1,44 @@
+#ifndef TSE_CORE_SIGNER_H
+#define TSE_CORE_SIGNER_H
+
+#include <memory>
+#include <string>
+
+#include <openssl/ec.h>
+
+#include "algorithms.h"
+#include "bytes.h"
+#include "public_key.h"
+
+namespace tse {
+
+// A private key that signs as a TSE does. For generators, tests and
+// benchmarks: the product itself only ever verifies.
+class Signer {
+public:
+    // A fresh key on the curve.
+    explicit Signer(Curve curve);
+    // A key from a PEM private key text; throws std::runtime_error when the
+    // text holds none on a supported curve.
+    static Signer fromPem(const std::string& pem);
+
+    const PublicKey& publicKey() const { return publicKey_; }
+    // r || s, each padded to the curve's field size.
+    Bytes signPlain(Hash hash, ByteView data) const;
+    Bytes signDer(Hash hash, ByteView data) const;
+    std::string privateKeyPem() const;
+    // A self-signed certificate for the key, valid from notBefore for the
+    // given days, in PEM.
+    std::string selfSignedCertificatePem(const std::string& commonName, int64_t notBefore, int days) const;
+
+private:
+    Signer() = default;
+    void adopt(EC_KEY* key);
+
+    std::shared_ptr<EC_KEY> key_;
+    PublicKey publicKey_;
+};
+
+}  // namespace tse
+
+#endif

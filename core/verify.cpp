@@ -1,0 +1,99 @@
+#include "verify.h"
+
+#include <openssl/err.h>
+
+#include "openssl_ptr.h"
+
+namespace tse {
+namespace {
+
+constexpr size_t MAX_DIGEST_SIZE = EVP_MAX_MD_SIZE;
+
+bool digest(Hash hash, ByteView data, unsigned char* out, unsigned int& size)
+{
+    return EVP_Digest(data.data(), data.size(), out, &size, hashFunction(hash), nullptr) == 1;
+}
+
+bool verifySignatureObject(const PublicKey& key, Hash hash, ByteView data, const ECDSA_SIG* signature)
+{
+    unsigned char hashed[MAX_DIGEST_SIZE];
+    unsigned int size = 0;
+    if (!digest(hash, data, hashed, size)) return false;
+    const int result = ECDSA_do_verify(hashed, static_cast<int>(size), signature, const_cast<EC_KEY*>(key.ecKey()));
+    ERR_clear_error();
+    return result == 1;
+}
+
+Verification outcome(Verdict verdict, std::string reason = {})
+{
+    return Verification{verdict, std::move(reason)};
+}
+
+}  // namespace
+
+std::string_view verdictName(Verdict verdict)
+{
+    switch (verdict) {
+    case Verdict::Valid: return "valid";
+    case Verdict::Invalid: return "invalid";
+    case Verdict::WrongKey: return "wrong-key";
+    case Verdict::UnsupportedAlgorithm: return "unsupported-algorithm";
+    case Verdict::Malformed: return "malformed";
+    }
+    return "unknown";
+}
+
+bool verifyPlain(const PublicKey& key, Hash hash, ByteView data, ByteView signature)
+{
+    const size_t half = key.curveInfo().fieldSize;
+    if (signature.size() != 2 * half) return false;
+    EcdsaSigPtr object(ECDSA_SIG_new());
+    BIGNUM* r = BN_bin2bn(signature.data(), static_cast<int>(half), nullptr);
+    BIGNUM* s = BN_bin2bn(signature.data() + half, static_cast<int>(half), nullptr);
+    if (!object || !r || !s || ECDSA_SIG_set0(object.get(), r, s) != 1) {
+        BN_free(r);
+        BN_free(s);
+        return false;
+    }
+    return verifySignatureObject(key, hash, data, object.get());
+}
+
+bool verifyDer(const PublicKey& key, Hash hash, ByteView data, ByteView signature)
+{
+    const unsigned char* cursor = signature.data();
+    EcdsaSigPtr object(d2i_ECDSA_SIG(nullptr, &cursor, static_cast<long>(signature.size())));
+    ERR_clear_error();
+    if (!object || cursor != signature.end()) return false;
+    return verifySignatureObject(key, hash, data, object.get());
+}
+
+Verification verifyLog(const LogMessage& message, const PublicKey& key)
+{
+    if (ByteView(message.serialNumber) != ByteView(key.serialNumber())) {
+        return outcome(Verdict::WrongKey, "the key's SHA-256 " + toHex(key.serialNumber()) +
+                                              " is not the log's serial number " + toHex(message.serialNumber));
+    }
+    const SignatureAlgorithm* algorithm = algorithmByOid(message.signatureAlgorithmOid);
+    if (algorithm == nullptr) {
+        return outcome(Verdict::UnsupportedAlgorithm,
+                       "unsupported algorithm: the OID " + message.signatureAlgorithmOid + " is unknown");
+    }
+    if (!algorithm->supported) {
+        return outcome(Verdict::UnsupportedAlgorithm, "unsupported algorithm: " + std::string(algorithm->name) +
+                                                          " is recognised but not verified by this tool");
+    }
+    const size_t expected = 2 * key.curveInfo().fieldSize;
+    if (message.signatureValue.size() != expected) {
+        return outcome(Verdict::Malformed, "the signature has " + std::to_string(message.signatureValue.size()) +
+                                               " bytes; r and s on " + std::string(key.curveInfo().displayName) +
+                                               " make " + std::to_string(expected));
+    }
+    if (!verifyPlain(key, algorithm->hash, message.signedOctets, message.signatureValue)) {
+        return outcome(Verdict::Invalid, "the signature does not match the signed data (" +
+                                             std::string(algorithm->name) + " on " +
+                                             std::string(key.curveInfo().displayName) + ")");
+    }
+    return outcome(Verdict::Valid);
+}
+
+}  // namespace tse

@@ -1,0 +1,229 @@
+// tse-check to-qr: verifies a Finish transaction log and prints the receipt
+// QR code text that belongs to it.
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "QrCodeToASN.h"
+#include "algorithms.h"
+#include "certificate.h"
+#include "log_encoder.h"
+#include "log_message.h"
+#include "myutils.h"
+#include "tse_check_commands.h"
+#include "tse_check_support.h"
+#include "verify.h"
+
+namespace tsecheck {
+namespace {
+
+struct ToQrOptions {
+    std::string certPath;
+    std::string logPath;
+    std::optional<std::string> startTime;  // the log time when not given
+};
+
+using NamedField = std::pair<const char*, std::string>;
+
+tse::PublicKey keyOfTse(const std::vector<tse::Certificate>& certificates, const tse::LogMessage& message,
+                        const std::string& certPath)
+{
+    std::string unusable;
+    for (const tse::Certificate& certificate : certificates) {
+        if (!certificate.key()) {
+            unusable = certificate.keyError();
+        } else if (certificate.key()->serialNumber() == message.serialNumber) {
+            return *certificate.key();
+        }
+    }
+    if (!unusable.empty() && certificates.size() == 1) {
+        refuse(EXIT_BAD_INPUT, "Certificate " + certPath + " cannot be used: " + unusable);
+    }
+    refuse(EXIT_BAD_INPUT, "Certificate " + certPath + " does not belong to the TSE of the log message "
+                           "(no key in it has the SHA-256 " + tse::toHex(message.serialNumber) + ")");
+}
+
+void requireFinishTransaction(const tse::LogMessage& message)
+{
+    const std::string operation = message.operation();
+    if (message.type != tse::LogType::Transaction ||
+        (operation != "FinishTransaction" && operation != "finishTransaction")) {
+        refuse(EXIT_BAD_INPUT, "operationType is \"" + tse::escapeText(operation) + "\" in a " +
+                                   std::string(tse::logTypeName(message.type)) +
+                                   " log; a receipt QR code stands for a FinishTransaction only");
+    }
+    for (const char* name : {"additionalExternalData", "additionalInternalData"}) {
+        if (message.field(name)) {
+            refuse(EXIT_BAD_INPUT, std::string("the log message holds ") + name +
+                                       ", which a receipt QR code cannot carry");
+        }
+    }
+}
+
+// A QR code text splits at ";", and gets to a verifier through a command
+// line or a text file, where a zero byte ends it.
+void requireQrField(const NamedField& field)
+{
+    const std::string name = field.first;
+    const std::string& value = field.second;
+    if (value.empty()) {
+        refuse(EXIT_BAD_INPUT, name + " is empty; a QR code cannot carry an empty field");
+    }
+    if (value.find(';') != std::string::npos) {
+        refuse(EXIT_BAD_INPUT, name + " holds \";\", the QR code's field separator");
+    }
+    if (value.find('\0') != std::string::npos) {
+        refuse(EXIT_BAD_INPUT, name + " holds a zero byte, which a QR code text cannot pass on");
+    }
+}
+
+std::string checkedStartTime(const ToQrOptions& options, const tse::LogMessage& message)
+{
+    if (!options.startTime) return message.logTime.iso();
+    const std::optional<tse::IsoTime> start = tse::parseIsoTime(*options.startTime);
+    if (!start) {
+        refuse(EXIT_BAD_INPUT, "--start-time \"" + *options.startTime +
+                                   "\" is not an ISO 8601 time such as 2021-08-02T11:28:41.000Z");
+    }
+    if (start->seconds > message.logTime.seconds) {
+        refuse(EXIT_BAD_INPUT, "--start-time " + *options.startTime + " is after the log time " +
+                                   message.logTime.iso());
+    }
+    return *options.startTime;
+}
+
+std::vector<NamedField> qrFields(const tse::LogMessage& m, const std::string& startTime, const tse::PublicKey& key)
+{
+    const tse::SignatureAlgorithm* algorithm = tse::algorithmByOid(m.signatureAlgorithmOid);
+    return {{"qrCodeVersion", "V0"},
+            {"clientId", m.text("clientId")},
+            {"processType", m.text("processType")},
+            {"processData", m.text("processData")},
+            {"transactionNumber", std::to_string(m.transactionNumber().value_or(0))},
+            {"signatureCounter", std::to_string(m.signatureCounter)},
+            {"startTime", startTime},
+            {"logTime", m.logTime.iso()},
+            {"signatureAlgorithm", algorithm ? std::string(algorithm->name) : m.signatureAlgorithmOid},
+            {"logTimeFormat", std::string(tse::timeFormatName(m.logTime.format))},
+            {"signature", tse::toBase64(m.signatureValue)},
+            {"publicKey", tse::toBase64(key.point())}};
+}
+
+std::string joinFields(const std::vector<NamedField>& fields)
+{
+    std::string text;
+    for (const NamedField& field : fields) {
+        requireQrField(field);
+        text += (text.empty() ? "" : ";") + field.second;
+    }
+    return text;
+}
+
+// A receipt verifier rebuilds the signed octets from the QR code's fields:
+// numbers and times in their shortest form, processData definite or as one
+// indefinite chunk. A message written otherwise would give a QR code that
+// never verifies.
+bool receiptRebuilds(const tse::LogMessage& m)
+{
+    const tse::LogField* processData = m.field("processData");
+    tse::TransactionData data;
+    data.operationType = m.operation();
+    data.clientId = m.text("clientId");
+    data.processData = processData->value;
+    if (m.field("processType")) data.processType = m.text("processType");
+    data.transactionNumber = m.transactionNumber().value_or(0);
+    data.processDataForm = tse::ProcessDataForm{processData->indefinite, 0};
+    tse::LogContent content;
+    content.version = m.version;
+    content.certifiedData = tse::encodeTransactionData(data);
+    content.serialNumber = m.serialNumber;
+    content.algorithmOid = m.signatureAlgorithmOid;
+    content.signatureCounter = m.signatureCounter;
+    const bool withSeconds = m.logTime.text.size() != 11;
+    content.logTime = tse::encodeLogTime(m.logTime.format, m.logTime.seconds, m.logTime.fraction, withSeconds);
+    return tse::encodeSignedOctets(content) == m.signedOctets;
+}
+
+// The verifier's own QR code mode rebuilds one encoding (a log time of four
+// octets among others) for one curve, hash and time format.
+bool verifierRebuilds(const std::string& qrText, const tse::LogMessage& m)
+{
+    bool same = false;
+    setConsoleOutput(false);
+    try {
+        const std::vector<uint8_t> rebuilt = QrCodeToASN(qrText).getASN1Data();
+        const size_t header = rebuilt.size() > 1 && rebuilt[1] == 0x81 ? 3 : 4;
+        same = rebuilt.size() >= header &&
+               std::vector<uint8_t>(rebuilt.begin() + static_cast<long>(header), rebuilt.end()) ==
+                   m.signedOctets;
+    } catch (...) {
+        same = false;
+    }
+    clearErrorMsg(ERROR_ALL);
+    setConsoleOutput(true);
+    return same;
+}
+
+void requireRebuildable(bool byReceipt, bool byVerifier)
+{
+    if (!byReceipt && !byVerifier) {
+        refuse(EXIT_BAD_INPUT, "the log message does not use the encoding that a receipt verifier rebuilds "
+                               "(e.g. a number with extra leading octets); a QR code made from it would not verify");
+    }
+}
+
+void warnIfVerifierRefuses(bool byVerifier, const tse::PublicKey& key)
+{
+    std::string reason;
+    if (key.curve() != tse::Curve::BrainpoolP384r1) {
+        reason = "its key lies on " + std::string(key.curveInfo().displayName);
+    } else if (!byVerifier) {
+        reason = "it rebuilds the log message in another form (algorithm, time format or encoding)";
+    }
+    if (!reason.empty()) {
+        std::cerr << "[WARNING] signature-verification -q will not accept this QR code: " << reason
+                  << "; tse-check receipt verifies it" << std::endl;
+    }
+}
+
+int toQrCommand(const ToQrOptions& options)
+{
+    const tse::LogMessage message = readLogFile(options.logPath);
+    const std::vector<tse::Certificate> certificates = readCertificateFile(options.certPath);
+    requireFinishTransaction(message);
+    const tse::PublicKey key = keyOfTse(certificates, message, options.certPath);
+    const tse::Verification verification = tse::verifyLog(message, key);
+    if (!verification.valid()) {
+        refuse(verification.verdict == tse::Verdict::Invalid ? EXIT_NOT_VERIFIED : EXIT_BAD_INPUT,
+               "The signature of " + options.logPath + " does not verify with certificate " + options.certPath +
+                   ": " + verification.reason + "; no QR code printed");
+    }
+    const std::string text = joinFields(qrFields(message, checkedStartTime(options, message), key));
+    const bool byVerifier = verifierRebuilds(text, message);
+    requireRebuildable(receiptRebuilds(message), byVerifier);
+    warnIfVerifierRefuses(byVerifier, key);
+    std::cout << text << std::endl;
+    return EXIT_OK;
+}
+
+}  // namespace
+
+Command addToQrCommand(CLI::App& parent)
+{
+    auto options = std::make_shared<ToQrOptions>();
+    CLI::App* app = parent.add_subcommand(
+        "to-qr", "Verify an exported Finish transaction log and print the receipt QR code text for it");
+    app->add_option("LOGFILE", options->logPath, "Exported transaction log message (DER)")
+        ->required()
+        ->type_name("FILE");
+    app->add_option("--cert", options->certPath, "Certificate of the TSE (PEM or DER)")->required()->type_name("FILE");
+    app->add_option_function<std::string>(
+        "--start-time", [options](const std::string& value) { options->startTime = value; },
+        "Start time of the transaction, ISO 8601 (default: the log time)");
+    return Command{app, [options] { return toQrCommand(*options); }};
+}
+
+}  // namespace tsecheck

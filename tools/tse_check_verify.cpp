@@ -1,0 +1,226 @@
+// tse-check verify: checks each log file's signature with the certificate
+// whose key hashes to the log's serial number.
+#include <filesystem>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "algorithms.h"
+#include "certificate.h"
+#include "file_reader.h"
+#include "log_message.h"
+#include "parallel.h"
+#include "tse_check_commands.h"
+#include "tse_check_output.h"
+#include "tse_check_support.h"
+#include "verify.h"
+
+namespace tsecheck {
+namespace {
+
+struct VerifyOptions {
+    std::vector<std::string> certificates;
+    std::vector<std::string> logs;
+    bool json = false;
+    unsigned jobs = tse::defaultJobs();
+};
+
+enum class Outcome { Valid, Invalid, NoCertificate, Unreadable };
+
+const char* outcomeWord(Outcome outcome)
+{
+    switch (outcome) {
+    case Outcome::Valid: return "VALID";
+    case Outcome::Invalid: return "INVALID";
+    case Outcome::NoCertificate: return "NO-CERTIFICATE";
+    case Outcome::Unreadable: return "UNREADABLE";
+    }
+    return "";
+}
+
+struct LogResult {
+    std::string file;
+    Outcome outcome = Outcome::Unreadable;
+    std::optional<tse::LogMessage> message;
+    std::string certificate;  // the file whose key verified or refuted it
+    std::string reason;
+};
+
+// A key and the file it came from.
+struct KnownKey {
+    tse::PublicKey key;
+    std::string file;
+};
+using KeyIndex = std::map<std::string, KnownKey>;  // by serial number in hex
+
+void addCertificates(KeyIndex& index, const std::string& path, bool refuseUnreadable)
+{
+    tse::FileRead read = tse::readFileBounded(path, MAX_CERTIFICATE_SIZE);
+    if (!read.contents) {
+        if (refuseUnreadable) refuse(EXIT_BAD_INPUT, "Certificate " + path + " " + read.error);
+        return;
+    }
+    tse::CertificateLoad load = tse::loadCertificates(*read.contents);
+    if (load.certificates.empty() && refuseUnreadable) {
+        refuse(EXIT_BAD_INPUT, "Certificate " + path + " holds no certificate: " + load.error);
+    }
+    for (const tse::Certificate& certificate : load.certificates) {
+        if (certificate.key()) {
+            index.emplace(tse::toHex(certificate.key()->serialNumber()), KnownKey{*certificate.key(), path});
+        }
+    }
+}
+
+// The certificates of a TSE export lie beside its logs, named
+// <SERIAL>_X509.<ext>, sometimes with _Fc-N before the extension.
+const KeyIndex& exportKeys(std::map<std::string, KeyIndex>& byDirectory, const std::string& logPath)
+{
+    namespace fs = std::filesystem;
+    const std::string directory = fs::path(logPath).parent_path().string();
+    auto found = byDirectory.find(directory);
+    if (found != byDirectory.end()) return found->second;
+    KeyIndex& index = byDirectory[directory];
+    std::error_code error;
+    for (const auto& entry : fs::directory_iterator(directory.empty() ? "." : directory, error)) {
+        const std::string name = entry.path().filename().string();
+        if (name.find("_X509") != std::string::npos && entry.is_regular_file(error)) {
+            addCertificates(index, entry.path().string(), false);
+        }
+    }
+    return index;
+}
+
+LogResult verifyOne(const std::string& path, const KeyIndex& keys)
+{
+    LogResult result;
+    result.file = path;
+    tse::FileRead read = tse::readFileBounded(path, MAX_LOG_SIZE);
+    if (!read.contents) {
+        result.reason = "the file " + read.error;
+        return result;
+    }
+    tse::LogParse parse = tse::parseLogMessage(*read.contents);
+    if (!parse.message) {
+        result.reason = parse.error + " (at byte " + std::to_string(parse.errorOffset) + ")";
+        return result;
+    }
+    result.message = std::move(parse.message);
+    const auto key = keys.find(tse::toHex(result.message->serialNumber));
+    if (key == keys.end()) {
+        result.outcome = Outcome::NoCertificate;
+        result.reason = "no certificate has a key whose SHA-256 is the serial number " +
+                        tse::toHex(result.message->serialNumber);
+        return result;
+    }
+    const tse::Verification verification = tse::verifyLog(*result.message, key->second.key);
+    result.certificate = key->second.file;
+    result.outcome = verification.valid() ? Outcome::Valid : Outcome::Invalid;
+    result.reason = verification.reason;
+    return result;
+}
+
+std::string algorithmName(const tse::LogMessage& message)
+{
+    const tse::SignatureAlgorithm* algorithm = tse::algorithmByOid(message.signatureAlgorithmOid);
+    return algorithm ? std::string(algorithm->name) : message.signatureAlgorithmOid;
+}
+
+nlohmann::json toJson(const LogResult& r)
+{
+    nlohmann::json j = {{"file", r.file},
+                        {"verdict", lowerWord(outcomeWord(r.outcome))},
+                        {"reason", r.reason.empty() ? nlohmann::json(nullptr) : nlohmann::json(r.reason)},
+                        {"certificate", r.certificate.empty() ? nlohmann::json(nullptr) : nlohmann::json(r.certificate)}};
+    if (!r.message) {
+        for (const char* key : {"type", "signatureCounter", "signatureAlgorithm", "logTime", "logTimeFormat",
+                                "serialNumber", "operationType"}) {
+            j[key] = nullptr;
+        }
+        return j;
+    }
+    const tse::LogMessage& m = *r.message;
+    j["type"] = tse::logTypeName(m.type);
+    j["signatureCounter"] = m.signatureCounter;
+    j["signatureAlgorithm"] = algorithmName(m);
+    j["logTime"] = m.logTime.iso();
+    j["logTimeFormat"] = tse::timeFormatName(m.logTime.format);
+    j["serialNumber"] = tse::toHex(m.serialNumber);
+    j["operationType"] = m.operation();
+    return j;
+}
+
+std::vector<std::string> textColumns(const LogResult& r)
+{
+    std::vector<std::string> columns{outcomeWord(r.outcome), r.file};
+    if (r.message) {
+        columns.push_back(std::string(tse::logTypeName(r.message->type)));
+        columns.push_back("Sig-" + std::to_string(r.message->signatureCounter));
+        columns.push_back(algorithmName(*r.message));
+        columns.push_back(r.message->logTime.iso());
+    } else {
+        columns.insert(columns.end(), 4, "-");
+    }
+    columns.push_back(r.reason);
+    return columns;
+}
+
+int exitStatus(const std::vector<LogResult>& results)
+{
+    int status = EXIT_OK;
+    for (const LogResult& r : results) {
+        if (r.outcome == Outcome::Unreadable) return EXIT_BAD_INPUT;
+        if (r.outcome != Outcome::Valid) status = EXIT_NOT_VERIFIED;
+    }
+    return status;
+}
+
+int verifyCommand(const VerifyOptions& options)
+{
+    KeyIndex given;
+    for (const std::string& path : options.certificates) addCertificates(given, path, true);
+    std::map<std::string, KeyIndex> beside;
+    std::vector<const KeyIndex*> keysFor;
+    for (const std::string& log : options.logs) {
+        keysFor.push_back(options.certificates.empty() ? &exportKeys(beside, log) : &given);
+    }
+    std::vector<LogResult> results(options.logs.size());
+    tse::parallelFor(options.logs.size(), options.jobs,
+                     [&](size_t i) { results[i] = verifyOne(options.logs[i], *keysFor[i]); });
+
+    if (options.json) {
+        nlohmann::json document = nlohmann::json::array();
+        for (const LogResult& r : results) document.push_back(toJson(r));
+        std::cout << document.dump(2) << std::endl;
+    } else {
+        std::vector<std::vector<std::string>> rows;
+        for (const LogResult& r : results) rows.push_back(textColumns(r));
+        printAligned(std::cout, rows);
+    }
+    return exitStatus(results);
+}
+
+}  // namespace
+
+Command addVerifyCommand(CLI::App& parent)
+{
+    auto options = std::make_shared<VerifyOptions>();
+    CLI::App* app = parent.add_subcommand(
+        "verify", "Verify exported log messages of any type with the TSE's certificate.\n"
+                  "Without --cert, the certificates named *_X509* beside each log file are used.\n"
+                  "Exit status: 0 all valid, 1 any invalid or without certificate, 2 usage or unreadable file.");
+    app->add_option("LOGFILE", options->logs, "Exported log messages (DER)")->required()->type_name("FILE...");
+    app->add_option("--cert", options->certificates, "TSE certificate (PEM or DER); repeatable")
+        ->type_name("FILE")
+        ->allow_extra_args(false);
+    app->add_flag("--json", options->json, "Print the results as one JSON document");
+    app->add_option("--jobs,-j", options->jobs, "Threads to verify with (default: every core)")
+        ->check(CLI::Range(1u, 1024u));
+    return Command{app, [options] { return verifyCommand(*options); }};
+}
+
+}  // namespace tsecheck
