@@ -45,19 +45,25 @@ std::string_view hashName(Hash hash)
     return HASHES[static_cast<int>(hash)].name;
 }
 
+// Fetched once: a fetch on every digest takes a lock in libcrypto and costs
+// more than hashing a log message. The table never changes after that.
 const EVP_MD* hashFunction(Hash hash)
 {
-    switch (hash) {
-    case Hash::Sha224: return EVP_sha224();
-    case Hash::Sha256: return EVP_sha256();
-    case Hash::Sha384: return EVP_sha384();
-    case Hash::Sha512: return EVP_sha512();
-    case Hash::Sha3_224: return EVP_sha3_224();
-    case Hash::Sha3_256: return EVP_sha3_256();
-    case Hash::Sha3_384: return EVP_sha3_384();
-    case Hash::Sha3_512: return EVP_sha3_512();
-    }
-    return nullptr;
+    struct FetchedDigests {
+        EVP_MD* digests[8] = {};
+        FetchedDigests()
+        {
+            for (const HashInfo& info : HASHES) {
+                digests[static_cast<int>(info.hash)] = EVP_MD_fetch(nullptr, std::string(info.name).c_str(), nullptr);
+            }
+        }
+        ~FetchedDigests()
+        {
+            for (EVP_MD* md : digests) EVP_MD_free(md);
+        }
+    };
+    static const FetchedDigests fetched;
+    return fetched.digests[static_cast<int>(hash)];
 }
 
 std::vector<Hash> sameFamily(Hash hash)
