@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "algorithms.h"
+#include "ber.h"
 #include "log_message.h"
 #include "tse_check_commands.h"
 #include "tse_check_support.h"
@@ -59,11 +60,43 @@ std::vector<Line> transactionLines(const tse::LogMessage& m)
     return lines;
 }
 
+bool printable(tse::ByteView value)
+{
+    for (uint8_t c : value) {
+        if (c < 0x20 || c > 0x7E) return false;
+    }
+    return true;
+}
+
+// systemOperationData is a run of elements tagged 0x81, 0x82, ... (a user
+// ID, a role, the time before and after an update); shown one per line when
+// it parses as such, else the hex above stands alone.
+void innerElementLines(const tse::LogField& field, std::vector<Line>& lines)
+{
+    std::vector<Line> inner;
+    try {
+        tse::BerReader reader(field.value);
+        while (!reader.atEnd()) {
+            const tse::BerElement element = reader.read();
+            const std::string value = !element.constructed() && printable(element.content)
+                                          ? element.content.text()
+                                          : tse::toHex(element.content);
+            inner.emplace_back(field.name + "." + tse::tagName(element.tag), value);
+        }
+    } catch (const tse::ParseError&) {
+        return;
+    }
+    lines.insert(lines.end(), inner.begin(), inner.end());
+}
+
 std::vector<Line> otherLines(const tse::LogMessage& m)
 {
     std::vector<Line> lines{{"logType", std::string(tse::logTypeName(m.type))},
                             {"version", std::to_string(m.version)}};
-    for (const tse::LogField& f : m.certifiedData) lines.emplace_back(f.name, fieldValue(f));
+    for (const tse::LogField& f : m.certifiedData) {
+        lines.emplace_back(f.name, fieldValue(f));
+        if (f.name == "systemOperationData" || f.name == "eventData") innerElementLines(f, lines);
+    }
     if (m.seAuditData) lines.emplace_back("seAuditData", tse::toHex(*m.seAuditData));
     lines.emplace_back("signatureCounter", std::to_string(m.signatureCounter));
     lines.emplace_back("logTime", m.logTime.iso());
