@@ -113,6 +113,8 @@ TEST(QrMode, CodesThatCannotBeVerifiedEndWithStatus1)
          error("Algorithm ecdsa-plain-SHA256 is not supported.") + refused},
         {edit("unixTime", "unixTime ", good.text()), error("logTimeFormat unixTime  is not supported.") + refused},
         {edit("V0", "V0\"", good.text()), error("qrCodeVersion V0\" is not supported.") + refused},
+        // Quotes are stripped only from a text that begins with one.
+        {good.text() + "\"", error("Public Key base64 decode failed.")},
         {with(&QrFields::publicKey, "!" + good.publicKey).text(), error("Public Key base64 decode failed.")},
         {with(&QrFields::publicKey, base64(Bytes(96, 4))).text(), error("Public Key has 96 bytes, expected 97.")},
         {with(&QrFields::signature, "*").text(), serial + error("Signature base64 decode failed.")},
@@ -160,6 +162,7 @@ TEST(QrMode, NumbersAndLogTimesVerifyUnderAnyHostZone)
         {"4294967295", 4294967295, "2020-06-23T14:20:10+00:30", 1592922010, "TZ Hour: 0\nTZ MIN: 30\n"},
         {"0538", 538, "2020-06-23T14:20:10-00:30", 1592922010, "TZ Hour: 0\nTZ MIN: 30\n"},
         {"12abc", 12, "2020-06-30T23:30:00-01:00", 1593563400, "TZ Hour: -1\nTZ MIN: 0\n"},
+        {"1", 1, "2020-06-23T14:20:10Z-01:30", 1592927410, "TZ Hour: -1\nTZ MIN: 30\n"},
     };
     for (const auto& [number, value, logTime, seconds, offsetLines] : cases) {
         LogFields fields;  // the number is both the transaction number and the signature counter
