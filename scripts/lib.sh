@@ -6,8 +6,11 @@
 REPO_ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 cd "$REPO_ROOT" || exit 1
 
-# Debian packages that a build with tests needs.
-BUILD_PACKAGES=(g++ make cmake pkg-config libssl-dev libgtest-dev libcli11-dev)
+# Debian packages that a build with tests needs; man-db and bsdextrautils
+# (man, col) for the man page test, dpkg-dev (dpkg-shlibdeps) for the
+# dependencies of the Debian package.
+BUILD_PACKAGES=(g++ make cmake pkg-config libssl-dev libgtest-dev libcli11-dev
+                man-db bsdextrautils dpkg-dev gzip)
 
 # Parallel build jobs.
 JOBS="${JOBS:-2}"
