@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <regex>
+#include <algorithm>
 #include <tuple>
 
 #include "fixtures.h"
@@ -21,7 +21,8 @@ const EcKeyPtr kKey = fixtures::makeEcKey();
 
 std::string serialLine(const Bytes& publicKey = fixtures::rawPublicKey(kKey.get()))
 {
-    const std::string hex = std::regex_replace(fixtures::toHex(fixtures::sha256(publicKey)), std::regex(" "), "");
+    std::string hex = fixtures::toHex(fixtures::sha256(publicKey));
+    hex.erase(std::remove(hex.begin(), hex.end(), ' '), hex.end());
     return "\n[INFO] Derived Serial Number is: " + hex + "\n";
 }
 
@@ -83,7 +84,11 @@ TEST(QrMode, ValidCodesVerifyInEveryAcceptedSpelling)
     of256.processData = of255.processData + "x";
     const QrFields qr = signedQr(), keyLine = with(&QrFields::publicKey, qr.publicKey + "\n", qr),
                    qr255 = signedQr(of255), qr256 = signedQr(of256);
-    const std::string quoted = "\"" + std::regex_replace(qr.text(), std::regex(";"), "\";\"") + "\"";  // each field
+    std::string quoted = "\"";  // each field
+    for (char c : qr.text()) {
+        quoted += c == ';' ? std::string("\";\"") : std::string(1, c);
+    }
+    quoted += "\"";
     const std::tuple<std::string, QrFields, LogFields> cases[] = {{qr.text(), qr, plain},
         {quoted, qr, plain}, {";" + qr.text() + ";;", qr, plain}, {keyLine.text(), keyLine, plain},
         {qr255.text(), qr255, of255}, {qr256.text(), qr256, of256}};

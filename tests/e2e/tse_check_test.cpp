@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <regex>
 
 #include "QrCodeToASN.h"
 #include "fixtures.h"
@@ -49,7 +48,9 @@ TEST(TseCheck, ReadToQrAndHelp)
     EXPECT_EQ(run(tseCheckPath(), {"to-qr", "--cert", tse.cert, log}).out, qr.text() + "\n");
     result = run(tseCheckPath(), {"--version"});
     EXPECT_EQ(result.status, 0);
-    EXPECT_TRUE(std::regex_match(result.out, std::regex("tse-check [0-9]+\\.[0-9]+\\.[0-9]+\n"))) << result.out;
+    EXPECT_EQ(result.out.rfind("tse-check ", 0), 0u) << result.out;
+    EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '.'), 2) << result.out;
+    EXPECT_EQ(result.out.find_first_not_of("0123456789.", 10), result.out.size() - 1) << result.out;
     result = run(tseCheckPath(), {"to-qr", "--help"});
     EXPECT_EQ(result.status, 0);
     EXPECT_NE(result.out.find("Usage: tse-check to-qr"), std::string::npos) << result.out;
