@@ -6,10 +6,12 @@
 REPO_ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 cd "$REPO_ROOT" || exit 1
 
-# Debian packages that a build with tests needs.
+# Debian packages that a build with tests needs; man-db and bsdextrautils
+# (man, col) for the man page test, dpkg-dev (dpkg-shlibdeps) for the
+# dependencies of the Debian package.
 BUILD_PACKAGES=(g++ make cmake pkg-config libssl-dev libgtest-dev libcli11-dev nlohmann-json3-dev
                 libarchive-dev libzxing-dev libstb-dev libpoppler-cpp-dev libqrencode-dev
-                libbenchmark-dev)
+                libbenchmark-dev man-db bsdextrautils dpkg-dev gzip)
 
 # Parallel build jobs.
 JOBS="${JOBS:-2}"

@@ -1,7 +1,13 @@
 #include "myutils.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <iomanip>
 #include <iostream>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <openssl/crypto.h>
 #include <openssl/err.h>
@@ -174,11 +180,61 @@ int getPubKeyFromCert(X509* certificate, EC_KEY** key)
     return *key != nullptr ? 0 : -3;
 }
 
+FileHandle::FileHandle(const char* path)
+    : fd_(open(path, O_RDONLY | O_CLOEXEC))
+{
+}
+
+FileHandle::~FileHandle()
+{
+    if (fd_ >= 0) {
+        close(fd_);
+    }
+}
+
+ReadOutcome readAtMost(int fd, size_t limit, std::vector<uint8_t>& contents)
+{
+    constexpr size_t CHUNK = size_t{1} << 16;
+    // One allocation for the whole file: a regular file tells its size, and
+    // for anything else room up to the limit is reserved, which costs
+    // address space only until it is filled.
+    struct stat info {};
+    const bool sizeKnown = fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size > 0;
+    contents.clear();
+    contents.reserve((sizeKnown ? std::min(static_cast<size_t>(info.st_size), limit) : limit) + 1);
+    while (contents.size() <= limit) {
+        const size_t before = contents.size();
+        const size_t wanted = std::min(CHUNK, limit + 1 - before);
+        contents.resize(before + wanted);
+        const ssize_t got = read(fd, contents.data() + before, wanted);
+        contents.resize(before + (got > 0 ? static_cast<size_t>(got) : 0));
+        if (got == 0) {
+            return ReadOutcome::COMPLETE;
+        }
+        if (got < 0 && errno != EINTR) {
+            return ReadOutcome::FAILED;
+        }
+    }
+    return ReadOutcome::TOO_LARGE;
+}
+
 int verifySignature(const uint8_t* data, uint32_t dataLength,
                     const uint8_t* signature, uint32_t /*signatureLength*/,
                     const char* certPath)
 {
-    // Declared so that they are released in the order certificate, file,
+    const FileHandle certificateFile(certPath);
+    if (!certificateFile.isOpen()) {
+        report(std::string("[ERROR] unable to open: ") + certPath, ERROR_LOG);
+        return VERIFY_CERT_UNUSABLE;
+    }
+    return verifySignatureWithCertificateFile(data, dataLength, signature, certificateFile.fd(), certPath);
+}
+
+int verifySignatureWithCertificateFile(const uint8_t* data, uint32_t dataLength,
+                                       const uint8_t* signature, int certificateFd,
+                                       const char* certPath)
+{
+    // Declared so that they are released in the order certificate, buffer,
     // key, signature object.
     EcdsaSigPtr signatureObject(ECDSA_SIG_new());
     BnPtr r(BN_new());
@@ -187,12 +243,12 @@ int verifySignature(const uint8_t* data, uint32_t dataLength,
         return VERIFY_NO_SIGNATURE_OBJECT;
     }
     EcKeyPtr key;
-    BioPtr certificateFile(BIO_new_file(certPath, "r"));
-    if (!certificateFile) {
-        report(std::string("[ERROR] unable to open: ") + certPath, ERROR_LOG);
-        return VERIFY_CERT_UNUSABLE;
-    }
-    X509Ptr certificate(PEM_read_bio_X509(certificateFile.get(), nullptr, nullptr, nullptr));
+    // Too large or unreadable counts as holding no certificate, as it did
+    // when the PEM reader met such a file.
+    std::vector<uint8_t> pem;
+    const bool read = readAtMost(certificateFd, MAX_CERTIFICATE_FILE_SIZE, pem) == ReadOutcome::COMPLETE;
+    BioPtr pemText(read ? BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())) : nullptr);
+    X509Ptr certificate(pemText ? PEM_read_bio_X509(pemText.get(), nullptr, nullptr, nullptr) : nullptr);
     if (!certificate) {
         report(std::string("[ERROR] Unable to parse certificate in: ") + certPath, ERROR_LOG);
         return VERIFY_CERT_UNUSABLE;

@@ -31,6 +31,29 @@ using EcdsaSigPtr = std::unique_ptr<ECDSA_SIG, EcdsaSigFree>;
 using BnPtr = std::unique_ptr<BIGNUM, BnFree>;
 using EvpMdCtxPtr = std::unique_ptr<EVP_MD_CTX, EvpMdCtxFree>;
 
+// An open file, closed when its owner goes.
+class FileHandle {
+public:
+    explicit FileHandle(const char* path);
+    ~FileHandle();
+    FileHandle(const FileHandle&) = delete;
+    FileHandle& operator=(const FileHandle&) = delete;
+    bool isOpen() const { return fd_ >= 0; }
+    int fd() const { return fd_; }
+
+private:
+    int fd_;
+};
+
+enum class ReadOutcome { COMPLETE, TOO_LARGE, FAILED };
+// Reads the open file to its end, but never more than limit + 1 bytes: a
+// file that holds more is TOO_LARGE however long it would go on (a device
+// such as /dev/zero never ends).
+ReadOutcome readAtMost(int fd, size_t limit, std::vector<uint8_t>& contents);
+
+// A PEM certificate is a few KiB; a chain of them stays far below this.
+constexpr size_t MAX_CERTIFICATE_FILE_SIZE = size_t{1} << 20;
+
 // Owner of a buffer that b64_decode64 hands out.
 struct CFree { void operator()(unsigned char* p) const { std::free(p); } };
 using DecodedPtr = std::unique_ptr<unsigned char, CFree>;
@@ -69,9 +92,15 @@ constexpr int VERIFY_INVALID = -4;
 // Both verifications read exactly this many signature bytes: r then s.
 constexpr uint32_t RAW_SIGNATURE_SIZE = 96;
 
+// Opens the certificate file by its path, then as below.
 int verifySignature(const uint8_t* data, uint32_t dataLength,
                     const uint8_t* signature, uint32_t signatureLength,
                     const char* certPath);
+// Reads the certificate from a file that is already open, so that a FIFO or
+// /dev/fd/N is read exactly once; certPath only names it in messages.
+int verifySignatureWithCertificateFile(const uint8_t* data, uint32_t dataLength,
+                                       const uint8_t* signature, int certificateFd,
+                                       const char* certPath);
 int getPubKeyFromCert(X509* certificate, EC_KEY** key);
 
 int verifySignatureFromQR(const uint8_t* data, uint32_t dataLength,

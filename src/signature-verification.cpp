@@ -1,9 +1,6 @@
 // Verifies the ECDSA signature of a German fiscal security device (TSE) on a
 // transaction, either from an exported log file and the TSE's certificate or
 // from the text of a DSFinV-K receipt QR code.
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -31,43 +28,39 @@ size_t outerHeaderSize(size_t messageSize)
     return messageSize < TWO_LENGTH_OCTETS_FROM ? 3 : 4;
 }
 
-bool readWholeFile(const char* path, std::vector<uint8_t>& contents)
-{
-    std::ifstream file(path, std::ios::in | std::ios::binary);
-    if (!file) {
-        return false;
-    }
-    // Reserving the size up front keeps a large log in memory once.
-    std::error_code sizeUnknown;
-    const auto size = std::filesystem::file_size(path, sizeUnknown);
-    if (!sizeUnknown) {
-        contents.reserve(size);
-    }
-    char chunk[1 << 16];
-    while (file.read(chunk, sizeof(chunk)) || file.gcount() > 0) {
-        contents.insert(contents.end(), chunk, chunk + file.gcount());
-    }
-    return !file.bad();
-}
+// Far above any log message (its outer length has at most two octets); a
+// wrong path such as a disk image or a device is refused instead of read.
+constexpr size_t MAX_LOG_FILE_SIZE = size_t{64} << 20;
 
+// Each file is opened once and read from that one open: a FIFO delivers its
+// contents to a single reader, and a second open would wait for a writer
+// that has already gone.
 int runLogFileFlow()
 {
-    if (!file_exists(logPath)) {
+    const FileHandle logFile(logPath);
+    if (!logFile.isOpen()) {
         std::cout << "[ERROR] Could not find given transaction log: " << logPath << std::endl;
         return 1;
     }
-    if (!file_exists(certPath)) {
+    const FileHandle certificateFile(certPath);
+    if (!certificateFile.isOpen()) {
         std::cout << "Could not find given certificate: " << certPath << std::endl;
         return 1;
     }
     std::cout << "[INFO] Attempting to validate exported log file." << std::endl;
 
     std::vector<uint8_t> message;
-    if (!readWholeFile(logPath, message)) {
+    switch (readAtMost(logFile.fd(), MAX_LOG_FILE_SIZE, message)) {
+    case ReadOutcome::COMPLETE:
+        break;
+    case ReadOutcome::TOO_LARGE:
+        std::cout << "[ERROR] Transaction log is too large: " << logPath << std::endl;
+        return 1;
+    case ReadOutcome::FAILED:
         std::cout << "[ERROR] Could not read transaction log: " << logPath << std::endl;
         return 1;
     }
-    return verifyExportedLog(message, logPath, certPath);
+    return verifyExportedLog(message, logPath, certificateFile.fd(), certPath);
 }
 
 int runQrCodeFlow()
@@ -91,30 +84,52 @@ int runQrCodeFlow()
 
 } // namespace
 
-int verifyExportedLog(const std::vector<uint8_t>& contents, const char* logFile,
-                      const char* certificateFile)
+namespace {
+
+// The signed data and the signature of an exported log message, or nothing
+// when the message is too short to hold them (which is then reported).
+struct LogParts {
+    const uint8_t* signedData = nullptr;
+    uint32_t signedSize = 0;
+    const uint8_t* signature = nullptr;
+};
+
+bool cutExportedLog(const std::vector<uint8_t>& contents, const char* logFile, LogParts& parts)
 {
     const size_t fileSize = contents.size();
     if (fileSize < SMALLEST_LOG_FILE) {
         std::cout << "[ERROR] Transaction log is too short to hold a signed log message: " << logFile << std::endl;
-        return 1;
-    }
-    const uint8_t* signature = contents.data() + fileSize - RAW_SIGNATURE_SIZE;
-    const size_t headerSize = outerHeaderSize(fileSize);
-    const uint8_t* signedData = contents.data() + headerSize;
-    const size_t signedSize = fileSize - SIGNATURE_ELEMENT_SIZE - headerSize;
-    return verifySignature(signedData, static_cast<uint32_t>(signedSize),
-                           signature, RAW_SIGNATURE_SIZE, certificateFile);
-}
-
-bool file_exists(const std::string& path)
-{
-    std::FILE* file = std::fopen(path.c_str(), "r");
-    if (file == nullptr) {
         return false;
     }
-    std::fclose(file);
+    const size_t headerSize = outerHeaderSize(fileSize);
+    parts.signature = contents.data() + fileSize - RAW_SIGNATURE_SIZE;
+    parts.signedData = contents.data() + headerSize;
+    parts.signedSize = static_cast<uint32_t>(fileSize - SIGNATURE_ELEMENT_SIZE - headerSize);
     return true;
+}
+
+} // namespace
+
+int verifyExportedLog(const std::vector<uint8_t>& contents, const char* logFile,
+                      const char* certificateFile)
+{
+    LogParts parts;
+    if (!cutExportedLog(contents, logFile, parts)) {
+        return 1;
+    }
+    return verifySignature(parts.signedData, parts.signedSize, parts.signature, RAW_SIGNATURE_SIZE,
+                           certificateFile);
+}
+
+int verifyExportedLog(const std::vector<uint8_t>& contents, const char* logFile,
+                      int certificateFd, const char* certificateFile)
+{
+    LogParts parts;
+    if (!cutExportedLog(contents, logFile, parts)) {
+        return 1;
+    }
+    return verifySignatureWithCertificateFile(parts.signedData, parts.signedSize, parts.signature,
+                                              certificateFd, certificateFile);
 }
 
 void PrintVersion()

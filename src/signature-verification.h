@@ -11,7 +11,6 @@ extern const char* certPath;
 extern const char* logPath;
 extern std::string qrString;
 
-bool file_exists(const std::string& path);
 void PrintVersion();
 void PrintUsage(const char* programName);
 bool GetOptions(int argc, char* argv[]);
@@ -21,6 +20,9 @@ bool GetOptions(int argc, char* argv[]);
 // status of the log file mode.
 int verifyExportedLog(const std::vector<uint8_t>& contents, const char* logFile,
                       const char* certificateFile);
+// The same with a certificate file that the caller has open already.
+int verifyExportedLog(const std::vector<uint8_t>& contents, const char* logFile,
+                      int certificateFd, const char* certificateFile);
 
 #ifdef SIGNATURE_VERIFICATION_NO_MAIN
 int signatureVerificationMain(int argc, char* argv[]);

@@ -42,6 +42,7 @@ int main(int argc, char** argv)
                  "tse-check"};
     app.require_subcommand(1);
     app.failure_message(usageFailure);
+    app.set_version_flag("--version", std::string("tse-check ") + TSE_CHECK_VERSION);
 
     const std::vector<tsecheck::Command> commands = {
         tsecheck::addReadCommand(app),
@@ -52,6 +53,18 @@ int main(int argc, char** argv)
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
+        // The parser may stop at a missing subcommand or option first; the
+        // user learns more from the word it did not take.
+        const std::vector<std::string> unknown = app.remaining(true);
+        if (error.get_exit_code() != 0 && !unknown.empty()) {
+            const std::string& word = unknown.front();
+            const char* kind = word.rfind('-', 0) == 0     ? "option"
+                               : app.get_subcommands().empty() ? "subcommand"
+                                                               : "argument";
+            std::cerr << "[ERROR] Unknown " << kind << ": " << word << "\nRun with --help for more information."
+                      << std::endl;
+            return EXIT_BAD_INPUT;
+        }
         return app.exit(error) == 0 ? 0 : EXIT_BAD_INPUT;
     }
     for (const tsecheck::Command& command : commands) {

@@ -209,10 +209,9 @@ int verifyCommand(const VerifyOptions& options)
 Command addVerifyCommand(CLI::App& parent)
 {
     auto options = std::make_shared<VerifyOptions>();
-    CLI::App* app = parent.add_subcommand(
-        "verify", "Verify exported log messages of any type with the TSE's certificate.\n"
-                  "Without --cert, the certificates named *_X509* beside each log file are used.\n"
-                  "Exit status: 0 all valid, 1 any invalid or without certificate, 2 usage or unreadable file.");
+    CLI::App* app = parent.add_subcommand("verify", "Verify exported log messages of any type");
+    app->footer("Without --cert, the certificates named *_X509* beside each log file are used.\n"
+                "Exit status: 0 all valid, 1 any invalid or without certificate, 2 usage or unreadable file.");
     app->add_option("LOGFILE", options->logs, "Exported log messages (DER)")->required()->type_name("FILE...");
     app->add_option("--cert", options->certificates, "TSE certificate (PEM or DER); repeatable")
         ->type_name("FILE")

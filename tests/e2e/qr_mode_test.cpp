@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <regex>
+#include <algorithm>
 #include <tuple>
 
 #include "fixtures.h"
@@ -21,7 +21,8 @@ const EcKeyPtr kKey = fixtures::makeEcKey();
 
 std::string serialLine(const Bytes& publicKey = fixtures::rawPublicKey(kKey.get()))
 {
-    const std::string hex = std::regex_replace(fixtures::toHex(fixtures::sha256(publicKey)), std::regex(" "), "");
+    std::string hex = fixtures::toHex(fixtures::sha256(publicKey));
+    hex.erase(std::remove(hex.begin(), hex.end(), ' '), hex.end());
     return "\n[INFO] Derived Serial Number is: " + hex + "\n";
 }
 
@@ -83,7 +84,11 @@ TEST(QrMode, ValidCodesVerifyInEveryAcceptedSpelling)
     of256.processData = of255.processData + "x";
     const QrFields qr = signedQr(), keyLine = with(&QrFields::publicKey, qr.publicKey + "\n", qr),
                    qr255 = signedQr(of255), qr256 = signedQr(of256);
-    const std::string quoted = "\"" + std::regex_replace(qr.text(), std::regex(";"), "\";\"") + "\"";  // each field
+    std::string quoted = "\"";  // each field
+    for (char c : qr.text()) {
+        quoted += c == ';' ? std::string("\";\"") : std::string(1, c);
+    }
+    quoted += "\"";
     const std::tuple<std::string, QrFields, LogFields> cases[] = {{qr.text(), qr, plain},
         {quoted, qr, plain}, {";" + qr.text() + ";;", qr, plain}, {keyLine.text(), keyLine, plain},
         {qr255.text(), qr255, of255}, {qr256.text(), qr256, of256}};
@@ -113,6 +118,8 @@ TEST(QrMode, CodesThatCannotBeVerifiedEndWithStatus1)
          error("Algorithm ecdsa-plain-SHA256 is not supported.") + refused},
         {edit("unixTime", "unixTime ", good.text()), error("logTimeFormat unixTime  is not supported.") + refused},
         {edit("V0", "V0\"", good.text()), error("qrCodeVersion V0\" is not supported.") + refused},
+        // Quotes are stripped only from a text that begins with one.
+        {good.text() + "\"", error("Public Key base64 decode failed.")},
         {with(&QrFields::publicKey, "!" + good.publicKey).text(), error("Public Key base64 decode failed.")},
         {with(&QrFields::publicKey, base64(Bytes(96, 4))).text(), error("Public Key has 96 bytes, expected 97.")},
         {with(&QrFields::signature, "*").text(), serial + error("Signature base64 decode failed.")},
@@ -160,6 +167,7 @@ TEST(QrMode, NumbersAndLogTimesVerifyUnderAnyHostZone)
         {"4294967295", 4294967295, "2020-06-23T14:20:10+00:30", 1592922010, "TZ Hour: 0\nTZ MIN: 30\n"},
         {"0538", 538, "2020-06-23T14:20:10-00:30", 1592922010, "TZ Hour: 0\nTZ MIN: 30\n"},
         {"12abc", 12, "2020-06-30T23:30:00-01:00", 1593563400, "TZ Hour: -1\nTZ MIN: 0\n"},
+        {"1", 1, "2020-06-23T14:20:10Z-01:30", 1592927410, "TZ Hour: -1\nTZ MIN: 30\n"},
     };
     for (const auto& [number, value, logTime, seconds, offsetLines] : cases) {
         LogFields fields;  // the number is both the transaction number and the signature counter

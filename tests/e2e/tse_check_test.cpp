@@ -47,6 +47,11 @@ TEST(TseCheck, ReadToQrAndHelp)
     EXPECT_EQ(result.out, qr.text() + "\n");
     qr.startTime = qr.logTime;  // by default
     EXPECT_EQ(run(tseCheckPath(), {"to-qr", "--cert", tse.cert, log}).out, qr.text() + "\n");
+    result = run(tseCheckPath(), {"--version"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out.rfind("tse-check ", 0), 0u) << result.out;
+    EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '.'), 2) << result.out;
+    EXPECT_EQ(result.out.find_first_not_of("0123456789.", 10), result.out.size() - 1) << result.out;
     result = run(tseCheckPath(), {"to-qr", "--help"});
     EXPECT_EQ(result.status, 0);
     EXPECT_NE(result.out.find("Usage: tse-check to-qr"), std::string::npos) << result.out;
@@ -63,21 +68,39 @@ TEST(TseCheck, RefusesWithStatusAndReason)
     forged.back() ^= 1;
     const std::string foreign = fixtures::certificatePem(fixtures::makeEcKey().get());
     const std::string p256 = fixtures::certificatePem(fixtures::makeEcKey("prime256v1").get());
+    const std::string log = t.dir.write("a.log", message), missing = t.dir.path("missing");
+    const std::string directory = t.dir.path("");
     const struct {
         Args args;
         int status;
         const char* reason;  // part of the [ERROR] line on standard error
     } cases[] = {
         {{"read", t.cert}, 2, "cannot be read as a log message: expected the log message's SEQUENCE"},
+        // Usage errors name the word that was not understood.
+        {{"frobnicate", log}, 2, "frobnicate"},
+        {{"--frobnicate", "read", log}, 2, "--frobnicate"},
+        {{"read", "--frobnicate", log}, 2, "--frobnicate"},
+        {{"to-qr", "--certificate", t.cert, log}, 2, "--certificate"},
+        // Files: the limit of a log is 16 MiB, read as far as the content allows.
+        {{"read", t.dir.write("16MiB.log", Bytes(16u << 20, 0x30))}, 2, "cannot be read as a log message"},
         {{"read", t.dir.write("big.log", Bytes((16u << 20) + 1, 0x30))}, 2, "is larger than 16777216 bytes"},
+        {{"read", missing}, 2, missing.c_str()},
+        {{"read", directory}, 2, directory.c_str()},
+        {{"to-qr", "--cert", missing, log}, 2, missing.c_str()},
         {toQr("forged.log", forged), 1, "does not verify with certificate"},
         {toQr("a.log", message, t.dir.write("foreign.pem", foreign)), 2, "does not belong to the TSE"},
         {toQr("a.log", message, t.dir.write("p256.pem", p256)), 2, "does not belong to the TSE"},
         {toQr("semicolon.log", t.message({"FinishTransaction", "K1", "a;b", "PT", 7, 538, 0, {}})), 2,
          "processData holds \";\""},
+        {toQr("empty.log", t.message({"FinishTransaction", "K1", "p", "", 7, 538, 0, {}})), 2, "processType"},
+        {toQr("zero.log", t.message({"FinishTransaction", std::string("K\0" "1", 3), "p", "PT", 7, 538, 0, {}})), 2,
+         "clientId"},
+        {toQr("update.log", t.message({"UpdateTransaction", "K1", "p", "PT", 7, 538, 0, {}})), 2,
+         "UpdateTransaction"},
     };
     for (const auto& c : cases) {
         const auto result = run(tseCheckPath(), c.args);
+        SCOPED_TRACE(::testing::PrintToString(c.args));
         EXPECT_EQ(result.status, c.status) << c.reason;
         EXPECT_EQ(result.out, "");
         EXPECT_EQ(result.err.rfind("[ERROR] ", 0), 0u) << result.err;

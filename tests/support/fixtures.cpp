@@ -1,12 +1,16 @@
 #include "fixtures.h"
 
 #include <fcntl.h>
+#include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <iomanip>
 #include <sstream>
 #include <stdexcept>
+#include <sys/resource.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 #include <openssl/pem.h>
@@ -76,6 +80,15 @@ Bytes text(const std::string& s)
 void append(Bytes& to, const Bytes& from)
 {
     to.insert(to.end(), from.begin(), from.end());
+}
+
+// What the process holds in memory now, from /proc.
+long residentKiB(pid_t process)
+{
+    std::ifstream statm("/proc/" + std::to_string(process) + "/statm");
+    long sizePages = 0, residentPages = 0;
+    statm >> sizePages >> residentPages;
+    return residentPages * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
 std::string readFile(const std::string& path)
@@ -300,7 +313,7 @@ std::string TempDir::write(const std::string& name, const std::string& contents)
 }
 
 RunResult run(const std::string& program, const std::vector<std::string>& arguments,
-              const std::vector<std::string>& environment)
+              const std::vector<std::string>& environment, RunLimits limits)
 {
     TempDir capture;
     const std::string outPath = capture.path("out"), errPath = capture.path("err");
@@ -324,8 +337,28 @@ RunResult run(const std::string& program, const std::vector<std::string>& argume
         _exit(127);
     }
     int status = 0;
-    require(waitpid(child, &status, 0) == child, "waitpid");
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), readFile(outPath), readFile(errPath)};
+    rusage usage{};
+    std::string stopped;
+    if (limits.seconds == 0 && limits.rssKiB == 0) {
+        require(wait4(child, &status, 0, &usage) == child, "wait4");
+    } else {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(limits.seconds);
+        while (wait4(child, &status, WNOHANG, &usage) == 0) {
+            if (limits.seconds != 0 && std::chrono::steady_clock::now() > deadline) {
+                stopped = "ran longer than " + std::to_string(limits.seconds) + " s";
+            } else if (limits.rssKiB != 0 && residentKiB(child) > limits.rssKiB) {
+                stopped = "held more than " + std::to_string(limits.rssKiB) + " KiB";
+            }
+            if (!stopped.empty()) {
+                kill(child, SIGKILL);
+                require(wait4(child, &status, 0, &usage) == child, "wait4");
+                break;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    }
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), readFile(outPath), readFile(errPath),
+            usage.ru_maxrss, stopped};
 }
 
 std::string verifierPath()

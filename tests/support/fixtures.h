@@ -91,14 +91,22 @@ private:
 };
 
 struct RunResult {
-    int status = -1;
+    int status = -1;  // 128 + N after signal N
     std::string out;
     std::string err;
+    long maxRssKiB = 0;   // the most memory the program held
+    std::string stopped;  // why it was killed, when it was
+};
+// A program that outlives the time or grows beyond the memory is killed, so
+// a fault costs a failed test instead of the machine. Zero: no limit.
+struct RunLimits {
+    int seconds = 0;
+    long rssKiB = 0;
 };
 // Runs the program with the arguments (not through a shell) and with the
 // extra environment settings given as NAME=value.
 RunResult run(const std::string& program, const std::vector<std::string>& arguments,
-              const std::vector<std::string>& environment = {});
+              const std::vector<std::string>& environment = {}, RunLimits limits = {});
 std::string verifierPath();
 std::string tseCheckPath();
 

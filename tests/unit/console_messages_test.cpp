@@ -42,6 +42,9 @@ TEST_F(ConsoleMessages, ReadingAndClearingTouchOnlyTheirLevel)
     EXPECT_EQ(getErrorMsg(ERROR_LOG), "first\ntwo\nlines\n\n");
     send("later", ERROR_LOG);
     EXPECT_EQ(getErrorMsg(ERROR_ALL), "qr\n\nlater\n\n");
+    send("everywhere", ERROR_ALL);
+    clearErrorMsg(ERROR_ALL);
+    EXPECT_EQ(getErrorMsg(ERROR_LOG) + getErrorMsg(ERROR_QR) + getErrorMsg(ERROR_CMP), "");
 }
 
 // A silenced message is still collected; a failed stream comes back good,

@@ -87,6 +87,7 @@ TEST(Reader, ReadsFieldsOrNamesTheFirstDeviation)
         {"other algorithm", ALGORITHM, fromHex("30 0C 06 0A 04 00 7F 00 07 01 01 04 01 03"), "WrongSignatureAlgorithm"},
         {"tag 0x31", ALGORITHM, fromHex("31 0C 06 0A 04 00 7F 00 07 01 01 04 01 04"), "ExpectedSignatureAlgorithm"},
         {"no client ID", CLIENT, {}, "ExpectedClientID", &Record::operationType, "FinishTransaction"},
+        {"eight length octets", CLIENT, fromHex("81 88 00 00 00 00 00 00 00 02 4B 31"), nullptr, &Record::clientId, "K1"},
         {"nine length octets", CLIENT, fromHex("81 89 00 00 00 00 00 00 00 00 02 4B 31"), "ExpectedClientID"},
         {"length 2^64 - 1", PROCESS_DATA, fromHex("82 88 FF FF FF FF FF FF FF FF 41"), "ExpectedProcessData"},
         {"empty", OPERATION, fromHex("80 00"), nullptr, &Record::operationType, ""},
