@@ -24,6 +24,7 @@ MAIN_BUILD_ARGS=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_TESTING=ON
 SAMPLE_CERT=samples/demo-tse-certificate.pem
 SAMPLE_LOG=samples/Unixt_1627903738_Sig-1207_Log-Tra_No-538_Finish_Client-DEMO-KASSE-01.log
 SAMPLE_QR=samples/demo-receipt-qr-code.txt
+SAMPLE_PICTURE=samples/demo-receipt.png
 
 log() {
     printf '\n==> %s\n' "$*"

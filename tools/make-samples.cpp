@@ -1,5 +1,7 @@
 // Writes the demo samples: the demo TSE's key and certificate, one exported
-// log message and one receipt QR code text, both signed with the demo key.
+// log message and one receipt QR code text, both signed with the demo key,
+// and a picture of the receipt with that QR code, as a slightly turned and
+// unevenly lit photo.
 // An existing demo key in the folder is reused, so the certificate and the
 // signed samples stay consistent with it.
 #include <cstdio>
@@ -9,6 +11,7 @@
 #include <openssl/pem.h>
 
 #include "fixtures.h"
+#include "receipt_pictures.h"
 
 namespace {
 
@@ -63,11 +66,15 @@ int main(int argc, char* argv[])
     // The receipt carries the signature of the same finish log message.
     qr.signature = fixtures::base64(fixtures::Bytes(log.end() - 96, log.end()));
 
+    const pictures::Picture photo = pictures::shaded(pictures::rotated(pictures::receipt({qr.text()}, 4), -6), 0.4);
+    const pictures::Bytes picture = pictures::png(photo);
+
     const bool written =
         writeFile(dir + "/demo-tse-certificate.pem", fixtures::certificatePem(key.get(), "Demo TSE (not a real device)")) &&
         writeFile(dir + "/Unixt_1627903738_Sig-1207_Log-Tra_No-538_Finish_Client-DEMO-KASSE-01.log",
                   std::string(log.begin(), log.end())) &&
-        writeFile(dir + "/demo-receipt-qr-code.txt", qr.text() + "\n");
+        writeFile(dir + "/demo-receipt-qr-code.txt", qr.text() + "\n") &&
+        writeFile(dir + "/demo-receipt.png", std::string(picture.begin(), picture.end()));
     if (!written) {
         std::cerr << "cannot write the samples to " << dir << "\n";
         return 1;

@@ -1,0 +1,115 @@
+#include "grey_image.h"
+
+#include <algorithm>
+#include <cstddef>
+
+namespace tse {
+
+namespace {
+
+// Mean over a (2r+1)-pixel window along rows, then along columns, with
+// running sums so the cost does not grow with the radius.
+std::vector<uint32_t> boxMean(const GreyImage& image, int radius)
+{
+    const int w = image.width;
+    const int h = image.height;
+    std::vector<uint32_t> rows(static_cast<size_t>(w) * h);
+    for (int y = 0; y < h; ++y) {
+        const uint8_t* in = &image.pixels[static_cast<size_t>(y) * w];
+        uint32_t* out = &rows[static_cast<size_t>(y) * w];
+        uint32_t sum = 0;
+        int count = 0;
+        for (int x = 0; x <= std::min(radius, w - 1); ++x, ++count) sum += in[x];
+        for (int x = 0; x < w; ++x) {
+            out[x] = sum / count;
+            if (x + radius + 1 < w) { sum += in[x + radius + 1]; ++count; }
+            if (x - radius >= 0) { sum -= in[x - radius]; --count; }
+        }
+    }
+    std::vector<uint32_t> mean(rows.size());
+    for (int x = 0; x < w; ++x) {
+        uint32_t sum = 0;
+        int count = 0;
+        for (int y = 0; y <= std::min(radius, h - 1); ++y, ++count) sum += rows[static_cast<size_t>(y) * w + x];
+        for (int y = 0; y < h; ++y) {
+            mean[static_cast<size_t>(y) * w + x] = sum / count;
+            if (y + radius + 1 < h) { sum += rows[static_cast<size_t>(y + radius + 1) * w + x]; ++count; }
+            if (y - radius >= 0) { sum -= rows[static_cast<size_t>(y - radius) * w + x]; --count; }
+        }
+    }
+    return mean;
+}
+
+}  // namespace
+
+GreyImage halved(const GreyImage& image)
+{
+    GreyImage out;
+    out.width = image.width / 2;
+    out.height = image.height / 2;
+    out.pixels.resize(static_cast<size_t>(out.width) * out.height);
+    for (int y = 0; y < out.height; ++y) {
+        const uint8_t* top = &image.pixels[static_cast<size_t>(2 * y) * image.width];
+        const uint8_t* bottom = top + image.width;
+        for (int x = 0; x < out.width; ++x) {
+            const unsigned sum = top[2 * x] + top[2 * x + 1] + bottom[2 * x] + bottom[2 * x + 1];
+            out.pixels[static_cast<size_t>(y) * out.width + x] = static_cast<uint8_t>((sum + 2) / 4);
+        }
+    }
+    return out;
+}
+
+GreyImage evenlyLit(const GreyImage& image)
+{
+    if (image.width == 0 || image.height == 0) {
+        return image;
+    }
+    // Wider than a QR code's modules, narrower than a lighting gradient.
+    const int radius = std::max(8, std::min(image.width, image.height) / 16);
+    const std::vector<uint32_t> background = boxMean(image, radius);
+    GreyImage out{image.width, image.height, std::vector<uint8_t>(image.pixels.size())};
+    for (size_t i = 0; i < image.pixels.size(); ++i) {
+        const uint32_t level = std::max<uint32_t>(background[i], 1);
+        // A pixel as bright as its surroundings becomes light grey, darker
+        // ones scale down from there.
+        const uint32_t value = image.pixels[i] * 200u / level;
+        out.pixels[i] = static_cast<uint8_t>(std::min<uint32_t>(value, 255));
+    }
+    return out;
+}
+
+GreyImage sharpened(const GreyImage& image)
+{
+    if (image.width == 0 || image.height == 0) {
+        return image;
+    }
+    const std::vector<uint32_t> local = boxMean(image, 2);
+    GreyImage out{image.width, image.height, std::vector<uint8_t>(image.pixels.size())};
+    for (size_t i = 0; i < image.pixels.size(); ++i) {
+        const int value = 2 * image.pixels[i] - static_cast<int>(local[i]);
+        out.pixels[i] = static_cast<uint8_t>(std::clamp(value, 0, 255));
+    }
+    return out;
+}
+
+GreyImage doubled(const GreyImage& image)
+{
+    GreyImage out{image.width * 2, image.height * 2, {}};
+    out.pixels.resize(static_cast<size_t>(out.width) * out.height);
+    for (int y = 0; y < out.height; ++y) {
+        const int sy = std::min(y / 2 + (y % 2), image.height - 1);
+        const int ty = y / 2;
+        for (int x = 0; x < out.width; ++x) {
+            const int sx = std::min(x / 2 + (x % 2), image.width - 1);
+            const int tx = x / 2;
+            const unsigned sum = image.pixels[static_cast<size_t>(ty) * image.width + tx] +
+                                 image.pixels[static_cast<size_t>(ty) * image.width + sx] +
+                                 image.pixels[static_cast<size_t>(sy) * image.width + tx] +
+                                 image.pixels[static_cast<size_t>(sy) * image.width + sx];
+            out.pixels[static_cast<size_t>(y) * out.width + x] = static_cast<uint8_t>((sum + 2) / 4);
+        }
+    }
+    return out;
+}
+
+}  // namespace tse

@@ -1,0 +1,32 @@
+#ifndef TSE_CORE_GREY_IMAGE_H
+#define TSE_CORE_GREY_IMAGE_H
+
+#include <cstdint>
+#include <vector>
+
+namespace tse {
+
+// One byte of brightness per pixel, rows top to bottom without padding:
+// all the QR reader needs, whatever the picture's colour model was.
+struct GreyImage {
+    int width = 0;
+    int height = 0;
+    std::vector<uint8_t> pixels;
+};
+
+// Half the size in each direction, each pixel the mean of four: halves the
+// width of a blur and averages noise away.
+GreyImage halved(const GreyImage& image);
+// Divides out slowly varying brightness (a shadow, a lamp on one side) and
+// stretches what is left to the full range.
+GreyImage evenlyLit(const GreyImage& image);
+
+// Each pixel pushed away from the mean of its 5x5 neighbourhood: steeper
+// edges where blur has flattened them.
+GreyImage sharpened(const GreyImage& image);
+// Twice the size in each direction, interpolated.
+GreyImage doubled(const GreyImage& image);
+
+}  // namespace tse
+
+#endif

@@ -1,0 +1,31 @@
+#ifndef TSE_CORE_PDF_PAGES_H
+#define TSE_CORE_PDF_PAGES_H
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "bytes.h"
+#include "grey_image.h"
+
+namespace tse {
+
+// Receipts come one per page or a month's worth in one file; a file with
+// more pages than this is no receipt collection.
+constexpr int maxPdfPages = 200;
+// 300 dpi sets about 4 pixels on each module of a 2 cm code holding a
+// 300-character receipt; a page too large for this is rendered coarser
+// so that no page exceeds maxPageRenderPixels.
+constexpr double pdfRenderDpi = 300.0;
+constexpr int64_t maxPageRenderPixels = 40'000'000;
+
+// Renders every page of the PDF in grey and hands each to onPage with its
+// 1-based number. Returns an error text when the data is no PDF poppler can
+// open (or has too many pages); empty when every page was rendered. A page
+// that cannot be rendered is reported as an error as well, after the pages
+// before it were handed on.
+std::string renderPdfPages(ByteView data, const std::function<void(int page, const GreyImage&)>& onPage);
+
+}  // namespace tse
+
+#endif

@@ -1,0 +1,166 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <random>
+
+#include "parallel.h"
+#include "qr_image.h"
+#include "receipt_pictures.h"
+
+using pictures::Bytes;
+using pictures::Picture;
+
+namespace {
+
+// Two real receipts, one per common curve: the longer one makes a denser
+// code.
+const std::string& p256Receipt()
+{
+    static const std::string text = pictures::signedReceiptText(tse::Curve::Secp256r1, tse::Hash::Sha256, 41);
+    return text;
+}
+const std::string& brainpoolReceipt()
+{
+    static const std::string text = pictures::signedReceiptText(tse::Curve::BrainpoolP384r1, tse::Hash::Sha384, 42);
+    return text;
+}
+
+std::vector<std::string> sortedTexts(const tse::ImageScan& scan)
+{
+    std::vector<std::string> texts;
+    for (const tse::ImageCode& code : scan.codes) {
+        texts.push_back(code.text);
+    }
+    std::sort(texts.begin(), texts.end());
+    return texts;
+}
+
+struct PhotoCase {
+    const char* name;
+    std::function<Bytes(const Picture&)> spoil;
+};
+
+// The receipt, four pixels to a module, as photos and scans spoil it.
+TEST(ScanImage, ReadsBothCodesOfASpoiltReceipt)
+{
+    const Picture receipt = pictures::receipt({p256Receipt(), brainpoolReceipt()}, 4);
+    const std::vector<PhotoCase> cases = {
+        {"plain PNG", [](const Picture& p) { return pictures::png(p); }},
+        {"turned 37 degrees", [](const Picture& p) { return pictures::jpeg(pictures::rotated(p, 37), 85); }},
+        {"turned 90 degrees", [](const Picture& p) { return pictures::jpeg(pictures::rotated(p, 90), 85); }},
+        {"upside down", [](const Picture& p) { return pictures::jpeg(pictures::rotated(p, 180), 85); }},
+        {"turned 200 degrees", [](const Picture& p) { return pictures::jpeg(pictures::rotated(p, 200), 85); }},
+        {"perspective", [](const Picture& p) { return pictures::jpeg(pictures::perspective(p, 0.2), 85); }},
+        {"blurred", [](const Picture& p) { return pictures::jpeg(pictures::blurred(p, 2.0), 85); }},
+        {"noisy", [](const Picture& p) { return pictures::jpeg(pictures::noisy(p, 50, 1), 85); }},
+        {"shaded", [](const Picture& p) { return pictures::jpeg(pictures::shaded(p, 0.8), 85); }},
+        {"JPEG quality 15", [](const Picture& p) { return pictures::jpeg(p, 15); }},
+        {"two pixels a module", [](const Picture& p) { return pictures::jpeg(pictures::scaled(p, 0.5), 85); }},
+        {"all at once",
+         [](const Picture& p) {
+             const Picture photo = pictures::perspective(pictures::rotated(p, 163), 0.08);
+             return pictures::jpeg(pictures::noisy(pictures::shaded(pictures::blurred(photo, 1.2), 0.5), 12, 3), 60);
+         }},
+    };
+    std::vector<std::string> expected = {p256Receipt(), brainpoolReceipt()};
+    std::sort(expected.begin(), expected.end());
+    for (const PhotoCase& photo : cases) {
+        const tse::ImageScan scan = tse::scanImage(photo.spoil(receipt));
+        EXPECT_EQ(scan.error, "") << photo.name;
+        EXPECT_EQ(sortedTexts(scan), expected) << photo.name;
+        for (const tse::ImageCode& code : scan.codes) {
+            EXPECT_EQ(code.page, 0) << photo.name;
+        }
+    }
+}
+
+TEST(ScanImage, ReportsCodesTopToBottom)
+{
+    const tse::ImageScan scan = tse::scanImage(pictures::png(pictures::receipt({brainpoolReceipt(), p256Receipt()}, 4)));
+    ASSERT_EQ(scan.codes.size(), 2u);
+    EXPECT_EQ(scan.codes[0].text, brainpoolReceipt());
+    EXPECT_EQ(scan.codes[1].text, p256Receipt());
+}
+
+TEST(ScanImage, ReadsEveryPageOfAPdfAndNamesThePage)
+{
+    const Picture first = pictures::rotated(pictures::receipt({p256Receipt()}, 4), 8);
+    const Picture second = pictures::receipt({brainpoolReceipt(), p256Receipt()}, 4);
+    const tse::ImageScan scan = tse::scanImage(pictures::pdfOfJpegs({first, second}, 75, 200));
+    EXPECT_EQ(scan.error, "");
+    ASSERT_EQ(scan.codes.size(), 3u);
+    EXPECT_EQ(scan.codes[0].page, 1);
+    EXPECT_EQ(scan.codes[0].text, p256Receipt());
+    EXPECT_EQ(scan.codes[1].page, 2);
+    EXPECT_EQ(scan.codes[1].text, brainpoolReceipt());
+    EXPECT_EQ(scan.codes[2].page, 2);
+}
+
+TEST(ScanImage, APictureWithoutCodeHasNoCodeAndNoError)
+{
+    for (const Bytes& data : {pictures::png(pictures::receiptWithoutCode()),
+                              pictures::pdfOfJpegs({pictures::receiptWithoutCode()}, 75, 200)}) {
+        const tse::ImageScan scan = tse::scanImage(data);
+        EXPECT_EQ(scan.error, "");
+        EXPECT_TRUE(scan.codes.empty());
+    }
+}
+
+Bytes pngHeaderClaiming(uint32_t width, uint32_t height)
+{
+    Bytes png = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n', 0, 0, 0, 13, 'I', 'H', 'D', 'R'};
+    for (uint32_t value : {width, height}) {
+        for (int shift = 24; shift >= 0; shift -= 8) {
+            png.push_back(static_cast<uint8_t>(value >> shift));
+        }
+    }
+    png.insert(png.end(), {8, 0, 0, 0, 0, 0, 0, 0, 0});  // grey, 8 bits; a CRC nobody checks
+    return png;
+}
+
+TEST(ScanImage, RejectsWhatIsNoReadablePicture)
+{
+    std::mt19937 random(5);
+    Bytes noise(4096);
+    for (uint8_t& byte : noise) {
+        byte = static_cast<uint8_t>(random());
+    }
+    const Bytes png = pictures::png(pictures::receipt({p256Receipt()}, 4));
+    const Bytes jpeg = pictures::jpeg(pictures::receipt({p256Receipt()}, 4), 80);
+    const std::string brokenPdf = "%PDF-1.4\n1 0 obj << /Type /Catalog >> endobj\ntrailer << >>\n";
+    const struct {
+        const char* name;
+        Bytes data;
+        const char* error;
+    } cases[] = {
+        {"empty", {}, "not a PNG, JPEG or PDF"},
+        {"random bytes", noise, "not a PNG, JPEG or PDF"},
+        {"truncated PNG", Bytes(png.begin(), png.begin() + static_cast<long>(png.size() / 2)), "damaged or cut off"},
+        {"PNG signature only", Bytes(png.begin(), png.begin() + 8), "header cannot be read"},
+        {"JPEG marker only", Bytes(jpeg.begin(), jpeg.begin() + 3), "header cannot be read"},
+        {"PNG of 20000 x 20000 pixels", pngHeaderClaiming(20000, 20000), "more than the 100 megapixels"},
+        {"PDF without pages", Bytes(brokenPdf.begin(), brokenPdf.end()), "PDF"},
+    };
+    for (const auto& bad : cases) {
+        const tse::ImageScan scan = tse::scanImage(bad.data);
+        EXPECT_NE(scan.error.find(bad.error), std::string::npos) << bad.name << ": " << scan.error;
+        EXPECT_TRUE(scan.codes.empty()) << bad.name;
+    }
+}
+
+TEST(ScanImage, ScansManyPicturesAtOnce)
+{
+    const std::vector<Bytes> inputs = {
+        pictures::jpeg(pictures::rotated(pictures::receipt({p256Receipt()}, 4), 30), 80),
+        pictures::pdfOfJpegs({pictures::receipt({brainpoolReceipt()}, 4)}, 75, 200),
+    };
+    std::vector<tse::ImageScan> scans(8);
+    tse::parallelFor(scans.size(), 4, [&](size_t i) { scans[i] = tse::scanImage(inputs[i % 2]); });
+    for (size_t i = 0; i < scans.size(); ++i) {
+        ASSERT_EQ(scans[i].codes.size(), 1u) << i;
+        EXPECT_EQ(scans[i].codes[0].text, i % 2 == 0 ? p256Receipt() : brainpoolReceipt());
+    }
+}
+
+}  // namespace
