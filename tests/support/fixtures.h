@@ -100,6 +100,10 @@ struct RunResult {
 RunResult run(const std::string& program, const std::vector<std::string>& arguments,
               const std::vector<std::string>& environment = {});
 std::string verifierPath();
+
+// A real TSE export from tests/data/real-exports (NAME.tar) unpacked into a
+// new directory below dir; returns that directory.
+std::string unpackRealExport(const TempDir& dir, const std::string& name);
 std::string tseCheckPath();
 
 }  // namespace fixtures
