@@ -2,6 +2,7 @@
 // `tse-check read` shows them and verified with a fixed key.
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 #include <vector>
 
 #include "algorithms.h"
@@ -16,13 +17,13 @@ namespace {
 // that inputs near them reach the signature check itself.
 const tse::PublicKey& fixedKey()
 {
-    static const tse::PublicKey key = *tse::keyFromSubjectPublicKeyInfo(
-                                           "-----BEGIN PUBLIC KEY-----\n"
-                                           "MHYwEAYHKoZIzj0CAQYFK4EEACIDYgAEeu/sgADuI4imEqOS/QQZtJhTZOPH7Wcc\n"
-                                           "TG8Lm2nYHVrC1MjPxZNOSs6LCQLDwwDOyC+60n+pg7VlYL+0Xn3gxEAQKJGP4Vkb\n"
-                                           "En7t+/PCbW8Vg8BozXLRWa8+gCDnY7EP\n"
-                                           "-----END PUBLIC KEY-----\n")
-                                           .key;
+    static constexpr std::string_view PEM =
+        "-----BEGIN PUBLIC KEY-----\n"
+        "MHYwEAYHKoZIzj0CAQYFK4EEACIDYgAEeu/sgADuI4imEqOS/QQZtJhTZOPH7Wcc\n"
+        "TG8Lm2nYHVrC1MjPxZNOSs6LCQLDwwDOyC+60n+pg7VlYL+0Xn3gxEAQKJGP4Vkb\n"
+        "En7t+/PCbW8Vg8BozXLRWa8+gCDnY7EP\n"
+        "-----END PUBLIC KEY-----\n";
+    static const tse::PublicKey key = *tse::keyFromSubjectPublicKeyInfo(PEM).key;
     return key;
 }
 
