@@ -202,7 +202,7 @@ TEST(TseCheck, VerifyFindsCertificatesAndReportsEachLog)
     EXPECT_NE(document[1]["reason"].get<std::string>().find("does not match"), std::string::npos);
     EXPECT_EQ(document[2]["verdict"], "unreadable");
     EXPECT_TRUE(document[2]["type"].is_null());
-    EXPECT_NE(document[2]["reason"].get<std::string>().find("announces 3 content octets, but only 2 remain (at byte 0)"), std::string::npos) << document[2];
+    EXPECT_EQ(document[2]["reason"], "element 0x30 announces 3 content octets, but only 2 remain (at byte 0)");
 }
 
 TEST(TseCheck, ReadShowsEveryElementOnItsOwnLine)
@@ -259,10 +259,18 @@ TEST(TseCheck, ToQrForEveryAlgorithmAndTimeForm)
     fixtures::TempDir dir;
     const std::string p256Cert = dir.write("p256.pem", p256.pem()), bp384Cert = dir.write("bp384.crt", bp384.der());
     const std::string unix256 = dir.write("unix.log", p256.log());
-    const std::string utc256 = dir.write("utc.log", p256.log(transaction({"FinishTransaction", "K1", {'p'}, "PT", {}, 1, {}}, tse::TimeFormat::UtcTime)));
+    const tse::TransactionData small{"FinishTransaction", "K1", {'p'}, "PT", {}, 1, {}};
+    const std::string utc256 = dir.write("utc.log", p256.log(transaction(small, tse::TimeFormat::UtcTime)));
     // Numbers at their width limits, and a processData longer than 255 octets.
-    const std::string bp = dir.write("bp.log", bp384.log(transaction({"FinishTransaction", std::string(200, 'c'), Bytes(1000, 'p'), "\xC3\xA4", {}, UINT32_MAX, {}}, tse::TimeFormat::UnixTime, 2147483648u)));
-    const std::string system = dir.write("system.log", p256.log(tse::LogContent{2, tse::LogType::System, tse::encodeSystemData({"updateTime", {}}), {}, {}, {}, 1, tse::encodeLogTime(tse::TimeFormat::UnixTime, 1)}));
+    const tse::TransactionData wide{"FinishTransaction", std::string(200, 'c'), Bytes(1000, 'p'), "\xC3\xA4", {},
+                                    UINT32_MAX, {}};
+    const std::string bp = dir.write("bp.log", bp384.log(transaction(wide, tse::TimeFormat::UnixTime, 2147483648u)));
+    tse::LogContent systemLog = transaction();
+    systemLog.type = tse::LogType::System;
+    systemLog.certifiedData = tse::encodeSystemData({"updateTime", {}});
+    const std::string system = dir.write("system.log", p256.log(systemLog));
+    tse::TransactionData semicolon = small;
+    semicolon.processData = {'a', ';'};
     Bytes forged = p256.log();
     forged.back() ^= 1;
     // A certificate handed over through a pipe can be read only once.
@@ -276,8 +284,10 @@ TEST(TseCheck, ToQrForEveryAlgorithmAndTimeForm)
         int status;
         std::vector<std::pair<size_t, std::string>> fields;  // QR code fields by position; or part of the error
     } cases[] = {
-        {{"to-qr", "--cert", p256Cert, unix256}, 0, {{5, "538"}, {7, "2021-08-02T11:28:58.000Z"}, {8, "ecdsa-plain-SHA256"}, {9, "unixTime"}}},
-        {{"to-qr", "--cert", p256Cert, utc256, "--start-time", "2021-08-02T13:27:00+02:00"}, 0, {{6, "2021-08-02T13:27:00+02:00"}, {7, "2021-08-02T11:28:58.000Z"}, {9, "utcTime"}}},
+        {{"to-qr", "--cert", p256Cert, unix256}, 0,
+         {{5, "538"}, {7, "2021-08-02T11:28:58.000Z"}, {8, "ecdsa-plain-SHA256"}, {9, "unixTime"}}},
+        {{"to-qr", "--cert", p256Cert, utc256, "--start-time", "2021-08-02T13:27:00+02:00"}, 0,
+         {{6, "2021-08-02T13:27:00+02:00"}, {7, "2021-08-02T11:28:58.000Z"}, {9, "utcTime"}}},
         {{"to-qr", "--cert", "/dev/fd/" + std::to_string(pipeEnds[0]), unix256}, 0, {{8, "ecdsa-plain-SHA256"}}},
         {{"to-qr", "--cert", bp384Cert, bp}, 0, {{4, "4294967295"}, {5, "2147483648"}, {8, "ecdsa-plain-SHA384"}}},
         {{"to-qr", "--cert", p256Cert, unix256, "--start-time", "02.08.2021"}, 2, {{0, "is not an ISO 8601 time"}}},
@@ -285,7 +295,8 @@ TEST(TseCheck, ToQrForEveryAlgorithmAndTimeForm)
         {{"to-qr", "--cert", p256Cert, dir.write("forged.log", forged)}, 1, {{0, "does not verify with certificate"}}},
         {{"to-qr", "--cert", bp384Cert, unix256}, 2, {{0, "does not belong to the TSE"}}},
         {{"to-qr", "--cert", p256Cert, system}, 2, {{0, "a receipt QR code stands for a FinishTransaction only"}}},
-        {{"to-qr", "--cert", p256Cert, dir.write("semicolon.log", p256.log(transaction({"FinishTransaction", "K1", {'a', ';'}, "PT", {}, 1, {}})))}, 2, {{0, "processData holds \";\""}}},
+        {{"to-qr", "--cert", p256Cert, dir.write("semicolon.log", p256.log(transaction(semicolon)))}, 2,
+         {{0, "processData holds \";\""}}},
         {{"to-qr", "--cert", p256Cert, dir.write("big.log", Bytes((16u << 20) + 1, 0x30))}, 2, {{0, "is larger than 16777216 bytes"}}},
     };
     for (const auto& c : cases) {

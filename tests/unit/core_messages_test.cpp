@@ -97,7 +97,9 @@ TEST(CoreMessages, EveryLogTypeAndTimeFormReadsBack)
     using Fields = std::vector<std::pair<std::string, std::string>>;
     const Bytes start = tse::derElement(0x80, text("StartTransaction")), client = tse::derElement(0x81, text("K1"));
     const Bytes number = tse::derUnsigned(0x85, 1);
-    const Fields transactionFields = {{"operationType", "StartTransaction"}, {"clientId", "K1"}, {"processData", "abcdefghij"}, {"transactionNumber", "\x01"}};
+    const Fields transactionFields = {{"operationType", "StartTransaction"}, {"clientId", "K1"},
+                                      {"processData", "abcdefghij"}, {"transactionNumber", "\x01"}};
+    const Bytes nested = tse::fromHex("A2 80 24 80 04 02 6162 04 01 63 0000 04 07 6465666768696A 0000").value();
     const struct {
         uint64_t version;
         tse::LogType type;
@@ -106,12 +108,15 @@ TEST(CoreMessages, EveryLogTypeAndTimeFormReadsBack)
         size_t chunks;  // of an indefinite processData
     } types[] = {
         {2, tse::LogType::Transaction,
-         concat({start, client, tse::derElement(0x82, text("p")), tse::derElement(0x83, text("PT")), tse::derElement(0x84, Bytes{0xAB}), number, tse::derElement(0x86, Bytes{0xCD})}),
+         concat({start, client, tse::derElement(0x82, text("p")), tse::derElement(0x83, text("PT")),
+                 tse::derElement(0x84, Bytes{0xAB}), number, tse::derElement(0x86, Bytes{0xCD})}),
          {{"operationType", "StartTransaction"}, {"clientId", "K1"}, {"processData", "p"}, {"processType", "PT"},
           {"additionalExternalData", "\xAB"}, {"transactionNumber", "\x01"}, {"additionalInternalData", "\xCD"}}, 0},
-        {2, tse::LogType::Transaction, concat({start, client, tse::berIndefiniteChunks(0x82, text("abcdefghij")), number}), transactionFields, 1},
-        {2, tse::LogType::Transaction, concat({start, client, tse::berIndefiniteChunks(0x82, text("abcdefghij"), 4), number}), transactionFields, 3},
-        {2, tse::LogType::Transaction, concat({start, client, tse::fromHex("A2 80 24 80 04 02 6162 04 01 63 0000 04 07 6465666768696A 0000").value(), number}), transactionFields, 3},
+        {2, tse::LogType::Transaction,
+         concat({start, client, tse::berIndefiniteChunks(0x82, text("abcdefghij")), number}), transactionFields, 1},
+        {2, tse::LogType::Transaction,
+         concat({start, client, tse::berIndefiniteChunks(0x82, text("abcdefghij"), 4), number}), transactionFields, 3},
+        {2, tse::LogType::Transaction, concat({start, client, nested, number}), transactionFields, 3},
         {2, tse::LogType::System, tse::encodeSystemData({"updateTime", Bytes{1, 2}}),
          {{"operationType", "updateTime"}, {"systemOperationData", "\x01\x02"}}, 0},
         {3, tse::LogType::System,
@@ -143,7 +148,7 @@ TEST(CoreMessages, EveryLogTypeAndTimeFormReadsBack)
                                     tse::encodeLogTime(time.format, time.seconds, time.fraction, time.withSeconds)};
             if (type.type == tse::LogType::Audit) content.seAuditData = Bytes{0x30, 0x00};
             const tse::LogMessage m = parsed(signedLog(signer, tse::Hash::Sha384, content));
-            const std::string where = std::string(tse::logTypeName(type.type)) + " " + tse::toHex(type.certifiedData) + " " + m.logTime.text;
+            const std::string where = tse::toHex(type.certifiedData) + " " + m.logTime.text;
             Fields fields;
             for (const tse::LogField& f : m.certifiedData) fields.emplace_back(f.name, tse::ByteView(f.value).text());
             EXPECT_EQ(fields, type.fields) << where;
