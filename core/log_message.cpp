@@ -9,7 +9,7 @@
 namespace tse {
 namespace {
 
-struct FieldSpec {
+struct FieldLayout {
     uint8_t tag;  // context tag number, 0 to 6
     const char* name;
     bool text;
@@ -17,9 +17,9 @@ struct FieldSpec {
 };
 
 // The type-specific elements of each log type and generation.
-const std::vector<FieldSpec>& transactionFields()
+const std::vector<FieldLayout>& transactionFields()
 {
-    static const std::vector<FieldSpec> fields = {
+    static const std::vector<FieldLayout> fields = {
         {0, "operationType", true, true},     {1, "clientId", true, true},
         {2, "processData", true, true},       {3, "processType", true, false},
         {4, "additionalExternalData", false, false}, {5, "transactionNumber", false, true},
@@ -28,9 +28,9 @@ const std::vector<FieldSpec>& transactionFields()
     return fields;
 }
 
-const std::vector<FieldSpec>& systemFieldsV2()
+const std::vector<FieldLayout>& systemFieldsV2()
 {
-    static const std::vector<FieldSpec> fields = {
+    static const std::vector<FieldLayout> fields = {
         {0, "operationType", true, true},
         {1, "systemOperationData", false, false},
         {2, "additionalInternalData", false, false},
@@ -38,9 +38,9 @@ const std::vector<FieldSpec>& systemFieldsV2()
     return fields;
 }
 
-const std::vector<FieldSpec>& systemFieldsV3()
+const std::vector<FieldLayout>& systemFieldsV3()
 {
-    static const std::vector<FieldSpec> fields = {
+    static const std::vector<FieldLayout> fields = {
         {0, "eventType", true, true},       {1, "eventOrigin", true, false},
         {2, "eventTriggeredByUser", true, false}, {3, "eventData", false, false},
         {4, "additionalInternalData", false, false},
@@ -48,9 +48,9 @@ const std::vector<FieldSpec>& systemFieldsV3()
     return fields;
 }
 
-const std::vector<FieldSpec>& fieldSpecs(LogType type, uint64_t version)
+const std::vector<FieldLayout>& fieldLayouts(LogType type, uint64_t version)
 {
-    static const std::vector<FieldSpec> none;
+    static const std::vector<FieldLayout> none;
     switch (type) {
     case LogType::Transaction: return transactionFields();
     case LogType::System: return version >= 3 ? systemFieldsV3() : systemFieldsV2();
@@ -72,24 +72,24 @@ LogType typeFromOid(const BerElement& element)
 // The elements context-tagged [0] to [6] that follow the log type.
 std::vector<LogField> readCertifiedData(BerReader& reader, LogType type, uint64_t version)
 {
-    const std::vector<FieldSpec>& specs = fieldSpecs(type, version);
+    const std::vector<FieldLayout>& layouts = fieldLayouts(type, version);
     std::vector<LogField> fields;
     int lastNumber = -1;
     while (!reader.atEnd() && (reader.peekTag() & 0xC0) == tag::CONTEXT) {
         const BerElement element = reader.read();
         const int number = element.tag & 0x1F;
-        const auto spec = std::find_if(specs.begin(), specs.end(),
-                                       [&](const FieldSpec& s) { return s.tag == number; });
-        if (spec == specs.end()) {
+        const auto layout = std::find_if(layouts.begin(), layouts.end(),
+                                       [&](const FieldLayout& s) { return s.tag == number; });
+        if (layout == layouts.end()) {
             throw ParseError(element.offset, "element " + tagName(element.tag) + " has no place in a " +
                                                  std::string(logTypeName(type)) + " log");
         }
         if (number <= lastNumber) {
-            throw ParseError(element.offset, std::string(spec->name) + " (" + tagName(element.tag) +
+            throw ParseError(element.offset, std::string(layout->name) + " (" + tagName(element.tag) +
                                                  ") is out of order or repeated");
         }
         lastNumber = number;
-        LogField field{spec->name, element.tag, {}, spec->text, element.indefinite, 1};
+        LogField field{layout->name, element.tag, {}, layout->text, element.indefinite, 1};
         // eventData is a SEQUENCE whose content is kept whole; strings may
         // come in chunks.
         const bool structured = number == 3 && type == LogType::System && version >= 3;
@@ -97,12 +97,12 @@ std::vector<LogField> readCertifiedData(BerReader& reader, LogType type, uint64_
         field.chunks = structured ? 1 : stringChunkCount(element);
         fields.push_back(std::move(field));
     }
-    for (const FieldSpec& spec : specs) {
+    for (const FieldLayout& layout : layouts) {
         const bool present = std::any_of(fields.begin(), fields.end(),
-                                         [&](const LogField& f) { return f.name == spec.name; });
-        if (spec.required && !present) {
-            throw ParseError(reader.offset(), "the " + std::string(logTypeName(type)) + " log has no " + spec.name +
-                                                  " (tag " + tagName(static_cast<uint8_t>(0x80 | spec.tag)) + ")");
+                                         [&](const LogField& f) { return f.name == layout.name; });
+        if (layout.required && !present) {
+            throw ParseError(reader.offset(), "the " + std::string(logTypeName(type)) + " log has no " + layout.name +
+                                                  " (tag " + tagName(static_cast<uint8_t>(0x80 | layout.tag)) + ")");
         }
     }
     return fields;
