@@ -149,15 +149,20 @@ Bytes stringOctets(const BerElement& element, size_t depthLimit)
     return joined;
 }
 
-size_t stringChunkCount(const BerElement& element)
+size_t stringChunkCount(const BerElement& element, size_t depthLimit)
 {
     if (!element.constructed()) {
         return 1;
     }
+    // Nested definite lengths are not checked when the outer element is
+    // read, so the recursion needs a bound of its own.
+    if (depthLimit == 0) {
+        throw ParseError(element.offset, "string chunks are nested too deep");
+    }
     size_t count = 0;
     BerReader chunks(element.content, element.contentOffset, 1);
     while (!chunks.atEnd()) {
-        count += stringChunkCount(chunks.read());
+        count += stringChunkCount(chunks.read(), depthLimit - 1);
     }
     return count;
 }

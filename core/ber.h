@@ -85,7 +85,7 @@ private:
 // chunks of a constructed one (as D-Trust writes processData) joined.
 Bytes stringOctets(const BerElement& element, size_t depthLimit = BerReader::MAX_DEPTH);
 // How many primitive chunks make up the value (1 for a primitive element).
-size_t stringChunkCount(const BerElement& element);
+size_t stringChunkCount(const BerElement& element, size_t depthLimit = BerReader::MAX_DEPTH);
 
 // An INTEGER's content read as an unsigned number. Throws for an empty or
 // negative value and for one wider than 64 bits, so a value is never cut.

@@ -42,6 +42,7 @@ bool looksLikePem(ByteView data)
 Certificate::Certificate(X509* owned) : x509_(owned, X509_free)
 {
     EvpPkeyPtr evp(X509_get_pubkey(owned));
+    ERR_clear_error();  // a key type libcrypto cannot decode leaves a reason behind
     key_ = PublicKey::fromEvp(evp.get(), keyError_);
 }
 

@@ -9,7 +9,7 @@
 namespace tse {
 namespace {
 
-struct ElementLayout {
+struct FieldLayout {
     uint8_t tag;  // context tag number, 0 to 6
     const char* name;
     bool text;
@@ -17,9 +17,9 @@ struct ElementLayout {
 };
 
 // The type-specific elements of each log type and generation.
-const std::vector<ElementLayout>& transactionFields()
+const std::vector<FieldLayout>& transactionFields()
 {
-    static const std::vector<ElementLayout> fields = {
+    static const std::vector<FieldLayout> fields = {
         {0, "operationType", true, true},     {1, "clientId", true, true},
         {2, "processData", true, true},       {3, "processType", true, false},
         {4, "additionalExternalData", false, false}, {5, "transactionNumber", false, true},
@@ -28,9 +28,9 @@ const std::vector<ElementLayout>& transactionFields()
     return fields;
 }
 
-const std::vector<ElementLayout>& systemFieldsV2()
+const std::vector<FieldLayout>& systemFieldsV2()
 {
-    static const std::vector<ElementLayout> fields = {
+    static const std::vector<FieldLayout> fields = {
         {0, "operationType", true, true},
         {1, "systemOperationData", false, false},
         {2, "additionalInternalData", false, false},
@@ -38,9 +38,9 @@ const std::vector<ElementLayout>& systemFieldsV2()
     return fields;
 }
 
-const std::vector<ElementLayout>& systemFieldsV3()
+const std::vector<FieldLayout>& systemFieldsV3()
 {
-    static const std::vector<ElementLayout> fields = {
+    static const std::vector<FieldLayout> fields = {
         {0, "eventType", true, true},       {1, "eventOrigin", true, false},
         {2, "eventTriggeredByUser", true, false}, {3, "eventData", false, false},
         {4, "additionalInternalData", false, false},
@@ -48,9 +48,9 @@ const std::vector<ElementLayout>& systemFieldsV3()
     return fields;
 }
 
-const std::vector<ElementLayout>& elementLayouts(LogType type, uint64_t version)
+const std::vector<FieldLayout>& fieldLayouts(LogType type, uint64_t version)
 {
-    static const std::vector<ElementLayout> none;
+    static const std::vector<FieldLayout> none;
     switch (type) {
     case LogType::Transaction: return transactionFields();
     case LogType::System: return version >= 3 ? systemFieldsV3() : systemFieldsV2();
@@ -72,14 +72,14 @@ LogType typeFromOid(const BerElement& element)
 // The elements context-tagged [0] to [6] that follow the log type.
 std::vector<LogField> readCertifiedData(BerReader& reader, LogType type, uint64_t version)
 {
-    const std::vector<ElementLayout>& layouts = elementLayouts(type, version);
+    const std::vector<FieldLayout>& layouts = fieldLayouts(type, version);
     std::vector<LogField> fields;
     int lastNumber = -1;
     while (!reader.atEnd() && (reader.peekTag() & 0xC0) == tag::CONTEXT) {
         const BerElement element = reader.read();
         const int number = element.tag & 0x1F;
         const auto layout = std::find_if(layouts.begin(), layouts.end(),
-                                       [&](const ElementLayout& l) { return l.tag == number; });
+                                       [&](const FieldLayout& s) { return s.tag == number; });
         if (layout == layouts.end()) {
             throw ParseError(element.offset, "element " + tagName(element.tag) + " has no place in a " +
                                                  std::string(logTypeName(type)) + " log");
@@ -97,7 +97,7 @@ std::vector<LogField> readCertifiedData(BerReader& reader, LogType type, uint64_
         field.chunks = structured ? 1 : stringChunkCount(element);
         fields.push_back(std::move(field));
     }
-    for (const ElementLayout& layout : layouts) {
+    for (const FieldLayout& layout : layouts) {
         const bool present = std::any_of(fields.begin(), fields.end(),
                                          [&](const LogField& f) { return f.name == layout.name; });
         if (layout.required && !present) {
@@ -197,20 +197,28 @@ LogMessage readMessage(ByteView data)
     return message;
 }
 
-bool isContinuation(uint8_t c)
-{
-    return (c & 0xC0) == 0x80;
-}
-
-// The length of a well-formed UTF-8 sequence at `i`, or 0.
+// The length of a well-formed UTF-8 sequence at `i` that is printable, or 0.
+// Overlong forms, surrogates and values past U+10FFFF are not well-formed;
+// the C1 controls (U+0080 to U+009F, among them a terminal's CSI) and the
+// line and paragraph separators U+2028/U+2029 would break a line or drive a
+// terminal, so they are escaped like the ASCII controls.
 size_t utf8Length(ByteView value, size_t i)
 {
     const uint8_t c = value[i];
-    size_t length = c >= 0xF0 && c <= 0xF4 ? 4 : c >= 0xE0 ? 3 : c >= 0xC2 && c < 0xE0 ? 2 : 0;
+    const size_t length = c >= 0xC2 && c <= 0xDF ? 2 : c >= 0xE0 && c <= 0xEF ? 3 : c >= 0xF0 && c <= 0xF4 ? 4 : 0;
     if (length == 0 || i + length > value.size()) return 0;
-    for (size_t k = 1; k < length; ++k) {
-        if (!isContinuation(value[i + k])) return 0;
+    const uint8_t second = value[i + 1];
+    uint8_t low = 0x80, high = 0xBF;
+    if (c == 0xC2) low = 0xA0;
+    if (c == 0xE0) low = 0xA0;
+    if (c == 0xED) high = 0x9F;
+    if (c == 0xF0) low = 0x90;
+    if (c == 0xF4) high = 0x8F;
+    if (second < low || second > high) return 0;
+    for (size_t k = 2; k < length; ++k) {
+        if ((value[i + k] & 0xC0) != 0x80) return 0;
     }
+    if (c == 0xE2 && second == 0x80 && (value[i + 2] == 0xA8 || value[i + 2] == 0xA9)) return 0;
     return length;
 }
 

@@ -36,6 +36,24 @@ bool digits(std::string_view text, size_t pos, size_t count, unsigned& value)
     return true;
 }
 
+// The text as it may stand in a message: a time read from a file can hold
+// any byte, and a reason must stay one printable line.
+std::string quoted(std::string_view text)
+{
+    constexpr size_t SHOWN = 40;
+    std::string out = "\"";
+    for (const char c : text.substr(0, SHOWN)) {
+        if (c >= 0x20 && c < 0x7F && c != '"' && c != '\\') {
+            out += c;
+        } else {
+            char hex[8];
+            std::snprintf(hex, sizeof(hex), "\\x%02X", static_cast<unsigned char>(c));
+            out += hex;
+        }
+    }
+    return out + (text.size() > SHOWN ? "...\"" : "\"");
+}
+
 TimeParse failed(const std::string& reason)
 {
     return TimeParse{std::nullopt, reason};
@@ -115,11 +133,11 @@ TimeParse parseUtcTime(std::string_view text)
     if ((text.size() != 11 && !withSeconds) || text.back() != 'Z' || !digits(text, 0, 2, year) ||
         !digits(text, 2, 2, t.month) || !digits(text, 4, 2, t.day) || !digits(text, 6, 2, t.hour) ||
         !digits(text, 8, 2, t.minute) || (withSeconds && !digits(text, 10, 2, t.second))) {
-        return failed("UTCTime \"" + std::string(text) + "\" is not of the form YYMMDDhhmm[ss]Z");
+        return failed("UTCTime " + quoted(text) + " is not of the form YYMMDDhhmm[ss]Z");
     }
     t.year = year < 50 ? 2000 + year : 1900 + year;
     if (!validCivil(t)) {
-        return failed("UTCTime \"" + std::string(text) + "\" is not a valid date and time");
+        return failed("UTCTime " + quoted(text) + " is not a valid date and time");
     }
     return TimeParse{LogTime{TimeFormat::UtcTime, secondsFromCivil(t), {}, std::string(text)}, {}};
 }
@@ -128,26 +146,26 @@ TimeParse parseGeneralizedTime(std::string_view text)
 {
     CivilTime t{};
     unsigned year = 0;
-    const std::string quoted = "GeneralizedTime \"" + std::string(text) + "\"";
+    const std::string what = "GeneralizedTime " + quoted(text);
     if (text.size() < 15 || text.back() != 'Z' || !digits(text, 0, 4, year) || !digits(text, 4, 2, t.month) ||
         !digits(text, 6, 2, t.day) || !digits(text, 8, 2, t.hour) || !digits(text, 10, 2, t.minute) ||
         !digits(text, 12, 2, t.second)) {
-        return failed(quoted + " is not of the form YYYYMMDDhhmmss[.f]Z");
+        return failed(what + " is not of the form YYYYMMDDhhmmss[.f]Z");
     }
     std::string fraction;
     if (text.size() > 15) {
         if (text[14] != '.' || text.size() < 17) {
-            return failed(quoted + " is not of the form YYYYMMDDhhmmss[.f]Z");
+            return failed(what + " is not of the form YYYYMMDDhhmmss[.f]Z");
         }
         fraction = std::string(text.substr(15, text.size() - 16));
         unsigned ignored = 0;
         for (size_t i = 0; i < fraction.size(); ++i) {
-            if (!digits(fraction, i, 1, ignored)) return failed(quoted + " has a fraction that is not a number");
+            if (!digits(fraction, i, 1, ignored)) return failed(what + " has a fraction that is not a number");
         }
     }
     t.year = year;
     if (!validCivil(t)) {
-        return failed(quoted + " is not a valid date and time");
+        return failed(what + " is not a valid date and time");
     }
     return TimeParse{LogTime{TimeFormat::GeneralizedTime, secondsFromCivil(t), fraction, std::string(text)}, {}};
 }

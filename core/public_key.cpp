@@ -1,5 +1,9 @@
 #include "public_key.h"
 
+#include <utility>
+#include <vector>
+
+#include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
 
@@ -12,6 +16,9 @@ constexpr uint8_t UNCOMPRESSED = 0x04;
 constexpr uint8_t COMPRESSED_EVEN = 0x02;
 constexpr uint8_t COMPRESSED_ODD = 0x03;
 constexpr uint8_t DER_SEQUENCE = 0x30;
+// Far above any key with its PEM armour, and within what libcrypto's int
+// lengths can hold.
+constexpr size_t MAX_KEY_ENCODING_SIZE = 1u << 20;
 
 KeyResult fail(const std::string& error)
 {
@@ -97,25 +104,36 @@ KeyResult keyFromPoint(ByteView point, std::optional<Curve> curve)
 {
     if (point.empty()) return fail("the public key is empty");
     bool sizeFits = false;
+    std::vector<std::pair<const CurveInfo*, EvpPkeyPtr>> found;
     for (const CurveInfo& info : supportedCurves()) {
         if ((curve && info.curve != *curve) || !pointFits(point, info)) continue;
         sizeFits = true;
-        EvpPkeyPtr evp = keyOnCurve(point, info);
-        if (!evp) continue;
-        std::string error;
-        std::optional<PublicKey> key = PublicKey::fromEvp(evp.get(), error);
-        return KeyResult{key, error};
+        if (EvpPkeyPtr evp = keyOnCurve(point, info)) found.emplace_back(&info, std::move(evp));
     }
+    ERR_clear_error();  // the curves the point is not on leave their reasons behind
     if (!sizeFits) {
         return fail("a public key point of " + std::to_string(point.size()) + " bytes starting with " +
                     tagNameForPoint(point[0]) + " fits no supported curve");
     }
-    return fail(curve ? "the point does not lie on " + std::string(curveInfo(*curve).displayName)
-                      : "the point lies on none of the supported curves of its size");
+    if (found.empty()) {
+        return fail(curve ? "the point does not lie on " + std::string(curveInfo(*curve).displayName)
+                          : "the point lies on none of the supported curves of its size");
+    }
+    // About half of all x coordinates give a point on both curves of a size,
+    // so a compressed point alone cannot tell them apart; guessing would
+    // give a key with another serial number.
+    if (found.size() > 1) {
+        return fail("the point lies on both " + std::string(found[0].first->displayName) + " and " +
+                    std::string(found[1].first->displayName) + "; the curve must be named");
+    }
+    std::string error;
+    std::optional<PublicKey> key = PublicKey::fromEvp(found[0].second.get(), error);
+    return KeyResult{key, error};
 }
 
 KeyResult keyFromSubjectPublicKeyInfo(ByteView data)
 {
+    if (data.size() > MAX_KEY_ENCODING_SIZE) return fail("the data is too large for a public key");
     EvpPkeyPtr evp;
     if (!data.empty() && data[0] == DER_SEQUENCE) {
         const unsigned char* cursor = data.data();
@@ -124,6 +142,7 @@ KeyResult keyFromSubjectPublicKeyInfo(ByteView data)
         BioPtr bio(BIO_new_mem_buf(data.data(), static_cast<int>(data.size())));
         if (bio) evp.reset(PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr));
     }
+    ERR_clear_error();
     if (!evp) return fail("the data is not a SubjectPublicKeyInfo");
     std::string error;
     std::optional<PublicKey> key = PublicKey::fromEvp(evp.get(), error);

@@ -156,7 +156,7 @@ nlohmann::json toJson(const LogResult& r)
 
 std::vector<std::string> textColumns(const LogResult& r)
 {
-    std::vector<std::string> columns{outcomeWord(r.outcome), r.file};
+    std::vector<std::string> columns{outcomeWord(r.outcome), tse::escapeText(r.file)};
     if (r.message) {
         columns.push_back(std::string(tse::logTypeName(r.message->type)));
         columns.push_back("Sig-" + std::to_string(r.message->signatureCounter));
@@ -195,7 +195,9 @@ int verifyCommand(const VerifyOptions& options)
     if (options.json) {
         nlohmann::json document = nlohmann::json::array();
         for (const LogResult& r : results) document.push_back(toJson(r));
-        std::cout << document.dump(2) << std::endl;
+        // A file name or an operation type is whatever bytes it is; JSON
+        // needs UTF-8, so a stray byte becomes U+FFFD instead of no output.
+        std::cout << document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << std::endl;
     } else {
         std::vector<std::vector<std::string>> rows;
         for (const LogResult& r : results) rows.push_back(textColumns(r));

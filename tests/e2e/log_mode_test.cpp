@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "file_reader.h"
 #include "fixtures.h"
 
 using fixtures::Bytes;
@@ -100,13 +101,21 @@ TEST(LogMode, VerdictsFileFaultsAndHeaderCut)
 // signs 64 bytes with SHA-256: cut by position, it must fail cleanly.
 TEST(LogMode, RealDeviceExports)
 {
-    std::string data = __FILE__;
-    data = data.substr(0, data.rfind('/')) + "/../data/real-export/";
-    const std::string p384 = "-c" + data + "dtrust-p384-leaf.pem", p256 = "-c" + data + "cloud-p256-leaf.pem";
-    expectRuns({{{p384, "-l" + data + "dtrust-p384-sig667-authenticateUser.log"}, kOk, 0},  // 206 bytes
-                {{p384, "-l" + data + "dtrust-p384-sig672-finish.log"}, kOk, 0},  // 284 bytes
-                {{p256, "-l" + data + "cloud-p256-sig4-registerClient.log"}, kFailed, 252},
-                {{p256, "-l" + data + "cloud-p256-sig16-finish.log"}, kFailed, 252}});
+    fixtures::TempDir dir;
+    const std::string dtrust = fixtures::unpackRealExport(dir, "6e6c6a42-5c8d-4a9c-9572-26c10619d020") + "/";
+    const std::string cloud = fixtures::unpackRealExport(dir, "2021-09-30_63641_TSE") + "/";
+    // The verifier reads PEM only; the cloud device exports DER.
+    const auto der = tse::readFileBounded(cloud + "e11e1a155b6166b2f1844e8f063ae44837869bfa5689dfb7bae8524444d54e52_X509.der", 1 << 20);
+    const std::string base64 = tse::toBase64(*der.contents);
+    std::string pem = "-----BEGIN CERTIFICATE-----\n";
+    for (size_t i = 0; i < base64.size(); i += 64) pem += base64.substr(i, 64) + "\n";
+    const std::string cloudPem = dir.write("cloud.pem", pem + "-----END CERTIFICATE-----\n");
+    const std::string p384 = "-c" + dtrust + "BF47CEE340BA72A9353753D6D857B66978E2CCB9F84E5FC101CB8268CBECB003_X509.crt";
+    const std::string p256 = "-c" + cloudPem;
+    expectRuns({{{p384, "-l" + dtrust + "Unixt_1630665359_Sig-667_Log-Sys_authenticateUser.log"}, kOk, 0},
+                {{p384, "-l" + dtrust + "Unixt_1630666144_Sig-672_Log-Tra_No-227_Finish_Client-137741-0007 Hioneu.log"}, kOk, 0},
+                {{p256, "-l" + cloud + "Unixt_1627475722_Sig-4_Log-Sys_registerClient.log"}, kFailed, 252},
+                {{p256, "-l" + cloud + "Unixt_1627475939_Sig-16_Log-Tra_No-1_Finish_Client-1063641.log"}, kFailed, 252}});
 }
 
 }  // namespace

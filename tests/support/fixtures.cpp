@@ -371,4 +371,14 @@ std::string tseCheckPath()
     return TSE_CHECK_BIN;
 }
 
+std::string unpackRealExport(const TempDir& dir, const std::string& name)
+{
+    const std::string source = __FILE__;
+    const std::string tar = source.substr(0, source.rfind('/')) + "/../data/real-exports/" + name + ".tar";
+    const std::string target = dir.path(name);
+    std::filesystem::create_directory(target);
+    require(run("/bin/tar", {"-xf", tar, "-C", target}).status == 0, "unpack a real export");
+    return target;
+}
+
 }  // namespace fixtures

@@ -108,6 +108,10 @@ struct RunLimits {
 RunResult run(const std::string& program, const std::vector<std::string>& arguments,
               const std::vector<std::string>& environment = {}, RunLimits limits = {});
 std::string verifierPath();
+
+// A real TSE export from tests/data/real-exports (NAME.tar) unpacked into a
+// new directory below dir; returns that directory.
+std::string unpackRealExport(const TempDir& dir, const std::string& name);
 std::string tseCheckPath();
 
 }  // namespace fixtures
