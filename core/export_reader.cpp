@@ -34,7 +34,7 @@ std::string splitBase(const std::string& path)
 
 std::string partName(const std::string& base, int number)
 {
-    char suffix[8];
+    char suffix[16];
     std::snprintf(suffix, sizeof suffix, ".%03d", number);
     return base + suffix;
 }
