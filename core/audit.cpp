@@ -25,7 +25,8 @@ namespace {
 constexpr size_t QUEUE_CAPACITY = 2048;
 // Logs whose certificate comes later in the export wait in memory up to
 // this many bytes; beyond it they are read a second time at the end.
-constexpr size_t MAX_PENDING_BYTES = 32u << 20;
+constexpr size_t MAX_PENDING_BYTES = 16u << 20;
+constexpr size_t ITEM_OVERHEAD = 160;  // what a queued item costs beside its bytes
 constexpr size_t MAX_CERTIFICATE_FILE = 1u << 20;
 
 struct WorkItem {
@@ -43,6 +44,11 @@ struct DigestHash {
         return h;
     }
 };
+
+size_t pendingCost(const WorkItem& item)
+{
+    return item.bytes.size() + item.name.size() + item.source.size() + ITEM_OVERHEAD;
+}
 
 std::string algorithmName(const LogMessage& message)
 {
@@ -150,7 +156,7 @@ void AuditRun::addKey(const Certificate& certificate)
         if (found != pending_.end()) {
             waiting = std::move(found->second);
             pending_.erase(found);
-            for (const WorkItem& item : waiting) pendingBytes_ -= item.bytes.size();
+            for (const WorkItem& item : waiting) pendingBytes_ -= pendingCost(item);
         }
     }
     for (WorkItem& item : waiting) queue_->push(std::move(item));
@@ -248,8 +254,8 @@ void AuditRun::process(WorkItem&& item)
         auto found = keys_.find(serial);
         if (found != keys_.end()) {
             key = found->second;
-        } else if (pendingBytes_ + item.bytes.size() <= MAX_PENDING_BYTES) {
-            pendingBytes_ += item.bytes.size();
+        } else if (pendingBytes_ + pendingCost(item) <= MAX_PENDING_BYTES) {
+            pendingBytes_ += pendingCost(item);
             pending_[serial].push_back(std::move(item));
             return;
         } else {

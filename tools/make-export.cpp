@@ -235,9 +235,10 @@ std::vector<Member> exportMembers(const Options& options)
     const int64_t notBefore =
         options.defect == "certificate-chain" ? logs[middleUpdate(options)].seconds : FIRST_LOG_TIME - 86400;
     const std::string pem = signer.selfSignedCertificatePem("Synthetic TSE", notBefore, 3650);
-    members.push_back(Member{tse::toHex(signer.publicKey().serialNumber()) + "_X509.pem", Bytes(pem.begin(), pem.end())});
     const std::string info = "\"description:\",\"synthetic export\",\"manufacturer:\",\"make-export\",\"version:\",\"1.0\"\n";
-    members.push_back(Member{"info.csv", Bytes(info.begin(), info.end())});
+    // Certificate and info.csv first, as devices write them.
+    members.insert(members.begin(), {Member{tse::toHex(signer.publicKey().serialNumber()) + "_X509.pem", Bytes(pem.begin(), pem.end())},
+                                     Member{"info.csv", Bytes(info.begin(), info.end())}});
     return members;
 }
 

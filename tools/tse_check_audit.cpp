@@ -78,6 +78,8 @@ json infoJson(const std::optional<tse::InfoCsv>& info)
     return {{"records", records}};
 }
 
+// Everything but the logs, which writeJson streams one by one: a document
+// of a hundred thousand logs built in memory would take hundreds of MiB.
 json reportJson(const tse::AuditReport& report)
 {
     const tse::AuditSummary& s = report.summary;
@@ -110,7 +112,6 @@ json reportJson(const tse::AuditReport& report)
                                             {"chainReason", textOrNull(c.chain.reason)},
                                             {"keyProblem", textOrNull(c.keyProblem)}});
     }
-    for (const tse::LogRecord& log : report.logs) document["logs"].push_back(logJson(log));
     for (const tse::Finding& f : report.findings) {
         document["findings"].push_back(
             {{"severity", tse::severityName(f.severity)}, {"code", f.code}, {"message", f.message}, {"files", f.files}});
@@ -140,6 +141,16 @@ void writeCsv(std::ostream& out, const tse::AuditReport& report)
         for (size_t i = 0; i < fields.size(); ++i) out << (i ? "," : "") << csvField(fields[i]);
         out << '\n';
     }
+}
+
+void writeJson(std::ostream& out, const tse::AuditReport& report)
+{
+    const std::string whole = reportJson(report).dump(2);
+    const std::string marker = "\"logs\": []";
+    const size_t at = whole.find(marker);
+    out << whole.substr(0, at) << "\"logs\": [";
+    for (size_t i = 0; i < report.logs.size(); ++i) out << (i ? "," : "") << "\n    " << logJson(report.logs[i]).dump();
+    out << (report.logs.empty() ? "]" : "\n  ]") << whole.substr(at + marker.size()) << '\n';
 }
 
 void writeTo(const std::string& path, const std::function<void(std::ostream&)>& write)
@@ -235,7 +246,7 @@ int auditCommand(AuditCommandOptions& options)
     if (!outcome.report) refuse(EXIT_BAD_INPUT, "Cannot audit: " + outcome.error);
     const tse::AuditReport& report = *outcome.report;
     if (!options.jsonPath.empty()) {
-        writeTo(options.jsonPath, [&](std::ostream& out) { out << reportJson(report).dump(2) << '\n'; });
+        writeTo(options.jsonPath, [&](std::ostream& out) { writeJson(out, report); });
     }
     if (!options.csvPath.empty()) writeTo(options.csvPath, [&](std::ostream& out) { writeCsv(out, report); });
     if (options.jsonPath != "-" && options.csvPath != "-") printSummary(std::cout, report, options.audit.strict);
