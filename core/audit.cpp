@@ -230,7 +230,6 @@ void AuditRun::process(WorkItem&& item)
 {
     LogRecord record;
     record.file = item.name;
-    record.source = item.source;
     record.ordinal = item.ordinal;
     const std::optional<LogName> name = parseLogName(item.name);
     LogParse parse = parseLogMessage(item.bytes);
@@ -284,7 +283,6 @@ void AuditRun::visitLog(ExportMember&& member)
     if (!member.contents) {
         LogRecord record;
         record.file = member.name;
-        record.source = member.source;
         record.ordinal = ordinal_;
         if (const auto name = parseLogName(member.name)) record.type = name->type, record.counter = name->counter;
         record.reason = "the member " + member.error;

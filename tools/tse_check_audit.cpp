@@ -45,7 +45,6 @@ json logJson(const tse::LogRecord& log)
 {
     const auto time = log.logTime();
     return {{"file", log.file},
-            {"source", log.source},
             {"type", log.type ? json(tse::logTypeName(*log.type)) : json(nullptr)},
             {"verdict", tse::logVerdictName(log.verdict)},
             {"signatureCounter", optionalNumber(log.counter)},
