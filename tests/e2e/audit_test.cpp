@@ -88,7 +88,8 @@ TEST(Audit, RealExports)
         EXPECT_EQ(a.report["summary"]["errors"], brokenDevice ? 16 : 0);
     }
     // The lone counter both D-Trust test exports lack is 2.
-    for (const json& f : audit({REAL + "logMessages1.tar"}).report["findings"]) {
+    const Audit d = audit({REAL + "logMessages1.tar"});
+    for (const json& f : d.report["findings"]) {
         EXPECT_NE(f["message"].get<std::string>().find("between 1 and 18: 2"), std::string::npos);
     }
 }
