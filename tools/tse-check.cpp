@@ -48,6 +48,7 @@ int main(int argc, char** argv)
         tsecheck::addReadCommand(app),
         tsecheck::addToQrCommand(app),
         tsecheck::addVerifyCommand(app),
+        tsecheck::addAuditCommand(app),
     };
 
     try {

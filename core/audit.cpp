@@ -1,0 +1,440 @@
+#include "audit.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstring>
+#include <filesystem>
+#include <mutex>
+#include <set>
+#include <shared_mutex>
+#include <thread>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "audit_rules.h"
+#include "export_names.h"
+#include "export_reader.h"
+#include "file_reader.h"
+#include "verify.h"
+#include "work_queue.h"
+
+namespace tse {
+namespace {
+
+constexpr size_t QUEUE_CAPACITY = 2048;
+// Logs whose certificate comes later in the export wait in memory up to
+// this many bytes; beyond it they are read a second time at the end.
+constexpr size_t MAX_PENDING_BYTES = 16u << 20;
+constexpr size_t ITEM_OVERHEAD = 160;  // what a queued item costs beside its bytes
+constexpr size_t MAX_CERTIFICATE_FILE = 1u << 20;
+
+struct WorkItem {
+    uint64_t ordinal = 0;
+    std::string name, source;
+    Bytes bytes;
+};
+
+using Digest = std::array<uint8_t, 32>;
+struct DigestHash {
+    size_t operator()(const Digest& d) const
+    {
+        size_t h;
+        std::memcpy(&h, d.data(), sizeof h);
+        return h;
+    }
+};
+
+size_t pendingCost(const WorkItem& item)
+{
+    return item.bytes.size() + item.name.size() + item.source.size() + ITEM_OVERHEAD;
+}
+
+std::string algorithmName(const LogMessage& message)
+{
+    const SignatureAlgorithm* algorithm = algorithmByOid(message.signatureAlgorithmOid);
+    return algorithm ? std::string(algorithm->name) : message.signatureAlgorithmOid;
+}
+
+// The key hash of any certificate, even one whose curve this tool cannot
+// verify with: the SHA-256 of the public key's bit string, the raw point.
+std::string certificateSerial(const Certificate& certificate)
+{
+    if (certificate.key()) return toHex(certificate.key()->serialNumber());
+    const ASN1_BIT_STRING* bits = X509_get0_pubkey_bitstr(certificate.x509());
+    if (bits == nullptr) return {};
+    return toHex(sha256(ByteView(ASN1_STRING_get0_data(bits), static_cast<size_t>(ASN1_STRING_length(bits)))));
+}
+
+void fillFromMessage(LogRecord& record, const LogMessage& message)
+{
+    record.type = message.type;
+    record.counter = message.signatureCounter;
+    record.serialNumber = toHex(message.serialNumber);
+    record.algorithm = algorithmName(message);
+    record.seconds = message.logTime.seconds;
+    record.fraction = message.logTime.fraction;
+    record.timeFormat = message.logTime.format;
+    record.transactionNumber = message.transactionNumber();
+    record.operation = message.operation();
+    record.clientId = escapeText(ByteView(message.text("clientId")));
+    record.processType = escapeText(ByteView(message.text("processType")));
+}
+
+LogVerdict verdictOf(const Verification& verification)
+{
+    switch (verification.verdict) {
+    case Verdict::Valid: return LogVerdict::Valid;
+    case Verdict::Invalid:
+    case Verdict::Malformed:
+    case Verdict::WrongKey: return LogVerdict::Invalid;
+    case Verdict::UnsupportedAlgorithm: return LogVerdict::Unreadable;
+    }
+    return LogVerdict::Unreadable;
+}
+
+class AuditRun {
+public:
+    explicit AuditRun(const AuditOptions& options) : options_(options) { report_.exports = options.exports; }
+
+    AuditOutcome run();
+
+private:
+    std::string loadGivenCertificates();
+    void addCertificates(const std::string& file, ByteView data, bool trusted, bool given);
+    void addKey(const Certificate& certificate);
+    std::string readAll();
+    void visit(ExportMember&& member);
+    void visitLog(ExportMember&& member);
+    bool firstSighting(ByteView data);
+    void work();
+    void process(WorkItem&& item);
+    void processWaiting();
+    void keep(LogRecord&& record);
+    void addFinding(Severity severity, const std::string& code, const std::string& message,
+                    std::vector<std::string> files);
+    void finish();
+
+    const AuditOptions& options_;
+    AuditReport report_;
+    std::vector<Certificate> certificates_;  // beside report_.certificates
+    CertificatePool pool_;
+
+    std::shared_mutex keysLock_;
+    std::unordered_map<std::string, PublicKey> keys_;  // by raw serial number
+    std::unordered_map<std::string, std::vector<WorkItem>> pending_;
+    size_t pendingBytes_ = 0;
+    std::set<uint64_t> deferred_;
+    bool finalPass_ = false;  // set once every certificate has been read
+
+    std::mutex resultsLock_;
+    std::atomic<uint64_t> logsDone_{0};
+    std::unique_ptr<WorkQueue<WorkItem>> queue_;
+    std::unordered_set<Digest, DigestHash> seen_;
+    uint64_t ordinal_ = 0;
+    uint64_t bytesBefore_ = 0, bytesTotal_ = 0;
+};
+
+void AuditRun::addFinding(Severity severity, const std::string& code, const std::string& message,
+                          std::vector<std::string> files)
+{
+    std::lock_guard<std::mutex> lock(resultsLock_);
+    report_.findings.push_back(Finding{severity, code, message, std::move(files)});
+}
+
+void AuditRun::addKey(const Certificate& certificate)
+{
+    const PublicKey& key = *certificate.key();
+    const std::string serial = key.serialNumber().empty()
+                                   ? std::string()
+                                   : std::string(key.serialNumber().begin(), key.serialNumber().end());
+    std::vector<WorkItem> waiting;
+    {
+        std::unique_lock<std::shared_mutex> lock(keysLock_);
+        keys_.emplace(serial, key);
+        auto found = pending_.find(serial);
+        if (found != pending_.end()) {
+            waiting = std::move(found->second);
+            pending_.erase(found);
+            for (const WorkItem& item : waiting) pendingBytes_ -= pendingCost(item);
+        }
+    }
+    for (WorkItem& item : waiting) queue_->push(std::move(item));
+}
+
+void AuditRun::addCertificates(const std::string& file, ByteView data, bool trusted, bool given)
+{
+    CertificateLoad load = loadCertificates(data);
+    if (load.certificates.empty()) {
+        addFinding(Severity::Warning, "unexpected-member", file + " holds no certificate: " + load.error, {file});
+        return;
+    }
+    for (const Certificate& certificate : load.certificates) {
+        pool_.add(certificate, trusted);
+        if (certificate.key() && queue_) addKey(certificate);
+        if (trusted) continue;
+        CertificateRecord record;
+        record.file = file;
+        record.serialNumber = certificateSerial(certificate);
+        record.subject = certificate.subject();
+        record.issuer = certificate.issuer();
+        record.notBefore = certificate.notBefore();
+        record.notAfter = certificate.notAfter();
+        record.curve = certificate.curveName();
+        record.keyProblem = certificate.keyError();
+        record.given = given;
+        report_.certificates.push_back(std::move(record));
+        certificates_.push_back(certificate);
+    }
+}
+
+std::string AuditRun::loadGivenCertificates()
+{
+    for (const std::string& path : options_.certificateFiles) {
+        FileRead read = readFileBounded(path, MAX_CERTIFICATE_FILE);
+        if (!read.contents) return "the certificate " + path + " " + read.error;
+        if (loadCertificates(*read.contents).certificates.empty()) return "the certificate " + path + " holds no certificate";
+        addCertificates(path, *read.contents, false, true);
+    }
+    namespace fs = std::filesystem;
+    for (const std::string& directory : options_.trustDirectories) {
+        std::error_code error;
+        if (!fs::is_directory(directory, error)) return "the trust directory " + directory + " is not a directory";
+        for (const auto& entry : fs::directory_iterator(directory, error)) {
+            if (!entry.is_regular_file(error)) continue;
+            FileRead read = readFileBounded(entry.path().string(), MAX_CERTIFICATE_FILE);
+            if (read.contents && !loadCertificates(*read.contents).certificates.empty()) {
+                addCertificates(entry.path().string(), *read.contents, true, true);
+            }
+        }
+    }
+    return {};
+}
+
+bool AuditRun::firstSighting(ByteView data)
+{
+    const Bytes hash = sha256(data);
+    Digest digest;
+    std::copy(hash.begin(), hash.end(), digest.begin());
+    return seen_.insert(digest).second;
+}
+
+void AuditRun::keep(LogRecord&& record)
+{
+    std::lock_guard<std::mutex> lock(resultsLock_);
+    report_.logs.push_back(std::move(record));
+    ++logsDone_;
+}
+
+void AuditRun::process(WorkItem&& item)
+{
+    LogRecord record;
+    record.file = item.name;
+    record.ordinal = item.ordinal;
+    const std::optional<LogName> name = parseLogName(item.name);
+    LogParse parse = parseLogMessage(item.bytes);
+    if (!parse.message) {
+        if (name) record.type = name->type, record.counter = name->counter;
+        record.reason = parse.error + " (at byte " + std::to_string(parse.errorOffset) + ")";
+        return keep(std::move(record));
+    }
+    const LogMessage& message = *parse.message;
+    fillFromMessage(record, message);
+    record.nameProblem = name ? nameMismatch(*name, message) : "the name does not follow the TSE's naming pattern";
+    const std::string serial(message.serialNumber.begin(), message.serialNumber.end());
+    std::optional<PublicKey> key;
+    {
+        std::shared_lock<std::shared_mutex> lock(keysLock_);
+        auto found = keys_.find(serial);
+        if (found != keys_.end()) key = found->second;
+    }
+    if (!key && !finalPass_) {
+        std::unique_lock<std::shared_mutex> lock(keysLock_);
+        auto found = keys_.find(serial);
+        if (found != keys_.end()) {
+            key = found->second;
+        } else if (pendingBytes_ + pendingCost(item) <= MAX_PENDING_BYTES) {
+            pendingBytes_ += pendingCost(item);
+            pending_[serial].push_back(std::move(item));
+            return;
+        } else {
+            deferred_.insert(item.ordinal);
+            return;
+        }
+    }
+    if (!key) {
+        record.verdict = LogVerdict::NoCertificate;
+        record.reason = "no certificate has a key whose SHA-256 is the serial number " + record.serialNumber;
+        return keep(std::move(record));
+    }
+    const Verification verification = verifyLog(message, *key);
+    record.verdict = verdictOf(verification);
+    record.reason = verification.reason;
+    keep(std::move(record));
+}
+
+void AuditRun::work()
+{
+    while (std::optional<WorkItem> item = queue_->pop()) process(std::move(*item));
+}
+
+void AuditRun::visitLog(ExportMember&& member)
+{
+    if (!member.contents) {
+        LogRecord record;
+        record.file = member.name;
+        record.ordinal = ordinal_;
+        if (const auto name = parseLogName(member.name)) record.type = name->type, record.counter = name->counter;
+        record.reason = "the member " + member.error;
+        return keep(std::move(record));
+    }
+    if (!firstSighting(*member.contents)) {
+        ++report_.summary.duplicatesSkipped;
+        return;
+    }
+    queue_->push(WorkItem{ordinal_, std::move(member.name), std::move(member.source), std::move(*member.contents)});
+}
+
+void AuditRun::visit(ExportMember&& member)
+{
+    ++ordinal_;
+    if (finalPass_) {
+        if (deferred_.count(ordinal_) && member.contents) {
+            queue_->push(WorkItem{ordinal_, std::move(member.name), std::move(member.source), std::move(*member.contents)});
+        }
+        return;
+    }
+    if (unsafeMemberName(member.name)) {
+        return addFinding(Severity::Warning, "unexpected-member",
+                          "the member name " + member.name + " in " + member.source +
+                              " leads outside the export; it was not used",
+                          {member.name});
+    }
+    const MemberKind kind = classifyMember(member.name);
+    if (kind == MemberKind::Log) return visitLog(std::move(member));
+    if (!member.contents) {
+        return addFinding(Severity::Warning, "unexpected-member", member.name + " " + member.error, {member.name});
+    }
+    if (!firstSighting(*member.contents)) return;
+    if (kind == MemberKind::Certificate) return addCertificates(member.name, *member.contents, false, false);
+    if (kind == MemberKind::Info) {
+        InfoParse parse = parseInfoCsv(*member.contents);
+        if (parse.info && !report_.info) report_.info = std::move(parse.info);
+        if (!parse.info) report_.infoProblem = member.name + ": " + parse.error;
+        return;
+    }
+    addFinding(Severity::Warning, "unexpected-member",
+               member.name + " is neither a log, a certificate nor info.csv", {member.name});
+}
+
+// One pass over every export: this thread reads, the workers parse and
+// verify what it queues. The second pass, when needed, only picks up the
+// logs that could not wait for their certificate in memory.
+std::string AuditRun::readAll()
+{
+    ordinal_ = 0;
+    queue_ = std::make_unique<WorkQueue<WorkItem>>(QUEUE_CAPACITY);
+    std::vector<std::thread> workers;
+    for (unsigned i = 0; i < std::max(1u, options_.jobs); ++i) workers.emplace_back([this] { work(); });
+    const ExportGrouping grouping = groupExportPaths(options_.exports);
+    std::string failure = grouping.error;
+    bytesTotal_ = 0;
+    for (const ExportSource& source : grouping.sources) bytesTotal_ += sourceSize(source);
+    bytesBefore_ = 0;
+    for (const ExportSource& source : grouping.sources) {
+        if (!failure.empty()) break;
+        const ExportRead read = readExportSource(
+            source, options_.maxMemberSize, [&](ExportMember&& member) { visit(std::move(member)); },
+            [&](uint64_t bytes) {
+                if (options_.progress) options_.progress(AuditProgress{logsDone_, bytesBefore_ + bytes, bytesTotal_});
+            });
+        bytesBefore_ += sourceSize(source);
+        if (!read.opened) failure = read.error;
+        else if (!read.error.empty() && !finalPass_) addFinding(Severity::Error, "log-unreadable", read.error, {source.label()});
+    }
+    queue_->close();
+    for (std::thread& worker : workers) worker.join();
+    return failure;
+}
+
+void AuditRun::processWaiting()
+{
+    std::vector<WorkItem> waiting;
+    for (auto& entry : pending_) {
+        for (WorkItem& item : entry.second) waiting.push_back(std::move(item));
+    }
+    pending_.clear();
+    parallelFor(waiting.size(), options_.jobs, [&](size_t i) { process(std::move(waiting[i])); });
+}
+
+void AuditRun::finish()
+{
+    std::sort(report_.logs.begin(), report_.logs.end(),
+              [](const LogRecord& a, const LogRecord& b) { return a.ordinal < b.ordinal; });
+    for (size_t i = 0; i < certificates_.size(); ++i) report_.certificates[i].chain = pool_.judge(certificates_[i]);
+    applyIntegrityRules(report_, !options_.trustDirectories.empty());
+    AuditSummary& s = report_.summary;
+    for (const LogRecord& log : report_.logs) {
+        ++s.logs;
+        s.valid += log.verdict == LogVerdict::Valid;
+        s.invalid += log.verdict == LogVerdict::Invalid;
+        s.noCertificate += log.verdict == LogVerdict::NoCertificate;
+        s.unreadable += log.verdict == LogVerdict::Unreadable;
+        s.transaction += log.type == LogType::Transaction;
+        s.system += log.type == LogType::System;
+        s.audit += log.type == LogType::Audit;
+    }
+    for (Finding& finding : report_.findings) {
+        if (options_.strict) finding.severity = Severity::Error;
+        (finding.severity == Severity::Error ? s.errors : s.warnings) += 1;
+    }
+}
+
+AuditOutcome AuditRun::run()
+{
+    queue_ = std::make_unique<WorkQueue<WorkItem>>(QUEUE_CAPACITY);
+    if (std::string error = loadGivenCertificates(); !error.empty()) return AuditOutcome{std::nullopt, error};
+    if (std::string error = readAll(); !error.empty()) return AuditOutcome{std::nullopt, error};
+    // Every certificate is known now, so nothing waits any longer.
+    finalPass_ = true;
+    processWaiting();
+    if (!deferred_.empty()) readAll();
+    finish();
+    return AuditOutcome{std::move(report_), {}};
+}
+
+}  // namespace
+
+std::optional<LogTime> LogRecord::logTime() const
+{
+    if (!seconds || !timeFormat) return std::nullopt;
+    LogTime time;
+    time.format = *timeFormat;
+    time.seconds = *seconds;
+    time.fraction = fraction;
+    return time;
+}
+
+std::string_view logVerdictName(LogVerdict verdict)
+{
+    switch (verdict) {
+    case LogVerdict::Valid: return "valid";
+    case LogVerdict::Invalid: return "invalid";
+    case LogVerdict::NoCertificate: return "no-certificate";
+    case LogVerdict::Unreadable: return "unreadable";
+    }
+    return "unknown";
+}
+
+std::string_view severityName(Severity severity)
+{
+    return severity == Severity::Error ? "error" : "warning";
+}
+
+AuditOutcome auditExport(const AuditOptions& options)
+{
+    AuditRun run(options);
+    return run.run();
+}
+
+}  // namespace tse

@@ -1,0 +1,115 @@
+#ifndef TSE_CORE_AUDIT_H
+#define TSE_CORE_AUDIT_H
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "certificate_chain.h"
+#include "info_csv.h"
+#include "log_message.h"
+#include "log_time.h"
+#include "parallel.h"
+
+namespace tse {
+
+enum class LogVerdict { Valid, Invalid, NoCertificate, Unreadable };
+std::string_view logVerdictName(LogVerdict verdict);  // "valid", "invalid", "no-certificate", "unreadable"
+
+enum class Severity { Error, Warning };
+std::string_view severityName(Severity severity);  // "error", "warning"
+
+// What the audit keeps of one log once it is verified: enough for every
+// report and integrity rule, but not the log itself, so that memory does
+// not grow with the size of the logs.
+struct LogRecord {
+    std::string file;    // the member name as in the archive
+    uint64_t ordinal = 0;
+    std::optional<LogType> type;  // from the content, or the name when unreadable
+    LogVerdict verdict = LogVerdict::Unreadable;
+    std::optional<uint64_t> counter;
+    std::string serialNumber;  // hex; empty when unreadable
+    std::string algorithm;
+    std::optional<int64_t> seconds;
+    std::string fraction;
+    std::optional<TimeFormat> timeFormat;
+    std::optional<uint64_t> transactionNumber;
+    std::string operation;
+    std::string clientId;
+    std::string processType;
+    std::string reason;
+    std::string nameProblem;  // how the name disagrees with the content
+
+    std::optional<LogTime> logTime() const;
+};
+
+struct Finding {
+    Severity severity = Severity::Warning;
+    std::string code;  // "signature-invalid", "counter-gap", ...
+    std::string message;
+    std::vector<std::string> files;
+};
+
+struct CertificateRecord {
+    std::string file;
+    std::string serialNumber;  // SHA-256 of the key's point, hex
+    std::string subject, issuer;
+    std::optional<int64_t> notBefore, notAfter;
+    std::string curve;
+    std::string keyProblem;  // why its key cannot check logs, e.g. an unsupported curve
+    ChainJudgement chain;
+    bool given = false;  // from --cert rather than the export
+};
+
+struct AuditSummary {
+    size_t logs = 0, valid = 0, invalid = 0, noCertificate = 0, unreadable = 0;
+    size_t transaction = 0, system = 0, audit = 0;
+    size_t duplicatesSkipped = 0;  // members with the bytes of one seen before
+    size_t errors = 0, warnings = 0;
+};
+
+struct AuditReport {
+    std::vector<std::string> exports;
+    AuditSummary summary;
+    std::optional<InfoCsv> info;
+    std::string infoProblem;
+    std::vector<CertificateRecord> certificates;
+    // In reading order; a deque grows without copying what it holds, which
+    // keeps the peak low on exports of a hundred thousand logs.
+    std::deque<LogRecord> logs;
+    std::vector<Finding> findings;
+};
+
+struct AuditProgress {
+    uint64_t logsDone = 0;
+    uint64_t bytesDone = 0, bytesTotal = 0;
+};
+
+struct AuditOptions {
+    std::vector<std::string> exports;
+    std::vector<std::string> certificateFiles;  // besides the export's own
+    std::vector<std::string> trustDirectories;  // trusted root certificates
+    unsigned jobs = defaultJobs();
+    bool strict = false;  // warnings count as errors
+    size_t maxMemberSize = 16u << 20;
+    // Called from the reading thread, often; keep it cheap.
+    std::function<void(const AuditProgress&)> progress;
+};
+
+struct AuditOutcome {
+    std::optional<AuditReport> report;
+    std::string error;  // an export or given certificate that cannot be opened at all
+};
+
+// Reads every export once, verifies each log on `jobs` threads while the
+// next members are read, and applies the integrity rules.
+AuditOutcome auditExport(const AuditOptions& options);
+
+}  // namespace tse
+
+#endif

@@ -1,0 +1,217 @@
+#include "audit_rules.h"
+
+#include <algorithm>
+#include <map>
+#include <set>
+
+#include "algorithms.h"
+
+namespace tse {
+namespace {
+
+constexpr size_t MAX_RANGES_SHOWN = 30;
+constexpr size_t MAX_FILES_PER_FINDING = 200;
+
+struct Findings {
+    std::vector<Finding>& list;
+
+    void add(Severity severity, const char* code, std::string message, std::vector<std::string> files)
+    {
+        if (files.size() > MAX_FILES_PER_FINDING) files.resize(MAX_FILES_PER_FINDING);
+        list.push_back(Finding{severity, code, std::move(message), std::move(files)});
+    }
+};
+
+std::string shortSerial(const std::string& serial)
+{
+    return "TSE " + serial.substr(0, 16) + (serial.size() > 16 ? "..." : "");
+}
+
+bool isOperation(const LogRecord& log, std::string_view word)
+{
+    return log.operation.size() >= word.size() && equalsIgnoringCase(log.operation.substr(0, word.size()), word);
+}
+
+bool isUpdateTime(const LogRecord& log)
+{
+    return log.type == LogType::System && equalsIgnoringCase(log.operation, "updateTime");
+}
+
+void perLogFindings(const AuditReport& report, Findings& out)
+{
+    std::map<std::string, std::vector<std::string>> withoutCertificate;
+    for (const LogRecord& log : report.logs) {
+        if (log.verdict == LogVerdict::Invalid) {
+            out.add(Severity::Error, "signature-invalid", log.file + ": " + log.reason, {log.file});
+        } else if (log.verdict == LogVerdict::Unreadable) {
+            out.add(Severity::Error, "log-unreadable", log.file + ": " + log.reason, {log.file});
+        } else if (log.verdict == LogVerdict::NoCertificate) {
+            withoutCertificate[log.serialNumber].push_back(log.file);
+        }
+        if (!log.nameProblem.empty()) {
+            out.add(Severity::Error, "name-mismatch", log.file + ": " + log.nameProblem, {log.file});
+        }
+    }
+    for (auto& [serial, files] : withoutCertificate) {
+        out.add(Severity::Error, "certificate-missing",
+                std::to_string(files.size()) + " logs of " + shortSerial(serial) +
+                    ": no certificate has a key whose SHA-256 is the serial number " + serial,
+                std::move(files));
+    }
+}
+
+void counterFindings(const std::string& serial, const std::vector<const LogRecord*>& logs,
+                     const std::set<uint64_t>& extraCounters, Findings& out)
+{
+    std::set<uint64_t> present(extraCounters);
+    for (size_t i = 0; i < logs.size(); ++i) {
+        present.insert(*logs[i]->counter);
+        size_t j = i;
+        while (j + 1 < logs.size() && *logs[j + 1]->counter == *logs[i]->counter) ++j;
+        if (j > i) {
+            std::vector<std::string> files;
+            for (size_t k = i; k <= j; ++k) files.push_back(logs[k]->file);
+            out.add(Severity::Error, "counter-duplicate",
+                    shortSerial(serial) + ": " + std::to_string(j - i + 1) + " different logs carry signature counter " +
+                        std::to_string(*logs[i]->counter),
+                    std::move(files));
+            i = j;
+        }
+    }
+    std::vector<std::pair<uint64_t, uint64_t>> gaps;
+    uint64_t missing = 0;
+    for (auto it = present.begin(); it != present.end(); ++it) {
+        auto next = std::next(it);
+        if (next != present.end() && *next > *it + 1) {
+            gaps.emplace_back(*it + 1, *next - 1);
+            missing += *next - *it - 1;
+        }
+    }
+    if (gaps.empty()) return;
+    out.add(Severity::Warning, "counter-gap",
+            shortSerial(serial) + ": " + std::to_string(missing) + " signature counters missing between " +
+                std::to_string(*present.begin()) + " and " + std::to_string(*present.rbegin()) + ": " +
+                counterRanges(gaps, MAX_RANGES_SHOWN),
+            {});
+}
+
+void timeFindings(const std::vector<const LogRecord*>& logs, Findings& out)
+{
+    for (size_t i = 1; i < logs.size(); ++i) {
+        const LogRecord& before = *logs[i - 1];
+        const LogRecord& log = *logs[i];
+        if (!before.seconds || !log.seconds || *log.counter == *before.counter) continue;
+        // A clock set back is legal when the TSE logs it with updateTime.
+        if (*log.seconds >= *before.seconds || isUpdateTime(before) || isUpdateTime(log)) continue;
+        out.add(Severity::Warning, "time-regression",
+                log.file + ": its log time " + log.logTime()->iso() + " is earlier than " + before.logTime()->iso() +
+                    " of signature counter " + std::to_string(*before.counter),
+                {before.file, log.file});
+    }
+}
+
+struct TransactionLogs {
+    std::vector<std::string> files;
+    bool start = false, finish = false;
+};
+
+// Transactions at the export's edges are left alone: those that started
+// before it (no Start, numbered below every Start seen) and those still
+// open at its end (no Finish, numbered above every Finish seen).
+void transactionFindings(const std::string& serial, const std::vector<const LogRecord*>& logs, Findings& out)
+{
+    std::map<uint64_t, TransactionLogs> transactions;
+    for (const LogRecord* log : logs) {
+        if (log->type != LogType::Transaction || !log->transactionNumber) continue;
+        TransactionLogs& t = transactions[*log->transactionNumber];
+        t.files.push_back(log->file);
+        t.start |= isOperation(*log, "start");
+        t.finish |= isOperation(*log, "finish");
+    }
+    std::optional<uint64_t> firstStarted, lastFinished;
+    for (const auto& [number, t] : transactions) {
+        if (t.start && !firstStarted) firstStarted = number;
+        if (t.finish) lastFinished = number;
+    }
+    for (auto& [number, t] : transactions) {
+        std::string problem;
+        if (!t.start && firstStarted && number > *firstStarted) problem = "has no Start";
+        else if (t.start && !t.finish && lastFinished && number < *lastFinished) problem = "has a Start but no Finish";
+        if (problem.empty()) continue;
+        out.add(Severity::Warning, "transaction-incomplete",
+                shortSerial(serial) + ": transaction " + std::to_string(number) + " " + problem, std::move(t.files));
+    }
+}
+
+void perTseFindings(const AuditReport& report, Findings& out)
+{
+    std::map<std::string, std::vector<const LogRecord*>> byTse;
+    std::set<uint64_t> unreadableCounters;
+    for (const LogRecord& log : report.logs) {
+        if (!log.serialNumber.empty() && log.counter) byTse[log.serialNumber].push_back(&log);
+        else if (log.counter) unreadableCounters.insert(*log.counter);
+    }
+    for (auto& [serial, logs] : byTse) {
+        std::stable_sort(logs.begin(), logs.end(),
+                         [](const LogRecord* a, const LogRecord* b) { return *a->counter < *b->counter; });
+        // An unreadable log names its counter only in its file name; with
+        // one TSE in the export it is that TSE's, and not a gap.
+        counterFindings(serial, logs, byTse.size() == 1 ? unreadableCounters : std::set<uint64_t>{}, out);
+        timeFindings(logs, out);
+        transactionFindings(serial, logs, out);
+    }
+}
+
+void certificateFindings(const AuditReport& report, bool trustGiven, Findings& out)
+{
+    std::map<std::string, const CertificateRecord*> bySerial;
+    for (const CertificateRecord& certificate : report.certificates) {
+        bySerial.emplace(certificate.serialNumber, &certificate);
+        if (trustGiven && certificate.chain.status != ChainStatus::Trusted) {
+            out.add(Severity::Warning, "certificate-chain",
+                    certificate.file + ": the chain is " + std::string(chainStatusName(certificate.chain.status)) +
+                        ": " + certificate.chain.reason,
+                    {certificate.file});
+        }
+    }
+    std::map<const CertificateRecord*, std::vector<std::string>> outside;
+    for (const LogRecord& log : report.logs) {
+        auto found = bySerial.find(log.serialNumber);
+        if (found == bySerial.end() || !log.seconds) continue;
+        const CertificateRecord& c = *found->second;
+        if ((c.notBefore && *log.seconds < *c.notBefore) || (c.notAfter && *log.seconds > *c.notAfter)) {
+            outside[&c].push_back(log.file);
+        }
+    }
+    for (auto& [certificate, files] : outside) {
+        out.add(Severity::Warning, "certificate-chain",
+                std::to_string(files.size()) + " logs lie outside the validity of " + certificate->file + " (" +
+                    (certificate->notBefore ? isoSeconds(*certificate->notBefore) : "?") + " to " +
+                    (certificate->notAfter ? isoSeconds(*certificate->notAfter) : "?") + ")",
+                std::move(files));
+    }
+}
+
+}  // namespace
+
+std::string counterRanges(const std::vector<std::pair<uint64_t, uint64_t>>& ranges, size_t maxShown)
+{
+    std::string text;
+    for (size_t i = 0; i < ranges.size() && i < maxShown; ++i) {
+        if (!text.empty()) text += ", ";
+        text += std::to_string(ranges[i].first);
+        if (ranges[i].second != ranges[i].first) text += "-" + std::to_string(ranges[i].second);
+    }
+    if (ranges.size() > maxShown) text += " and " + std::to_string(ranges.size() - maxShown) + " more ranges";
+    return text;
+}
+
+void applyIntegrityRules(AuditReport& report, bool trustGiven)
+{
+    Findings out{report.findings};
+    perLogFindings(report, out);
+    perTseFindings(report, out);
+    certificateFindings(report, trustGiven, out);
+}
+
+}  // namespace tse

@@ -1,0 +1,58 @@
+#ifndef TSE_CORE_EXPORT_READER_H
+#define TSE_CORE_EXPORT_READER_H
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "bytes.h"
+
+namespace tse {
+
+// A member of a TSE export that is never unpacked to disk: the bytes stay
+// in memory only as long as the visitor keeps them.
+struct ExportMember {
+    std::string name;    // as in the archive, relative to the directory, or the path given
+    std::string source;  // the archive, directory or file it came from
+    std::optional<Bytes> contents;
+    std::string error;   // why there are no contents: too large, truncated, ...
+};
+
+// One thing to read: an archive (several files when it is split into
+// X.tar.001, X.tar.002, ...), a directory, or a single file.
+struct ExportSource {
+    enum class Kind { Archive, Directory, File };
+    Kind kind = Kind::File;
+    std::vector<std::string> paths;
+    std::string label() const;  // the first path, as the user gave it
+};
+
+struct ExportGrouping {
+    std::vector<ExportSource> sources;
+    std::string error;  // names the first path that does not exist
+};
+ExportGrouping groupExportPaths(const std::vector<std::string>& paths);
+
+// The bytes on disk that reading the source will go through, for progress.
+uint64_t sourceSize(const ExportSource& source);
+
+struct ExportRead {
+    bool opened = false;  // false: not an export at all (see error)
+    std::string error;    // also set when an archive breaks off part way
+};
+
+using MemberVisitor = std::function<void(ExportMember&&)>;
+using ByteProgress = std::function<void(uint64_t bytesDone)>;
+
+// Hands each regular member to the visitor in archive order, plain or
+// compressed (gzip, bzip2, xz); directory entries are skipped. A member
+// above maxMemberSize arrives without contents, and is never held whole.
+ExportRead readExportSource(const ExportSource& source, size_t maxMemberSize, const MemberVisitor& visit,
+                            const ByteProgress& progress = {});
+
+}  // namespace tse
+
+#endif

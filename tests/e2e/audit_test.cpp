@@ -1,0 +1,273 @@
+// tse-check audit on the real exports and on synthetic ones from
+// make-export: real keys, real signatures, the real executables, and the
+// JSON and CSV reports parsed back.
+#include <archive.h>
+#include <archive_entry.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <random>
+#include <set>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "fixtures.h"
+
+namespace {
+
+using nlohmann::json;
+namespace fs = std::filesystem;
+
+const std::string REAL = std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) + "/../data/real-exports/";
+
+std::string makeExportPath()
+{
+    return (fs::path(fixtures::tseCheckPath()).parent_path() / "make-export").string();
+}
+
+void makeExport(const std::vector<std::string>& arguments)
+{
+    const fixtures::RunResult made = fixtures::run(makeExportPath(), arguments);
+    ASSERT_EQ(made.status, 0) << made.err;
+}
+
+struct Audit {
+    int status;
+    json report;
+};
+
+Audit audit(std::vector<std::string> arguments)
+{
+    arguments.insert(arguments.begin(), {"audit", "--json", "-"});
+    const fixtures::RunResult run = fixtures::run(fixtures::tseCheckPath(), arguments);
+    Audit result{run.status, json::parse(run.out.empty() ? "null" : run.out, nullptr, false)};
+    EXPECT_FALSE(result.report.is_discarded()) << run.out << run.err;
+    return result;
+}
+
+std::set<std::string> codes(const json& report)
+{
+    std::set<std::string> out;
+    for (const json& finding : report["findings"]) out.insert(finding["code"].get<std::string>());
+    return out;
+}
+
+TEST(Audit, RealExports)
+{
+    struct Case {
+        std::string file;
+        size_t logs;
+        uint64_t missingCounters;
+        int status;
+    };
+    for (const Case& c : std::vector<Case>{{"2021-09-30_63641_TSE.tar", 141, 64, 0},
+                                           {"6e6c6a42-5c8d-4a9c-9572-26c10619d020.tar", 10, 0, 0},
+                                           {"TSE_Export_685e1812-79a4-4c8c-9a07-9e93a019efa7_202109171015.tar", 155, 0, 0},
+                                           {"logMessages1.tar", 17, 1, 0},
+                                           {"softwareUpdate.tar", 25, 1, 1}}) {
+        SCOPED_TRACE(c.file);
+        const Audit a = audit({REAL + c.file});
+        EXPECT_EQ(a.status, c.status);
+        ASSERT_EQ(a.report["logs"].size(), c.logs);
+        const bool brokenDevice = c.file == "softwareUpdate.tar";
+        for (const json& log : a.report["logs"]) {
+            const uint64_t counter = log["signatureCounter"];
+            const bool expectInvalid = brokenDevice && counter >= 4 && counter <= 19;
+            EXPECT_EQ(log["verdict"], expectInvalid ? "invalid" : "valid") << log["file"];
+        }
+        uint64_t missing = 0;
+        for (const json& f : a.report["findings"]) {
+            if (f["code"] == "counter-gap") missing += std::stoull(f["message"].get<std::string>().substr(f["message"].get<std::string>().find(": ") + 2));
+            if (f["severity"] == "error") {
+                EXPECT_EQ(f["code"], "signature-invalid") << f["message"];
+            }
+        }
+        EXPECT_EQ(missing, c.missingCounters);
+        EXPECT_EQ(a.report["summary"]["errors"], brokenDevice ? 16 : 0);
+    }
+    // The lone counter both D-Trust test exports lack is 2.
+    const Audit d = audit({REAL + "logMessages1.tar"});
+    for (const json& f : d.report["findings"]) {
+        EXPECT_NE(f["message"].get<std::string>().find("between 1 and 18: 2"), std::string::npos);
+    }
+}
+
+// Each defect alone yields exactly its finding, with the severity and exit
+// status that belong to it; --strict makes a warning fail the audit.
+TEST(Audit, PlantedDefects)
+{
+    struct Case {
+        std::string defect;
+        int status;
+    };
+    fixtures::TempDir dir;
+    for (const Case& c : std::vector<Case>{{"signature-invalid", 1},
+                                           {"certificate-missing", 1},
+                                           {"log-unreadable", 1},
+                                           {"counter-duplicate", 1},
+                                           {"name-mismatch", 1},
+                                           {"counter-gap", 0},
+                                           {"transaction-incomplete", 0},
+                                           {"time-regression", 0},
+                                           {"certificate-chain", 0},
+                                           {"unexpected-member", 0}}) {
+        SCOPED_TRACE(c.defect);
+        const std::string archive = dir.path(c.defect + ".tar");
+        makeExport({"-o", archive, "-n", "6", "--curve", "secp256r1", "--defect", c.defect});
+        const Audit a = audit({archive});
+        EXPECT_EQ(a.status, c.status);
+        EXPECT_EQ(codes(a.report), std::set<std::string>{c.defect});
+        EXPECT_EQ(audit({"--strict", archive}).status, 1);
+    }
+}
+
+// Every curve and time format, in every container form.
+TEST(Audit, CleanExportsInEveryForm)
+{
+    const std::vector<std::string> curves{"brainpoolP256r1", "brainpoolP384r1", "brainpoolP512r1",
+                                          "secp256r1",       "secp384r1",       "secp521r1"};
+    const std::vector<std::string> forms{"tar", "tar.gz", "tar.bz2", "tar.xz", "dir", "split"};
+    const std::vector<std::string> times{"unixTime", "utcTime", "generalizedTime"};
+    fixtures::TempDir dir;
+    for (size_t i = 0; i < curves.size() * times.size(); ++i) {
+        const std::string curve = curves[i % curves.size()], time = times[i / curves.size()], form = forms[i % forms.size()];
+        SCOPED_TRACE(curve + " " + time + " " + form);
+        const std::string out = dir.path("e" + std::to_string(i) + (form == "dir" ? "" : ".tar"));
+        std::vector<std::string> args{"-o", out, "-n", "3", "--curve", curve, "--time-format", time,
+                                      "--format", form == "split" ? "tar" : form};
+        if (form == "split") args.insert(args.end(), {"--split", "2000"});
+        makeExport(args);
+        const Audit a = audit({form == "split" ? out + ".001" : out});
+        EXPECT_EQ(a.status, 0);
+        EXPECT_EQ(a.report["summary"]["valid"], 13);
+        EXPECT_EQ(a.report["summary"]["logs"], 13);
+        EXPECT_TRUE(a.report["findings"].empty()) << a.report["findings"].dump();
+        EXPECT_EQ(a.report["logs"][0]["logTimeFormat"], time);
+    }
+}
+
+// The same export twice (as merged incremental exports would have it)
+// counts each log once and is no counter duplicate.
+TEST(Audit, IdenticalLogsCountOnce)
+{
+    fixtures::TempDir dir;
+    makeExport({"-o", dir.path("a.tar"), "-n", "4"});
+    makeExport({"-o", dir.path("d"), "-n", "4", "--format", "dir"});
+    fs::copy_file(dir.path("a.tar"), dir.path("b.tar"));
+    const Audit twice = audit({dir.path("a.tar"), dir.path("b.tar")});
+    EXPECT_EQ(twice.status, 0);
+    EXPECT_EQ(twice.report["summary"]["logs"], 16);
+    EXPECT_EQ(twice.report["summary"]["duplicatesSkipped"], 16);
+    // Two TSEs with their own keys: no duplicates, no findings.
+    const Audit two = audit({dir.path("a.tar"), dir.path("d")});
+    EXPECT_EQ(two.report["summary"]["valid"], 32);
+    EXPECT_TRUE(two.report["findings"].empty());
+}
+
+void writeTar(const std::string& path, const std::vector<std::pair<std::string, std::string>>& members)
+{
+    archive* a = archive_write_new();
+    archive_write_set_format_pax_restricted(a);
+    archive_write_open_filename(a, path.c_str());
+    for (const auto& [name, data] : members) {
+        archive_entry* entry = archive_entry_new();
+        archive_entry_set_pathname(entry, name.c_str());
+        archive_entry_set_size(entry, static_cast<la_int64_t>(data.size()));
+        archive_entry_set_filetype(entry, AE_IFREG);
+        archive_entry_set_perm(entry, 0644);
+        archive_write_header(a, entry);
+        archive_write_data(a, data.data(), data.size());
+        archive_entry_free(entry);
+    }
+    archive_write_close(a);
+    archive_write_free(a);
+}
+
+std::string fileText(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+TEST(Audit, HostileMembers)
+{
+    fixtures::TempDir dir;
+    makeExport({"-o", dir.path("good"), "-n", "3", "--format", "dir"});
+    std::vector<std::pair<std::string, std::string>> members;
+    std::string someLog;
+    for (const auto& entry : fs::directory_iterator(dir.path("good"))) {
+        members.emplace_back("./" + entry.path().filename().string(), fileText(entry.path().string()));
+        if (entry.path().extension() == ".log") someLog = members.back().second;
+    }
+    std::mt19937 random(7);
+    std::string noise(300, '\0');
+    for (char& c : noise) c = static_cast<char>(random());
+    members.push_back({"Unixt_1_Sig-900_Log-Aud.log", someLog.substr(0, someLog.size() - 9)});
+    members.push_back({"Unixt_1_Sig-901_Log-Aud.log", noise});
+    members.push_back({"Unixt_1_Sig-902_Log-Aud.log", std::string(20u << 20, 'x')});
+    members.push_back({"../escape.log", someLog});
+    members.push_back({"/etc/absolute.log", someLog});
+    writeTar(dir.path("hostile.tar"), members);
+
+    const Audit a = audit({dir.path("hostile.tar")});
+    EXPECT_EQ(a.status, 1);
+    std::map<std::string, json> byFile;
+    for (const json& log : a.report["logs"]) byFile[log["file"]] = log;
+    for (const char* file : {"Unixt_1_Sig-900_Log-Aud.log", "Unixt_1_Sig-901_Log-Aud.log", "Unixt_1_Sig-902_Log-Aud.log"}) {
+        EXPECT_EQ(byFile[file]["verdict"], "unreadable") << file;
+    }
+    EXPECT_NE(byFile["Unixt_1_Sig-902_Log-Aud.log"]["reason"].get<std::string>().find("larger than 16 MiB"),
+              std::string::npos);
+    EXPECT_EQ(byFile.count("../escape.log") + byFile.count("/etc/absolute.log"), 0u);
+    EXPECT_EQ(a.report["summary"]["valid"], 13);
+    EXPECT_EQ(codes(a.report), (std::set<std::string>{"log-unreadable", "unexpected-member", "counter-gap"}));
+    EXPECT_FALSE(fs::exists(dir.path("escape.log")));
+
+    // A cut archive still reports what it holds; no export at all is status 2.
+    const std::string whole = fileText(dir.path("hostile.tar"));
+    std::ofstream(dir.path("cut.tar"), std::ios::binary) << whole.substr(0, 6000);
+    EXPECT_EQ(audit({dir.path("cut.tar")}).status, 1);
+    std::ofstream(dir.path("noise.tar"), std::ios::binary) << noise;
+    for (const std::string& path : {dir.path("noise.tar"), dir.path("missing.tar")}) {
+        EXPECT_EQ(fixtures::run(fixtures::tseCheckPath(), {"audit", path}).status, 2) << path;
+    }
+}
+
+std::vector<std::vector<std::string>> parseCsv(const std::string& text)
+{
+    std::vector<std::vector<std::string>> rows(1, std::vector<std::string>(1));
+    bool quoted = false;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (quoted && c == '"' && i + 1 < text.size() && text[i + 1] == '"') rows.back().back() += text[++i];
+        else if (c == '"') quoted = !quoted;
+        else if (!quoted && c == ',') rows.back().emplace_back();
+        else if (!quoted && c == '\n') rows.emplace_back(1);
+        else rows.back().back() += c;
+    }
+    if (rows.back().size() == 1 && rows.back()[0].empty()) rows.pop_back();
+    return rows;
+}
+
+TEST(Audit, CsvMatchesJson)
+{
+    const std::string tar = REAL + "6e6c6a42-5c8d-4a9c-9572-26c10619d020.tar";
+    const json report = audit({tar}).report;
+    const auto rows = parseCsv(fixtures::run(fixtures::tseCheckPath(), {"audit", "--csv", "-", tar}).out);
+    ASSERT_EQ(rows.size(), 11u);
+    const std::vector<std::string> header{"file", "type", "verdict", "signatureCounter", "logTime", "transactionNumber",
+                                          "operationType", "clientId", "processType", "serialNumber",
+                                          "signatureAlgorithm", "reason"};
+    EXPECT_EQ(rows[0], header);
+    for (size_t i = 1; i < rows.size(); ++i) {
+        const json& log = report["logs"][i - 1];
+        EXPECT_EQ(rows[i][0], log["file"]);
+        EXPECT_EQ(rows[i][3], std::to_string(log["signatureCounter"].get<uint64_t>()));
+        EXPECT_EQ(rows[i][4], log["logTime"]);
+        EXPECT_EQ(rows[i][7], log["clientId"].is_null() ? "" : log["clientId"].get<std::string>());
+    }
+}
+
+}  // namespace

@@ -1,0 +1,331 @@
+// make-export: writes a synthetic TSE export - transactions with Start,
+// Update and Finish, system and audit logs, the certificate and info.csv -
+// signed with a fresh key, optionally with one planted defect. For tests
+// and benchmarks of `tse-check audit`.
+#include <archive.h>
+#include <archive_entry.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "algorithms.h"
+#include "log_encoder.h"
+#include "parallel.h"
+#include "signer.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using tse::Bytes;
+
+constexpr int64_t FIRST_LOG_TIME = 1700000000;  // 2023-11-14
+constexpr int64_t CLOCK_STEP_BACK = 30;
+
+const std::vector<std::string> DEFECTS{"signature-invalid", "certificate-missing", "log-unreadable",
+                                       "counter-duplicate", "name-mismatch", "counter-gap",
+                                       "transaction-incomplete", "time-regression", "certificate-chain",
+                                       "unexpected-member"};
+
+struct Options {
+    std::string out;
+    uint64_t transactions = 10;
+    std::string curve = "brainpoolP384r1";
+    std::string timeFormat = "unixTime";
+    std::string format = "tar";
+    uint64_t splitSize = 0;
+    std::string defect;
+    uint64_t firstCounter = 1;
+    unsigned jobs = tse::defaultJobs();
+};
+
+// A log before it is signed: what it says and under which name.
+struct PlannedLog {
+    tse::LogType type = tse::LogType::Transaction;
+    std::string operation;  // Start/Update/Finish or the system event
+    uint64_t transaction = 0;
+    uint64_t counter = 0;
+    int64_t seconds = 0;
+    std::string processData = "Beleg^12.50_0.00_0.00_0.00_0.00^12.50:Bar";
+    int64_t nameSeconds = 0;
+    std::string nameSuffix;
+    const tse::Signer* signer = nullptr;
+};
+
+struct Member {
+    std::string name;
+    Bytes bytes;
+};
+
+const tse::CurveInfo& curveNamed(const std::string& name)
+{
+    for (const tse::CurveInfo& info : tse::supportedCurves()) {
+        if (tse::equalsIgnoringCase(info.displayName, name) || tse::equalsIgnoringCase(info.name, name)) return info;
+    }
+    throw std::runtime_error("unknown curve " + name);
+}
+
+tse::TimeFormat timeFormatNamed(const std::string& name)
+{
+    for (tse::TimeFormat f : {tse::TimeFormat::UnixTime, tse::TimeFormat::UtcTime, tse::TimeFormat::GeneralizedTime}) {
+        if (tse::equalsIgnoringCase(tse::timeFormatName(f), name)) return f;
+    }
+    throw std::runtime_error("unknown time format " + name);
+}
+
+// TSEs pair the curve's size with the hash of the same strength.
+tse::Hash hashFor(const tse::CurveInfo& curve)
+{
+    return curve.fieldSize <= 32 ? tse::Hash::Sha256 : curve.fieldSize <= 48 ? tse::Hash::Sha384 : tse::Hash::Sha512;
+}
+
+std::string timeText(tse::TimeFormat format, int64_t seconds)
+{
+    switch (format) {
+    case tse::TimeFormat::UnixTime: return std::to_string(seconds);
+    case tse::TimeFormat::UtcTime: return tse::utcTimeText(seconds);
+    case tse::TimeFormat::GeneralizedTime: return tse::generalizedTimeText(seconds);
+    }
+    return {};
+}
+
+std::string prefix(tse::TimeFormat format)
+{
+    return format == tse::TimeFormat::UnixTime ? "Unixt" : format == tse::TimeFormat::UtcTime ? "Utc" : "Gent";
+}
+
+std::string fileName(const PlannedLog& log, tse::TimeFormat format)
+{
+    std::string name = prefix(format) + "_" + timeText(format, log.nameSeconds) + "_Sig-" + std::to_string(log.counter);
+    if (log.type == tse::LogType::Transaction) {
+        name += "_Log-Tra_No-" + std::to_string(log.transaction) + "_" + log.operation + "_Client-KASSE-01";
+    } else if (log.type == tse::LogType::System) {
+        name += "_Log-Sys_" + log.operation;
+    } else {
+        name += "_Log-Aud";
+    }
+    return name + log.nameSuffix + ".log";
+}
+
+Bytes certifiedData(const PlannedLog& log)
+{
+    if (log.type == tse::LogType::Transaction) {
+        tse::TransactionData data;
+        data.operationType = log.operation + "Transaction";
+        data.clientId = "KASSE-01";
+        data.processData = Bytes(log.processData.begin(), log.processData.end());
+        data.processType = "Kassenbeleg-V1";
+        data.transactionNumber = log.transaction;
+        return tse::encodeTransactionData(data);
+    }
+    tse::SystemData data;
+    data.operationType = log.operation;
+    return tse::encodeSystemData(data);
+}
+
+Bytes signedLog(const PlannedLog& log, tse::TimeFormat format, tse::Hash hash)
+{
+    tse::LogContent content;
+    content.type = log.type;
+    if (log.type != tse::LogType::Audit) content.certifiedData = certifiedData(log);
+    if (log.type == tse::LogType::Audit) content.seAuditData = Bytes{0x30, 0x00};
+    content.serialNumber = log.signer->publicKey().serialNumber();
+    content.algorithmOid = std::string(tse::ecdsaPlain(hash).oid);
+    content.signatureCounter = log.counter;
+    content.logTime = tse::encodeLogTime(format, log.seconds);
+    const Bytes octets = tse::encodeSignedOctets(content);
+    return tse::encodeLogMessage(octets, log.signer->signPlain(hash, octets));
+}
+
+// The logs of a TSE's life: an audit log, start-up system logs with a clock
+// set back (legal, as updateTime logs it), then the transactions.
+std::vector<PlannedLog> plan(const Options& options, const tse::Signer& signer)
+{
+    std::vector<PlannedLog> logs;
+    uint64_t counter = options.firstCounter;
+    int64_t seconds = FIRST_LOG_TIME;
+    auto add = [&](tse::LogType type, const std::string& operation, uint64_t transaction) {
+        PlannedLog log;
+        log.type = type;
+        log.operation = operation;
+        log.transaction = transaction;
+        log.counter = counter++;
+        log.seconds = log.nameSeconds = seconds++;
+        log.signer = &signer;
+        logs.push_back(log);
+    };
+    add(tse::LogType::Audit, "", 0);
+    add(tse::LogType::System, "initialize", 0);
+    add(tse::LogType::System, "registerClient", 0);
+    seconds -= CLOCK_STEP_BACK;
+    add(tse::LogType::System, "updateTime", 0);
+    for (uint64_t t = 1; t <= options.transactions; ++t) {
+        add(tse::LogType::Transaction, "Start", t);
+        add(tse::LogType::Transaction, "Update", t);
+        add(tse::LogType::Transaction, "Finish", t);
+    }
+    return logs;
+}
+
+// Where defects go: the Update of the middle transaction, far from the
+// export's edges where gaps and open transactions are normal.
+size_t middleUpdate(const Options& options)
+{
+    return 4 + 3 * (options.transactions / 2) + 1;
+}
+
+void plantInPlan(const Options& options, std::vector<PlannedLog>& logs, const tse::Signer& foreign)
+{
+    if (options.transactions < 3 && !options.defect.empty()) throw std::runtime_error("defects need 3 transactions");
+    const size_t at = middleUpdate(options);
+    PlannedLog& target = logs[at];
+    if (options.defect == "counter-gap") {
+        for (size_t i = at; i < logs.size(); ++i) ++logs[i].counter;
+    } else if (options.defect == "transaction-incomplete") {
+        logs.erase(logs.begin() + static_cast<long>(at) + 1);
+        for (size_t i = at + 1; i < logs.size(); ++i) --logs[i].counter;
+    } else if (options.defect == "time-regression") {
+        target.seconds = target.nameSeconds = target.seconds - 3600;
+    } else if (options.defect == "name-mismatch") {
+        target.nameSeconds += 1;
+    } else if (options.defect == "counter-duplicate") {
+        PlannedLog twin = target;
+        twin.processData = "Beleg^99.00_0.00_0.00_0.00_0.00^99.00:Bar";
+        twin.nameSuffix = "_Fc-1";
+        logs.push_back(twin);
+    } else if (options.defect == "certificate-missing") {
+        PlannedLog stranger = logs[1];
+        stranger.counter = 1;
+        stranger.signer = &foreign;
+        stranger.nameSuffix = "_Fc-1";
+        logs.push_back(stranger);
+    }
+}
+
+void plantInMembers(const Options& options, std::vector<Member>& members)
+{
+    Member& target = members[middleUpdate(options)];
+    if (options.defect == "signature-invalid") target.bytes.back() ^= 0x01;
+    if (options.defect == "log-unreadable") target.bytes.resize(target.bytes.size() / 2);
+    if (options.defect == "unexpected-member") members.push_back(Member{"notes.txt", Bytes{'h', 'i', '\n'}});
+}
+
+std::vector<Member> exportMembers(const Options& options)
+{
+    const tse::CurveInfo& curve = curveNamed(options.curve);
+    const tse::TimeFormat format = timeFormatNamed(options.timeFormat);
+    const tse::Hash hash = hashFor(curve);
+    const tse::Signer signer(curve.curve), foreign(curve.curve);
+    std::vector<PlannedLog> logs = plan(options, signer);
+    plantInPlan(options, logs, foreign);
+
+    std::vector<Member> members(logs.size());
+    tse::parallelFor(logs.size(), options.jobs, [&](size_t i) {
+        members[i] = Member{fileName(logs[i], format), signedLog(logs[i], format, hash)};
+    });
+    plantInMembers(options, members);
+
+    // A certificate valid from the middle transaction on leaves the logs
+    // before it outside its validity.
+    const int64_t notBefore =
+        options.defect == "certificate-chain" ? logs[middleUpdate(options)].seconds : FIRST_LOG_TIME - 86400;
+    const std::string pem = signer.selfSignedCertificatePem("Synthetic TSE", notBefore, 3650);
+    const std::string info = "\"description:\",\"synthetic export\",\"manufacturer:\",\"make-export\",\"version:\",\"1.0\"\n";
+    // Certificate and info.csv first, as devices write them.
+    members.insert(members.begin(), {Member{tse::toHex(signer.publicKey().serialNumber()) + "_X509.pem", Bytes(pem.begin(), pem.end())},
+                                     Member{"info.csv", Bytes(info.begin(), info.end())}});
+    return members;
+}
+
+void check(archive* a, int status)
+{
+    if (status < ARCHIVE_WARN) throw std::runtime_error(archive_error_string(a) ? archive_error_string(a) : "archive error");
+}
+
+void writeArchive(const std::string& path, const std::string& format, const std::vector<Member>& members)
+{
+    std::unique_ptr<archive, int (*)(archive*)> a(archive_write_new(), archive_write_free);
+    check(a.get(), archive_write_set_format_ustar(a.get()));
+    if (format == "tar.gz") check(a.get(), archive_write_add_filter_gzip(a.get()));
+    else if (format == "tar.bz2") check(a.get(), archive_write_add_filter_bzip2(a.get()));
+    else if (format == "tar.xz") check(a.get(), archive_write_add_filter_xz(a.get()));
+    else if (format != "tar") throw std::runtime_error("unknown format " + format);
+    check(a.get(), archive_write_open_filename(a.get(), path.c_str()));
+    for (const Member& member : members) {
+        std::unique_ptr<archive_entry, void (*)(archive_entry*)> entry(archive_entry_new(), archive_entry_free);
+        archive_entry_set_pathname(entry.get(), member.name.c_str());
+        archive_entry_set_size(entry.get(), static_cast<la_int64_t>(member.bytes.size()));
+        archive_entry_set_filetype(entry.get(), AE_IFREG);
+        archive_entry_set_perm(entry.get(), 0644);
+        archive_entry_set_mtime(entry.get(), FIRST_LOG_TIME, 0);
+        check(a.get(), archive_write_header(a.get(), entry.get()));
+        if (archive_write_data(a.get(), member.bytes.data(), member.bytes.size()) < 0) check(a.get(), ARCHIVE_FATAL);
+    }
+    check(a.get(), archive_write_close(a.get()));
+}
+
+void writeFile(const std::string& path, const Bytes& bytes)
+{
+    std::ofstream out(path, std::ios::binary);
+    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    if (!out) throw std::runtime_error("cannot write " + path);
+}
+
+// X.tar.001, X.tar.002, ...: the pieces that concatenate into the archive.
+void split(const std::string& path, uint64_t size)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::vector<char> buffer(size);
+    for (int part = 1; in; ++part) {
+        in.read(buffer.data(), static_cast<std::streamsize>(size));
+        if (in.gcount() == 0) break;
+        char suffix[16];
+        std::snprintf(suffix, sizeof suffix, ".%03d", part);
+        writeFile(path + suffix, Bytes(buffer.begin(), buffer.begin() + in.gcount()));
+    }
+    fs::remove(path);
+}
+
+int run(const Options& options)
+{
+    const std::vector<Member> members = exportMembers(options);
+    if (options.format == "dir") {
+        fs::create_directories(options.out);
+        for (const Member& member : members) writeFile((fs::path(options.out) / member.name).string(), member.bytes);
+    } else {
+        writeArchive(options.out, options.format, members);
+        if (options.splitSize) split(options.out, options.splitSize);
+    }
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    Options options;
+    CLI::App app{"Writes a synthetic TSE export signed with a fresh key.", "make-export"};
+    app.add_option("--out,-o", options.out, "Archive or directory to write")->required();
+    app.add_option("--transactions,-n", options.transactions, "Transactions (3 logs each)");
+    app.add_option("--curve", options.curve, "secp256r1, brainpoolP384r1, ... (default brainpoolP384r1)");
+    app.add_option("--time-format", options.timeFormat, "unixTime, utcTime or generalizedTime");
+    app.add_option("--format", options.format, "tar, tar.gz, tar.bz2, tar.xz or dir")
+        ->check(CLI::IsMember({"tar", "tar.gz", "tar.bz2", "tar.xz", "dir"}));
+    app.add_option("--split", options.splitSize, "Split the archive into X.001, X.002, ... of this many bytes");
+    app.add_option("--defect", options.defect, "Plant one defect: the audit finding's code")
+        ->check(CLI::IsMember(DEFECTS));
+    app.add_option("--first-counter", options.firstCounter, "Signature counter of the first log");
+    app.add_option("--jobs,-j", options.jobs, "Threads to sign with")->check(CLI::Range(1u, 1024u));
+    CLI11_PARSE(app, argc, argv);
+    try {
+        return run(options);
+    } catch (const std::exception& error) {
+        std::cerr << "make-export: " << error.what() << std::endl;
+        return 2;
+    }
+}

@@ -1,0 +1,284 @@
+// tse-check audit: checks a whole TSE export - every log, its certificates
+// and its integrity - and reports for people, spreadsheets and programs.
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "audit.h"
+#include "tse_check_commands.h"
+#include "tse_check_output.h"
+#include "tse_check_support.h"
+
+namespace tsecheck {
+namespace {
+
+using nlohmann::json;
+
+constexpr size_t FILES_SHOWN_PER_CODE = 3;
+
+struct AuditCommandOptions {
+    tse::AuditOptions audit;
+    std::string jsonPath, csvPath;
+    bool progress = isatty(STDERR_FILENO) != 0;
+};
+
+json optionalNumber(const std::optional<uint64_t>& value)
+{
+    return value ? json(*value) : json(nullptr);
+}
+
+json textOrNull(const std::string& text)
+{
+    return text.empty() ? json(nullptr) : json(text);
+}
+
+json logJson(const tse::LogRecord& log)
+{
+    const auto time = log.logTime();
+    return {{"file", log.file},
+            {"type", log.type ? json(tse::logTypeName(*log.type)) : json(nullptr)},
+            {"verdict", tse::logVerdictName(log.verdict)},
+            {"signatureCounter", optionalNumber(log.counter)},
+            {"serialNumber", textOrNull(log.serialNumber)},
+            {"signatureAlgorithm", textOrNull(log.algorithm)},
+            {"logTime", time ? json(time->iso()) : json(nullptr)},
+            {"logTimeFormat", time ? json(tse::timeFormatName(time->format)) : json(nullptr)},
+            {"operationType", textOrNull(log.operation)},
+            {"clientId", textOrNull(log.clientId)},
+            {"processType", textOrNull(log.processType)},
+            {"transactionNumber", optionalNumber(log.transactionNumber)},
+            {"reason", textOrNull(log.reason)}};
+}
+
+json timeJson(const std::optional<int64_t>& seconds)
+{
+    return seconds ? json(tse::isoSeconds(*seconds)) : json(nullptr);
+}
+
+json infoJson(const std::optional<tse::InfoCsv>& info)
+{
+    if (!info) return nullptr;
+    json records = json::array();
+    for (const tse::InfoRecord& record : info->records) {
+        json values = json::object();
+        for (const auto& [key, value] : record) values[key] = value;
+        records.push_back(values);
+    }
+    if (!info->perComponent && records.size() == 1) return records.front();
+    return {{"records", records}};
+}
+
+// Everything but the logs, which writeJson streams one by one: a document
+// of a hundred thousand logs built in memory would take hundreds of MiB.
+json reportJson(const tse::AuditReport& report)
+{
+    const tse::AuditSummary& s = report.summary;
+    json document = {{"export", report.exports},
+                     {"summary",
+                      {{"logs", s.logs},
+                       {"valid", s.valid},
+                       {"invalid", s.invalid},
+                       {"noCertificate", s.noCertificate},
+                       {"unreadable", s.unreadable},
+                       {"errors", s.errors},
+                       {"warnings", s.warnings},
+                       {"transactionLogs", s.transaction},
+                       {"systemLogs", s.system},
+                       {"auditLogs", s.audit},
+                       {"duplicatesSkipped", s.duplicatesSkipped}}},
+                     {"info", infoJson(report.info)},
+                     {"certificates", json::array()},
+                     {"logs", json::array()},
+                     {"findings", json::array()}};
+    for (const tse::CertificateRecord& c : report.certificates) {
+        document["certificates"].push_back({{"file", c.file},
+                                            {"serialNumber", c.serialNumber},
+                                            {"subject", c.subject},
+                                            {"issuer", c.issuer},
+                                            {"notBefore", timeJson(c.notBefore)},
+                                            {"notAfter", timeJson(c.notAfter)},
+                                            {"curve", c.curve},
+                                            {"chain", tse::chainStatusName(c.chain.status)},
+                                            {"chainReason", textOrNull(c.chain.reason)},
+                                            {"keyProblem", textOrNull(c.keyProblem)}});
+    }
+    for (const tse::Finding& f : report.findings) {
+        document["findings"].push_back(
+            {{"severity", tse::severityName(f.severity)}, {"code", f.code}, {"message", f.message}, {"files", f.files}});
+    }
+    return document;
+}
+
+std::string csvField(const std::string& text)
+{
+    if (text.find_first_of(",\"\n\r") == std::string::npos) return text;
+    std::string quoted = "\"";
+    for (char c : text) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
+    return quoted + "\"";
+}
+
+void writeCsv(std::ostream& out, const tse::AuditReport& report)
+{
+    out << "file,type,verdict,signatureCounter,logTime,transactionNumber,operationType,clientId,processType,"
+           "serialNumber,signatureAlgorithm,reason\n";
+    for (const tse::LogRecord& log : report.logs) {
+        const auto time = log.logTime();
+        const std::vector<std::string> fields{
+            log.file, log.type ? std::string(tse::logTypeName(*log.type)) : "", std::string(tse::logVerdictName(log.verdict)),
+            log.counter ? std::to_string(*log.counter) : "", time ? time->iso() : "",
+            log.transactionNumber ? std::to_string(*log.transactionNumber) : "", log.operation, log.clientId,
+            log.processType, log.serialNumber, log.algorithm, log.reason};
+        for (size_t i = 0; i < fields.size(); ++i) out << (i ? "," : "") << csvField(fields[i]);
+        out << '\n';
+    }
+}
+
+void writeJson(std::ostream& out, const tse::AuditReport& report)
+{
+    const std::string whole = reportJson(report).dump(2);
+    const std::string marker = "\"logs\": []";
+    const size_t at = whole.find(marker);
+    out << whole.substr(0, at) << "\"logs\": [";
+    for (size_t i = 0; i < report.logs.size(); ++i) out << (i ? "," : "") << "\n    " << logJson(report.logs[i]).dump();
+    out << (report.logs.empty() ? "]" : "\n  ]") << whole.substr(at + marker.size()) << '\n';
+}
+
+void writeTo(const std::string& path, const std::function<void(std::ostream&)>& write)
+{
+    if (path == "-") return write(std::cout);
+    std::ofstream file(path, std::ios::binary);
+    if (!file) refuse(EXIT_BAD_INPUT, "Cannot write " + path);
+    write(file);
+    if (!file.flush()) refuse(EXIT_BAD_INPUT, "Cannot write " + path);
+}
+
+void printSummary(std::ostream& out, const tse::AuditReport& report, bool strict)
+{
+    const tse::AuditSummary& s = report.summary;
+    const char* verdict = s.errors ? "FAILED" : (s.warnings ? "PASSED WITH WARNINGS" : "PASSED");
+    out << verdict << ": " << s.logs << " logs, " << s.errors << " errors, " << s.warnings << " warnings"
+        << (strict ? " (strict)" : "") << "\n\n";
+    printAligned(out, {{"Logs", "total", "valid", "invalid", "no-certificate", "unreadable"},
+                       {"", std::to_string(s.logs), std::to_string(s.valid), std::to_string(s.invalid),
+                        std::to_string(s.noCertificate), std::to_string(s.unreadable)}});
+    out << "By type: " << s.transaction << " transaction, " << s.system << " system, " << s.audit << " audit";
+    if (s.duplicatesSkipped) out << "; " << s.duplicatesSkipped << " identical duplicates counted once";
+    out << "\n\nFindings:\n";
+    std::map<std::pair<std::string, std::string>, std::vector<const tse::Finding*>> byCode;
+    for (const tse::Finding& f : report.findings) {
+        byCode[{std::string(tse::severityName(f.severity)), f.code}].push_back(&f);
+    }
+    if (byCode.empty()) out << "  none\n";
+    for (const auto& [key, findings] : byCode) {
+        out << "  " << key.first << "  " << key.second << " (" << findings.size() << ")\n";
+        for (size_t i = 0; i < findings.size() && i < FILES_SHOWN_PER_CODE; ++i) {
+            out << "    " << findings[i]->message << '\n';
+        }
+        if (findings.size() > FILES_SHOWN_PER_CODE) out << "    ... " << findings.size() - FILES_SHOWN_PER_CODE << " more\n";
+    }
+    out << "\nCertificates:\n";
+    std::vector<std::vector<std::string>> rows;
+    for (const tse::CertificateRecord& c : report.certificates) {
+        rows.push_back({"  " + std::string(tse::chainStatusName(c.chain.status)), c.serialNumber.substr(0, 16) + "...",
+                        c.curve.empty() ? "-" : c.curve,
+                        (c.notBefore ? tse::isoSeconds(*c.notBefore) : "?") + " to " +
+                            (c.notAfter ? tse::isoSeconds(*c.notAfter) : "?"),
+                        c.file + (c.keyProblem.empty() ? "" : " (" + c.keyProblem + ")")});
+    }
+    if (rows.empty()) out << "  none\n";
+    printAligned(out, rows);
+    out << "\ninfo.csv:";
+    if (!report.info) out << " " << (report.infoProblem.empty() ? "missing" : report.infoProblem);
+    for (const tse::InfoRecord& record : report.info ? report.info->records : std::vector<tse::InfoRecord>{}) {
+        out << "\n ";
+        for (const auto& [key, value] : record) out << " " << key << ": " << value << ";";
+    }
+    out << std::endl;
+}
+
+// One line on standard error, redrawn in place.
+class ProgressBar {
+public:
+    void update(const tse::AuditProgress& p)
+    {
+        const auto now = std::chrono::steady_clock::now();
+        if (now - last_ < std::chrono::milliseconds(200)) return;
+        last_ = now;
+        const double elapsed = std::chrono::duration<double>(now - start_).count();
+        const double share = p.bytesTotal ? static_cast<double>(p.bytesDone) / static_cast<double>(p.bytesTotal) : 0;
+        const double left = share > 0 ? elapsed * (1 - share) / share : 0;
+        const int filled = static_cast<int>(share * 30);
+        std::fprintf(stderr, "\r[%-30s] %llu logs, %.0f logs/s, %.0f s left ",
+                     std::string(static_cast<size_t>(std::max(0, std::min(30, filled))), '#').c_str(),
+                     static_cast<unsigned long long>(p.logsDone), elapsed > 0 ? p.logsDone / elapsed : 0.0, left);
+        drawn_ = true;
+    }
+    ~ProgressBar()
+    {
+        if (drawn_) std::fprintf(stderr, "\r%60s\r", "");
+    }
+
+private:
+    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::time_point last_ = start_;
+    bool drawn_ = false;
+};
+
+int auditCommand(AuditCommandOptions& options)
+{
+    std::unique_ptr<ProgressBar> bar;
+    if (options.progress) {
+        bar = std::make_unique<ProgressBar>();
+        options.audit.progress = [&bar](const tse::AuditProgress& p) { bar->update(p); };
+    }
+    tse::AuditOutcome outcome = tse::auditExport(options.audit);
+    bar.reset();
+    if (!outcome.report) refuse(EXIT_BAD_INPUT, "Cannot audit: " + outcome.error);
+    const tse::AuditReport& report = *outcome.report;
+    if (!options.jsonPath.empty()) {
+        writeTo(options.jsonPath, [&](std::ostream& out) { writeJson(out, report); });
+    }
+    if (!options.csvPath.empty()) writeTo(options.csvPath, [&](std::ostream& out) { writeCsv(out, report); });
+    if (options.jsonPath != "-" && options.csvPath != "-") printSummary(std::cout, report, options.audit.strict);
+    return report.summary.errors ? EXIT_NOT_VERIFIED : EXIT_OK;
+}
+
+}  // namespace
+
+Command addAuditCommand(CLI::App& parent)
+{
+    auto options = std::make_shared<AuditCommandOptions>();
+    CLI::App* app = parent.add_subcommand(
+        "audit", "Audit a whole TSE export: every log's signature, the certificates and the export's integrity.\n"
+                 "EXPORT is a TAR archive (plain, gzip, bzip2, xz; X.tar.001 for a split one), a directory or log\n"
+                 "files; several are audited as one export.\n"
+                 "Exit status: 0 no error findings, 1 error findings, 2 usage or an export that cannot be opened.");
+    app->add_option("EXPORT", options->audit.exports, "Export archives, directories or files")
+        ->required()
+        ->type_name("PATH...");
+    app->add_option("--cert", options->audit.certificateFiles, "Further TSE certificate (PEM or DER); repeatable")
+        ->type_name("FILE")
+        ->allow_extra_args(false);
+    app->add_option("--trust", options->audit.trustDirectories, "Directory of trusted root certificates")
+        ->type_name("DIR")
+        ->allow_extra_args(false);
+    app->add_option("--json", options->jsonPath, "Write the report as JSON (- for standard output)")->type_name("FILE");
+    app->add_option("--csv", options->csvPath, "Write one row per log as CSV (- for standard output)")->type_name("FILE");
+    app->add_flag("--strict", options->audit.strict, "Count warnings as errors");
+    app->add_option("--jobs,-j", options->audit.jobs, "Threads to verify with (default: every core)")
+        ->check(CLI::Range(1u, 1024u));
+    app->add_flag("--progress,!--no-progress", options->progress,
+                  "Show a progress bar on standard error (default: when it is a terminal)");
+    return Command{app, [options] { return auditCommand(*options); }};
+}
+
+}  // namespace tsecheck
