@@ -112,6 +112,20 @@ std::string firstLetterFlipped(std::string text)
     return text;
 }
 
+// "KASSENBELEG-V1" -> "Kassenbeleg-V1": a capital after every non-letter,
+// as most printed words and codes are written.
+std::string capitalizedWords(std::string text)
+{
+    bool afterLetter = false;
+    for (char& ch : text) {
+        const auto c = static_cast<unsigned char>(ch);
+        const bool letter = std::isalpha(c) != 0;
+        if (letter) ch = static_cast<char>(afterLetter ? std::tolower(c) : std::toupper(c));
+        afterLetter = letter;
+    }
+    return text;
+}
+
 std::string trailingBlanksRemoved(std::string text)
 {
     while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.pop_back();
@@ -183,6 +197,7 @@ void addTextChanges(CandidateList& list, const Receipt& r)
         list.text("other case", f.member, f.name, mapped(value, std::tolower));
         list.text("other case", f.member, f.name, mapped(value, std::toupper));
         list.text("other case", f.member, f.name, firstLetterFlipped(value));
+        list.text("other case", f.member, f.name, capitalizedWords(value));
         list.text("a trailing blank", f.member, f.name, value + " ");
         list.text("trailing blanks", f.member, f.name, trailingBlanksRemoved(value));
         if (std::optional<std::string> latin1 = utf8AsLatin1(value)) {
@@ -201,14 +216,16 @@ std::vector<std::string> discreteChanges(CandidateList& list, const Receipt& r)
 {
     std::vector<std::string> tried;
     const int64_t printed = r.logTime.time.seconds;
-    for (int hours = -MAX_ZONE_HOURS; hours <= MAX_ZONE_HOURS; ++hours) {
-        list.logTime("the log time read in time zone UTC" + signedDelta(hours, ""), printed - hours * SECONDS_PER_HOUR);
-    }
-    tried.push_back("log time in the time zones UTC-14 to UTC+14");
+    // Before the whole hours, which would name a printed offset of whole
+    // hours as just another zone.
     if (r.logTime.time.offsetMinutes != 0) {
         list.logTime("the time zone offset ignored", printed + r.logTime.time.offsetMinutes * 60);
         tried.push_back("the time zone offset ignored");
     }
+    for (int hours = -MAX_ZONE_HOURS; hours <= MAX_ZONE_HOURS; ++hours) {
+        list.logTime("the log time read in time zone UTC" + signedDelta(hours, ""), printed - hours * SECONDS_PER_HOUR);
+    }
+    tried.push_back("log time in the time zones UTC-14 to UTC+14");
     list.logTime("start and log time swapped", r.startTime.time.seconds);
     tried.push_back("start and log time swapped");
     addTextChanges(list, r);
