@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -74,8 +75,8 @@ public:
             size_t end = text.find('\n', start);
             if (end == std::string::npos) end = text.size();
             ++lineNumber;
-            const std::string line = text.substr(start, end - start);
-            if (!tse::trimReceiptText(line).empty()) inputs.push_back({name + ":" + std::to_string(lineNumber), line});
+            const std::string_view line = tse::trimReceiptText(std::string_view(text).substr(start, end - start));
+            if (!line.empty()) inputs.push_back({name + ":" + std::to_string(lineNumber), std::string(line)});
             start = end + 1;
         }
     }
