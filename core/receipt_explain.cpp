@@ -347,9 +347,7 @@ std::optional<WindowHit> searchWindow(const Receipt& r, const std::vector<Receip
     return best;
 }
 
-}  // namespace
-
-Explanation explainReceipt(const Receipt& receipt, const ExplainOptions& options)
+Explanation explainWithKey(const Receipt& receipt, const ExplainOptions& options)
 {
     std::string reason;
     const std::vector<ReceiptSignature> signatures = receiptSignatures(receipt, reason);
@@ -377,6 +375,19 @@ Explanation explainReceipt(const Receipt& receipt, const ExplainOptions& options
     for (const std::string& t : none.tried) joined += (joined.empty() ? "" : ", ") + t;
     none.sentence = "no change explains the failure; tried: " + joined;
     return none;
+}
+
+}  // namespace
+
+Explanation explainReceipt(const Receipt& receipt, const ExplainOptions& options)
+{
+    Explanation result = explainWithKey(receipt, options);
+    for (size_t i = 0; !result.found && i < receipt.otherKeys.size(); ++i) {
+        Receipt other = receipt;
+        other.key = receipt.otherKeys[i];
+        if (Explanation e = explainWithKey(other, options); e.found) result = e;
+    }
+    return result;
 }
 
 }  // namespace tse

@@ -157,15 +157,10 @@ private:
 
     bool publicKey(std::string_view text, Receipt& r, KeyCache* keys)
     {
-        KeyResult key;
-        if (keys != nullptr) {
-            key = keys->get(std::string(text));
-        } else {
-            const std::optional<Bytes> octets = fromBase64(text);
-            key = octets ? keyFromAnyEncoding(*octets) : KeyResult{std::nullopt, "it is not base64"};
-        }
-        if (!key.key) return fail("publicKey " + shown(text) + " is no usable key: " + key.error);
-        r.key = *key.key;
+        ReceiptKeys found = keys != nullptr ? keys->get(std::string(text)) : receiptKeys(text);
+        if (!found.key.key) return fail("publicKey " + shown(text) + " is no usable key: " + found.key.error);
+        r.key = *found.key.key;
+        r.otherKeys = std::move(found.otherKeys);
         return true;
     }
 
@@ -199,17 +194,31 @@ std::optional<ReceiptTimeFormat> receiptTimeFormatByName(std::string_view name)
     return std::nullopt;
 }
 
-KeyResult KeyCache::get(const std::string& encoded)
+ReceiptKeys receiptKeys(std::string_view encoded)
+{
+    const std::optional<Bytes> octets = fromBase64(encoded);
+    if (!octets) return {KeyResult{std::nullopt, "it is not base64"}, {}};
+    ReceiptKeys out{keyFromAnyEncoding(*octets), {}};
+    const bool compressed = !octets->empty() && ((*octets)[0] == 0x02 || (*octets)[0] == 0x03);
+    if (!out.key.key || !compressed) return out;
+    for (const CurveInfo& curve : supportedCurves()) {
+        if (curve.curve == out.key.key->curve()) continue;
+        KeyResult other = keyFromPoint(*octets, curve.curve);
+        if (other.key) out.otherKeys.push_back(*other.key);
+    }
+    return out;
+}
+
+ReceiptKeys KeyCache::get(const std::string& encoded)
 {
     {
         std::lock_guard<std::mutex> guard(lock_);
         const auto found = keys_.find(encoded);
         if (found != keys_.end()) return found->second;
     }
-    const std::optional<Bytes> octets = fromBase64(encoded);
-    KeyResult key = octets ? keyFromAnyEncoding(*octets) : KeyResult{std::nullopt, "it is not base64"};
+    ReceiptKeys keys = receiptKeys(encoded);
     std::lock_guard<std::mutex> guard(lock_);
-    return keys_.emplace(encoded, key).first->second;
+    return keys_.emplace(encoded, std::move(keys)).first->second;
 }
 
 std::string_view trimReceiptText(std::string_view text)

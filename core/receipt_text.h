@@ -50,6 +50,9 @@ struct Receipt {
     std::vector<Bytes> signatureReadings;
     std::string signatureText;
     PublicKey key;
+    // A compressed point names only x, and an x may lie on both curves of
+    // its size; the signature tells which one the TSE uses.
+    std::vector<PublicKey> otherKeys;
 };
 
 struct ReceiptParse {
@@ -60,13 +63,19 @@ struct ReceiptParse {
 // Decoded public keys by their base64 text. Checking that a point lies on a
 // curve costs as much as a verification, and a batch of receipts from one
 // TSE carries the same key thousands of times. Safe to share among threads.
+struct ReceiptKeys {
+    KeyResult key;
+    std::vector<PublicKey> otherKeys;
+};
+ReceiptKeys receiptKeys(std::string_view encoded);
+
 class KeyCache {
 public:
-    KeyResult get(const std::string& encoded);
+    ReceiptKeys get(const std::string& encoded);
 
 private:
     std::mutex lock_;
-    std::map<std::string, KeyResult> keys_;
+    std::map<std::string, ReceiptKeys> keys_;
 };
 
 // The text as a scanner, a file or a command line hands it over: blanks, a

@@ -162,7 +162,7 @@ ReceiptVerification verifyReceipt(const Receipt& receipt, const std::vector<Rece
     const Hash hash = receipt.algorithm->hash;
     const std::vector<EncodedTime> times = distinctTimeElements(receipt, receipt.logTime.time.seconds);
     if (times.empty()) {
-        return {Verdict::Malformed, "logTime " + receipt.logTime.text + " lies before 1970, which unixTime cannot hold", {}};
+        return {Verdict::Malformed, "logTime " + receipt.logTime.text + " lies before 1970, which unixTime cannot hold", {}, {}};
     }
     for (const MessageShape& shape : messageShapes()) {
         const Bytes prefix = signedPrefix(receipt, shape);
@@ -171,7 +171,7 @@ ReceiptVerification verifyReceipt(const Receipt& receipt, const std::vector<Rece
             append(message, time.element);
             for (const ReceiptSignature& signature : signatures) {
                 if (signature.value.verifies(receipt.key, hash, message)) {
-                    return {Verdict::Valid, {}, ReceiptForm{shape, time.encoding, signature.encoding}};
+                    return {Verdict::Valid, {}, ReceiptForm{shape, time.encoding, signature.encoding}, {}};
                 }
             }
         }
@@ -179,6 +179,7 @@ ReceiptVerification verifyReceipt(const Receipt& receipt, const std::vector<Rece
     return {Verdict::Invalid,
             "the signature does not match the rebuilt log message (" + std::string(receipt.algorithm->name) + " on " +
                 std::string(receipt.key.curveInfo().displayName) + ")",
+            {},
             {}};
 }
 
@@ -186,8 +187,18 @@ ReceiptVerification verifyReceipt(const Receipt& receipt)
 {
     std::string reason;
     const std::vector<ReceiptSignature> signatures = receiptSignatures(receipt, reason);
-    if (signatures.empty()) return {Verdict::Malformed, reason, {}};
-    return verifyReceipt(receipt, signatures);
+    if (signatures.empty()) return {Verdict::Malformed, reason, {}, {}};
+    ReceiptVerification result = verifyReceipt(receipt, signatures);
+    for (size_t i = 0; !result.valid() && i < receipt.otherKeys.size(); ++i) {
+        Receipt other = receipt;
+        other.key = receipt.otherKeys[i];
+        other.otherKeys.clear();
+        if (ReceiptVerification held = verifyReceipt(other); held.valid()) {
+            held.heldKey = other.key;
+            result = held;
+        }
+    }
+    return result;
 }
 
 }  // namespace tse

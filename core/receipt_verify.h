@@ -2,6 +2,7 @@
 #define TSE_CORE_RECEIPT_VERIFY_H
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -45,6 +46,7 @@ struct ReceiptVerification {
     Verdict verdict = Verdict::Malformed;  // Valid, Invalid or Malformed
     std::string reason;                    // empty when valid
     ReceiptForm form;                      // meaningful when valid
+    std::optional<PublicKey> heldKey;      // set when one of the receipt's other keys held
 
     bool valid() const { return verdict == Verdict::Valid; }
 };
@@ -75,7 +77,8 @@ struct EncodedTime {
 std::vector<EncodedTime> distinctTimeElements(const Receipt& receipt, int64_t seconds);
 
 // Rebuilds the Finish transaction log message the receipt stands for in
-// every shape and time encoding, and checks the signature over each.
+// every shape and time encoding, and checks the signature over each, with
+// each key the public key field can stand for.
 ReceiptVerification verifyReceipt(const Receipt& receipt);
 // The same with the signatures already decoded.
 ReceiptVerification verifyReceipt(const Receipt& receipt, const std::vector<ReceiptSignature>& signatures);

@@ -124,11 +124,13 @@ ReceiptResult checkOne(const ReceiptInput& input, tse::KeyCache& keys)
     result.input = input;
     tse::ReceiptParse parse = tse::parseReceiptText(input.text, &keys);
     if (!parse.receipt) {
-        result.verification = {tse::Verdict::Malformed, parse.error, {}};
+        result.verification = {tse::Verdict::Malformed, parse.error, {}, {}};
         return result;
     }
     result.receipt = std::move(parse.receipt);
     result.verification = tse::verifyReceipt(*result.receipt);
+    // Name the curve and serial number of the key that held.
+    if (result.verification.heldKey) result.receipt->key = *result.verification.heldKey;
     return result;
 }
 
