@@ -43,28 +43,49 @@ std::string_view verdictName(Verdict verdict)
     return "unknown";
 }
 
-bool verifyPlain(const PublicKey& key, Hash hash, ByteView data, ByteView signature)
+std::optional<DecodedSignature> DecodedSignature::plain(const PublicKey& key, ByteView signature)
 {
     const size_t half = key.curveInfo().fieldSize;
-    if (signature.size() != 2 * half) return false;
+    if (signature.size() != 2 * half) return std::nullopt;
     EcdsaSigPtr object(ECDSA_SIG_new());
     BIGNUM* r = BN_bin2bn(signature.data(), static_cast<int>(half), nullptr);
     BIGNUM* s = BN_bin2bn(signature.data() + half, static_cast<int>(half), nullptr);
     if (!object || !r || !s || ECDSA_SIG_set0(object.get(), r, s) != 1) {
         BN_free(r);
         BN_free(s);
-        return false;
+        return std::nullopt;
     }
-    return verifySignatureObject(key, hash, data, object.get());
+    DecodedSignature out;
+    out.value_ = std::shared_ptr<ECDSA_SIG>(object.release(), ECDSA_SIG_free);
+    return out;
 }
 
-bool verifyDer(const PublicKey& key, Hash hash, ByteView data, ByteView signature)
+std::optional<DecodedSignature> DecodedSignature::der(ByteView signature)
 {
     const unsigned char* cursor = signature.data();
     EcdsaSigPtr object(d2i_ECDSA_SIG(nullptr, &cursor, static_cast<long>(signature.size())));
     ERR_clear_error();
-    if (!object || cursor != signature.end()) return false;
-    return verifySignatureObject(key, hash, data, object.get());
+    if (!object || cursor != signature.end()) return std::nullopt;
+    DecodedSignature out;
+    out.value_ = std::shared_ptr<ECDSA_SIG>(object.release(), ECDSA_SIG_free);
+    return out;
+}
+
+bool DecodedSignature::verifies(const PublicKey& key, Hash hash, ByteView data) const
+{
+    return value_ && verifySignatureObject(key, hash, data, value_.get());
+}
+
+bool verifyPlain(const PublicKey& key, Hash hash, ByteView data, ByteView signature)
+{
+    const std::optional<DecodedSignature> decoded = DecodedSignature::plain(key, signature);
+    return decoded && decoded->verifies(key, hash, data);
+}
+
+bool verifyDer(const PublicKey& key, Hash hash, ByteView data, ByteView signature)
+{
+    const std::optional<DecodedSignature> decoded = DecodedSignature::der(signature);
+    return decoded && decoded->verifies(key, hash, data);
 }
 
 Verification verifyLog(const LogMessage& message, const PublicKey& key)

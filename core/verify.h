@@ -1,8 +1,12 @@
 #ifndef TSE_CORE_VERIFY_H
 #define TSE_CORE_VERIFY_H
 
+#include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
+
+#include <openssl/ecdsa.h>
 
 #include "algorithms.h"
 #include "bytes.h"
@@ -27,6 +31,22 @@ struct Verification {
 bool verifyPlain(const PublicKey& key, Hash hash, ByteView data, ByteView signature);
 // A DER-encoded ECDSA-Sig-Value over the data's hash.
 bool verifyDer(const PublicKey& key, Hash hash, ByteView data, ByteView signature);
+
+// A signature decoded once, to be checked against many candidate messages
+// (a search over log times) without decoding it each time. Copies share the
+// decoded value, which is only ever read.
+class DecodedSignature {
+public:
+    // r || s of twice the key's field size; nullopt for another size.
+    static std::optional<DecodedSignature> plain(const PublicKey& key, ByteView signature);
+    // A DER-encoded ECDSA-Sig-Value with nothing after it.
+    static std::optional<DecodedSignature> der(ByteView signature);
+
+    bool verifies(const PublicKey& key, Hash hash, ByteView data) const;
+
+private:
+    std::shared_ptr<ECDSA_SIG> value_;
+};
 
 // Checks that the key is the TSE's (its hash is the serial number), that the
 // algorithm is one this tool verifies, and then the signature itself.

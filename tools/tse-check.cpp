@@ -46,6 +46,7 @@ int main(int argc, char** argv)
 
     const std::vector<tsecheck::Command> commands = {
         tsecheck::addReadCommand(app),
+        tsecheck::addReceiptCommand(app),
         tsecheck::addToQrCommand(app),
         tsecheck::addVerifyCommand(app),
         tsecheck::addAuditCommand(app),

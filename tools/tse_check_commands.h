@@ -16,6 +16,7 @@ struct Command {
 };
 
 Command addReadCommand(CLI::App& parent);
+Command addReceiptCommand(CLI::App& parent);
 Command addToQrCommand(CLI::App& parent);
 Command addVerifyCommand(CLI::App& parent);
 Command addAuditCommand(CLI::App& parent);

@@ -10,9 +10,10 @@
 #include "QrCodeToASN.h"
 #include "algorithms.h"
 #include "certificate.h"
-#include "log_encoder.h"
 #include "log_message.h"
 #include "myutils.h"
+#include "receipt_text.h"
+#include "receipt_verify.h"
 #include "tse_check_commands.h"
 #include "tse_check_support.h"
 #include "verify.h"
@@ -122,29 +123,14 @@ std::string joinFields(const std::vector<NamedField>& fields)
     return text;
 }
 
-// A receipt verifier rebuilds the signed octets from the QR code's fields:
-// numbers and times in their shortest form, processData definite or as one
-// indefinite chunk. A message written otherwise would give a QR code that
-// never verifies.
-bool receiptRebuilds(const tse::LogMessage& m)
+// The QR code is only worth printing when tse-check receipt verifies it:
+// that rebuilds the log message from the printed fields alone, so a message
+// written in another encoding (a number with extra leading octets, say)
+// would give a receipt that never verifies.
+bool receiptRebuilds(const std::string& qrText)
 {
-    const tse::LogField* processData = m.field("processData");
-    tse::TransactionData data;
-    data.operationType = m.operation();
-    data.clientId = m.text("clientId");
-    data.processData = processData->value;
-    if (m.field("processType")) data.processType = m.text("processType");
-    data.transactionNumber = m.transactionNumber().value_or(0);
-    data.processDataForm = tse::ProcessDataForm{processData->indefinite, 0};
-    tse::LogContent content;
-    content.version = m.version;
-    content.certifiedData = tse::encodeTransactionData(data);
-    content.serialNumber = m.serialNumber;
-    content.algorithmOid = m.signatureAlgorithmOid;
-    content.signatureCounter = m.signatureCounter;
-    const bool withSeconds = m.logTime.text.size() != 11;
-    content.logTime = tse::encodeLogTime(m.logTime.format, m.logTime.seconds, m.logTime.fraction, withSeconds);
-    return tse::encodeSignedOctets(content) == m.signedOctets;
+    const tse::ReceiptParse parse = tse::parseReceiptText(qrText);
+    return parse.receipt && tse::verifyReceipt(*parse.receipt).valid();
 }
 
 // The verifier's own QR code mode rebuilds one encoding (a log time of four
@@ -203,7 +189,7 @@ int toQrCommand(const ToQrOptions& options)
     }
     const std::string text = joinFields(qrFields(message, checkedStartTime(options, message), key));
     const bool byVerifier = verifierRebuilds(text, message);
-    requireRebuildable(receiptRebuilds(message), byVerifier);
+    requireRebuildable(receiptRebuilds(text), byVerifier);
     warnIfVerifierRefuses(byVerifier, key);
     std::cout << text << std::endl;
     return EXIT_OK;

@@ -1,0 +1,46 @@
+// make-receipts COUNT: prints COUNT receipt QR code texts of one P-256 TSE,
+// one a line, each signing its own transaction, for bench/receipts.sh.
+#include <cstdlib>
+#include <iostream>
+#include <string>
+
+#include "log_encoder.h"
+#include "signer.h"
+
+namespace {
+
+std::string receiptText(const tse::Signer& signer, uint64_t number, int64_t logTime)
+{
+    tse::TransactionData data;
+    data.clientId = "BENCH-KASSE-01";
+    const std::string processData = "Beleg^" + std::to_string(number % 1000) + ".00_0.00_0.00_0.00_0.00^0.00:Bar";
+    data.processData = tse::Bytes(processData.begin(), processData.end());
+    data.processType = "Kassenbeleg-V1";
+    data.transactionNumber = number;
+    tse::LogContent content;
+    content.certifiedData = tse::encodeTransactionData(data);
+    content.serialNumber = signer.publicKey().serialNumber();
+    content.algorithmOid = std::string(tse::ecdsaPlain(tse::Hash::Sha256).oid);
+    content.signatureCounter = 2 * number;
+    content.logTime = tse::encodeLogTime(tse::TimeFormat::UnixTime, logTime);
+    const tse::Bytes signature = signer.signPlain(tse::Hash::Sha256, tse::encodeSignedOctets(content));
+    const std::string time = tse::isoSeconds(logTime);
+    return "V0;BENCH-KASSE-01;Kassenbeleg-V1;" + processData + ";" + std::to_string(number) + ";" +
+           std::to_string(2 * number) + ";" + time + ";" + time + ";ecdsa-plain-SHA256;unixTime;" +
+           tse::toBase64(signature) + ";" + tse::toBase64(signer.publicKey().point());
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    const long count = argc == 2 ? std::strtol(argv[1], nullptr, 10) : 0;
+    if (count <= 0 || count > 10000000) {
+        std::cerr << "usage: make-receipts COUNT (1 to 10000000)" << std::endl;
+        return 2;
+    }
+    const tse::Signer signer(tse::Curve::Secp256r1);
+    const int64_t start = 1700000000;
+    for (long i = 1; i <= count; ++i) std::cout << receiptText(signer, static_cast<uint64_t>(i), start + 30 * i) << '\n';
+    return 0;
+}

@@ -1,0 +1,90 @@
+#ifndef TSE_CORE_RECEIPT_TEXT_H
+#define TSE_CORE_RECEIPT_TEXT_H
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "algorithms.h"
+#include "bytes.h"
+#include "log_time.h"
+#include "public_key.h"
+
+namespace tse {
+
+// The log time format as a receipt names it. The two "With..." names ask
+// for the same element as their short forms, only with seconds or a
+// fraction, so they share the rebuild.
+enum class ReceiptTimeFormat { UnixTime, UtcTime, UtcTimeWithSeconds, GeneralizedTime, GeneralizedTimeWithMilliseconds };
+
+std::string_view receiptTimeFormatName(ReceiptTimeFormat format);
+TimeFormat elementFormat(ReceiptTimeFormat format);
+std::optional<ReceiptTimeFormat> receiptTimeFormatByName(std::string_view name);
+
+// A time as printed on the receipt and as read.
+struct ReceiptTime {
+    std::string text;
+    IsoTime time;
+};
+
+// The twelve fields of a receipt QR code, each checked and decoded.
+struct Receipt {
+    std::string version;  // "V0"
+    std::string clientId;
+    std::string processType;
+    std::string processData;
+    uint64_t transactionNumber = 0;
+    uint64_t signatureCounter = 0;
+    ReceiptTime startTime;
+    ReceiptTime logTime;
+    const SignatureAlgorithm* algorithm = nullptr;
+    std::string algorithmText;  // as printed
+    ReceiptTimeFormat logTimeFormat = ReceiptTimeFormat::UnixTime;
+    std::string logTimeFormatText;
+    // The signature field decoded every way it can be read: base64 first,
+    // then hexadecimal r || s; the verifier tells which one holds.
+    std::vector<Bytes> signatureReadings;
+    std::string signatureText;
+    PublicKey key;
+    // A compressed point names only x, and an x may lie on both curves of
+    // its size; the signature tells which one the TSE uses.
+    std::vector<PublicKey> otherKeys;
+};
+
+struct ReceiptParse {
+    std::optional<Receipt> receipt;
+    std::string error;  // names the field and what it should hold
+};
+
+// Decoded public keys by their base64 text. Checking that a point lies on a
+// curve costs as much as a verification, and a batch of receipts from one
+// TSE carries the same key thousands of times. Safe to share among threads.
+struct ReceiptKeys {
+    KeyResult key;
+    std::vector<PublicKey> otherKeys;
+};
+ReceiptKeys receiptKeys(std::string_view encoded);
+
+class KeyCache {
+public:
+    ReceiptKeys get(const std::string& encoded);
+
+private:
+    std::mutex lock_;
+    std::map<std::string, ReceiptKeys> keys_;
+};
+
+// The text as a scanner, a file or a command line hands it over: blanks, a
+// line end and a byte order mark around it, or double quotes, are not part
+// of the receipt.
+std::string_view trimReceiptText(std::string_view text);
+
+ReceiptParse parseReceiptText(std::string_view text, KeyCache* keys = nullptr);
+
+}  // namespace tse
+
+#endif

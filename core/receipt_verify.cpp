@@ -1,0 +1,204 @@
+#include "receipt_verify.h"
+
+#include "ber.h"
+#include "der.h"
+#include "log_encoder.h"
+
+namespace tse {
+namespace {
+
+constexpr size_t FOUR_OCTETS = 4;
+constexpr size_t MILLIS_DIGITS = 3;
+
+std::string_view timeEncodingName(TimeEncoding encoding)
+{
+    switch (encoding) {
+    case TimeEncoding::MinimalInteger: return "log time INTEGER";
+    case TimeEncoding::FourOctetInteger: return "log time INTEGER of four octets";
+    case TimeEncoding::UtcWithSeconds: return "log time UTCTime with seconds";
+    case TimeEncoding::UtcWithoutSeconds: return "log time UTCTime without seconds";
+    case TimeEncoding::GeneralizedPlain: return "log time GeneralizedTime";
+    case TimeEncoding::GeneralizedFraction: return "log time GeneralizedTime with fraction";
+    case TimeEncoding::GeneralizedMillis: return "log time GeneralizedTime with milliseconds";
+    }
+    return "";
+}
+
+std::string_view signatureEncodingName(SignatureEncoding encoding)
+{
+    switch (encoding) {
+    case SignatureEncoding::PlainBase64: return "signature r||s base64";
+    case SignatureEncoding::DerBase64: return "signature DER base64";
+    case SignatureEncoding::PlainHex: return "signature r||s hex";
+    case SignatureEncoding::DerHex: return "signature DER hex";
+    }
+    return "";
+}
+
+std::string withoutTrailingZeros(std::string fraction)
+{
+    while (!fraction.empty() && fraction.back() == '0') fraction.pop_back();
+    return fraction;
+}
+
+std::string millis(std::string fraction)
+{
+    fraction.resize(MILLIS_DIGITS, '0');
+    return fraction;
+}
+
+Bytes fourOctetInteger(int64_t seconds)
+{
+    const auto value = static_cast<uint64_t>(seconds);
+    Bytes out = {tag::INTEGER, FOUR_OCTETS};
+    for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<uint8_t>(value >> shift));
+    return out;
+}
+
+// Only a time that fits four octets unchanged has that form.
+bool fitsFourOctets(int64_t seconds)
+{
+    return seconds >= 0 && seconds <= 0xFFFFFFFFLL;
+}
+
+}  // namespace
+
+std::string describeForm(const ReceiptForm& form)
+{
+    return "version " + std::to_string(form.shape.version) + ", processData " +
+           (form.shape.indefiniteProcessData ? "indefinite length" : "definite") + ", " +
+           std::string(timeEncodingName(form.time)) + ", " + std::string(signatureEncodingName(form.signature));
+}
+
+std::vector<ReceiptSignature> receiptSignatures(const Receipt& receipt, std::string& reason)
+{
+    std::vector<ReceiptSignature> out;
+    for (size_t i = 0; i < receipt.signatureReadings.size(); ++i) {
+        const Bytes& octets = receipt.signatureReadings[i];
+        const bool hex = i > 0 || receipt.signatureText.size() == 2 * octets.size();
+        if (std::optional<DecodedSignature> plain = DecodedSignature::plain(receipt.key, octets)) {
+            out.push_back({*plain, hex ? SignatureEncoding::PlainHex : SignatureEncoding::PlainBase64});
+        } else if (std::optional<DecodedSignature> der = DecodedSignature::der(octets)) {
+            out.push_back({*der, hex ? SignatureEncoding::DerHex : SignatureEncoding::DerBase64});
+        }
+    }
+    if (out.empty()) {
+        const size_t expected = 2 * receipt.key.curveInfo().fieldSize;
+        reason = "signature: " + std::to_string(receipt.signatureReadings.front().size()) +
+                 " bytes are neither r||s on " + std::string(receipt.key.curveInfo().displayName) + " (" +
+                 std::to_string(expected) + " bytes) nor a DER signature";
+    }
+    return out;
+}
+
+std::vector<MessageShape> messageShapes()
+{
+    return {{2, false}, {2, true}, {3, false}, {3, true}};
+}
+
+std::vector<TimeEncoding> timeEncodings(ReceiptTimeFormat format)
+{
+    switch (format) {
+    case ReceiptTimeFormat::UnixTime: return {TimeEncoding::MinimalInteger, TimeEncoding::FourOctetInteger};
+    case ReceiptTimeFormat::UtcTime:
+    case ReceiptTimeFormat::UtcTimeWithSeconds: return {TimeEncoding::UtcWithSeconds, TimeEncoding::UtcWithoutSeconds};
+    case ReceiptTimeFormat::GeneralizedTime:
+        return {TimeEncoding::GeneralizedPlain, TimeEncoding::GeneralizedFraction, TimeEncoding::GeneralizedMillis};
+    case ReceiptTimeFormat::GeneralizedTimeWithMilliseconds:
+        return {TimeEncoding::GeneralizedMillis, TimeEncoding::GeneralizedFraction, TimeEncoding::GeneralizedPlain};
+    }
+    return {};
+}
+
+Bytes signedPrefix(const Receipt& receipt, const MessageShape& shape)
+{
+    TransactionData data;
+    data.operationType = shape.version >= 3 ? "finishTransaction" : "FinishTransaction";
+    data.clientId = receipt.clientId;
+    data.processData = Bytes(receipt.processData.begin(), receipt.processData.end());
+    data.processType = receipt.processType;
+    data.transactionNumber = receipt.transactionNumber;
+    data.processDataForm = ProcessDataForm{shape.indefiniteProcessData, 0};
+    LogContent content;
+    content.version = shape.version;
+    content.certifiedData = encodeTransactionData(data);
+    content.serialNumber = receipt.key.serialNumber();
+    content.algorithmOid = std::string(receipt.algorithm->oid);
+    content.signatureCounter = receipt.signatureCounter;
+    return encodeSignedOctets(content);  // ends before the log time, which is left empty
+}
+
+Bytes logTimeElement(TimeEncoding encoding, int64_t seconds, const std::string& fraction)
+{
+    switch (encoding) {
+    case TimeEncoding::MinimalInteger: return encodeLogTime(TimeFormat::UnixTime, seconds);
+    case TimeEncoding::FourOctetInteger: return fourOctetInteger(seconds);
+    case TimeEncoding::UtcWithSeconds: return encodeLogTime(TimeFormat::UtcTime, seconds, {}, true);
+    case TimeEncoding::UtcWithoutSeconds: return encodeLogTime(TimeFormat::UtcTime, seconds, {}, false);
+    case TimeEncoding::GeneralizedPlain: return encodeLogTime(TimeFormat::GeneralizedTime, seconds);
+    case TimeEncoding::GeneralizedFraction:
+        return encodeLogTime(TimeFormat::GeneralizedTime, seconds, withoutTrailingZeros(fraction));
+    case TimeEncoding::GeneralizedMillis: return encodeLogTime(TimeFormat::GeneralizedTime, seconds, millis(fraction));
+    }
+    return {};
+}
+
+std::vector<EncodedTime> distinctTimeElements(const Receipt& receipt, int64_t seconds)
+{
+    std::vector<EncodedTime> out;
+    for (const TimeEncoding encoding : timeEncodings(receipt.logTimeFormat)) {
+        if (encoding == TimeEncoding::FourOctetInteger && !fitsFourOctets(seconds)) continue;
+        if (encoding == TimeEncoding::MinimalInteger && seconds < 0) continue;
+        Bytes element = logTimeElement(encoding, seconds, receipt.logTime.time.fraction);
+        bool seen = false;
+        for (const EncodedTime& earlier : out) seen = seen || earlier.element == element;
+        if (!seen) out.push_back({encoding, std::move(element)});
+    }
+    return out;
+}
+
+ReceiptVerification verifyReceipt(const Receipt& receipt, const std::vector<ReceiptSignature>& signatures)
+{
+    const Hash hash = receipt.algorithm->hash;
+    const std::vector<EncodedTime> times = distinctTimeElements(receipt, receipt.logTime.time.seconds);
+    if (times.empty()) {
+        return {Verdict::Malformed, "logTime " + receipt.logTime.text + " lies before 1970, which unixTime cannot hold", {}, {}};
+    }
+    for (const MessageShape& shape : messageShapes()) {
+        const Bytes prefix = signedPrefix(receipt, shape);
+        for (const EncodedTime& time : times) {
+            Bytes message = prefix;
+            append(message, time.element);
+            for (const ReceiptSignature& signature : signatures) {
+                if (signature.value.verifies(receipt.key, hash, message)) {
+                    return {Verdict::Valid, {}, ReceiptForm{shape, time.encoding, signature.encoding}, {}};
+                }
+            }
+        }
+    }
+    return {Verdict::Invalid,
+            "the signature does not match the rebuilt log message (" + std::string(receipt.algorithm->name) + " on " +
+                std::string(receipt.key.curveInfo().displayName) + ")",
+            {},
+            {}};
+}
+
+ReceiptVerification verifyReceipt(const Receipt& receipt)
+{
+    std::string reason;
+    const std::vector<ReceiptSignature> signatures = receiptSignatures(receipt, reason);
+    if (signatures.empty()) return {Verdict::Malformed, reason, {}, {}};
+    ReceiptVerification result = verifyReceipt(receipt, signatures);
+    for (size_t i = 0; !result.valid() && i < receipt.otherKeys.size(); ++i) {
+        Receipt other = receipt;
+        other.key = receipt.otherKeys[i];
+        other.otherKeys.clear();
+        if (ReceiptVerification held = verifyReceipt(other); held.valid()) {
+            held.heldKey = other.key;
+            result = held;
+        }
+    }
+    return result;
+}
+
+}  // namespace tse

@@ -1,0 +1,88 @@
+#ifndef TSE_CORE_RECEIPT_VERIFY_H
+#define TSE_CORE_RECEIPT_VERIFY_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "bytes.h"
+#include "receipt_text.h"
+#include "verify.h"
+
+namespace tse {
+
+// The ways TSEs write the log time element for one receipt time format.
+enum class TimeEncoding {
+    MinimalInteger,    // unixTime, DER
+    FourOctetInteger,  // unixTime padded to four octets, as some builders write it
+    UtcWithSeconds,
+    UtcWithoutSeconds,
+    GeneralizedPlain,     // no fraction
+    GeneralizedFraction,  // the printed fraction without trailing zeros (DER)
+    GeneralizedMillis,    // exactly three fraction digits
+};
+
+// The parts of the signed log message that a receipt does not print and
+// that differ between TSEs.
+struct MessageShape {
+    uint64_t version = 2;  // 3 for TSEs of the newer guideline: "finishTransaction"
+    bool indefiniteProcessData = false;  // D-Trust: A2 80 04 LL ... 00 00
+};
+
+enum class SignatureEncoding { PlainBase64, DerBase64, PlainHex, DerHex };
+
+// The combination under which a signature held.
+struct ReceiptForm {
+    MessageShape shape;
+    TimeEncoding time = TimeEncoding::MinimalInteger;
+    SignatureEncoding signature = SignatureEncoding::PlainBase64;
+};
+
+// "version 2, processData definite, log time INTEGER, signature r||s base64"
+std::string describeForm(const ReceiptForm& form);
+
+struct ReceiptVerification {
+    Verdict verdict = Verdict::Malformed;  // Valid, Invalid or Malformed
+    std::string reason;                    // empty when valid
+    ReceiptForm form;                      // meaningful when valid
+    std::optional<PublicKey> heldKey;      // set when one of the receipt's other keys held
+
+    bool valid() const { return verdict == Verdict::Valid; }
+};
+
+// The receipt's signature field decoded the ways that fit its key; empty
+// with a reason when none does.
+struct ReceiptSignature {
+    DecodedSignature value;
+    SignatureEncoding encoding;
+};
+std::vector<ReceiptSignature> receiptSignatures(const Receipt& receipt, std::string& reason);
+
+// What a signed message can look like, most common first.
+std::vector<MessageShape> messageShapes();
+std::vector<TimeEncoding> timeEncodings(ReceiptTimeFormat format);
+
+// The signed octets up to the log time element, and that element, so that a
+// search over log times rebuilds only the end of the message.
+Bytes signedPrefix(const Receipt& receipt, const MessageShape& shape);
+Bytes logTimeElement(TimeEncoding encoding, int64_t seconds, const std::string& fraction);
+
+// The log time elements for a moment, one per encoding, leaving out those
+// that come out the same octets as an earlier one.
+struct EncodedTime {
+    TimeEncoding encoding;
+    Bytes element;
+};
+std::vector<EncodedTime> distinctTimeElements(const Receipt& receipt, int64_t seconds);
+
+// Rebuilds the Finish transaction log message the receipt stands for in
+// every shape and time encoding, and checks the signature over each, with
+// each key the public key field can stand for.
+ReceiptVerification verifyReceipt(const Receipt& receipt);
+// The same with the signatures already decoded.
+ReceiptVerification verifyReceipt(const Receipt& receipt, const std::vector<ReceiptSignature>& signatures);
+
+}  // namespace tse
+
+#endif

@@ -1,0 +1,164 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "fixtures.h"
+
+using fixtures::run;
+using fixtures::tseCheckPath;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string dataDirectory()
+{
+    const std::string file = __FILE__;
+    return file.substr(0, file.rfind('/')) + "/../data/";
+}
+
+struct RealReceipt {
+    std::string log;
+    std::string text;
+};
+
+// The QR code texts of every real Finish log that a receipt can stand for:
+// two cloud TSEs on P-256 (unixTime and utcTime) and D-Trust's secp384r1
+// with indefinite-length processData.
+std::vector<RealReceipt> realReceipts()
+{
+    std::vector<std::pair<std::string, std::string>> logs;  // log, certificate
+    for (const auto& directory : fs::directory_iterator(dataDirectory() + "real-receipts")) {
+        std::string certificate;
+        std::vector<std::string> finishLogs;
+        for (const auto& entry : fs::directory_iterator(directory.path())) {
+            const std::string name = entry.path().filename().string();
+            if (name.find("_X509") != std::string::npos) certificate = entry.path().string();
+            if (name.find("_Finish_") != std::string::npos) finishLogs.push_back(entry.path().string());
+        }
+        if (directory.path().filename() == "dtrust-p384-external-data") continue;  // no receipt can carry it
+        for (const std::string& log : finishLogs) logs.emplace_back(log, certificate);
+    }
+    const std::string dtrust = dataDirectory() + "real-export/";
+    logs.emplace_back(dtrust + "dtrust-p384-sig672-finish.log", dtrust + "dtrust-p384-leaf.pem");
+    std::vector<RealReceipt> out;
+    for (const auto& [log, certificate] : logs) {
+        const auto qr = run(tseCheckPath(), {"to-qr", "--cert", certificate, log});
+        EXPECT_EQ(qr.status, 0) << log << ": " << qr.err;
+        out.push_back({log, qr.out.substr(0, qr.out.find('\n'))});
+    }
+    return out;
+}
+
+// One character changed where a receipt is still well-formed: in the
+// client ID, the process data or the signature.
+std::string withOneCharacterChanged(std::string text, size_t which)
+{
+    const size_t field = std::vector<size_t>{1, 3, 10}[which % 3];
+    size_t position = 0;
+    for (size_t i = 0; i < field; ++i) position = text.find(';', position) + 1;
+    char& c = text[position + 1];
+    c = c == 'A' ? 'B' : 'A';
+    return text;
+}
+
+TEST(Receipt, EveryRealFinishLogGivesAReceiptThatVerifiesAndFailsWhenChanged)
+{
+    const std::vector<RealReceipt> receipts = realReceipts();
+    ASSERT_EQ(receipts.size(), 122u);
+    fixtures::TempDir dir;
+    std::string list = "\xEF\xBB\xBF\r\n";  // a byte order mark and a blank line, as editors write them
+    std::string changed;
+    for (size_t i = 0; i < receipts.size(); ++i) {
+        list += receipts[i].text + "\r\n";
+        changed += withOneCharacterChanged(receipts[i].text, i) + "\n";
+    }
+    auto result = run(tseCheckPath(), {"receipt", "--json", "--from", dir.write("real.txt", list)});
+    EXPECT_EQ(result.status, 0) << result.err;
+    const nlohmann::json valid = nlohmann::json::parse(result.out);
+    ASSERT_EQ(valid.size(), receipts.size());
+    for (size_t i = 0; i < receipts.size(); ++i) {
+        EXPECT_EQ(valid[i]["verdict"], "valid") << receipts[i].log << ": " << valid[i]["reason"];
+        EXPECT_EQ(valid[i]["source"], dir.path("real.txt") + ":" + std::to_string(i + 2));
+    }
+    const nlohmann::json& dtrust = valid.back();
+    EXPECT_EQ(dtrust["curve"], "secp384r1");
+    EXPECT_NE(dtrust["form"].get<std::string>().find("processData indefinite length"), std::string::npos);
+    EXPECT_EQ(dtrust["clientId"], "137741-0007 Hioneu");
+    EXPECT_EQ(dtrust["serialNumber"], "BF47CEE340BA72A9353753D6D857B66978E2CCB9F84E5FC101CB8268CBECB003");
+
+    result = run(tseCheckPath(), {"receipt", "--json", "--from", dir.write("changed.txt", changed)});
+    EXPECT_EQ(result.status, 1) << result.err;
+    for (const nlohmann::json& r : nlohmann::json::parse(result.out)) {
+        EXPECT_EQ(r["verdict"], "invalid") << r["text"];
+    }
+}
+
+TEST(Receipt, ToQrStillRefusesALogWithAdditionalExternalData)
+{
+    const std::string dir = dataDirectory() + "real-receipts/dtrust-p384-external-data/";
+    const auto result =
+        run(tseCheckPath(), {"to-qr", "--cert", dir + "DD096487E07B8A77BC03C25BF7067D728D68366EBAEAD656F728F2F14F98F23E_X509.crt",
+                             dir + "Unixt_1634636126_Sig-17_Log-Tra_No-1_Finish_Client-client-1.log"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_NE(result.err.find("additionalExternalData"), std::string::npos) << result.err;
+}
+
+// Sources, verdicts and exit statuses of a mixed batch, as text rows, JSON
+// and from standard input; --explain names the signed value.
+TEST(Receipt, ReportsEachReceiptWithItsSourceAndTheWorstStatus)
+{
+    const std::vector<RealReceipt> receipts = realReceipts();
+    const std::string good = receipts.front().text;
+    std::string late = good;
+    const size_t logTime = [&] {
+        size_t p = 0;
+        for (int i = 0; i < 7; ++i) p = good.find(';', p) + 1;
+        return p;
+    }();
+    late.replace(logTime + 14, 2, late.substr(logTime + 14, 2) == "59" ? "58" : "59");  // the minute changed
+
+    const struct {
+        std::vector<std::string> args;
+        int status;
+        std::vector<std::string> verdicts;
+    } cases[] = {
+        {{good}, 0, {"valid"}},
+        {{good, late}, 1, {"valid", "invalid"}},
+        {{good, late, "V0;K1"}, 2, {"valid", "invalid", "malformed"}},
+        {{good, "--from", "/nonexistent/list.txt"}, 2, {"valid"}},
+    };
+    for (const auto& c : cases) {
+        std::vector<std::string> args{"receipt", "--json"};
+        args.insert(args.end(), c.args.begin(), c.args.end());
+        const auto result = run(tseCheckPath(), args);
+        EXPECT_EQ(result.status, c.status) << result.err;
+        const nlohmann::json document = nlohmann::json::parse(result.out);
+        ASSERT_EQ(document.size(), c.verdicts.size());
+        for (size_t i = 0; i < c.verdicts.size(); ++i) {
+            EXPECT_EQ(document[i]["verdict"], c.verdicts[i]);
+            EXPECT_EQ(document[i]["source"], "argument " + std::to_string(i + 1));
+        }
+    }
+    EXPECT_NE(run(tseCheckPath(), {"receipt", good, "--from", "/nonexistent/list.txt"}).err.find(
+                  "[ERROR] Receipt list /nonexistent/list.txt does not exist"),
+              std::string::npos);
+
+    const auto piped = run("/bin/sh", {"-c", "printf '%s\\n\\n%s\\n' \"$0\" \"$1\" | \"$2\" receipt --explain --from -",
+                                       good, late, tseCheckPath()});
+    EXPECT_EQ(piped.status, 1) << piped.err;
+    EXPECT_EQ(piped.out.rfind("VALID    stdin:1", 0), 0u) << piped.out;
+    EXPECT_NE(piped.out.find("INVALID  stdin:3"), std::string::npos) << piped.out;
+    EXPECT_NE(piped.out.find("the receipt was signed with log time"), std::string::npos) << piped.out;
+
+    const auto json = run(tseCheckPath(), {"receipt", "--json", "--explain", late});
+    const nlohmann::json explanation = nlohmann::json::parse(json.out)[0]["explanation"];
+    EXPECT_EQ(explanation["found"], true);
+    EXPECT_EQ(explanation["field"], "logTime");
+}
+
+}  // namespace

@@ -1,0 +1,305 @@
+// tse-check receipt: verifies receipt QR code texts given as arguments, in
+// files or in pictures, and on request finds out why one does not verify.
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "file_reader.h"
+#include "parallel.h"
+#include "qr_image.h"
+#include "receipt_explain.h"
+#include "receipt_text.h"
+#include "receipt_verify.h"
+#include "tse_check_commands.h"
+#include "tse_check_output.h"
+#include "tse_check_support.h"
+
+namespace tsecheck {
+namespace {
+
+// A list of a million receipts stays below this; a wrong path to a disk
+// image does not. Photographs and scanned PDFs of receipts are far smaller.
+constexpr size_t MAX_RECEIPT_LIST_SIZE = 64u << 20;
+constexpr size_t MAX_PICTURE_SIZE = 64u << 20;
+constexpr int64_t MAX_TIME_WINDOW = 7 * 86400;
+
+struct ReceiptOptions {
+    std::vector<std::string> texts;
+    std::vector<std::string> lists;
+    std::vector<std::string> pictures;
+    bool json = false;
+    bool explain = false;
+    int64_t timeWindow = 7200;
+    unsigned jobs = tse::defaultJobs();
+};
+
+struct ReceiptInput {
+    std::string source;
+    std::string text;
+};
+
+struct ReceiptResult {
+    ReceiptInput input;
+    std::optional<tse::Receipt> receipt;
+    tse::ReceiptVerification verification;
+    std::optional<tse::Explanation> explanation;
+};
+
+// Inputs in the order: arguments, lists, pictures. A file that cannot be
+// read or a picture without a code is reported and makes the run fail, but
+// the other receipts are still checked.
+class InputCollector {
+public:
+    std::vector<ReceiptInput> inputs;
+    bool failed = false;
+
+    void addTexts(const std::vector<std::string>& texts)
+    {
+        for (size_t i = 0; i < texts.size(); ++i) inputs.push_back({"argument " + std::to_string(i + 1), texts[i]});
+    }
+
+    void addList(const std::string& path)
+    {
+        const bool standardInput = path == "-";
+        const std::string name = standardInput ? "stdin" : path;
+        tse::FileRead read = tse::readFileBounded(standardInput ? "/dev/stdin" : path, MAX_RECEIPT_LIST_SIZE);
+        if (!read.contents) return report("Receipt list " + name + " " + read.error);
+        const std::string text = tse::ByteView(*read.contents).text();
+        size_t lineNumber = 0;
+        for (size_t start = 0; start < text.size();) {
+            size_t end = text.find('\n', start);
+            if (end == std::string::npos) end = text.size();
+            ++lineNumber;
+            const std::string_view line = tse::trimReceiptText(std::string_view(text).substr(start, end - start));
+            if (!line.empty()) inputs.push_back({name + ":" + std::to_string(lineNumber), std::string(line)});
+            start = end + 1;
+        }
+    }
+
+    void addPicture(const std::string& path)
+    {
+        tse::FileRead read = tse::readFileBounded(path, MAX_PICTURE_SIZE);
+        if (!read.contents) return report("Picture " + path + " " + read.error);
+        const tse::ImageScan scan = tse::scanImage(*read.contents);
+        if (!scan.error.empty()) return report("Picture " + path + " cannot be read: " + scan.error);
+        if (scan.codes.empty()) return report("Picture " + path + " holds no QR code");
+        for (size_t i = 0; i < scan.codes.size(); ++i) {
+            inputs.push_back({pictureSource(path, scan.codes, i), scan.codes[i].text});
+        }
+    }
+
+private:
+    void report(const std::string& line)
+    {
+        std::cerr << "[ERROR] " << line << std::endl;
+        failed = true;
+    }
+
+    // "scan.pdf page 2 code 3": the code's number counts on its page, and
+    // only when the page holds more than one.
+    static std::string pictureSource(const std::string& path, const std::vector<tse::ImageCode>& codes, size_t index)
+    {
+        const int page = codes[index].page;
+        size_t onPage = 0, number = 0;
+        for (size_t i = 0; i < codes.size(); ++i) {
+            if (codes[i].page != page) continue;
+            ++onPage;
+            if (i <= index) number = onPage;
+        }
+        std::string source = path;
+        if (page > 0) source += " page " + std::to_string(page);
+        if (onPage > 1) source += " code " + std::to_string(number);
+        return source;
+    }
+};
+
+ReceiptResult checkOne(const ReceiptInput& input, tse::KeyCache& keys)
+{
+    ReceiptResult result;
+    result.input = input;
+    tse::ReceiptParse parse = tse::parseReceiptText(input.text, &keys);
+    if (!parse.receipt) {
+        result.verification = {tse::Verdict::Malformed, parse.error, {}, {}};
+        return result;
+    }
+    result.receipt = std::move(parse.receipt);
+    result.verification = tse::verifyReceipt(*result.receipt);
+    // Name the curve and serial number of the key that held.
+    if (result.verification.heldKey) result.receipt->key = *result.verification.heldKey;
+    return result;
+}
+
+const char* verdictWord(tse::Verdict verdict)
+{
+    switch (verdict) {
+    case tse::Verdict::Valid: return "VALID";
+    case tse::Verdict::Invalid: return "INVALID";
+    default: return "MALFORMED";
+    }
+}
+
+// Most receipts are rebuilt the first way tried; only another form is worth
+// a user's attention.
+bool commonForm(const tse::ReceiptForm& form, tse::ReceiptTimeFormat format)
+{
+    return form.shape.version == 2 && !form.shape.indefiniteProcessData &&
+           form.signature == tse::SignatureEncoding::PlainBase64 && form.time == tse::timeEncodings(format).front();
+}
+
+std::string normalizedTime(const tse::ReceiptTime& time)
+{
+    std::string text = tse::isoSeconds(time.time.seconds);
+    std::string fraction = time.time.fraction;
+    if (fraction.size() < 3) fraction.resize(3, '0');
+    return text.insert(text.size() - 1, "." + fraction);
+}
+
+std::string algorithmAndCurve(const tse::Receipt& r)
+{
+    return std::string(r.algorithm->name) + " " + std::string(r.key.curveInfo().displayName);
+}
+
+std::string remark(const ReceiptResult& r)
+{
+    std::string text = r.verification.reason;
+    if (r.verification.valid() && !commonForm(r.verification.form, r.receipt->logTimeFormat)) {
+        text = "form: " + tse::describeForm(r.verification.form);
+    }
+    if (r.explanation) text += "; " + r.explanation->sentence;
+    return text;
+}
+
+std::vector<std::string> textColumns(const ReceiptResult& r)
+{
+    std::vector<std::string> columns{verdictWord(r.verification.verdict), r.input.source};
+    if (r.receipt) {
+        const tse::Receipt& receipt = *r.receipt;
+        columns.insert(columns.end(), {"No-" + std::to_string(receipt.transactionNumber),
+                                       "Sig-" + std::to_string(receipt.signatureCounter),
+                                       tse::escapeText(receipt.clientId), algorithmAndCurve(receipt),
+                                       normalizedTime(receipt.logTime)});
+    } else {
+        columns.insert(columns.end(), 5, "-");
+    }
+    columns.push_back(remark(r));
+    return columns;
+}
+
+nlohmann::json orNull(const std::string& value)
+{
+    return value.empty() ? nlohmann::json(nullptr) : nlohmann::json(value);
+}
+
+nlohmann::json explanationJson(const tse::Explanation& e)
+{
+    return {{"found", e.found},           {"change", orNull(e.change)},
+            {"field", orNull(e.field)},   {"shownValue", orNull(e.shownValue)},
+            {"signedValue", orNull(e.signedValue)}, {"form", orNull(e.form)},
+            {"sentence", e.sentence},     {"tried", e.tried}};
+}
+
+nlohmann::json toJson(const ReceiptResult& r, bool explainRan)
+{
+    nlohmann::json j = {{"source", r.input.source},
+                        {"text", tse::escapeText(r.input.text)},
+                        {"verdict", lowerWord(verdictWord(r.verification.verdict))},
+                        {"reason", orNull(r.verification.reason)},
+                        {"form", r.verification.valid() ? nlohmann::json(tse::describeForm(r.verification.form))
+                                                        : nlohmann::json(nullptr)}};
+    for (const char* key : {"signatureAlgorithm", "curve", "logTimeFormat", "clientId", "transactionNumber",
+                            "signatureCounter", "logTime", "serialNumber"}) {
+        j[key] = nullptr;
+    }
+    if (r.receipt) {
+        const tse::Receipt& receipt = *r.receipt;
+        j["signatureAlgorithm"] = receipt.algorithm->name;
+        j["curve"] = receipt.key.curveInfo().displayName;
+        j["logTimeFormat"] = tse::receiptTimeFormatName(receipt.logTimeFormat);
+        j["clientId"] = tse::escapeText(receipt.clientId);
+        j["transactionNumber"] = receipt.transactionNumber;
+        j["signatureCounter"] = receipt.signatureCounter;
+        j["logTime"] = normalizedTime(receipt.logTime);
+        j["serialNumber"] = tse::toHex(receipt.key.serialNumber());
+    }
+    if (explainRan) j["explanation"] = r.explanation ? explanationJson(*r.explanation) : nlohmann::json(nullptr);
+    return j;
+}
+
+int exitStatus(const std::vector<ReceiptResult>& results, bool inputFailed)
+{
+    int status = inputFailed ? EXIT_BAD_INPUT : EXIT_OK;
+    for (const ReceiptResult& r : results) {
+        if (r.verification.verdict == tse::Verdict::Malformed) return EXIT_BAD_INPUT;
+        if (!r.verification.valid() && status == EXIT_OK) status = EXIT_NOT_VERIFIED;
+    }
+    return status;
+}
+
+int receiptCommand(const ReceiptOptions& options)
+{
+    if (options.texts.empty() && options.lists.empty() && options.pictures.empty()) {
+        refuse(EXIT_BAD_INPUT, "No receipt given: pass QR code texts, --from FILE or --image FILE");
+    }
+    InputCollector collector;
+    collector.addTexts(options.texts);
+    for (const std::string& path : options.lists) collector.addList(path);
+    for (const std::string& path : options.pictures) collector.addPicture(path);
+
+    tse::KeyCache keys;
+    std::vector<ReceiptResult> results(collector.inputs.size());
+    tse::parallelFor(results.size(), options.jobs,
+                     [&](size_t i) { results[i] = checkOne(collector.inputs[i], keys); });
+    // One explanation at a time, each on every core.
+    if (options.explain) {
+        const tse::ExplainOptions explainOptions{options.timeWindow, options.jobs};
+        for (ReceiptResult& r : results) {
+            if (r.verification.verdict == tse::Verdict::Invalid) {
+                r.explanation = tse::explainReceipt(*r.receipt, explainOptions);
+            }
+        }
+    }
+
+    if (options.json) {
+        nlohmann::json document = nlohmann::json::array();
+        for (const ReceiptResult& r : results) document.push_back(toJson(r, options.explain));
+        std::cout << document.dump(2) << std::endl;
+    } else {
+        std::vector<std::vector<std::string>> rows;
+        rows.reserve(results.size());
+        for (const ReceiptResult& r : results) rows.push_back(textColumns(r));
+        printAligned(std::cout, rows);
+    }
+    return exitStatus(results, collector.failed);
+}
+
+}  // namespace
+
+Command addReceiptCommand(CLI::App& parent)
+{
+    auto options = std::make_shared<ReceiptOptions>();
+    CLI::App* app = parent.add_subcommand(
+        "receipt", "Verify receipt QR code texts (DSFinV-K) from arguments, files or pictures.\n"
+                   "Exit status: 0 all valid, 1 any invalid, 2 any malformed, a picture without a QR code,\n"
+                   "an unreadable file or a usage error.");
+    app->add_option("TEXT", options->texts, "QR code texts (quote them: they hold ';')")->type_name("TEXT...");
+    app->add_option("--from", options->lists, "File with one QR code text per line; - for standard input")
+        ->type_name("FILE")
+        ->allow_extra_args(false);
+    app->add_option("--image", options->pictures, "PNG, JPEG or PDF files; every QR code in them is checked")
+        ->type_name("FILE...");
+    app->add_flag("--json", options->json, "Print the results as one JSON array");
+    app->add_flag("--explain", options->explain, "For an invalid receipt, find the change under which it verifies");
+    app->add_option("--time-window", options->timeWindow,
+                    "Seconds either side of the log time that --explain searches (default 7200)")
+        ->check(CLI::Range(int64_t{0}, MAX_TIME_WINDOW));
+    app->add_option("--jobs,-j", options->jobs, "Threads to verify with (default: every core)")
+        ->check(CLI::Range(1u, 1024u));
+    return Command{app, [options] { return receiptCommand(*options); }};
+}
+
+}  // namespace tsecheck
