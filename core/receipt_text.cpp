@@ -198,13 +198,19 @@ ReceiptKeys receiptKeys(std::string_view encoded)
 {
     const std::optional<Bytes> octets = fromBase64(encoded);
     if (!octets) return {KeyResult{std::nullopt, "it is not base64"}, {}};
-    ReceiptKeys out{keyFromAnyEncoding(*octets), {}};
     const bool compressed = !octets->empty() && ((*octets)[0] == 0x02 || (*octets)[0] == 0x03);
-    if (!out.key.key || !compressed) return out;
+    if (!compressed) return {keyFromAnyEncoding(*octets), {}};
+    // A compressed point names only x, which often lies on both curves of
+    // its size; the signature tells which key the TSE holds.
+    ReceiptKeys out{keyFromAnyEncoding(*octets), {}};
     for (const CurveInfo& curve : supportedCurves()) {
-        if (curve.curve == out.key.key->curve()) continue;
-        KeyResult other = keyFromPoint(*octets, curve.curve);
-        if (other.key) out.otherKeys.push_back(*other.key);
+        KeyResult onCurve = keyFromPoint(*octets, curve.curve);
+        if (!onCurve.key) continue;
+        if (!out.key.key) {
+            out.key = onCurve;
+        } else if (onCurve.key->curve() != out.key.key->curve()) {
+            out.otherKeys.push_back(*onCurve.key);
+        }
     }
     return out;
 }

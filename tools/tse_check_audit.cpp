@@ -258,10 +258,10 @@ Command addAuditCommand(CLI::App& parent)
 {
     auto options = std::make_shared<AuditCommandOptions>();
     CLI::App* app = parent.add_subcommand(
-        "audit", "Audit a whole TSE export: every log's signature, the certificates and the export's integrity.\n"
-                 "EXPORT is a TAR archive (plain, gzip, bzip2, xz; X.tar.001 for a split one), a directory or log\n"
-                 "files; several are audited as one export.\n"
-                 "Exit status: 0 no error findings, 1 error findings, 2 usage or an export that cannot be opened.");
+        "audit", "Audit a whole TSE export: every signature, the certificates and the export's integrity");
+    app->footer("EXPORT is a TAR archive (plain, gzip, bzip2, xz; X.tar.001 for a split one), a directory or log\n"
+                "files; several are audited as one export.\n"
+                "Exit status: 0 no error findings, 1 error findings, 2 usage or an export that cannot be opened.");
     app->add_option("EXPORT", options->audit.exports, "Export archives, directories or files")
         ->required()
         ->type_name("PATH...");

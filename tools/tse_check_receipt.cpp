@@ -283,9 +283,9 @@ Command addReceiptCommand(CLI::App& parent)
 {
     auto options = std::make_shared<ReceiptOptions>();
     CLI::App* app = parent.add_subcommand(
-        "receipt", "Verify receipt QR code texts (DSFinV-K) from arguments, files or pictures.\n"
-                   "Exit status: 0 all valid, 1 any invalid, 2 any malformed, a picture without a QR code,\n"
-                   "an unreadable file or a usage error.");
+        "receipt", "Verify receipt QR code texts (DSFinV-K) from arguments, files or pictures");
+    app->footer("Exit status: 0 all valid, 1 any invalid, 2 any malformed, a picture without a QR code,\n"
+                "an unreadable file or a usage error.");
     app->add_option("TEXT", options->texts, "QR code texts (quote them: they hold ';')")->type_name("TEXT...");
     app->add_option("--from", options->lists, "File with one QR code text per line; - for standard input")
         ->type_name("FILE")

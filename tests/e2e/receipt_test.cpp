@@ -1,12 +1,16 @@
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
+#include "file_reader.h"
 #include "fixtures.h"
+#include "log_message.h"
 
 using fixtures::run;
 using fixtures::tseCheckPath;
@@ -15,10 +19,17 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string dataDirectory()
+std::string upper(std::string text)
 {
-    const std::string file = __FILE__;
-    return file.substr(0, file.rfind('/')) + "/../data/";
+    for (char& c : text) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    return text;
+}
+
+std::string serialOf(const std::string& logPath)
+{
+    const tse::FileRead file = tse::readFileBounded(logPath, 1 << 20);
+    const tse::LogParse parse = tse::parseLogMessage(file.contents.value_or(tse::Bytes{}));
+    return parse.message ? tse::toHex(parse.message->serialNumber) : "";
 }
 
 struct RealReceipt {
@@ -29,22 +40,21 @@ struct RealReceipt {
 // The QR code texts of every real Finish log that a receipt can stand for:
 // two cloud TSEs on P-256 (unixTime and utcTime) and D-Trust's secp384r1
 // with indefinite-length processData.
-std::vector<RealReceipt> realReceipts()
+std::vector<RealReceipt> realReceipts(const fixtures::TempDir& dir)
 {
     std::vector<std::pair<std::string, std::string>> logs;  // log, certificate
-    for (const auto& directory : fs::directory_iterator(dataDirectory() + "real-receipts")) {
-        std::string certificate;
+    for (const char* name : {"2021-09-30_63641_TSE", "TSE_Export_685e1812-79a4-4c8c-9a07-9e93a019efa7_202109171015",
+                             "6e6c6a42-5c8d-4a9c-9572-26c10619d020"}) {
+        const std::string exportDir = fixtures::unpackRealExport(dir, name);
+        std::map<std::string, std::string> certificates;  // by the serial in the file name
         std::vector<std::string> finishLogs;
-        for (const auto& entry : fs::directory_iterator(directory.path())) {
-            const std::string name = entry.path().filename().string();
-            if (name.find("_X509") != std::string::npos) certificate = entry.path().string();
-            if (name.find("_Finish_") != std::string::npos) finishLogs.push_back(entry.path().string());
+        for (const auto& entry : fs::directory_iterator(exportDir)) {
+            const std::string file = entry.path().filename().string();
+            if (file.find("_X509") != std::string::npos) certificates[upper(file.substr(0, 64))] = entry.path();
+            if (file.find("_Finish_") != std::string::npos) finishLogs.push_back(entry.path().string());
         }
-        if (directory.path().filename() == "dtrust-p384-external-data") continue;  // no receipt can carry it
-        for (const std::string& log : finishLogs) logs.emplace_back(log, certificate);
+        for (const std::string& log : finishLogs) logs.emplace_back(log, certificates[serialOf(log)]);
     }
-    const std::string dtrust = dataDirectory() + "real-export/";
-    logs.emplace_back(dtrust + "dtrust-p384-sig672-finish.log", dtrust + "dtrust-p384-leaf.pem");
     std::vector<RealReceipt> out;
     for (const auto& [log, certificate] : logs) {
         const auto qr = run(tseCheckPath(), {"to-qr", "--cert", certificate, log});
@@ -68,7 +78,8 @@ std::string withOneCharacterChanged(std::string text, size_t which)
 
 TEST(Receipt, EveryRealFinishLogGivesAReceiptThatVerifiesAndFailsWhenChanged)
 {
-    const std::vector<RealReceipt> receipts = realReceipts();
+    fixtures::TempDir unpacked;
+    const std::vector<RealReceipt> receipts = realReceipts(unpacked);
     ASSERT_EQ(receipts.size(), 122u);
     fixtures::TempDir dir;
     std::string list = "\xEF\xBB\xBF\r\n";  // a byte order mark and a blank line, as editors write them
@@ -100,7 +111,8 @@ TEST(Receipt, EveryRealFinishLogGivesAReceiptThatVerifiesAndFailsWhenChanged)
 
 TEST(Receipt, ToQrStillRefusesALogWithAdditionalExternalData)
 {
-    const std::string dir = dataDirectory() + "real-receipts/dtrust-p384-external-data/";
+    fixtures::TempDir unpacked;
+    const std::string dir = fixtures::unpackRealExport(unpacked, "logMessages1") + "/";
     const auto result =
         run(tseCheckPath(), {"to-qr", "--cert", dir + "DD096487E07B8A77BC03C25BF7067D728D68366EBAEAD656F728F2F14F98F23E_X509.crt",
                              dir + "Unixt_1634636126_Sig-17_Log-Tra_No-1_Finish_Client-client-1.log"});
@@ -112,7 +124,8 @@ TEST(Receipt, ToQrStillRefusesALogWithAdditionalExternalData)
 // and from standard input; --explain names the signed value.
 TEST(Receipt, ReportsEachReceiptWithItsSourceAndTheWorstStatus)
 {
-    const std::vector<RealReceipt> receipts = realReceipts();
+    fixtures::TempDir unpacked;
+    const std::vector<RealReceipt> receipts = realReceipts(unpacked);
     const std::string good = receipts.front().text;
     std::string late = good;
     const size_t logTime = [&] {
