@@ -25,6 +25,8 @@ SAMPLE_CERT=samples/demo-tse-certificate.pem
 SAMPLE_LOG=samples/Unixt_1627903738_Sig-1207_Log-Tra_No-538_Finish_Client-DEMO-KASSE-01.log
 SAMPLE_QR=samples/demo-receipt-qr-code.txt
 SAMPLE_PICTURE=samples/demo-receipt.png
+# A real export, kept with the test data.
+REAL_EXPORT=tests/data/real-exports/logMessages1.tar
 
 log() {
     printf '\n==> %s\n' "$*"

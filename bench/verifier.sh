@@ -2,10 +2,10 @@
 # Times the verifier on the inputs where speed matters to a user: the
 # samples, and the largest log it accepts and the endless ones it refuses.
 # The tests assert outcomes and memory only; this is where time is measured.
-# Usage: scripts/bench [RUNS]   (default 5 runs of each; uses build/)
+# Usage: bench/verifier.sh [RUNS]   (default 5 runs of each; uses build/)
 set -euo pipefail
 # shellcheck source=scripts/lib.sh
-source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+source "$(dirname "${BASH_SOURCE[0]}")/../scripts/lib.sh"
 
 runs="${1:-5}"
 [ -x build/signature-verification ] || build_dir build "${MAIN_BUILD_ARGS[@]}" -- signature-verification
