@@ -22,9 +22,9 @@ struct Findings {
     }
 };
 
-std::string shortSerial(const std::string& serial)
+std::string shortSerial(std::string_view serial)
 {
-    return "TSE " + serial.substr(0, 16) + (serial.size() > 16 ? "..." : "");
+    return "TSE " + std::string(serial.substr(0, 16)) + (serial.size() > 16 ? "..." : "");
 }
 
 bool isOperation(const LogRecord& log, std::string_view word)
@@ -46,7 +46,7 @@ void perLogFindings(const AuditReport& report, Findings& out)
         } else if (log.verdict == LogVerdict::Unreadable) {
             out.add(Severity::Error, "log-unreadable", log.file + ": " + log.reason, {log.file});
         } else if (log.verdict == LogVerdict::NoCertificate) {
-            withoutCertificate[log.serialNumber].push_back(log.file);
+            withoutCertificate[std::string(log.serialNumber)].push_back(log.file);
         }
         if (!log.nameProblem.empty()) {
             out.add(Severity::Error, "name-mismatch", log.file + ": " + log.nameProblem, {log.file});
@@ -60,7 +60,7 @@ void perLogFindings(const AuditReport& report, Findings& out)
     }
 }
 
-void counterFindings(const std::string& serial, const std::vector<const LogRecord*>& logs,
+void counterFindings(std::string_view serial, const std::vector<const LogRecord*>& logs,
                      const std::set<uint64_t>& extraCounters, Findings& out)
 {
     std::set<uint64_t> present(extraCounters);
@@ -118,7 +118,7 @@ struct TransactionLogs {
 // Transactions at the export's edges are left alone: those that started
 // before it (no Start, numbered below every Start seen) and those still
 // open at its end (no Finish, numbered above every Finish seen).
-void transactionFindings(const std::string& serial, const std::vector<const LogRecord*>& logs, Findings& out)
+void transactionFindings(std::string_view serial, const std::vector<const LogRecord*>& logs, Findings& out)
 {
     std::map<uint64_t, TransactionLogs> transactions;
     for (const LogRecord* log : logs) {
@@ -145,7 +145,7 @@ void transactionFindings(const std::string& serial, const std::vector<const LogR
 
 void perTseFindings(const AuditReport& report, Findings& out)
 {
-    std::map<std::string, std::vector<const LogRecord*>> byTse;
+    std::map<std::string_view, std::vector<const LogRecord*>> byTse;
     std::set<uint64_t> unreadableCounters;
     for (const LogRecord& log : report.logs) {
         if (!log.serialNumber.empty() && log.counter) byTse[log.serialNumber].push_back(&log);
@@ -164,7 +164,7 @@ void perTseFindings(const AuditReport& report, Findings& out)
 
 void certificateFindings(const AuditReport& report, bool trustGiven, Findings& out)
 {
-    std::map<std::string, const CertificateRecord*> bySerial;
+    std::map<std::string, const CertificateRecord*, std::less<>> bySerial;
     for (const CertificateRecord& certificate : report.certificates) {
         bySerial.emplace(certificate.serialNumber, &certificate);
         if (trustGiven && certificate.chain.status != ChainStatus::Trusted) {

@@ -36,7 +36,7 @@ json optionalNumber(const std::optional<uint64_t>& value)
     return value ? json(*value) : json(nullptr);
 }
 
-json textOrNull(const std::string& text)
+json textOrNull(std::string_view text)
 {
     return text.empty() ? json(nullptr) : json(text);
 }
@@ -135,8 +135,9 @@ void writeCsv(std::ostream& out, const tse::AuditReport& report)
         const std::vector<std::string> fields{
             log.file, log.type ? std::string(tse::logTypeName(*log.type)) : "", std::string(tse::logVerdictName(log.verdict)),
             log.counter ? std::to_string(*log.counter) : "", time ? time->iso() : "",
-            log.transactionNumber ? std::to_string(*log.transactionNumber) : "", log.operation, log.clientId,
-            log.processType, log.serialNumber, log.algorithm, log.reason};
+            log.transactionNumber ? std::to_string(*log.transactionNumber) : "", std::string(log.operation),
+            std::string(log.clientId), std::string(log.processType), std::string(log.serialNumber),
+            std::string(log.algorithm), log.reason};
         for (size_t i = 0; i < fields.size(); ++i) out << (i ? "," : "") << csvField(fields[i]);
         out << '\n';
     }
