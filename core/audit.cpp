@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cctype>
 #include <cstring>
 #include <filesystem>
 #include <mutex>
@@ -37,6 +38,7 @@ struct WorkItem {
     uint64_t ordinal = 0;
     std::string name, source;
     Bytes bytes;
+    bool standalone = false;  // given by itself, so its name need not follow the TSE's pattern
 };
 
 using Batch = std::vector<WorkItem>;
@@ -49,6 +51,11 @@ struct DigestHash {
         return h;
     }
 };
+
+bool isKeyHash(std::string_view text)
+{
+    return text.size() == 64 && std::all_of(text.begin(), text.end(), [](char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; });
+}
 
 size_t pendingCost(const WorkItem& item)
 {
@@ -131,11 +138,7 @@ LogVerdict verdictOf(const Verification& verification)
     case Verdict::Invalid:
     case Verdict::Malformed:
     case Verdict::WrongKey: return LogVerdict::Invalid;
-    // A recognised algorithm this tool cannot check leaves the signature
-    // unproven, which the reason says; an unknown one is not a TSE log.
-    case Verdict::UnsupportedAlgorithm:
-        return verification.reason.find("is unknown") == std::string::npos ? LogVerdict::Invalid
-                                                                             : LogVerdict::Unreadable;
+    case Verdict::UnsupportedAlgorithm: return LogVerdict::Unreadable;
     }
     return LogVerdict::Unreadable;
 }
@@ -150,6 +153,7 @@ private:
     std::string loadGivenCertificates();
     void addCertificates(const std::string& file, ByteView data, bool trusted, bool given);
     void addKey(const Certificate& certificate);
+    void checkCertificateName(const std::string& file, const std::vector<Certificate>& certificates);
     std::string readAll();
     void visit(ExportMember&& member);
     void visitLog(ExportMember&& member);
@@ -220,6 +224,7 @@ void AuditRun::addCertificates(const std::string& file, ByteView data, bool trus
         addFinding(Severity::Warning, "unexpected-member", file + " holds no certificate: " + load.error, {file});
         return;
     }
+    if (!given) checkCertificateName(file, load.certificates);
     for (const Certificate& certificate : load.certificates) {
         pool_.add(certificate, trusted);
         if (certificate.key() && queue_) addKey(certificate);
@@ -237,6 +242,21 @@ void AuditRun::addCertificates(const std::string& file, ByteView data, bool trus
         report_.certificates.push_back(std::move(record));
         certificates_.push_back(certificate);
     }
+}
+
+// A name that starts with a key hash must be that of a key in the file;
+// other names (a vendor's CA, say) claim nothing.
+void AuditRun::checkCertificateName(const std::string& file, const std::vector<Certificate>& certificates)
+{
+    const std::optional<std::string> claimed = certificateNameSerial(file);
+    if (!claimed || !isKeyHash(*claimed)) return;
+    for (const Certificate& certificate : certificates) {
+        if (equalsIgnoringCase(certificateSerial(certificate), *claimed)) return;
+    }
+    addFinding(Severity::Error, "name-mismatch",
+               file + ": the name gives the key hash " + *claimed + ", but the certificate's key hash is " +
+                   certificateSerial(certificates.front()),
+               {file});
 }
 
 std::string AuditRun::loadGivenCertificates()
@@ -295,7 +315,10 @@ void AuditRun::process(WorkItem&& item)
     const LogMessage& message = *parse.message;
     RecordTexts texts;
     fillFromMessage(record, texts, message);
-    record.nameProblem = name ? nameMismatch(*name, message) : "the name does not follow the TSE's naming pattern";
+    // A file given by itself may be named anything; in an export the name is
+    // the TSE's, and a name that does not follow its pattern is a finding.
+    if (name) record.nameProblem = nameMismatch(*name, message);
+    else if (!item.standalone) record.nameProblem = "the name does not follow the TSE's naming pattern";
     const std::string serial(message.serialNumber.begin(), message.serialNumber.end());
     std::optional<PublicKey> key;
     {
@@ -324,6 +347,11 @@ void AuditRun::process(WorkItem&& item)
     }
     const Verification verification = verifyLog(message, *key);
     record.verdict = verdictOf(verification);
+    // A recognised algorithm this system cannot check leaves the signature
+    // unproven, and the reason says why; an unknown one is no TSE log.
+    if (verification.verdict == Verdict::UnsupportedAlgorithm && algorithmByOid(message.signatureAlgorithmOid)) {
+        record.verdict = LogVerdict::Invalid;
+    }
     record.reason = verification.reason;
     keep(std::move(record), texts);
 }
@@ -359,7 +387,8 @@ void AuditRun::visitLog(ExportMember&& member)
         record.reason = "the member " + member.error;
         return keep(std::move(record));
     }
-    queueItem(WorkItem{ordinal_, std::move(member.name), std::move(member.source), std::move(*member.contents)});
+    queueItem(WorkItem{ordinal_, std::move(member.name), std::move(member.source), std::move(*member.contents),
+                       member.standalone});
 }
 
 void AuditRun::visit(ExportMember&& member)
@@ -367,11 +396,14 @@ void AuditRun::visit(ExportMember&& member)
     ++ordinal_;
     if (finalPass_) {
         if (deferred_.count(ordinal_) && member.contents) {
-            queueItem(WorkItem{ordinal_, std::move(member.name), std::move(member.source), std::move(*member.contents)});
+            queueItem(WorkItem{ordinal_, std::move(member.name), std::move(member.source),
+                               std::move(*member.contents), member.standalone});
         }
         return;
     }
-    if (unsafeMemberName(member.name)) {
+    // A path the user gave is used as given; only names from inside an
+    // export could lead somewhere they should not.
+    if (!member.standalone && unsafeMemberName(member.name)) {
         return addFinding(Severity::Warning, "unexpected-member",
                           "the member name " + member.name + " in " + member.source +
                               " leads outside the export; it was not used",

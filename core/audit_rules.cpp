@@ -22,6 +22,13 @@ struct Findings {
     }
 };
 
+constexpr size_t NO_ISSUER = SIZE_MAX;
+
+bool validAt(const std::optional<int64_t>& notBefore, const std::optional<int64_t>& notAfter, int64_t seconds)
+{
+    return !(notBefore && seconds < *notBefore) && !(notAfter && seconds > *notAfter);
+}
+
 std::string shortSerial(std::string_view serial)
 {
     return "TSE " + std::string(serial.substr(0, 16)) + (serial.size() > 16 ? "..." : "");
@@ -53,10 +60,10 @@ void perLogFindings(const AuditReport& report, Findings& out)
         }
     }
     for (auto& [serial, files] : withoutCertificate) {
-        out.add(Severity::Error, "certificate-missing",
-                std::to_string(files.size()) + " logs of " + shortSerial(serial) +
-                    ": no certificate has a key whose SHA-256 is the serial number " + serial,
-                std::move(files));
+        // The message is made before the files move into the finding.
+        std::string message = std::to_string(files.size()) + " logs of " + shortSerial(serial) +
+                              ": no certificate has a key whose SHA-256 is the serial number " + serial;
+        out.add(Severity::Error, "certificate-missing", std::move(message), std::move(files));
     }
 }
 
@@ -174,21 +181,28 @@ void certificateFindings(const AuditReport& report, bool trustGiven, Findings& o
                     {certificate.file});
         }
     }
-    std::map<const CertificateRecord*, std::vector<std::string>> outside;
+    // Keyed by the certificate and the place in its chain: NO_ISSUER for
+    // the certificate itself, else the index of the CA above it.
+    std::map<std::pair<const CertificateRecord*, size_t>, std::vector<std::string>> outside;
     for (const LogRecord& log : report.logs) {
         auto found = bySerial.find(log.serialNumber);
         if (found == bySerial.end() || !log.seconds) continue;
         const CertificateRecord& c = *found->second;
-        if ((c.notBefore && *log.seconds < *c.notBefore) || (c.notAfter && *log.seconds > *c.notAfter)) {
-            outside[&c].push_back(log.file);
+        if (!validAt(c.notBefore, c.notAfter, *log.seconds)) outside[{&c, NO_ISSUER}].push_back(log.file);
+        for (size_t i = 0; i < c.chain.issuers.size(); ++i) {
+            const ChainIssuer& issuer = c.chain.issuers[i];
+            if (!validAt(issuer.notBefore, issuer.notAfter, *log.seconds)) outside[{&c, i}].push_back(log.file);
         }
     }
-    for (auto& [certificate, files] : outside) {
-        out.add(Severity::Warning, "certificate-chain",
-                std::to_string(files.size()) + " logs lie outside the validity of " + certificate->file + " (" +
-                    (certificate->notBefore ? isoSeconds(*certificate->notBefore) : "?") + " to " +
-                    (certificate->notAfter ? isoSeconds(*certificate->notAfter) : "?") + ")",
-                std::move(files));
+    for (auto& [where, files] : outside) {
+        const CertificateRecord& c = *where.first;
+        const bool self = where.second == NO_ISSUER;
+        const std::optional<int64_t> from = self ? c.notBefore : c.chain.issuers[where.second].notBefore;
+        const std::optional<int64_t> to = self ? c.notAfter : c.chain.issuers[where.second].notAfter;
+        const std::string what = self ? c.file : "the CA " + c.chain.issuers[where.second].subject + " above " + c.file;
+        std::string message = std::to_string(files.size()) + " logs lie outside the validity of " + what + " (" +
+                              (from ? isoSeconds(*from) : "?") + " to " + (to ? isoSeconds(*to) : "?") + ")";
+        out.add(Severity::Warning, "certificate-chain", std::move(message), std::move(files));
     }
 }
 
