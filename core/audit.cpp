@@ -36,7 +36,7 @@ constexpr size_t MAX_CERTIFICATE_FILE = 1u << 20;
 
 struct WorkItem {
     uint64_t ordinal = 0;
-    std::string name, source;
+    std::string name;
     Bytes bytes;
     bool standalone = false;  // given by itself, so its name need not follow the TSE's pattern
 };
@@ -59,7 +59,7 @@ bool isKeyHash(std::string_view text)
 
 size_t pendingCost(const WorkItem& item)
 {
-    return item.bytes.size() + item.name.size() + item.source.size() + ITEM_OVERHEAD;
+    return item.bytes.size() + item.name.size() + ITEM_OVERHEAD;
 }
 
 std::string_view algorithmName(const LogMessage& message)
@@ -88,14 +88,29 @@ std::string certificateSerial(const Certificate& certificate)
 
 // The texts of a record before they are interned into the report's pool.
 struct RecordTexts {
-    std::string serialNumber, algorithm, operation, clientId, processType;
+    std::string_view serialNumber;  // the worker's memory of it
+    std::string_view algorithm;     // the table's name, or the message's OID text
+    std::string operation, clientId, processType;
 };
 
-void fillFromMessage(LogRecord& record, RecordTexts& texts, const LogMessage& message)
+// What a verifying thread remembers from its last log: consecutive logs
+// nearly always come from one TSE, so its serial number is spelt out once.
+struct WorkerMemory {
+    Bytes serial;
+    std::string serialHex;
+
+    const std::string& hexOf(const Bytes& raw)
+    {
+        if (raw != serial) serial = raw, serialHex = toHex(raw);
+        return serialHex;
+    }
+};
+
+void fillFromMessage(LogRecord& record, RecordTexts& texts, const LogMessage& message, WorkerMemory& memory)
 {
     record.type = message.type;
     record.counter = message.signatureCounter;
-    texts.serialNumber = toHex(message.serialNumber);
+    texts.serialNumber = memory.hexOf(message.serialNumber);
     texts.algorithm = algorithmName(message);
     record.seconds = message.logTime.seconds;
     record.fraction = message.logTime.fraction;
@@ -159,7 +174,7 @@ private:
     void visitLog(ExportMember&& member);
     bool firstSighting(ByteView data);
     void work();
-    void process(WorkItem&& item);
+    void process(WorkItem&& item, WorkerMemory& memory);
     void queueItem(WorkItem&& item);
     void flushBatch();
     void processWaiting();
@@ -300,7 +315,7 @@ void AuditRun::keep(LogRecord&& record, const RecordTexts& texts)
     ++logsDone_;
 }
 
-void AuditRun::process(WorkItem&& item)
+void AuditRun::process(WorkItem&& item, WorkerMemory& memory)
 {
     LogRecord record;
     record.file = item.name;
@@ -314,7 +329,7 @@ void AuditRun::process(WorkItem&& item)
     }
     const LogMessage& message = *parse.message;
     RecordTexts texts;
-    fillFromMessage(record, texts, message);
+    fillFromMessage(record, texts, message, memory);
     // A file given by itself may be named anything; in an export the name is
     // the TSE's, and a name that does not follow its pattern is a finding.
     if (name) record.nameProblem = nameMismatch(*name, message);
@@ -342,7 +357,7 @@ void AuditRun::process(WorkItem&& item)
     }
     if (!key) {
         record.verdict = LogVerdict::NoCertificate;
-        record.reason = "no certificate has a key whose SHA-256 is the serial number " + texts.serialNumber;
+        record.reason = "no certificate has a key whose SHA-256 is the serial number " + std::string(texts.serialNumber);
         return keep(std::move(record), texts);
     }
     const Verification verification = verifyLog(message, *key);
@@ -358,8 +373,9 @@ void AuditRun::process(WorkItem&& item)
 
 void AuditRun::work()
 {
+    WorkerMemory memory;
     while (std::optional<Batch> batch = queue_->pop()) {
-        for (WorkItem& item : *batch) process(std::move(item));
+        for (WorkItem& item : *batch) process(std::move(item), memory);
     }
 }
 
@@ -387,8 +403,7 @@ void AuditRun::visitLog(ExportMember&& member)
         record.reason = "the member " + member.error;
         return keep(std::move(record));
     }
-    queueItem(WorkItem{ordinal_, std::move(member.name), std::move(member.source), std::move(*member.contents),
-                       member.standalone});
+    queueItem(WorkItem{ordinal_, std::move(member.name), std::move(*member.contents), member.standalone});
 }
 
 void AuditRun::visit(ExportMember&& member)
@@ -396,8 +411,7 @@ void AuditRun::visit(ExportMember&& member)
     ++ordinal_;
     if (finalPass_) {
         if (deferred_.count(ordinal_) && member.contents) {
-            queueItem(WorkItem{ordinal_, std::move(member.name), std::move(member.source),
-                               std::move(*member.contents), member.standalone});
+            queueItem(WorkItem{ordinal_, std::move(member.name), std::move(*member.contents), member.standalone});
         }
         return;
     }
@@ -464,7 +478,10 @@ void AuditRun::processWaiting()
         for (WorkItem& item : entry.second) waiting.push_back(std::move(item));
     }
     pending_.clear();
-    parallelFor(waiting.size(), options_.jobs, [&](size_t i) { process(std::move(waiting[i])); });
+    parallelFor(waiting.size(), options_.jobs, [&](size_t i) {
+        WorkerMemory memory;
+        process(std::move(waiting[i]), memory);
+    });
 }
 
 // Reads the members that may be copies once more and drops every log whose
