@@ -158,6 +158,8 @@ TEST(Audit, CleanExportsInEveryForm)
     }
 }
 
+std::string fileText(const std::string& path);
+
 // The same export twice (as merged incremental exports would have it)
 // counts each log once and is no counter duplicate.
 TEST(Audit, IdenticalLogsCountOnce)
@@ -174,6 +176,24 @@ TEST(Audit, IdenticalLogsCountOnce)
     const Audit two = audit({dir.path("a.tar"), dir.path("d")});
     EXPECT_EQ(two.report["summary"]["valid"], 32);
     EXPECT_TRUE(two.report["findings"].empty());
+
+    // Copies within one export under other names, also of a log that cannot
+    // be read, count once too.
+    fs::create_directory(dir.path("copies"));
+    for (const auto& entry : fs::directory_iterator(dir.path("d"))) {
+        const std::string name = entry.path().filename().string();
+        if (name.find("_X509") != std::string::npos) fs::copy_file(entry.path(), dir.path("copies/" + name));
+        if (name.find("_Log-Aud") == std::string::npos) continue;
+        fs::copy_file(entry.path(), dir.path("copies/" + name));
+        fs::copy_file(entry.path(), dir.path("copies/" + name.substr(0, name.size() - 4) + "_Fc-1.log"));
+        const std::string cut = fileText(entry.path().string()).substr(0, 40);
+        std::ofstream(dir.path("copies/Unixt_1_Sig-900_Log-Aud.log"), std::ios::binary) << cut;
+        std::ofstream(dir.path("copies/Unixt_1_Sig-900_Log-Aud_Fc-1.log"), std::ios::binary) << cut;
+    }
+    const Audit copies = audit({dir.path("copies")});
+    EXPECT_EQ(copies.report["summary"]["logs"], 2);
+    EXPECT_EQ(copies.report["summary"]["duplicatesSkipped"], 2);
+    EXPECT_EQ(codes(copies.report).count("counter-duplicate"), 0u);
 }
 
 // A log file given by itself may have any name; inside an export, or when
