@@ -54,7 +54,8 @@ struct DigestHash {
 
 bool isKeyHash(std::string_view text)
 {
-    return text.size() == 64 && std::all_of(text.begin(), text.end(), [](char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; });
+    return text.size() == 64 &&
+           std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isxdigit(c) != 0; });
 }
 
 size_t pendingCost(const WorkItem& item)
@@ -357,7 +358,8 @@ void AuditRun::process(WorkItem&& item, WorkerMemory& memory)
     }
     if (!key) {
         record.verdict = LogVerdict::NoCertificate;
-        record.reason = "no certificate has a key whose SHA-256 is the serial number " + std::string(texts.serialNumber);
+        record.reason =
+            "no certificate has a key whose SHA-256 is the serial number " + std::string(texts.serialNumber);
         return keep(std::move(record), texts);
     }
     const Verification verification = verifyLog(message, *key);
@@ -506,8 +508,8 @@ void AuditRun::dropCopies()
     }
     if (copies.empty()) return;
     auto& logs = report_.logs;
-    logs.erase(std::remove_if(logs.begin(), logs.end(), [&](const LogRecord& log) { return copies.count(log.ordinal) > 0; }),
-               logs.end());
+    const auto isCopy = [&](const LogRecord& log) { return copies.count(log.ordinal) > 0; };
+    logs.erase(std::remove_if(logs.begin(), logs.end(), isCopy), logs.end());
     report_.summary.duplicatesSkipped += copies.size();
 }
 

@@ -116,9 +116,12 @@ TEST(Audit, PlantedDefects)
                                            {"certificate-chain", 0},
                                            {"unexpected-member", 0},
                                            // The TSE's certificate holds, its CA's had ended before the logs.
-                                           {"ca-expired", 0, "certificate-chain", "22 logs lie outside the validity of the CA CN=Synthetic CA"},
-                                           {"certificate-renamed", 1, "name-mismatch", "_X509.pem: the name gives the key hash"},
-                                           {"ecsdsa", 1, "signature-invalid", "unsupported algorithm: ecsdsa-plain-SHA256"}}) {
+                                           {"ca-expired", 0, "certificate-chain",
+                                            "22 logs lie outside the validity of the CA CN=Synthetic CA"},
+                                           {"certificate-renamed", 1, "name-mismatch",
+                                            "_X509.pem: the name gives the key hash"},
+                                           {"ecsdsa", 1, "signature-invalid",
+                                            "unsupported algorithm: ecsdsa-plain-SHA256"}}) {
         SCOPED_TRACE(c.defect);
         const std::string archive = dir.path(c.defect + ".tar");
         makeExport({"-o", archive, "-n", "6", "--curve", "secp256r1", "--defect", c.defect});
