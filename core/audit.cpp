@@ -131,8 +131,10 @@ std::vector<std::vector<const LogRecord*>> possibleCopies(const std::deque<LogRe
     for (const LogRecord& log : logs) {
         if (log.counter || !log.reason.empty()) sorted.push_back(&log);
     }
+    // Interned serial numbers are equal exactly when their texts are the
+    // same object, so the pointer stands in for 64 characters.
     const auto key = [](const LogRecord* log) {
-        return std::make_tuple(log->serialNumber, log->counter,
+        return std::make_tuple(reinterpret_cast<std::uintptr_t>(log->serialNumber.data()), log->counter,
                                log->serialNumber.empty() ? std::string_view(log->reason) : std::string_view());
     };
     std::sort(sorted.begin(), sorted.end(), [&](const LogRecord* a, const LogRecord* b) { return key(a) < key(b); });
