@@ -186,6 +186,7 @@ void writeLogsJson(std::ostream& out, const tse::AuditReport& report, unsigned j
         std::vector<std::string> texts(std::min(window, chunks - first));
         tse::parallelFor(texts.size(), jobs, [&](size_t i) {
             const size_t begin = (first + i) * CHUNK, end = std::min(begin + CHUNK, report.logs.size());
+            texts[i].reserve((end - begin) * 512);  // a log's line is some 400 characters
             for (size_t n = begin; n < end; ++n) {
                 texts[i] += n ? ",\n    " : "\n    ";
                 appendLogJson(texts[i], report.logs[n]);
