@@ -35,9 +35,13 @@ std::string lower(std::string_view text)
 
 }  // namespace
 
+// Compared in place: file names and operations are checked this way for
+// every log of an export.
 bool equalsIgnoringCase(std::string_view a, std::string_view b)
 {
-    return lower(a) == lower(b);
+    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](unsigned char x, unsigned char y) {
+               return std::tolower(x) == std::tolower(y);
+           });
 }
 
 std::string_view hashName(Hash hash)

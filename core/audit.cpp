@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cctype>
 #include <cstring>
 #include <filesystem>
 #include <mutex>
 #include <set>
 #include <shared_mutex>
 #include <thread>
+#include <tuple>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -22,7 +24,10 @@
 namespace tse {
 namespace {
 
-constexpr size_t QUEUE_CAPACITY = 2048;
+// Items travel through the queue in batches so that the verifying threads
+// take the queue's lock once per batch, not once per log.
+constexpr size_t BATCH_SIZE = 32;
+constexpr size_t QUEUE_CAPACITY = 2048 / BATCH_SIZE;
 // Logs whose certificate comes later in the export wait in memory up to
 // this many bytes; beyond it they are read a second time at the end.
 constexpr size_t MAX_PENDING_BYTES = 16u << 20;
@@ -31,10 +36,12 @@ constexpr size_t MAX_CERTIFICATE_FILE = 1u << 20;
 
 struct WorkItem {
     uint64_t ordinal = 0;
-    std::string name, source;
+    std::string name;
     Bytes bytes;
+    bool standalone = false;  // given by itself, so its name need not follow the TSE's pattern
 };
 
+using Batch = std::vector<WorkItem>;
 using Digest = std::array<uint8_t, 32>;
 struct DigestHash {
     size_t operator()(const Digest& d) const
@@ -45,15 +52,29 @@ struct DigestHash {
     }
 };
 
-size_t pendingCost(const WorkItem& item)
+bool isKeyHash(std::string_view text)
 {
-    return item.bytes.size() + item.name.size() + item.source.size() + ITEM_OVERHEAD;
+    return text.size() == 64 &&
+           std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isxdigit(c) != 0; });
 }
 
-std::string algorithmName(const LogMessage& message)
+size_t pendingCost(const WorkItem& item)
+{
+    return item.bytes.size() + item.name.size() + ITEM_OVERHEAD;
+}
+
+std::string_view algorithmName(const LogMessage& message)
 {
     const SignatureAlgorithm* algorithm = algorithmByOid(message.signatureAlgorithmOid);
-    return algorithm ? std::string(algorithm->name) : message.signatureAlgorithmOid;
+    return algorithm ? std::string_view(algorithm->name) : std::string_view(message.signatureAlgorithmOid);
+}
+
+Digest digestOf(ByteView data)
+{
+    const Bytes hash = sha256(data);
+    Digest digest;
+    std::copy(hash.begin(), hash.end(), digest.begin());
+    return digest;
 }
 
 // The key hash of any certificate, even one whose curve this tool cannot
@@ -66,19 +87,66 @@ std::string certificateSerial(const Certificate& certificate)
     return toHex(sha256(ByteView(ASN1_STRING_get0_data(bits), static_cast<size_t>(ASN1_STRING_length(bits)))));
 }
 
-void fillFromMessage(LogRecord& record, const LogMessage& message)
+// The texts of a record before they are interned into the report's pool.
+struct RecordTexts {
+    std::string_view serialNumber;  // the worker's memory of it
+    std::string_view algorithm;     // the table's name, or the message's OID text
+    std::string operation, clientId, processType;
+};
+
+// What a verifying thread remembers from its last log: consecutive logs
+// nearly always come from one TSE, so its serial number is spelt out once.
+struct WorkerMemory {
+    Bytes serial;
+    std::string serialHex;
+
+    const std::string& hexOf(const Bytes& raw)
+    {
+        if (raw != serial) serial = raw, serialHex = toHex(raw);
+        return serialHex;
+    }
+};
+
+void fillFromMessage(LogRecord& record, RecordTexts& texts, const LogMessage& message, WorkerMemory& memory)
 {
     record.type = message.type;
     record.counter = message.signatureCounter;
-    record.serialNumber = toHex(message.serialNumber);
-    record.algorithm = algorithmName(message);
+    texts.serialNumber = memory.hexOf(message.serialNumber);
+    texts.algorithm = algorithmName(message);
     record.seconds = message.logTime.seconds;
     record.fraction = message.logTime.fraction;
     record.timeFormat = message.logTime.format;
     record.transactionNumber = message.transactionNumber();
-    record.operation = message.operation();
-    record.clientId = escapeText(ByteView(message.text("clientId")));
-    record.processType = escapeText(ByteView(message.text("processType")));
+    texts.operation = message.operation();
+    if (const LogField* field = message.field("clientId")) texts.clientId = escapeText(field->value);
+    if (const LogField* field = message.field("processType")) texts.processType = escapeText(field->value);
+}
+
+// Logs that may be byte-for-byte copies of one another: those of one TSE
+// with one signature counter, or unreadable ones that fail alike. Only
+// these are hashed, in a second read, instead of hashing every member.
+std::vector<std::vector<const LogRecord*>> possibleCopies(const std::deque<LogRecord>& logs)
+{
+    std::vector<const LogRecord*> sorted;
+    for (const LogRecord& log : logs) {
+        if (log.counter || !log.reason.empty()) sorted.push_back(&log);
+    }
+    // Interned serial numbers are equal exactly when their texts are the
+    // same object, so the pointer stands in for 64 characters.
+    const auto key = [](const LogRecord* log) {
+        return std::make_tuple(reinterpret_cast<std::uintptr_t>(log->serialNumber.data()), log->counter,
+                               log->serialNumber.empty() ? std::string_view(log->reason) : std::string_view());
+    };
+    std::sort(sorted.begin(), sorted.end(), [&](const LogRecord* a, const LogRecord* b) { return key(a) < key(b); });
+    std::vector<std::vector<const LogRecord*>> groups;
+    for (size_t i = 0; i < sorted.size();) {
+        size_t j = i + 1;
+        while (j < sorted.size() && key(sorted[j]) == key(sorted[i])) ++j;
+        if (j - i > 1) groups.emplace_back(sorted.begin() + static_cast<std::ptrdiff_t>(i),
+                                           sorted.begin() + static_cast<std::ptrdiff_t>(j));
+        i = j;
+    }
+    return groups;
 }
 
 LogVerdict verdictOf(const Verification& verification)
@@ -103,14 +171,18 @@ private:
     std::string loadGivenCertificates();
     void addCertificates(const std::string& file, ByteView data, bool trusted, bool given);
     void addKey(const Certificate& certificate);
+    void checkCertificateName(const std::string& file, const std::vector<Certificate>& certificates);
     std::string readAll();
     void visit(ExportMember&& member);
     void visitLog(ExportMember&& member);
     bool firstSighting(ByteView data);
     void work();
-    void process(WorkItem&& item);
+    void process(WorkItem&& item, WorkerMemory& memory);
+    void queueItem(WorkItem&& item);
+    void flushBatch();
     void processWaiting();
-    void keep(LogRecord&& record);
+    void keep(LogRecord&& record, const RecordTexts& texts = {});
+    void dropCopies();
     void addFinding(Severity severity, const std::string& code, const std::string& message,
                     std::vector<std::string> files);
     void finish();
@@ -129,7 +201,8 @@ private:
 
     std::mutex resultsLock_;
     std::atomic<uint64_t> logsDone_{0};
-    std::unique_ptr<WorkQueue<WorkItem>> queue_;
+    std::unique_ptr<WorkQueue<Batch>> queue_;
+    Batch batch_;  // what the reading thread gathers before queueing
     std::unordered_set<Digest, DigestHash> seen_;
     uint64_t ordinal_ = 0;
     uint64_t bytesBefore_ = 0, bytesTotal_ = 0;
@@ -159,7 +232,7 @@ void AuditRun::addKey(const Certificate& certificate)
             for (const WorkItem& item : waiting) pendingBytes_ -= pendingCost(item);
         }
     }
-    for (WorkItem& item : waiting) queue_->push(std::move(item));
+    if (!waiting.empty()) queue_->push(std::move(waiting));
 }
 
 void AuditRun::addCertificates(const std::string& file, ByteView data, bool trusted, bool given)
@@ -169,6 +242,7 @@ void AuditRun::addCertificates(const std::string& file, ByteView data, bool trus
         addFinding(Severity::Warning, "unexpected-member", file + " holds no certificate: " + load.error, {file});
         return;
     }
+    if (!given) checkCertificateName(file, load.certificates);
     for (const Certificate& certificate : load.certificates) {
         pool_.add(certificate, trusted);
         if (certificate.key() && queue_) addKey(certificate);
@@ -186,6 +260,21 @@ void AuditRun::addCertificates(const std::string& file, ByteView data, bool trus
         report_.certificates.push_back(std::move(record));
         certificates_.push_back(certificate);
     }
+}
+
+// A name that starts with a key hash must be that of a key in the file;
+// other names (a vendor's CA, say) claim nothing.
+void AuditRun::checkCertificateName(const std::string& file, const std::vector<Certificate>& certificates)
+{
+    const std::optional<std::string> claimed = certificateNameSerial(file);
+    if (!claimed || !isKeyHash(*claimed)) return;
+    for (const Certificate& certificate : certificates) {
+        if (equalsIgnoringCase(certificateSerial(certificate), *claimed)) return;
+    }
+    addFinding(Severity::Error, "name-mismatch",
+               file + ": the name gives the key hash " + *claimed + ", but the certificate's key hash is " +
+                   certificateSerial(certificates.front()),
+               {file});
 }
 
 std::string AuditRun::loadGivenCertificates()
@@ -213,20 +302,23 @@ std::string AuditRun::loadGivenCertificates()
 
 bool AuditRun::firstSighting(ByteView data)
 {
-    const Bytes hash = sha256(data);
-    Digest digest;
-    std::copy(hash.begin(), hash.end(), digest.begin());
-    return seen_.insert(digest).second;
+    return seen_.insert(digestOf(data)).second;
 }
 
-void AuditRun::keep(LogRecord&& record)
+void AuditRun::keep(LogRecord&& record, const RecordTexts& texts)
 {
     std::lock_guard<std::mutex> lock(resultsLock_);
+    StringPool& pool = report_.strings;
+    record.serialNumber = pool.intern(texts.serialNumber);
+    record.algorithm = pool.intern(texts.algorithm);
+    record.operation = pool.intern(texts.operation);
+    record.clientId = pool.intern(texts.clientId);
+    record.processType = pool.intern(texts.processType);
     report_.logs.push_back(std::move(record));
     ++logsDone_;
 }
 
-void AuditRun::process(WorkItem&& item)
+void AuditRun::process(WorkItem&& item, WorkerMemory& memory)
 {
     LogRecord record;
     record.file = item.name;
@@ -239,8 +331,12 @@ void AuditRun::process(WorkItem&& item)
         return keep(std::move(record));
     }
     const LogMessage& message = *parse.message;
-    fillFromMessage(record, message);
-    record.nameProblem = name ? nameMismatch(*name, message) : "the name does not follow the TSE's naming pattern";
+    RecordTexts texts;
+    fillFromMessage(record, texts, message, memory);
+    // A file given by itself may be named anything; in an export the name is
+    // the TSE's, and a name that does not follow its pattern is a finding.
+    if (name) record.nameProblem = nameMismatch(*name, message);
+    else if (!item.standalone) record.nameProblem = "the name does not follow the TSE's naming pattern";
     const std::string serial(message.serialNumber.begin(), message.serialNumber.end());
     std::optional<PublicKey> key;
     {
@@ -264,18 +360,41 @@ void AuditRun::process(WorkItem&& item)
     }
     if (!key) {
         record.verdict = LogVerdict::NoCertificate;
-        record.reason = "no certificate has a key whose SHA-256 is the serial number " + record.serialNumber;
-        return keep(std::move(record));
+        record.reason =
+            "no certificate has a key whose SHA-256 is the serial number " + std::string(texts.serialNumber);
+        return keep(std::move(record), texts);
     }
     const Verification verification = verifyLog(message, *key);
     record.verdict = verdictOf(verification);
+    // A recognised algorithm this system cannot check leaves the signature
+    // unproven, and the reason says why; an unknown one is no TSE log.
+    if (verification.verdict == Verdict::UnsupportedAlgorithm && algorithmByOid(message.signatureAlgorithmOid)) {
+        record.verdict = LogVerdict::Invalid;
+    }
     record.reason = verification.reason;
-    keep(std::move(record));
+    keep(std::move(record), texts);
 }
 
 void AuditRun::work()
 {
-    while (std::optional<WorkItem> item = queue_->pop()) process(std::move(*item));
+    WorkerMemory memory;
+    while (std::optional<Batch> batch = queue_->pop()) {
+        for (WorkItem& item : *batch) process(std::move(item), memory);
+    }
+}
+
+void AuditRun::queueItem(WorkItem&& item)
+{
+    batch_.push_back(std::move(item));
+    if (batch_.size() >= BATCH_SIZE) flushBatch();
+}
+
+void AuditRun::flushBatch()
+{
+    if (batch_.empty()) return;
+    queue_->push(std::move(batch_));
+    batch_ = Batch();
+    batch_.reserve(BATCH_SIZE);
 }
 
 void AuditRun::visitLog(ExportMember&& member)
@@ -288,11 +407,7 @@ void AuditRun::visitLog(ExportMember&& member)
         record.reason = "the member " + member.error;
         return keep(std::move(record));
     }
-    if (!firstSighting(*member.contents)) {
-        ++report_.summary.duplicatesSkipped;
-        return;
-    }
-    queue_->push(WorkItem{ordinal_, std::move(member.name), std::move(member.source), std::move(*member.contents)});
+    queueItem(WorkItem{ordinal_, std::move(member.name), std::move(*member.contents), member.standalone});
 }
 
 void AuditRun::visit(ExportMember&& member)
@@ -300,11 +415,13 @@ void AuditRun::visit(ExportMember&& member)
     ++ordinal_;
     if (finalPass_) {
         if (deferred_.count(ordinal_) && member.contents) {
-            queue_->push(WorkItem{ordinal_, std::move(member.name), std::move(member.source), std::move(*member.contents)});
+            queueItem(WorkItem{ordinal_, std::move(member.name), std::move(*member.contents), member.standalone});
         }
         return;
     }
-    if (unsafeMemberName(member.name)) {
+    // A path the user gave is used as given; only names from inside an
+    // export could lead somewhere they should not.
+    if (!member.standalone && unsafeMemberName(member.name)) {
         return addFinding(Severity::Warning, "unexpected-member",
                           "the member name " + member.name + " in " + member.source +
                               " leads outside the export; it was not used",
@@ -333,7 +450,7 @@ void AuditRun::visit(ExportMember&& member)
 std::string AuditRun::readAll()
 {
     ordinal_ = 0;
-    queue_ = std::make_unique<WorkQueue<WorkItem>>(QUEUE_CAPACITY);
+    queue_ = std::make_unique<WorkQueue<Batch>>(QUEUE_CAPACITY);
     std::vector<std::thread> workers;
     for (unsigned i = 0; i < std::max(1u, options_.jobs); ++i) workers.emplace_back([this] { work(); });
     const ExportGrouping grouping = groupExportPaths(options_.exports);
@@ -352,6 +469,7 @@ std::string AuditRun::readAll()
         if (!read.opened) failure = read.error;
         else if (!read.error.empty() && !finalPass_) addFinding(Severity::Error, "log-unreadable", read.error, {source.label()});
     }
+    flushBatch();
     queue_->close();
     for (std::thread& worker : workers) worker.join();
     return failure;
@@ -364,13 +482,44 @@ void AuditRun::processWaiting()
         for (WorkItem& item : entry.second) waiting.push_back(std::move(item));
     }
     pending_.clear();
-    parallelFor(waiting.size(), options_.jobs, [&](size_t i) { process(std::move(waiting[i])); });
+    parallelFor(waiting.size(), options_.jobs, [&](size_t i) {
+        WorkerMemory memory;
+        process(std::move(waiting[i]), memory);
+    });
+}
+
+// Reads the members that may be copies once more and drops every log whose
+// bytes equal those of an earlier one: a copy counts once.
+void AuditRun::dropCopies()
+{
+    const std::vector<std::vector<const LogRecord*>> groups = possibleCopies(report_.logs);
+    if (groups.empty()) return;
+    std::unordered_map<uint64_t, size_t> groupOf;
+    for (size_t g = 0; g < groups.size(); ++g) {
+        for (const LogRecord* log : groups[g]) groupOf.emplace(log->ordinal, g);
+    }
+    std::vector<std::unordered_set<Digest, DigestHash>> seen(groups.size());
+    std::unordered_set<uint64_t> copies;
+    uint64_t ordinal = 0;
+    for (const ExportSource& source : groupExportPaths(options_.exports).sources) {
+        readExportSource(source, options_.maxMemberSize, [&](ExportMember&& member) {
+            auto found = groupOf.find(++ordinal);
+            if (found == groupOf.end() || !member.contents) return;
+            if (!seen[found->second].insert(digestOf(*member.contents)).second) copies.insert(ordinal);
+        });
+    }
+    if (copies.empty()) return;
+    auto& logs = report_.logs;
+    const auto isCopy = [&](const LogRecord& log) { return copies.count(log.ordinal) > 0; };
+    logs.erase(std::remove_if(logs.begin(), logs.end(), isCopy), logs.end());
+    report_.summary.duplicatesSkipped += copies.size();
 }
 
 void AuditRun::finish()
 {
     std::sort(report_.logs.begin(), report_.logs.end(),
               [](const LogRecord& a, const LogRecord& b) { return a.ordinal < b.ordinal; });
+    dropCopies();
     for (size_t i = 0; i < certificates_.size(); ++i) report_.certificates[i].chain = pool_.judge(certificates_[i]);
     applyIntegrityRules(report_, !options_.trustDirectories.empty());
     AuditSummary& s = report_.summary;
@@ -392,7 +541,7 @@ void AuditRun::finish()
 
 AuditOutcome AuditRun::run()
 {
-    queue_ = std::make_unique<WorkQueue<WorkItem>>(QUEUE_CAPACITY);
+    queue_ = std::make_unique<WorkQueue<Batch>>(QUEUE_CAPACITY);
     if (std::string error = loadGivenCertificates(); !error.empty()) return AuditOutcome{std::nullopt, error};
     if (std::string error = readAll(); !error.empty()) return AuditOutcome{std::nullopt, error};
     // Every certificate is known now, so nothing waits any longer.
@@ -404,6 +553,16 @@ AuditOutcome AuditRun::run()
 }
 
 }  // namespace
+
+std::string_view StringPool::intern(std::string_view text)
+{
+    if (text.empty()) return {};
+    auto found = index_.find(text);
+    if (found != index_.end()) return *found;
+    const std::string_view kept = strings_.emplace_back(text);
+    index_.insert(kept);
+    return kept;
+}
 
 std::optional<LogTime> LogRecord::logTime() const
 {

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 #include <vector>
 
 #include "certificate_chain.h"
@@ -24,24 +25,37 @@ std::string_view logVerdictName(LogVerdict verdict);  // "valid", "invalid", "no
 enum class Severity { Error, Warning };
 std::string_view severityName(Severity severity);  // "error", "warning"
 
+// Values that repeat from log to log (serial numbers, algorithms,
+// operations, client IDs) are kept once; records point into it. The set
+// moves with the report without moving its strings.
+class StringPool {
+public:
+    std::string_view intern(std::string_view text);
+
+private:
+    std::deque<std::string> strings_;  // never moved, so views stay valid
+    std::unordered_set<std::string_view> index_;
+};
+
 // What the audit keeps of one log once it is verified: enough for every
 // report and integrity rule, but not the log itself, so that memory does
-// not grow with the size of the logs.
+// not grow with the size of the logs. The views point into the report's
+// pool.
 struct LogRecord {
     std::string file;    // the member name as in the archive
     uint64_t ordinal = 0;
     std::optional<LogType> type;  // from the content, or the name when unreadable
     LogVerdict verdict = LogVerdict::Unreadable;
     std::optional<uint64_t> counter;
-    std::string serialNumber;  // hex; empty when unreadable
-    std::string algorithm;
+    std::string_view serialNumber;  // hex; empty when unreadable
+    std::string_view algorithm;
     std::optional<int64_t> seconds;
     std::string fraction;
     std::optional<TimeFormat> timeFormat;
     std::optional<uint64_t> transactionNumber;
-    std::string operation;
-    std::string clientId;
-    std::string processType;
+    std::string_view operation;
+    std::string_view clientId;
+    std::string_view processType;
     std::string reason;
     std::string nameProblem;  // how the name disagrees with the content
 
@@ -82,6 +96,7 @@ struct AuditReport {
     // In reading order; a deque grows without copying what it holds, which
     // keeps the peak low on exports of a hundred thousand logs.
     std::deque<LogRecord> logs;
+    StringPool strings;  // what the logs' views point to
     std::vector<Finding> findings;
 };
 

@@ -22,9 +22,16 @@ struct Findings {
     }
 };
 
-std::string shortSerial(const std::string& serial)
+constexpr size_t NO_ISSUER = SIZE_MAX;
+
+bool validAt(const std::optional<int64_t>& notBefore, const std::optional<int64_t>& notAfter, int64_t seconds)
 {
-    return "TSE " + serial.substr(0, 16) + (serial.size() > 16 ? "..." : "");
+    return !(notBefore && seconds < *notBefore) && !(notAfter && seconds > *notAfter);
+}
+
+std::string shortSerial(std::string_view serial)
+{
+    return "TSE " + std::string(serial.substr(0, 16)) + (serial.size() > 16 ? "..." : "");
 }
 
 bool isOperation(const LogRecord& log, std::string_view word)
@@ -46,21 +53,21 @@ void perLogFindings(const AuditReport& report, Findings& out)
         } else if (log.verdict == LogVerdict::Unreadable) {
             out.add(Severity::Error, "log-unreadable", log.file + ": " + log.reason, {log.file});
         } else if (log.verdict == LogVerdict::NoCertificate) {
-            withoutCertificate[log.serialNumber].push_back(log.file);
+            withoutCertificate[std::string(log.serialNumber)].push_back(log.file);
         }
         if (!log.nameProblem.empty()) {
             out.add(Severity::Error, "name-mismatch", log.file + ": " + log.nameProblem, {log.file});
         }
     }
     for (auto& [serial, files] : withoutCertificate) {
-        out.add(Severity::Error, "certificate-missing",
-                std::to_string(files.size()) + " logs of " + shortSerial(serial) +
-                    ": no certificate has a key whose SHA-256 is the serial number " + serial,
-                std::move(files));
+        // The message is made before the files move into the finding.
+        std::string message = std::to_string(files.size()) + " logs of " + shortSerial(serial) +
+                              ": no certificate has a key whose SHA-256 is the serial number " + serial;
+        out.add(Severity::Error, "certificate-missing", std::move(message), std::move(files));
     }
 }
 
-void counterFindings(const std::string& serial, const std::vector<const LogRecord*>& logs,
+void counterFindings(std::string_view serial, const std::vector<const LogRecord*>& logs,
                      const std::set<uint64_t>& extraCounters, Findings& out)
 {
     std::set<uint64_t> present(extraCounters);
@@ -118,7 +125,7 @@ struct TransactionLogs {
 // Transactions at the export's edges are left alone: those that started
 // before it (no Start, numbered below every Start seen) and those still
 // open at its end (no Finish, numbered above every Finish seen).
-void transactionFindings(const std::string& serial, const std::vector<const LogRecord*>& logs, Findings& out)
+void transactionFindings(std::string_view serial, const std::vector<const LogRecord*>& logs, Findings& out)
 {
     std::map<uint64_t, TransactionLogs> transactions;
     for (const LogRecord* log : logs) {
@@ -145,7 +152,7 @@ void transactionFindings(const std::string& serial, const std::vector<const LogR
 
 void perTseFindings(const AuditReport& report, Findings& out)
 {
-    std::map<std::string, std::vector<const LogRecord*>> byTse;
+    std::map<std::string_view, std::vector<const LogRecord*>> byTse;
     std::set<uint64_t> unreadableCounters;
     for (const LogRecord& log : report.logs) {
         if (!log.serialNumber.empty() && log.counter) byTse[log.serialNumber].push_back(&log);
@@ -164,7 +171,7 @@ void perTseFindings(const AuditReport& report, Findings& out)
 
 void certificateFindings(const AuditReport& report, bool trustGiven, Findings& out)
 {
-    std::map<std::string, const CertificateRecord*> bySerial;
+    std::map<std::string, const CertificateRecord*, std::less<>> bySerial;
     for (const CertificateRecord& certificate : report.certificates) {
         bySerial.emplace(certificate.serialNumber, &certificate);
         if (trustGiven && certificate.chain.status != ChainStatus::Trusted) {
@@ -174,21 +181,28 @@ void certificateFindings(const AuditReport& report, bool trustGiven, Findings& o
                     {certificate.file});
         }
     }
-    std::map<const CertificateRecord*, std::vector<std::string>> outside;
+    // Keyed by the certificate and the place in its chain: NO_ISSUER for
+    // the certificate itself, else the index of the CA above it.
+    std::map<std::pair<const CertificateRecord*, size_t>, std::vector<std::string>> outside;
     for (const LogRecord& log : report.logs) {
         auto found = bySerial.find(log.serialNumber);
         if (found == bySerial.end() || !log.seconds) continue;
         const CertificateRecord& c = *found->second;
-        if ((c.notBefore && *log.seconds < *c.notBefore) || (c.notAfter && *log.seconds > *c.notAfter)) {
-            outside[&c].push_back(log.file);
+        if (!validAt(c.notBefore, c.notAfter, *log.seconds)) outside[{&c, NO_ISSUER}].push_back(log.file);
+        for (size_t i = 0; i < c.chain.issuers.size(); ++i) {
+            const ChainIssuer& issuer = c.chain.issuers[i];
+            if (!validAt(issuer.notBefore, issuer.notAfter, *log.seconds)) outside[{&c, i}].push_back(log.file);
         }
     }
-    for (auto& [certificate, files] : outside) {
-        out.add(Severity::Warning, "certificate-chain",
-                std::to_string(files.size()) + " logs lie outside the validity of " + certificate->file + " (" +
-                    (certificate->notBefore ? isoSeconds(*certificate->notBefore) : "?") + " to " +
-                    (certificate->notAfter ? isoSeconds(*certificate->notAfter) : "?") + ")",
-                std::move(files));
+    for (auto& [where, files] : outside) {
+        const CertificateRecord& c = *where.first;
+        const bool self = where.second == NO_ISSUER;
+        const std::optional<int64_t> from = self ? c.notBefore : c.chain.issuers[where.second].notBefore;
+        const std::optional<int64_t> to = self ? c.notAfter : c.chain.issuers[where.second].notAfter;
+        const std::string what = self ? c.file : "the CA " + c.chain.issuers[where.second].subject + " above " + c.file;
+        std::string message = std::to_string(files.size()) + " logs lie outside the validity of " + what + " (" +
+                              (from ? isoSeconds(*from) : "?") + " to " + (to ? isoSeconds(*to) : "?") + ")";
+        out.add(Severity::Warning, "certificate-chain", std::move(message), std::move(files));
     }
 }
 

@@ -22,11 +22,6 @@ bool sameCertificate(const Certificate& a, const Certificate& b)
     return X509_cmp(a.x509(), b.x509()) == 0;
 }
 
-ChainJudgement judgement(ChainStatus status, std::string reason = {})
-{
-    return ChainJudgement{status, std::move(reason)};
-}
-
 }  // namespace
 
 std::string_view chainStatusName(ChainStatus status)
@@ -71,8 +66,15 @@ std::vector<const Certificate*> CertificatePool::issuersOf(const Certificate& ce
 
 ChainJudgement CertificatePool::judge(const Certificate& certificate) const
 {
+    std::vector<ChainIssuer> issuers;
+    const auto judgement = [&](ChainStatus status, std::string reason = {}) {
+        return ChainJudgement{status, std::move(reason), issuers};
+    };
     const Certificate* current = &certificate;
     for (int depth = 0; depth < MAX_CHAIN_LENGTH; ++depth) {
+        if (current != &certificate) {
+            issuers.push_back(ChainIssuer{current->subject(), current->notBefore(), current->notAfter()});
+        }
         if (isTrusted(*current)) return judgement(ChainStatus::Trusted);
         if (current->selfIssued()) {
             if (!signedBy(*current, *current)) {

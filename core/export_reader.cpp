@@ -160,6 +160,7 @@ ExportRead readSingleFile(const ExportSource& source, size_t limit, const Member
     ExportMember member;
     member.name = source.label();
     member.source = source.label();
+    member.standalone = true;
     FileRead read = readFileBounded(member.name, limit);
     member.contents = std::move(read.contents);
     member.error = read.error;

@@ -19,6 +19,7 @@ struct ExportMember {
     std::string source;  // the archive, directory or file it came from
     std::optional<Bytes> contents;
     std::string error;   // why there are no contents: too large, truncated, ...
+    bool standalone = false;  // a file given by itself, not a member of an archive or directory
 };
 
 // One thing to read: an archive (several files when it is split into

@@ -74,6 +74,7 @@ std::vector<LogField> readCertifiedData(BerReader& reader, LogType type, uint64_
 {
     const std::vector<FieldLayout>& layouts = fieldLayouts(type, version);
     std::vector<LogField> fields;
+    fields.reserve(layouts.size());  // each field has one place, so this is the most there can be
     int lastNumber = -1;
     while (!reader.atEnd() && (reader.peekTag() & 0xC0) == tag::CONTEXT) {
         const BerElement element = reader.read();

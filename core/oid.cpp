@@ -4,15 +4,33 @@
 #include <vector>
 
 namespace tse {
+namespace {
+
+// Appends the decimal digits without a temporary string: every log names
+// two OIDs, and this runs for each of them.
+void appendArc(std::string& text, uint64_t arc)
+{
+    char digits[20];
+    size_t count = 0;
+    do {
+        digits[count++] = static_cast<char>('0' + arc % 10);
+        arc /= 10;
+    } while (arc != 0);
+    while (count > 0) text += digits[--count];
+}
+
+}  // namespace
 
 std::optional<std::string> oidToText(ByteView content)
 {
     if (content.empty() || (content[content.size() - 1] & 0x80)) {
         return std::nullopt;
     }
-    std::vector<uint64_t> arcs;
+    std::string text;
+    text.reserve(2 * content.size() + 4);
     uint64_t arc = 0;
     bool startOfArc = true;
+    bool firstArc = true;
     for (uint8_t octet : content) {
         if (startOfArc && octet == 0x80) {
             return std::nullopt;  // a padded arc is not DER
@@ -22,15 +40,19 @@ std::optional<std::string> oidToText(ByteView content)
         }
         arc = arc << 7 | (octet & 0x7F);
         startOfArc = (octet & 0x80) == 0;
-        if (startOfArc) {
-            arcs.push_back(arc);
-            arc = 0;
+        if (!startOfArc) continue;
+        if (firstArc) {
+            // The first octets hold two arcs: 40 * first + second.
+            const uint64_t first = arc < 80 ? arc / 40 : 2;
+            appendArc(text, first);
+            text += '.';
+            appendArc(text, arc - 40 * first);
+            firstArc = false;
+        } else {
+            text += '.';
+            appendArc(text, arc);
         }
-    }
-    const uint64_t first = arcs[0] < 80 ? arcs[0] / 40 : 2;
-    std::string text = std::to_string(first) + "." + std::to_string(arcs[0] - 40 * first);
-    for (size_t i = 1; i < arcs.size(); ++i) {
-        text += "." + std::to_string(arcs[i]);
+        arc = 0;
     }
     return text;
 }

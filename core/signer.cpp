@@ -107,20 +107,30 @@ std::string Signer::privateKeyPem() const
 
 std::string Signer::selfSignedCertificatePem(const std::string& commonName, int64_t notBefore, int days) const
 {
+    return issuedCertificatePem(commonName, *this, commonName, notBefore, days);
+}
+
+std::string Signer::issuedCertificatePem(const std::string& commonName, const Signer& issuer,
+                                         const std::string& issuerName, int64_t notBefore, int days) const
+{
     X509Ptr cert(X509_new());
-    EvpPkeyPtr evp(EVP_PKEY_new());
-    require(cert && evp && EVP_PKEY_set1_EC_KEY(evp.get(), key_.get()) == 1, "new certificate");
+    EvpPkeyPtr evp(EVP_PKEY_new()), issuerKey(EVP_PKEY_new());
+    require(cert && evp && issuerKey && EVP_PKEY_set1_EC_KEY(evp.get(), key_.get()) == 1 &&
+                EVP_PKEY_set1_EC_KEY(issuerKey.get(), issuer.key_.get()) == 1,
+            "new certificate");
     X509_set_version(cert.get(), 2);
     ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), 1);
     require(ASN1_TIME_set(X509_getm_notBefore(cert.get()), static_cast<time_t>(notBefore)) != nullptr &&
                 ASN1_TIME_set(X509_getm_notAfter(cert.get()), static_cast<time_t>(notBefore + 86400LL * days)) !=
                     nullptr,
             "validity");
-    X509_NAME* name = X509_get_subject_name(cert.get());
-    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(commonName.c_str()),
-                               -1, -1, 0);
-    X509_set_issuer_name(cert.get(), name);
-    require(X509_set_pubkey(cert.get(), evp.get()) == 1 && X509_sign(cert.get(), evp.get(), EVP_sha384()) > 0,
+    const auto addCommonName = [](X509_NAME* name, const std::string& text) {
+        X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(text.c_str()), -1,
+                                   -1, 0);
+    };
+    addCommonName(X509_get_subject_name(cert.get()), commonName);
+    addCommonName(X509_get_issuer_name(cert.get()), issuerName);
+    require(X509_set_pubkey(cert.get(), evp.get()) == 1 && X509_sign(cert.get(), issuerKey.get(), EVP_sha384()) > 0,
             "sign certificate");
     return pemText([&](BIO* bio) { return PEM_write_bio_X509(bio, cert.get()); });
 }

@@ -30,6 +30,10 @@ public:
     // A self-signed certificate for the key, valid from notBefore for the
     // given days, in PEM.
     std::string selfSignedCertificatePem(const std::string& commonName, int64_t notBefore, int days) const;
+    // A certificate for this key that `issuer` signs as `issuerName`, the
+    // name the issuer's own certificate carries.
+    std::string issuedCertificatePem(const std::string& commonName, const Signer& issuer, const std::string& issuerName,
+                                     int64_t notBefore, int days) const;
 
 private:
     Signer() = default;

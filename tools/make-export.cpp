@@ -26,11 +26,14 @@ using tse::Bytes;
 
 constexpr int64_t FIRST_LOG_TIME = 1700000000;  // 2023-11-14
 constexpr int64_t CLOCK_STEP_BACK = 30;
+constexpr std::string_view ECSDSA_PLAIN_SHA256 = "0.4.0.127.0.7.1.1.4.4.2";
 
 const std::vector<std::string> DEFECTS{"signature-invalid", "certificate-missing", "log-unreadable",
                                        "counter-duplicate", "name-mismatch", "counter-gap",
                                        "transaction-incomplete", "time-regression", "certificate-chain",
-                                       "unexpected-member"};
+                                       "unexpected-member",
+                                       // Variants of the findings above, named by what they plant.
+                                       "ca-expired", "certificate-renamed", "ecsdsa"};
 
 struct Options {
     std::string out;
@@ -55,6 +58,7 @@ struct PlannedLog {
     int64_t nameSeconds = 0;
     std::string nameSuffix;
     const tse::Signer* signer = nullptr;
+    bool ecsdsa = false;  // names a recognised algorithm this system does not verify
 };
 
 struct Member {
@@ -135,7 +139,7 @@ Bytes signedLog(const PlannedLog& log, tse::TimeFormat format, tse::Hash hash)
     if (log.type != tse::LogType::Audit) content.certifiedData = certifiedData(log);
     if (log.type == tse::LogType::Audit) content.seAuditData = Bytes{0x30, 0x00};
     content.serialNumber = log.signer->publicKey().serialNumber();
-    content.algorithmOid = std::string(tse::ecdsaPlain(hash).oid);
+    content.algorithmOid = log.ecsdsa ? std::string(ECSDSA_PLAIN_SHA256) : std::string(tse::ecdsaPlain(hash).oid);
     content.signatureCounter = log.counter;
     content.logTime = tse::encodeLogTime(format, log.seconds);
     const Bytes octets = tse::encodeSignedOctets(content);
@@ -191,6 +195,8 @@ void plantInPlan(const Options& options, std::vector<PlannedLog>& logs, const ts
         for (size_t i = at + 1; i < logs.size(); ++i) --logs[i].counter;
     } else if (options.defect == "time-regression") {
         target.seconds = target.nameSeconds = target.seconds - 3600;
+    } else if (options.defect == "ecsdsa") {
+        target.ecsdsa = true;
     } else if (options.defect == "name-mismatch") {
         target.nameSeconds += 1;
     } else if (options.defect == "counter-duplicate") {
@@ -234,11 +240,20 @@ std::vector<Member> exportMembers(const Options& options)
     // before it outside its validity.
     const int64_t notBefore =
         options.defect == "certificate-chain" ? logs[middleUpdate(options)].seconds : FIRST_LOG_TIME - 86400;
-    const std::string pem = signer.selfSignedCertificatePem("Synthetic TSE", notBefore, 3650);
     const std::string info = "\"description:\",\"synthetic export\",\"manufacturer:\",\"make-export\",\"version:\",\"1.0\"\n";
-    // Certificate and info.csv first, as devices write them.
-    members.insert(members.begin(), {Member{tse::toHex(signer.publicKey().serialNumber()) + "_X509.pem", Bytes(pem.begin(), pem.end())},
-                                     Member{"info.csv", Bytes(info.begin(), info.end())}});
+    // Certificates and info.csv first, as devices write them.
+    members.insert(members.begin(), {Member{"info.csv", Bytes(info.begin(), info.end())}});
+    std::string pem = signer.selfSignedCertificatePem("Synthetic TSE", notBefore, 3650);
+    if (options.defect == "ca-expired") {
+        // The TSE's certificate is valid, but its CA's ended before the first log.
+        const tse::Signer ca(curve.curve);
+        const std::string caPem = ca.selfSignedCertificatePem("Synthetic CA", FIRST_LOG_TIME - 400 * 86400, 365);
+        pem = signer.issuedCertificatePem("Synthetic TSE", ca, "Synthetic CA", notBefore, 3650);
+        members.insert(members.begin(), Member{"Synthetic-CA_X509.pem", Bytes(caPem.begin(), caPem.end())});
+    }
+    const std::string named = options.defect == "certificate-renamed" ? tse::toHex(foreign.publicKey().serialNumber())
+                                                                       : tse::toHex(signer.publicKey().serialNumber());
+    members.insert(members.begin(), Member{named + "_X509.pem", Bytes(pem.begin(), pem.end())});
     return members;
 }
 

@@ -2,6 +2,7 @@
 // and its integrity - and reports for people, spreadsheets and programs.
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <fstream>
@@ -14,6 +15,7 @@
 #include <nlohmann/json.hpp>
 
 #include "audit.h"
+#include "parallel.h"
 #include "tse_check_commands.h"
 #include "tse_check_output.h"
 #include "tse_check_support.h"
@@ -31,32 +33,62 @@ struct AuditCommandOptions {
     bool progress = isatty(STDERR_FILENO) != 0;
 };
 
-json optionalNumber(const std::optional<uint64_t>& value)
-{
-    return value ? json(*value) : json(nullptr);
-}
-
-json textOrNull(const std::string& text)
+json textOrNull(std::string_view text)
 {
     return text.empty() ? json(nullptr) : json(text);
 }
 
-json logJson(const tse::LogRecord& log)
+// Logs are written without building a JSON object for each: on exports of
+// a hundred thousand logs that took as long as a tenth of the verifying.
+void appendText(std::string& out, std::string_view text)
+{
+    const bool plain = std::all_of(text.begin(), text.end(), [](unsigned char c) {
+        return c >= 0x20 && c < 0x7F && c != '"' && c != '\\';
+    });
+    if (plain) {
+        out += '"';
+        out += text;
+        out += '"';
+    } else {
+        out += json(std::string(text)).dump(-1, ' ', false, json::error_handler_t::replace);
+    }
+}
+
+void appendField(std::string& out, std::string_view key, std::string_view text)
+{
+    out += out.back() == '{' ? "\"" : ", \"";
+    out += key;
+    out += "\": ";
+    if (text.empty()) out += "null";
+    else appendText(out, text);
+}
+
+void appendNumber(std::string& out, std::string_view key, const std::optional<uint64_t>& value)
+{
+    out += ", \"";
+    out += key;
+    out += "\": ";
+    out += value ? std::to_string(*value) : "null";
+}
+
+void appendLogJson(std::string& out, const tse::LogRecord& log)
 {
     const auto time = log.logTime();
-    return {{"file", log.file},
-            {"type", log.type ? json(tse::logTypeName(*log.type)) : json(nullptr)},
-            {"verdict", tse::logVerdictName(log.verdict)},
-            {"signatureCounter", optionalNumber(log.counter)},
-            {"serialNumber", textOrNull(log.serialNumber)},
-            {"signatureAlgorithm", textOrNull(log.algorithm)},
-            {"logTime", time ? json(time->iso()) : json(nullptr)},
-            {"logTimeFormat", time ? json(tse::timeFormatName(time->format)) : json(nullptr)},
-            {"operationType", textOrNull(log.operation)},
-            {"clientId", textOrNull(log.clientId)},
-            {"processType", textOrNull(log.processType)},
-            {"transactionNumber", optionalNumber(log.transactionNumber)},
-            {"reason", textOrNull(log.reason)}};
+    out += '{';
+    appendField(out, "file", log.file);
+    appendField(out, "type", log.type ? tse::logTypeName(*log.type) : std::string_view());
+    appendField(out, "verdict", tse::logVerdictName(log.verdict));
+    appendNumber(out, "signatureCounter", log.counter);
+    appendField(out, "serialNumber", log.serialNumber);
+    appendField(out, "signatureAlgorithm", log.algorithm);
+    appendField(out, "logTime", time ? time->iso() : std::string());
+    appendField(out, "logTimeFormat", time ? tse::timeFormatName(time->format) : std::string_view());
+    appendField(out, "operationType", log.operation);
+    appendField(out, "clientId", log.clientId);
+    appendField(out, "processType", log.processType);
+    appendNumber(out, "transactionNumber", log.transactionNumber);
+    appendField(out, "reason", log.reason);
+    out += '}';
 }
 
 json timeJson(const std::optional<int64_t>& seconds)
@@ -135,20 +167,42 @@ void writeCsv(std::ostream& out, const tse::AuditReport& report)
         const std::vector<std::string> fields{
             log.file, log.type ? std::string(tse::logTypeName(*log.type)) : "", std::string(tse::logVerdictName(log.verdict)),
             log.counter ? std::to_string(*log.counter) : "", time ? time->iso() : "",
-            log.transactionNumber ? std::to_string(*log.transactionNumber) : "", log.operation, log.clientId,
-            log.processType, log.serialNumber, log.algorithm, log.reason};
+            log.transactionNumber ? std::to_string(*log.transactionNumber) : "", std::string(log.operation),
+            std::string(log.clientId), std::string(log.processType), std::string(log.serialNumber),
+            std::string(log.algorithm), log.reason};
         for (size_t i = 0; i < fields.size(); ++i) out << (i ? "," : "") << csvField(fields[i]);
         out << '\n';
     }
 }
 
-void writeJson(std::ostream& out, const tse::AuditReport& report)
+// The logs are rendered a window at a time on every core and written in
+// order, so that neither time nor memory grows with the export beyond that.
+void writeLogsJson(std::ostream& out, const tse::AuditReport& report, unsigned jobs)
+{
+    constexpr size_t CHUNK = 1024;
+    const size_t chunks = (report.logs.size() + CHUNK - 1) / CHUNK;
+    const size_t window = 2 * std::max(1u, jobs);
+    for (size_t first = 0; first < chunks; first += window) {
+        std::vector<std::string> texts(std::min(window, chunks - first));
+        tse::parallelFor(texts.size(), jobs, [&](size_t i) {
+            const size_t begin = (first + i) * CHUNK, end = std::min(begin + CHUNK, report.logs.size());
+            texts[i].reserve((end - begin) * 512);  // a log's line is some 400 characters
+            for (size_t n = begin; n < end; ++n) {
+                texts[i] += n ? ",\n    " : "\n    ";
+                appendLogJson(texts[i], report.logs[n]);
+            }
+        });
+        for (const std::string& text : texts) out << text;
+    }
+}
+
+void writeJson(std::ostream& out, const tse::AuditReport& report, unsigned jobs)
 {
     const std::string whole = reportJson(report).dump(2);
     const std::string marker = "\"logs\": []";
     const size_t at = whole.find(marker);
     out << whole.substr(0, at) << "\"logs\": [";
-    for (size_t i = 0; i < report.logs.size(); ++i) out << (i ? "," : "") << "\n    " << logJson(report.logs[i]).dump();
+    writeLogsJson(out, report, jobs);
     out << (report.logs.empty() ? "]" : "\n  ]") << whole.substr(at + marker.size()) << '\n';
 }
 
@@ -245,7 +299,7 @@ int auditCommand(AuditCommandOptions& options)
     if (!outcome.report) refuse(EXIT_BAD_INPUT, "Cannot audit: " + outcome.error);
     const tse::AuditReport& report = *outcome.report;
     if (!options.jsonPath.empty()) {
-        writeTo(options.jsonPath, [&](std::ostream& out) { writeJson(out, report); });
+        writeTo(options.jsonPath, [&](std::ostream& out) { writeJson(out, report, options.audit.jobs); });
     }
     if (!options.csvPath.empty()) writeTo(options.csvPath, [&](std::ostream& out) { writeCsv(out, report); });
     if (options.jsonPath != "-" && options.csvPath != "-") printSummary(std::cout, report, options.audit.strict);

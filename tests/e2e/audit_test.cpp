@@ -101,10 +101,12 @@ TEST(Audit, PlantedDefects)
     struct Case {
         std::string defect;
         int status;
+        std::string code = {};  // when the defect is not named by its finding
+        std::string says = {};  // what the finding's message holds
     };
     fixtures::TempDir dir;
     for (const Case& c : std::vector<Case>{{"signature-invalid", 1},
-                                           {"certificate-missing", 1},
+                                           {"certificate-missing", 1, "", "1 logs of TSE"},
                                            {"log-unreadable", 1},
                                            {"counter-duplicate", 1},
                                            {"name-mismatch", 1},
@@ -112,13 +114,24 @@ TEST(Audit, PlantedDefects)
                                            {"transaction-incomplete", 0},
                                            {"time-regression", 0},
                                            {"certificate-chain", 0},
-                                           {"unexpected-member", 0}}) {
+                                           {"unexpected-member", 0},
+                                           // The TSE's certificate holds, its CA's had ended before the logs.
+                                           {"ca-expired", 0, "certificate-chain",
+                                            "22 logs lie outside the validity of the CA CN=Synthetic CA"},
+                                           {"certificate-renamed", 1, "name-mismatch",
+                                            "_X509.pem: the name gives the key hash"},
+                                           {"ecsdsa", 1, "signature-invalid",
+                                            "unsupported algorithm: ecsdsa-plain-SHA256"}}) {
         SCOPED_TRACE(c.defect);
         const std::string archive = dir.path(c.defect + ".tar");
         makeExport({"-o", archive, "-n", "6", "--curve", "secp256r1", "--defect", c.defect});
         const Audit a = audit({archive});
         EXPECT_EQ(a.status, c.status);
-        EXPECT_EQ(codes(a.report), std::set<std::string>{c.defect});
+        EXPECT_EQ(codes(a.report), std::set<std::string>{c.code.empty() ? c.defect : c.code});
+        if (!c.says.empty() && !a.report["findings"].empty()) {
+            EXPECT_NE(a.report["findings"][0]["message"].get<std::string>().find(c.says), std::string::npos)
+                << a.report["findings"][0]["message"];
+        }
         EXPECT_EQ(audit({"--strict", archive}).status, 1);
     }
 }
@@ -148,6 +161,8 @@ TEST(Audit, CleanExportsInEveryForm)
     }
 }
 
+std::string fileText(const std::string& path);
+
 // The same export twice (as merged incremental exports would have it)
 // counts each log once and is no counter duplicate.
 TEST(Audit, IdenticalLogsCountOnce)
@@ -164,6 +179,54 @@ TEST(Audit, IdenticalLogsCountOnce)
     const Audit two = audit({dir.path("a.tar"), dir.path("d")});
     EXPECT_EQ(two.report["summary"]["valid"], 32);
     EXPECT_TRUE(two.report["findings"].empty());
+
+    // Copies within one export under other names, also of a log that cannot
+    // be read, count once too.
+    fs::create_directory(dir.path("copies"));
+    for (const auto& entry : fs::directory_iterator(dir.path("d"))) {
+        const std::string name = entry.path().filename().string();
+        if (name.find("_X509") != std::string::npos) fs::copy_file(entry.path(), dir.path("copies/" + name));
+        if (name.find("_Log-Aud") == std::string::npos) continue;
+        fs::copy_file(entry.path(), dir.path("copies/" + name));
+        fs::copy_file(entry.path(), dir.path("copies/" + name.substr(0, name.size() - 4) + "_Fc-1.log"));
+        const std::string cut = fileText(entry.path().string()).substr(0, 40);
+        std::ofstream(dir.path("copies/Unixt_1_Sig-900_Log-Aud.log"), std::ios::binary) << cut;
+        std::ofstream(dir.path("copies/Unixt_1_Sig-900_Log-Aud_Fc-1.log"), std::ios::binary) << cut;
+    }
+    const Audit copies = audit({dir.path("copies")});
+    EXPECT_EQ(copies.report["summary"]["logs"], 2);
+    EXPECT_EQ(copies.report["summary"]["duplicatesSkipped"], 2);
+    EXPECT_EQ(codes(copies.report).count("counter-duplicate"), 0u);
+}
+
+// A log file given by itself may have any name; inside an export, or when
+// its name follows the TSE's pattern, the name must agree with the content.
+TEST(Audit, LogNamesWhereTheyCount)
+{
+    fixtures::TempDir dir;
+    makeExport({"-o", dir.path("e"), "-n", "3", "--curve", "secp256r1", "--format", "dir"});
+    std::string certificate, auditLog;
+    for (const auto& entry : fs::directory_iterator(dir.path("e"))) {
+        const std::string name = entry.path().filename().string();
+        if (name.find("_X509") != std::string::npos) certificate = entry.path().string();
+        if (name.find("_Log-Aud") != std::string::npos) auditLog = entry.path().string();
+    }
+    fs::create_directory(dir.path("inner"));
+    fs::copy_file(auditLog, dir.path("copy-of-a-log.log"));
+    fs::copy_file(auditLog, dir.path("inner/copy-of-a-log.log"));
+    fs::copy_file(auditLog, dir.path("Unixt_1700000000_Sig-99_Log-Aud.log"));
+    struct Case {
+        std::string path;
+        std::set<std::string> codes;
+    };
+    for (const Case& c : std::vector<Case>{{dir.path("copy-of-a-log.log"), {}},
+                                           {dir.path("inner"), {"name-mismatch"}},
+                                           {dir.path("Unixt_1700000000_Sig-99_Log-Aud.log"), {"name-mismatch"}}}) {
+        SCOPED_TRACE(c.path);
+        const Audit a = audit({"--cert", certificate, c.path});
+        EXPECT_EQ(a.report["summary"]["valid"], 1);
+        EXPECT_EQ(codes(a.report), c.codes);
+    }
 }
 
 void writeTar(const std::string& path, const std::vector<std::pair<std::string, std::string>>& members)

@@ -9,6 +9,7 @@
 #include "der.h"
 #include "log_message.h"
 #include "log_time.h"
+#include "oid.h"
 
 namespace {
 
@@ -214,4 +215,31 @@ TEST(CoreText, EscapingKeepsOneLine)
     }
 }
 
+// Dotted text from DER content, against hand-encoded octets: the first
+// octets hold two arcs, large arcs take several octets, and padding or a
+// cut-off arc is refused.
+TEST(CoreOid, DecodesArcsAndRefusesBadEncodings)
+{
+    struct Case {
+        std::string hex;
+        std::optional<std::string> text;
+    };
+    for (const Case& c : std::vector<Case>{{"04007f0007030701", "0.4.0.127.0.7.3.7.1"},
+                                           {"2a864886f70d", "1.2.840.113549"},
+                                           {"8837", "2.999"},
+                                           {"883703", "2.999.3"},
+                                           {"00", "0.0"},
+                                           {"2aff", std::nullopt},
+                                           {"2a8001", std::nullopt},
+                                           {"", std::nullopt}}) {
+        SCOPED_TRACE(c.hex);
+        const tse::Bytes octets = hex(c.hex);
+        EXPECT_EQ(tse::oidToText(octets), c.text);
+        if (c.text) {
+            EXPECT_EQ(tse::oidFromText(*c.text), octets);
+        }
+    }
+}
+
 }  // namespace
+
