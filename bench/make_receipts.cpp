@@ -17,17 +17,7 @@ std::string receiptText(const tse::Signer& signer, uint64_t number, int64_t logT
     data.processData = tse::Bytes(processData.begin(), processData.end());
     data.processType = "Kassenbeleg-V1";
     data.transactionNumber = number;
-    tse::LogContent content;
-    content.certifiedData = tse::encodeTransactionData(data);
-    content.serialNumber = signer.publicKey().serialNumber();
-    content.algorithmOid = std::string(tse::ecdsaPlain(tse::Hash::Sha256).oid);
-    content.signatureCounter = 2 * number;
-    content.logTime = tse::encodeLogTime(tse::TimeFormat::UnixTime, logTime);
-    const tse::Bytes signature = signer.signPlain(tse::Hash::Sha256, tse::encodeSignedOctets(content));
-    const std::string time = tse::isoSeconds(logTime);
-    return "V0;BENCH-KASSE-01;Kassenbeleg-V1;" + processData + ";" + std::to_string(number) + ";" +
-           std::to_string(2 * number) + ";" + time + ";" + time + ";ecdsa-plain-SHA256;unixTime;" +
-           tse::toBase64(signature) + ";" + tse::toBase64(signer.publicKey().point());
+    return tse::signedReceiptText(signer, tse::Hash::Sha256, data, 2 * number, logTime, logTime);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <openssl/err.h>
 #include <openssl/pem.h>
 
+#include "log_time.h"
 #include "openssl_ptr.h"
 
 namespace tse {
@@ -133,6 +134,23 @@ std::string Signer::issuedCertificatePem(const std::string& commonName, const Si
     require(X509_set_pubkey(cert.get(), evp.get()) == 1 && X509_sign(cert.get(), issuerKey.get(), EVP_sha384()) > 0,
             "sign certificate");
     return pemText([&](BIO* bio) { return PEM_write_bio_X509(bio, cert.get()); });
+}
+
+std::string signedReceiptText(const Signer& signer, Hash hash, const TransactionData& transaction,
+                              uint64_t signatureCounter, int64_t startTime, int64_t logTime)
+{
+    LogContent content;
+    content.certifiedData = encodeTransactionData(transaction);
+    content.serialNumber = signer.publicKey().serialNumber();
+    content.algorithmOid = std::string(ecdsaPlain(hash).oid);
+    content.signatureCounter = signatureCounter;
+    content.logTime = encodeLogTime(TimeFormat::UnixTime, logTime);
+    const Bytes signature = signer.signPlain(hash, encodeSignedOctets(content));
+    return "V0;" + transaction.clientId + ";" + transaction.processType.value_or("") + ";" +
+           ByteView(transaction.processData).text() + ";" + std::to_string(transaction.transactionNumber) + ";" +
+           std::to_string(signatureCounter) + ";" + isoSeconds(startTime) + ";" + isoSeconds(logTime) + ";" +
+           std::string(ecdsaPlain(hash).name) + ";unixTime;" + toBase64(signature) + ";" +
+           toBase64(signer.publicKey().point());
 }
 
 }  // namespace tse

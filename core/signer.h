@@ -8,6 +8,7 @@
 
 #include "algorithms.h"
 #include "bytes.h"
+#include "log_encoder.h"
 #include "public_key.h"
 
 namespace tse {
@@ -42,6 +43,12 @@ private:
     std::shared_ptr<EC_KEY> key_;
     PublicKey publicKey_;
 };
+
+// The receipt QR code text of a Finish transaction that the signer signs
+// now, with a unixTime log time: what a cash register prints, for tests and
+// benchmarks. The transaction's processData is taken as text.
+std::string signedReceiptText(const Signer& signer, Hash hash, const TransactionData& transaction,
+                              uint64_t signatureCounter, int64_t startTime, int64_t logTime);
 
 }  // namespace tse
 

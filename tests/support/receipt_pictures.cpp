@@ -139,30 +139,15 @@ Picture paperWithCodes(const std::vector<QrModules>& codes, int modulePixels)
 
 std::string signedReceiptText(tse::Curve curve, tse::Hash hash, uint64_t transactionNumber)
 {
-    const tse::Signer signer(curve);
     const int64_t startTime = 1627903721;
-    const int64_t logTime = startTime + 17;
-    const uint64_t signatureCounter = transactionNumber * 2 + 1;
     tse::TransactionData transaction;
     transaction.clientId = "DEMO-KASSE-01";
     const std::string processData = "Beleg^8.57_0.00_0.00_0.00_0.00^8.57:Bar";
     transaction.processData = tse::Bytes(processData.begin(), processData.end());
     transaction.processType = "Kassenbeleg-V1";
     transaction.transactionNumber = transactionNumber;
-    tse::LogContent content;
-    content.certifiedData = tse::encodeTransactionData(transaction);
-    content.serialNumber = signer.publicKey().serialNumber();
-    content.algorithmOid = std::string(tse::ecdsaPlain(hash).oid);
-    content.signatureCounter = signatureCounter;
-    content.logTime = tse::encodeLogTime(tse::TimeFormat::UnixTime, logTime);
-    const tse::Bytes signature = signer.signPlain(hash, tse::encodeSignedOctets(content));
-
-    std::ostringstream text;
-    text << "V0;" << transaction.clientId << ";" << *transaction.processType << ";" << processData << ";"
-         << transactionNumber << ";" << signatureCounter << ";" << tse::isoSeconds(startTime) << ";"
-         << tse::isoSeconds(logTime) << ";" << tse::ecdsaPlain(hash).name << ";unixTime;"
-         << tse::toBase64(signature) << ";" << tse::toBase64(signer.publicKey().point());
-    return text.str();
+    return tse::signedReceiptText(tse::Signer(curve), hash, transaction, transactionNumber * 2 + 1, startTime,
+                                  startTime + 17);
 }
 
 Picture receipt(const std::vector<std::string>& codeTexts, int modulePixels)
