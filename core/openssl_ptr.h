@@ -2,6 +2,7 @@
 #define TSE_CORE_OPENSSL_PTR_H
 
 #include <memory>
+#include <string>
 
 #include <openssl/bio.h>
 #include <openssl/bn.h>
@@ -35,6 +36,18 @@ using EvpPkeyPtr = OpenSslPtr<EVP_PKEY, EVP_PKEY_free>;
 using X509Ptr = OpenSslPtr<X509, X509_free>;
 using X509StorePtr = OpenSslPtr<X509_STORE, X509_STORE_free>;
 using X509StoreCtxPtr = OpenSslPtr<X509_STORE_CTX, X509_STORE_CTX_free>;
+
+// What a writer puts into a memory BIO, such as a PEM text; empty when the
+// writer fails.
+template <typename Write>
+std::string writtenText(Write write)
+{
+    BioPtr bio(BIO_new(BIO_s_mem()));
+    if (!bio || write(bio.get()) != 1) return {};
+    char* data = nullptr;
+    const long size = BIO_get_mem_data(bio.get(), &data);
+    return size > 0 ? std::string(data, static_cast<size_t>(size)) : std::string();
+}
 
 }  // namespace tse
 

@@ -31,11 +31,9 @@ Bytes digestOf(Hash hash, ByteView data)
 template <typename Write>
 std::string pemText(Write write)
 {
-    BioPtr bio(BIO_new(BIO_s_mem()));
-    require(bio && write(bio.get()) == 1, "write PEM");
-    char* data = nullptr;
-    const long size = BIO_get_mem_data(bio.get(), &data);
-    return std::string(data, static_cast<size_t>(size));
+    std::string text = tse::writtenText(write);
+    require(!text.empty(), "write PEM");
+    return text;
 }
 
 }  // namespace

@@ -16,6 +16,8 @@
 #include <openssl/pem.h>
 #include <openssl/sha.h>
 
+#include "openssl_ptr.h"
+
 namespace fixtures {
 namespace {
 
@@ -52,11 +54,9 @@ X509Ptr ecCertificate(const EC_KEY* key, const std::string& commonName)
 template <typename Write>
 std::string pemText(Write write)
 {
-    BioPtr bio(BIO_new(BIO_s_mem()));
-    require(bio && write(bio.get()) == 1, "write PEM");
-    char* data = nullptr;
-    const long size = BIO_get_mem_data(bio.get(), &data);
-    return std::string(data, static_cast<size_t>(size));
+    std::string text = tse::writtenText(write);
+    require(!text.empty(), "write PEM");
+    return text;
 }
 
 Bytes derUnsigned(uint64_t value)
