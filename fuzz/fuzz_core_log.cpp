@@ -9,7 +9,7 @@
 #include "bytes.h"
 #include "log_message.h"
 #include "public_key.h"
-#include "verify.h"
+#include "log_verify.h"
 
 namespace {
 

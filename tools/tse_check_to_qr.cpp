@@ -16,7 +16,7 @@
 #include "receipt_verify.h"
 #include "tse_check_commands.h"
 #include "tse_check_support.h"
-#include "verify.h"
+#include "log_verify.h"
 
 namespace tsecheck {
 namespace {

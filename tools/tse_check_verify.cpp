@@ -18,7 +18,7 @@
 #include "tse_check_commands.h"
 #include "tse_check_output.h"
 #include "tse_check_support.h"
-#include "verify.h"
+#include "log_verify.h"
 
 namespace tsecheck {
 namespace {

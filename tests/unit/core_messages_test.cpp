@@ -14,7 +14,7 @@
 #include "openssl_ptr.h"
 #include "public_key.h"
 #include "signer.h"
-#include "verify.h"
+#include "log_verify.h"
 
 namespace {
 

@@ -8,6 +8,8 @@
 
 #include <openssl/evp.h>
 
+#include "text.h"
+
 namespace tse {
 
 enum class Hash { Sha224, Sha256, Sha384, Sha512, Sha3_224, Sha3_256, Sha3_384, Sha3_512 };
@@ -48,8 +50,6 @@ const SignatureAlgorithm* algorithmByOid(std::string_view dottedOid);
 // in the field ("SHA256withECDSA", "ecdsa-with-SHA256"), regardless of case.
 const SignatureAlgorithm* algorithmByName(std::string_view name);
 const SignatureAlgorithm& ecdsaPlain(Hash hash);
-
-bool equalsIgnoringCase(std::string_view a, std::string_view b);
 
 }  // namespace tse
 

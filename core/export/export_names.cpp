@@ -5,7 +5,7 @@
 #include <cctype>
 #include <vector>
 
-#include "algorithms.h"
+#include "text.h"
 
 namespace tse {
 namespace {

@@ -1,31 +1,16 @@
-#ifndef TSE_CORE_VERIFY_H
-#define TSE_CORE_VERIFY_H
+#ifndef TSE_CORE_SIGNATURE_H
+#define TSE_CORE_SIGNATURE_H
 
 #include <memory>
 #include <optional>
-#include <string>
-#include <string_view>
 
 #include <openssl/ecdsa.h>
 
 #include "algorithms.h"
 #include "bytes.h"
-#include "log_message.h"
 #include "public_key.h"
 
 namespace tse {
-
-enum class Verdict { Valid, Invalid, WrongKey, UnsupportedAlgorithm, Malformed };
-
-// "valid", "invalid", "wrong-key", "unsupported-algorithm", "malformed"
-std::string_view verdictName(Verdict verdict);
-
-struct Verification {
-    Verdict verdict = Verdict::Malformed;
-    std::string reason;  // one line a user understands; empty when valid
-
-    bool valid() const { return verdict == Verdict::Valid; }
-};
 
 // Plain r || s of twice the curve's field size over the data's hash.
 bool verifyPlain(const PublicKey& key, Hash hash, ByteView data, ByteView signature);
@@ -47,10 +32,6 @@ public:
 private:
     std::shared_ptr<ECDSA_SIG> value_;
 };
-
-// Checks that the key is the TSE's (its hash is the serial number), that the
-// algorithm is one this tool verifies, and then the signature itself.
-Verification verifyLog(const LogMessage& message, const PublicKey& key);
 
 }  // namespace tse
 

@@ -8,7 +8,7 @@
 
 #include "bytes.h"
 #include "receipt_text.h"
-#include "verify.h"
+#include "log_verify.h"
 
 namespace tse {
 

@@ -1,10 +1,9 @@
-#ifndef TSE_CORE_AUDIT_H
-#define TSE_CORE_AUDIT_H
+#ifndef TSE_CORE_AUDIT_REPORT_H
+#define TSE_CORE_AUDIT_REPORT_H
 
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -15,7 +14,6 @@
 #include "info_csv.h"
 #include "log_message.h"
 #include "log_time.h"
-#include "parallel.h"
 
 namespace tse {
 
@@ -99,31 +97,6 @@ struct AuditReport {
     StringPool strings;  // what the logs' views point to
     std::vector<Finding> findings;
 };
-
-struct AuditProgress {
-    uint64_t logsDone = 0;
-    uint64_t bytesDone = 0, bytesTotal = 0;
-};
-
-struct AuditOptions {
-    std::vector<std::string> exports;
-    std::vector<std::string> certificateFiles;  // besides the export's own
-    std::vector<std::string> trustDirectories;  // trusted root certificates
-    unsigned jobs = defaultJobs();
-    bool strict = false;  // warnings count as errors
-    size_t maxMemberSize = 16u << 20;
-    // Called from the reading thread, often; keep it cheap.
-    std::function<void(const AuditProgress&)> progress;
-};
-
-struct AuditOutcome {
-    std::optional<AuditReport> report;
-    std::string error;  // an export or given certificate that cannot be opened at all
-};
-
-// Reads every export once, verifies each log on `jobs` threads while the
-// next members are read, and applies the integrity rules.
-AuditOutcome auditExport(const AuditOptions& options);
 
 }  // namespace tse
 

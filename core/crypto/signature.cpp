@@ -1,4 +1,4 @@
-#include "verify.h"
+#include "signature.h"
 
 #include <openssl/err.h>
 
@@ -24,24 +24,7 @@ bool verifySignatureObject(const PublicKey& key, Hash hash, ByteView data, const
     return result == 1;
 }
 
-Verification outcome(Verdict verdict, std::string reason = {})
-{
-    return Verification{verdict, std::move(reason)};
-}
-
 }  // namespace
-
-std::string_view verdictName(Verdict verdict)
-{
-    switch (verdict) {
-    case Verdict::Valid: return "valid";
-    case Verdict::Invalid: return "invalid";
-    case Verdict::WrongKey: return "wrong-key";
-    case Verdict::UnsupportedAlgorithm: return "unsupported-algorithm";
-    case Verdict::Malformed: return "malformed";
-    }
-    return "unknown";
-}
 
 std::optional<DecodedSignature> DecodedSignature::plain(const PublicKey& key, ByteView signature)
 {
@@ -86,35 +69,6 @@ bool verifyDer(const PublicKey& key, Hash hash, ByteView data, ByteView signatur
 {
     const std::optional<DecodedSignature> decoded = DecodedSignature::der(signature);
     return decoded && decoded->verifies(key, hash, data);
-}
-
-Verification verifyLog(const LogMessage& message, const PublicKey& key)
-{
-    if (ByteView(message.serialNumber) != ByteView(key.serialNumber())) {
-        return outcome(Verdict::WrongKey, "the key's SHA-256 " + toHex(key.serialNumber()) +
-                                              " is not the log's serial number " + toHex(message.serialNumber));
-    }
-    const SignatureAlgorithm* algorithm = algorithmByOid(message.signatureAlgorithmOid);
-    if (algorithm == nullptr) {
-        return outcome(Verdict::UnsupportedAlgorithm,
-                       "unsupported algorithm: the OID " + message.signatureAlgorithmOid + " is unknown");
-    }
-    if (!algorithm->supported) {
-        return outcome(Verdict::UnsupportedAlgorithm, "unsupported algorithm: " + std::string(algorithm->name) +
-                                                          " is recognised but not verified by this tool");
-    }
-    const size_t expected = 2 * key.curveInfo().fieldSize;
-    if (message.signatureValue.size() != expected) {
-        return outcome(Verdict::Malformed, "the signature has " + std::to_string(message.signatureValue.size()) +
-                                               " bytes; r and s on " + std::string(key.curveInfo().displayName) +
-                                               " make " + std::to_string(expected));
-    }
-    if (!verifyPlain(key, algorithm->hash, message.signedOctets, message.signatureValue)) {
-        return outcome(Verdict::Invalid, "the signature does not match the signed data (" +
-                                             std::string(algorithm->name) + " on " +
-                                             std::string(key.curveInfo().displayName) + ")");
-    }
-    return outcome(Verdict::Valid);
 }
 
 }  // namespace tse

@@ -18,7 +18,7 @@
 #include "export_names.h"
 #include "export_reader.h"
 #include "file_reader.h"
-#include "verify.h"
+#include "log_verify.h"
 #include "work_queue.h"
 
 namespace tse {
@@ -553,42 +553,6 @@ AuditOutcome AuditRun::run()
 }
 
 }  // namespace
-
-std::string_view StringPool::intern(std::string_view text)
-{
-    if (text.empty()) return {};
-    auto found = index_.find(text);
-    if (found != index_.end()) return *found;
-    const std::string_view kept = strings_.emplace_back(text);
-    index_.insert(kept);
-    return kept;
-}
-
-std::optional<LogTime> LogRecord::logTime() const
-{
-    if (!seconds || !timeFormat) return std::nullopt;
-    LogTime time;
-    time.format = *timeFormat;
-    time.seconds = *seconds;
-    time.fraction = fraction;
-    return time;
-}
-
-std::string_view logVerdictName(LogVerdict verdict)
-{
-    switch (verdict) {
-    case LogVerdict::Valid: return "valid";
-    case LogVerdict::Invalid: return "invalid";
-    case LogVerdict::NoCertificate: return "no-certificate";
-    case LogVerdict::Unreadable: return "unreadable";
-    }
-    return "unknown";
-}
-
-std::string_view severityName(Severity severity)
-{
-    return severity == Severity::Error ? "error" : "warning";
-}
 
 AuditOutcome auditExport(const AuditOptions& options)
 {

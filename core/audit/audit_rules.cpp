@@ -4,7 +4,7 @@
 #include <map>
 #include <set>
 
-#include "algorithms.h"
+#include "text.h"
 
 namespace tse {
 namespace {

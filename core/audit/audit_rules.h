@@ -1,7 +1,12 @@
 #ifndef TSE_CORE_AUDIT_RULES_H
 #define TSE_CORE_AUDIT_RULES_H
 
-#include "audit.h"
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "audit_report.h"
 
 namespace tse {
 

@@ -37,13 +37,6 @@ std::string lower(std::string_view text)
 
 // Compared in place: file names and operations are checked this way for
 // every log of an export.
-bool equalsIgnoringCase(std::string_view a, std::string_view b)
-{
-    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](unsigned char x, unsigned char y) {
-               return std::tolower(x) == std::tolower(y);
-           });
-}
-
 std::string_view hashName(Hash hash)
 {
     return HASHES[static_cast<int>(hash)].name;
