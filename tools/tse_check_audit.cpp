@@ -273,7 +273,7 @@ public:
         const int filled = static_cast<int>(share * 30);
         std::fprintf(stderr, "\r[%-30s] %llu logs, %.0f logs/s, %.0f s left ",
                      std::string(static_cast<size_t>(std::max(0, std::min(30, filled))), '#').c_str(),
-                     static_cast<unsigned long long>(p.logsDone), elapsed > 0 ? p.logsDone / elapsed : 0.0, left);
+                     static_cast<unsigned long long>(p.logsDone), elapsed > 0 ? static_cast<double>(p.logsDone) / elapsed : 0.0, left);
         drawn_ = true;
     }
     ~ProgressBar()

@@ -83,12 +83,12 @@ ChainJudgement CertificatePool::judge(const Certificate& certificate) const
             return judgement(ChainStatus::UntrustedRoot, "the chain ends in " + current->subject() +
                                                              ", a self-signed certificate no trusted one vouches for");
         }
-        const std::vector<const Certificate*> issuers = issuersOf(*current);
-        if (issuers.empty()) {
+        const std::vector<const Certificate*> candidates = issuersOf(*current);
+        if (candidates.empty()) {
             return judgement(ChainStatus::Incomplete, "the issuer " + current->issuer() + " is missing");
         }
         const Certificate* next = nullptr;
-        for (const Certificate* issuer : issuers) {
+        for (const Certificate* issuer : candidates) {
             if (signedBy(*current, *issuer)) {
                 next = issuer;
                 break;

@@ -14,12 +14,26 @@ bool digest(Hash hash, ByteView data, unsigned char* out, unsigned int& size)
     return EVP_Digest(data.data(), data.size(), out, &size, hashFunction(hash), nullptr) == 1;
 }
 
-bool verifySignatureObject(const PublicKey& key, Hash hash, ByteView data, const ECDSA_SIG* signature)
+// The signature as canonical DER, which is what EVP_PKEY_verify takes.
+std::shared_ptr<const Bytes> derOf(const ECDSA_SIG* signature)
+{
+    unsigned char* encoded = nullptr;
+    const int size = i2d_ECDSA_SIG(signature, &encoded);
+    if (size <= 0) return nullptr;
+    auto out = std::make_shared<const Bytes>(encoded, encoded + size);
+    OPENSSL_free(encoded);
+    return out;
+}
+
+bool verifyDigest(const PublicKey& key, Hash hash, ByteView data, const Bytes& signature)
 {
     unsigned char hashed[MAX_DIGEST_SIZE];
     unsigned int size = 0;
     if (!digest(hash, data, hashed, size)) return false;
-    const int result = ECDSA_do_verify(hashed, static_cast<int>(size), signature, const_cast<EC_KEY*>(key.ecKey()));
+    EvpPkeyCtxPtr context(EVP_PKEY_CTX_new_from_pkey(nullptr, key.evpKey(), nullptr));
+    const int result = context && EVP_PKEY_verify_init(context.get()) == 1
+                           ? EVP_PKEY_verify(context.get(), signature.data(), signature.size(), hashed, size)
+                           : 0;
     ERR_clear_error();
     return result == 1;
 }
@@ -39,7 +53,8 @@ std::optional<DecodedSignature> DecodedSignature::plain(const PublicKey& key, By
         return std::nullopt;
     }
     DecodedSignature out;
-    out.value_ = std::shared_ptr<ECDSA_SIG>(object.release(), ECDSA_SIG_free);
+    out.der_ = derOf(object.get());
+    if (!out.der_) return std::nullopt;
     return out;
 }
 
@@ -50,13 +65,14 @@ std::optional<DecodedSignature> DecodedSignature::der(ByteView signature)
     ERR_clear_error();
     if (!object || cursor != signature.end()) return std::nullopt;
     DecodedSignature out;
-    out.value_ = std::shared_ptr<ECDSA_SIG>(object.release(), ECDSA_SIG_free);
+    out.der_ = derOf(object.get());
+    if (!out.der_) return std::nullopt;
     return out;
 }
 
 bool DecodedSignature::verifies(const PublicKey& key, Hash hash, ByteView data) const
 {
-    return value_ && verifySignatureObject(key, hash, data, value_.get());
+    return der_ && verifyDigest(key, hash, data, *der_);
 }
 
 bool verifyPlain(const PublicKey& key, Hash hash, ByteView data, ByteView signature)

@@ -30,7 +30,7 @@ public:
     bool verifies(const PublicKey& key, Hash hash, ByteView data) const;
 
 private:
-    std::shared_ptr<ECDSA_SIG> value_;
+    std::shared_ptr<const Bytes> der_;  // canonical DER
 };
 
 }  // namespace tse

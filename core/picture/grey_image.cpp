@@ -7,18 +7,25 @@ namespace tse {
 
 namespace {
 
+// Where pixel (x, y) of a picture `width` pixels wide lies in its pixels;
+// every coordinate here is at least 0.
+size_t offset(int x, int y, int width)
+{
+    return static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x);
+}
+
 // Mean over a (2r+1)-pixel window along rows, then along columns, with
 // running sums so the cost does not grow with the radius.
 std::vector<uint32_t> boxMean(const GreyImage& image, int radius)
 {
     const int w = image.width;
     const int h = image.height;
-    std::vector<uint32_t> rows(static_cast<size_t>(w) * h);
+    std::vector<uint32_t> rows(offset(0, w, h));
     for (int y = 0; y < h; ++y) {
-        const uint8_t* in = &image.pixels[static_cast<size_t>(y) * w];
-        uint32_t* out = &rows[static_cast<size_t>(y) * w];
+        const uint8_t* in = &image.pixels[offset(0, y, w)];
+        uint32_t* out = &rows[offset(0, y, w)];
         uint32_t sum = 0;
-        int count = 0;
+        uint32_t count = 0;
         for (int x = 0; x <= std::min(radius, w - 1); ++x, ++count) sum += in[x];
         for (int x = 0; x < w; ++x) {
             out[x] = sum / count;
@@ -29,12 +36,12 @@ std::vector<uint32_t> boxMean(const GreyImage& image, int radius)
     std::vector<uint32_t> mean(rows.size());
     for (int x = 0; x < w; ++x) {
         uint32_t sum = 0;
-        int count = 0;
-        for (int y = 0; y <= std::min(radius, h - 1); ++y, ++count) sum += rows[static_cast<size_t>(y) * w + x];
+        uint32_t count = 0;
+        for (int y = 0; y <= std::min(radius, h - 1); ++y, ++count) sum += rows[offset(x, y, w)];
         for (int y = 0; y < h; ++y) {
-            mean[static_cast<size_t>(y) * w + x] = sum / count;
-            if (y + radius + 1 < h) { sum += rows[static_cast<size_t>(y + radius + 1) * w + x]; ++count; }
-            if (y - radius >= 0) { sum -= rows[static_cast<size_t>(y - radius) * w + x]; --count; }
+            mean[offset(x, y, w)] = sum / count;
+            if (y + radius + 1 < h) { sum += rows[offset(x, y + radius + 1, w)]; ++count; }
+            if (y - radius >= 0) { sum -= rows[offset(x, y - radius, w)]; --count; }
         }
     }
     return mean;
@@ -47,13 +54,13 @@ GreyImage halved(const GreyImage& image)
     GreyImage out;
     out.width = image.width / 2;
     out.height = image.height / 2;
-    out.pixels.resize(static_cast<size_t>(out.width) * out.height);
+    out.pixels.resize(offset(0, out.width, out.height));
     for (int y = 0; y < out.height; ++y) {
-        const uint8_t* top = &image.pixels[static_cast<size_t>(2 * y) * image.width];
+        const uint8_t* top = &image.pixels[offset(0, 2 * y, image.width)];
         const uint8_t* bottom = top + image.width;
         for (int x = 0; x < out.width; ++x) {
-            const unsigned sum = top[2 * x] + top[2 * x + 1] + bottom[2 * x] + bottom[2 * x + 1];
-            out.pixels[static_cast<size_t>(y) * out.width + x] = static_cast<uint8_t>((sum + 2) / 4);
+            const auto sum = static_cast<unsigned>(top[2 * x] + top[2 * x + 1] + bottom[2 * x] + bottom[2 * x + 1]);
+            out.pixels[offset(x, y, out.width)] = static_cast<uint8_t>((sum + 2) / 4);
         }
     }
     return out;
@@ -95,18 +102,18 @@ GreyImage sharpened(const GreyImage& image)
 GreyImage doubled(const GreyImage& image)
 {
     GreyImage out{image.width * 2, image.height * 2, {}};
-    out.pixels.resize(static_cast<size_t>(out.width) * out.height);
+    out.pixels.resize(offset(0, out.width, out.height));
     for (int y = 0; y < out.height; ++y) {
         const int sy = std::min(y / 2 + (y % 2), image.height - 1);
         const int ty = y / 2;
         for (int x = 0; x < out.width; ++x) {
             const int sx = std::min(x / 2 + (x % 2), image.width - 1);
             const int tx = x / 2;
-            const unsigned sum = image.pixels[static_cast<size_t>(ty) * image.width + tx] +
-                                 image.pixels[static_cast<size_t>(ty) * image.width + sx] +
-                                 image.pixels[static_cast<size_t>(sy) * image.width + tx] +
-                                 image.pixels[static_cast<size_t>(sy) * image.width + sx];
-            out.pixels[static_cast<size_t>(y) * out.width + x] = static_cast<uint8_t>((sum + 2) / 4);
+            const auto sum = static_cast<unsigned>(image.pixels[offset(tx, ty, image.width)] +
+                                                   image.pixels[offset(sx, ty, image.width)] +
+                                                   image.pixels[offset(tx, sy, image.width)] +
+                                                   image.pixels[offset(sx, sy, image.width)]);
+            out.pixels[offset(x, y, out.width)] = static_cast<uint8_t>((sum + 2) / 4);
         }
     }
     return out;

@@ -42,11 +42,11 @@ double renderDpi(const poppler::page& page)
 GreyImage greyCopy(const poppler::image& rendered)
 {
     GreyImage image{rendered.width(), rendered.height(), {}};
-    image.pixels.resize(static_cast<size_t>(image.width) * image.height);
+    image.pixels.resize(static_cast<size_t>(image.width) * static_cast<size_t>(image.height));
     const auto* data = reinterpret_cast<const uint8_t*>(rendered.const_data());
     for (int y = 0; y < image.height; ++y) {
-        const uint8_t* row = data + static_cast<size_t>(y) * rendered.bytes_per_row();
-        std::copy(row, row + image.width, &image.pixels[static_cast<size_t>(y) * image.width]);
+        const uint8_t* row = data + static_cast<size_t>(y) * static_cast<size_t>(rendered.bytes_per_row());
+        std::copy(row, row + image.width, &image.pixels[static_cast<size_t>(y) * static_cast<size_t>(image.width)]);
     }
     return image;
 }

@@ -42,7 +42,7 @@ RasterDecode decodeRaster(ByteView data)
         return {{}, "the picture is damaged or cut off"};
     }
     GreyImage image{width, height, {}};
-    image.pixels.assign(pixels.get(), pixels.get() + static_cast<size_t>(width) * height);
+    image.pixels.assign(pixels.get(), pixels.get() + static_cast<size_t>(width) * static_cast<size_t>(height));
     return {std::move(image), {}};
 }
 

@@ -23,13 +23,16 @@ constexpr uint8_t tableGrey = 70;
 constexpr uint8_t inkGrey = 25;
 constexpr double pi = 3.14159265358979323846;
 
-uint8_t& at(Picture& picture, int x, int y) { return picture.pixels[static_cast<size_t>(y) * picture.width + x]; }
+uint8_t& at(Picture& picture, int x, int y)
+{
+    return picture.pixels[static_cast<size_t>(y) * static_cast<size_t>(picture.width) + static_cast<size_t>(x)];
+}
 
 uint8_t clamped(double value) { return static_cast<uint8_t>(std::clamp(std::lround(value), 0L, 255L)); }
 
 Picture filled(int width, int height, uint8_t grey)
 {
-    return {width, height, std::vector<uint8_t>(static_cast<size_t>(width) * height, grey)};
+    return {width, height, std::vector<uint8_t>(static_cast<size_t>(width) * static_cast<size_t>(height), grey)};
 }
 
 void fillRect(Picture& picture, int left, int top, int width, int height, uint8_t grey)
@@ -52,7 +55,7 @@ double sample(const Picture& picture, double x, double y)
         if (px < 0 || py < 0 || px >= picture.width || py >= picture.height) {
             return tableGrey;
         }
-        return picture.pixels[static_cast<size_t>(py) * picture.width + px];
+        return picture.pixels[static_cast<size_t>(py) * static_cast<size_t>(picture.width) + static_cast<size_t>(px)];
     };
     return (pixel(x0, y0) * (1 - fx) + pixel(x0 + 1, y0) * fx) * (1 - fy) +
            (pixel(x0, y0 + 1) * (1 - fx) + pixel(x0 + 1, y0 + 1) * fx) * fy;
@@ -124,7 +127,7 @@ Picture paperWithCodes(const std::vector<QrModules>& codes, int modulePixels)
         const int left = margin + (paperWidth - side) / 2;
         for (int row = 0; row < code.size; ++row) {
             for (int column = 0; column < code.size; ++column) {
-                if (code.dark[static_cast<size_t>(row) * code.size + column]) {
+                if (code.dark[static_cast<size_t>(row) * static_cast<size_t>(code.size) + static_cast<size_t>(column)]) {
                     fillRect(picture, left + (column + 4) * modulePixels, y + (row + 4) * modulePixels, modulePixels,
                              modulePixels, inkGrey);
                 }
@@ -226,7 +229,7 @@ Picture blurred(const Picture& picture, double sigma)
                 for (int i = -radius; i <= radius; ++i) {
                     const int sx = std::clamp(x + i * stepX, 0, in.width - 1);
                     const int sy = std::clamp(y + i * stepY, 0, in.height - 1);
-                    sum += kernel[static_cast<size_t>(i + radius)] * in.pixels[static_cast<size_t>(sy) * in.width + sx];
+                    sum += kernel[static_cast<size_t>(i + radius)] * in.pixels[static_cast<size_t>(sy) * static_cast<size_t>(in.width) + static_cast<size_t>(sx)];
                 }
                 at(out, x, y) = clamped(sum / total);
             }

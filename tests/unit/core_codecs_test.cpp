@@ -71,7 +71,7 @@ TEST(CoreBer, LengthsAndTheirLimits)
 
 TEST(CoreBer, NestingIsBounded)
 {
-    for (const size_t depth : {3, 17, 18, 40, 5000}) {
+    for (const size_t depth : {size_t{3}, size_t{17}, size_t{18}, size_t{40}, size_t{5000}}) {
         tse::Bytes octets;
         for (size_t i = 0; i < depth; ++i) octets.insert(octets.end(), {0x30, 0x80});
         for (size_t i = 0; i < depth; ++i) octets.insert(octets.end(), {0x00, 0x00});

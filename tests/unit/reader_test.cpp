@@ -119,8 +119,8 @@ TEST(Reader, EveryTruncationFails)
     for (const Pieces& p : {pieces(), pieces(PROCESS_DATA, derElement(0x82, Bytes(300, 'x')))}) {
         const Bytes whole = join(p);
         size_t start = 0;
-        for (int element = HEADER; element < ELEMENT_COUNT; start += p[element++].size()) {
-            for (size_t cut = start; cut < start + p[element].size(); ++cut) {
+        for (int element = HEADER; element < ELEMENT_COUNT; start += p[static_cast<size_t>(element++)].size()) {
+            for (size_t cut = start; cut < start + p[static_cast<size_t>(element)].size(); ++cut) {
                 SCOPED_TRACE("cut after " + std::to_string(cut) + " of " + std::to_string(whole.size()));
                 const Bytes kept(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(cut));
                 ASNToQrCode reader;
