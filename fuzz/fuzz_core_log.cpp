@@ -23,7 +23,7 @@ const tse::PublicKey& fixedKey()
         "TG8Lm2nYHVrC1MjPxZNOSs6LCQLDwwDOyC+60n+pg7VlYL+0Xn3gxEAQKJGP4Vkb\n"
         "En7t+/PCbW8Vg8BozXLRWa8+gCDnY7EP\n"
         "-----END PUBLIC KEY-----\n";
-    static const tse::PublicKey key = *tse::keyFromSubjectPublicKeyInfo(PEM).key;
+    static const tse::PublicKey key = tse::keyFromSubjectPublicKeyInfo(PEM).value();
     return key;
 }
 

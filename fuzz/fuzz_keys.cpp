@@ -21,6 +21,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         if (!certificate.key() && certificate.keyError().empty()) std::abort();
     }
     const tse::KeyResult key = tse::keyFromAnyEncoding(input);
-    if (!key.key && key.error.empty()) std::abort();
+    if (!key && key.message().empty()) std::abort();
     return 0;
 }

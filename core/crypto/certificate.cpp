@@ -43,7 +43,9 @@ Certificate::Certificate(X509* owned) : x509_(owned, X509_free)
 {
     EvpPkeyPtr evp(X509_get_pubkey(owned));
     ERR_clear_error();  // a key type libcrypto cannot decode leaves a reason behind
-    key_ = PublicKey::fromEvp(evp.get(), keyError_);
+    KeyResult key = PublicKey::fromEvp(evp.get());
+    keyError_ = key.message();
+    key_ = std::move(key).take();
 }
 
 std::string Certificate::subject() const

@@ -3,6 +3,7 @@
 #include <utility>
 #include <vector>
 
+#include <openssl/core_names.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
@@ -22,7 +23,7 @@ constexpr size_t MAX_KEY_ENCODING_SIZE = 1u << 20;
 
 KeyResult fail(const std::string& error)
 {
-    return KeyResult{std::nullopt, error};
+    return Error{error, std::nullopt};
 }
 
 bool pointFits(ByteView point, const CurveInfo& info)
@@ -33,26 +34,8 @@ bool pointFits(ByteView point, const CurveInfo& info)
     return uncompressed || compressed;
 }
 
-// The key when the point lies on the curve, else nullptr.
-EvpPkeyPtr keyOnCurve(ByteView point, const CurveInfo& info)
+Bytes uncompressedPoint(const EC_GROUP* group, const EC_POINT* point)
 {
-    EcKeyPtr key(EC_KEY_new_by_curve_name(info.nid));
-    if (!key) return nullptr;
-    const EC_GROUP* group = EC_KEY_get0_group(key.get());
-    EcPointPtr decoded(EC_POINT_new(group));
-    if (!decoded || EC_POINT_oct2point(group, decoded.get(), point.data(), point.size(), nullptr) != 1 ||
-        EC_KEY_set_public_key(key.get(), decoded.get()) != 1 || EC_KEY_check_key(key.get()) != 1) {
-        return nullptr;
-    }
-    EvpPkeyPtr evp(EVP_PKEY_new());
-    if (!evp || EVP_PKEY_set1_EC_KEY(evp.get(), key.get()) != 1) return nullptr;
-    return evp;
-}
-
-Bytes uncompressedPoint(const EC_KEY* key)
-{
-    const EC_GROUP* group = EC_KEY_get0_group(key);
-    const EC_POINT* point = EC_KEY_get0_public_key(key);
     Bytes octets(EC_POINT_point2oct(group, point, POINT_CONVERSION_UNCOMPRESSED, nullptr, 0, nullptr));
     if (octets.empty() ||
         EC_POINT_point2oct(group, point, POINT_CONVERSION_UNCOMPRESSED, octets.data(), octets.size(), nullptr) !=
@@ -60,6 +43,71 @@ Bytes uncompressedPoint(const EC_KEY* key)
         return {};
     }
     return octets;
+}
+
+// The key when the point lies on the curve, else nullptr. The point is
+// decoded and checked here (on the curve, not at infinity) before libcrypto
+// builds a key of it.
+EvpPkeyPtr keyOnCurve(ByteView point, const CurveInfo& info)
+{
+    EcGroupPtr group(EC_GROUP_new_by_curve_name(info.nid));
+    if (!group) return nullptr;
+    EcPointPtr decoded(EC_POINT_new(group.get()));
+    if (!decoded || EC_POINT_oct2point(group.get(), decoded.get(), point.data(), point.size(), nullptr) != 1 ||
+        EC_POINT_is_at_infinity(group.get(), decoded.get()) == 1 ||
+        EC_POINT_is_on_curve(group.get(), decoded.get(), nullptr) != 1) {
+        return nullptr;
+    }
+    Bytes octets = uncompressedPoint(group.get(), decoded.get());
+    if (octets.empty()) return nullptr;
+    std::string groupName = OBJ_nid2sn(info.nid);
+    const OSSL_PARAM params[] = {
+        OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME, groupName.data(), 0),
+        OSSL_PARAM_construct_octet_string(OSSL_PKEY_PARAM_PUB_KEY, octets.data(), octets.size()),
+        OSSL_PARAM_construct_end()};
+    EvpPkeyCtxPtr context(EVP_PKEY_CTX_new_from_name(nullptr, "EC", nullptr));
+    EVP_PKEY* made = nullptr;
+    if (!context || EVP_PKEY_fromdata_init(context.get()) != 1 ||
+        EVP_PKEY_fromdata(context.get(), &made, EVP_PKEY_PUBLIC_KEY, const_cast<OSSL_PARAM*>(params)) != 1) {
+        return nullptr;
+    }
+    EvpPkeyPtr key(made);
+    EvpPkeyCtxPtr check(EVP_PKEY_CTX_new_from_pkey(nullptr, key.get(), nullptr));
+    if (!check || EVP_PKEY_public_check(check.get()) != 1) return nullptr;
+    return key;
+}
+
+// The curve of an EC key: its group name, or for a key with the curve's
+// parameters spelt out, the named curve those parameters are.
+int curveNid(EVP_PKEY* key)
+{
+    char name[80] = {};
+    size_t length = 0;
+    if (EVP_PKEY_get_utf8_string_param(key, OSSL_PKEY_PARAM_GROUP_NAME, name, sizeof name, &length) == 1) {
+        const int nid = OBJ_sn2nid(name);
+        return nid != NID_undef ? nid : EC_curve_nist2nid(name);
+    }
+    OSSL_PARAM* params = nullptr;
+    if (EVP_PKEY_todata(key, EVP_PKEY_KEY_PARAMETERS, &params) != 1) return NID_undef;
+    EcGroupPtr group(EC_GROUP_new_from_params(params, nullptr, nullptr));
+    OSSL_PARAM_free(params);
+    return group ? EC_GROUP_get_curve_name(group.get()) : NID_undef;
+}
+
+// The key's point as 04 || X || Y, whichever form the key was made from.
+Bytes uncompressedPoint(EVP_PKEY* key, int nid)
+{
+    size_t size = 0;
+    if (EVP_PKEY_get_octet_string_param(key, OSSL_PKEY_PARAM_PUB_KEY, nullptr, 0, &size) != 1 || size == 0) return {};
+    Bytes encoded(size);
+    if (EVP_PKEY_get_octet_string_param(key, OSSL_PKEY_PARAM_PUB_KEY, encoded.data(), encoded.size(), &size) != 1) {
+        return {};
+    }
+    encoded.resize(size);
+    EcGroupPtr group(EC_GROUP_new_by_curve_name(nid));
+    EcPointPtr point(group ? EC_POINT_new(group.get()) : nullptr);
+    if (!point || EC_POINT_oct2point(group.get(), point.get(), encoded.data(), encoded.size(), nullptr) != 1) return {};
+    return uncompressedPoint(group.get(), point.get());
 }
 
 std::string tagNameForPoint(uint8_t first)
@@ -70,31 +118,24 @@ std::string tagNameForPoint(uint8_t first)
 
 }  // namespace
 
-std::optional<PublicKey> PublicKey::fromEvp(EVP_PKEY* key, std::string& error)
+Result<PublicKey> PublicKey::fromEvp(EVP_PKEY* key)
 {
     if (key == nullptr || EVP_PKEY_base_id(key) != EVP_PKEY_EC) {
-        error = "the key is not an EC key";
-        return std::nullopt;
+        return fail("the key is not an EC key");
     }
-    EC_KEY* ec = EVP_PKEY_get1_EC_KEY(key);
-    std::shared_ptr<EC_KEY> owned(ec, EC_KEY_free);
-    const EC_GROUP* group = ec ? EC_KEY_get0_group(ec) : nullptr;
-    const int nid = group ? EC_GROUP_get_curve_name(group) : NID_undef;
+    const int nid = curveNid(key);
     const CurveInfo* info = curveByNid(nid);
     if (info == nullptr) {
-        error = nid == NID_undef ? "the key's curve is not a named curve"
-                                 : std::string("the key lies on ") + OBJ_nid2sn(nid) + ", which no TSE uses";
-        return std::nullopt;
+        return fail(nid == NID_undef ? "the key's curve is not a named curve"
+                                     : std::string("the key lies on ") + OBJ_nid2sn(nid) + ", which no TSE uses");
     }
     PublicKey out;
     out.curve_ = info->curve;
-    out.point_ = uncompressedPoint(ec);
+    out.point_ = uncompressedPoint(key, nid);
     if (out.point_.empty()) {
-        error = "the key's point cannot be encoded";
-        return std::nullopt;
+        return fail("the key's point cannot be encoded");
     }
     out.serial_ = sha256(out.point_);
-    out.ecKey_ = std::move(owned);
     EVP_PKEY_up_ref(key);
     out.evpKey_ = std::shared_ptr<EVP_PKEY>(key, EVP_PKEY_free);
     return out;
@@ -126,9 +167,7 @@ KeyResult keyFromPoint(ByteView point, std::optional<Curve> curve)
         return fail("the point lies on both " + std::string(found[0].first->displayName) + " and " +
                     std::string(found[1].first->displayName) + "; the curve must be named");
     }
-    std::string error;
-    std::optional<PublicKey> key = PublicKey::fromEvp(found[0].second.get(), error);
-    return KeyResult{key, error};
+    return PublicKey::fromEvp(found[0].second.get());
 }
 
 KeyResult keyFromSubjectPublicKeyInfo(ByteView data)
@@ -144,9 +183,7 @@ KeyResult keyFromSubjectPublicKeyInfo(ByteView data)
     }
     ERR_clear_error();
     if (!evp) return fail("the data is not a SubjectPublicKeyInfo");
-    std::string error;
-    std::optional<PublicKey> key = PublicKey::fromEvp(evp.get(), error);
-    return KeyResult{key, error};
+    return PublicKey::fromEvp(evp.get());
 }
 
 KeyResult keyFromAnyEncoding(ByteView data)

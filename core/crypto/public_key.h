@@ -10,6 +10,7 @@
 
 #include "algorithms.h"
 #include "bytes.h"
+#include "result.h"
 
 namespace tse {
 
@@ -23,25 +24,22 @@ public:
     const Bytes& point() const { return point_; }
     // The TSE serial number: the SHA-256 of the uncompressed point.
     const Bytes& serialNumber() const { return serial_; }
-    const EC_KEY* ecKey() const { return ecKey_.get(); }
     EVP_PKEY* evpKey() const { return evpKey_.get(); }
 
     // Takes a reference of its own; fails for anything but an EC key on a
     // supported named curve.
-    static std::optional<PublicKey> fromEvp(EVP_PKEY* key, std::string& error);
+    static Result<PublicKey> fromEvp(EVP_PKEY* key);
 
 private:
+    PublicKey() = default;  // only fromEvp makes one, and only with a key
+
     Curve curve_ = Curve::Secp256r1;
     Bytes point_;
     Bytes serial_;
-    std::shared_ptr<EC_KEY> ecKey_;
     std::shared_ptr<EVP_PKEY> evpKey_;
 };
 
-struct KeyResult {
-    std::optional<PublicKey> key;
-    std::string error;
-};
+using KeyResult = Result<PublicKey>;
 
 // A raw point, uncompressed (04...) or compressed (02.../03...), on the given
 // curve, or on the one supported curve of its size that it lies on.

@@ -20,23 +20,12 @@ bool startsWith(std::string_view text, std::string_view prefix)
     return text.substr(0, prefix.size()) == prefix;
 }
 
-std::optional<uint64_t> decimal(std::string_view text)
-{
-    if (text.empty() || text.size() > 19) return std::nullopt;
-    uint64_t value = 0;
-    for (char c : text) {
-        if (c < '0' || c > '9') return std::nullopt;
-        value = value * 10 + static_cast<uint64_t>(c - '0');
-    }
-    return value;
-}
-
 // Takes "_Fc-n" off the end of the stem, where a TSE marks a repeated name.
 unsigned takeDuplicateIndex(std::string_view& stem)
 {
     const size_t at = stem.rfind("_Fc-");
     if (at == std::string_view::npos) return 0;
-    const auto index = decimal(stem.substr(at + 4));
+    const auto index = parseDecimal(stem.substr(at + 4));
     if (!index || *index > 1000000) return 0;
     stem = stem.substr(0, at);
     return static_cast<unsigned>(*index);
@@ -75,7 +64,7 @@ bool transactionNameFits(LogName& name, const std::vector<std::string_view>& par
                          bool hasClient)
 {
     if (parts.size() != 6 || !hasClient || !startsWith(parts[4], "No-")) return false;
-    name.transactionNumber = decimal(parts[4].substr(3));
+    name.transactionNumber = parseDecimal(parts[4].substr(3));
     name.operation = std::string(parts[5]);
     name.clientId = std::string(client);
     return name.transactionNumber.has_value() && !name.operation.empty();
@@ -93,7 +82,7 @@ bool sameTime(const LogName& name, const LogTime& time)
 {
     if (name.format != time.format) return false;
     if (time.format == TimeFormat::UnixTime) {
-        const auto seconds = decimal(name.dateText);
+        const auto seconds = parseDecimal(name.dateText);
         return seconds && static_cast<int64_t>(*seconds) == time.seconds;
     }
     return name.dateText == time.text;
@@ -166,7 +155,7 @@ std::optional<LogName> parseLogName(std::string_view memberName)
     const std::vector<std::string_view> parts = nameParts(stem, client, hasClient);
     if (parts.size() < 4) return std::nullopt;
     const auto format = formatOfPrefix(parts[0]);
-    const auto counter = startsWith(parts[2], "Sig-") ? decimal(parts[2].substr(4)) : std::nullopt;
+    const auto counter = startsWith(parts[2], "Sig-") ? parseDecimal(parts[2].substr(4)) : std::nullopt;
     if (!format || parts[1].empty() || !counter) return std::nullopt;
     name.format = *format;
     name.dateText = std::string(parts[1]);

@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "text.h"
+
 namespace tse {
 namespace {
 
@@ -34,24 +36,6 @@ bool digits(std::string_view text, size_t pos, size_t count, unsigned& value)
         value = value * 10 + static_cast<unsigned>(text[i] - '0');
     }
     return true;
-}
-
-// The text as it may stand in a message: a time read from a file can hold
-// any byte, and a reason must stay one printable line.
-std::string quoted(std::string_view text)
-{
-    constexpr size_t SHOWN = 40;
-    std::string out = "\"";
-    for (const char c : text.substr(0, SHOWN)) {
-        if (c >= 0x20 && c < 0x7F && c != '"' && c != '\\') {
-            out += c;
-        } else {
-            char hex[8];
-            std::snprintf(hex, sizeof(hex), "\\x%02X", static_cast<unsigned char>(c));
-            out += hex;
-        }
-    }
-    return out + (text.size() > SHOWN ? "...\"" : "\"");
 }
 
 TimeParse failed(const std::string& reason)
@@ -118,11 +102,11 @@ std::string isoSeconds(int64_t seconds)
 
 std::string LogTime::iso() const
 {
-    std::string text = isoSeconds(seconds);
+    std::string out = isoSeconds(seconds);
     std::string digitsAfterPoint = fraction;
     while (digitsAfterPoint.size() < 3) digitsAfterPoint += '0';
-    text.insert(text.size() - 1, "." + digitsAfterPoint);
-    return text;
+    out.insert(out.size() - 1, "." + digitsAfterPoint);
+    return out;
 }
 
 TimeParse parseUtcTime(std::string_view text)

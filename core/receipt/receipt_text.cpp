@@ -2,13 +2,12 @@
 
 
 #include "log_message.h"
+#include "text.h"
 
 namespace tse {
 namespace {
 
 constexpr size_t FIELD_COUNT = 12;
-// A receipt's decimal numbers are at most 64 bits wide: 20 digits.
-constexpr size_t MAX_NUMBER_DIGITS = 20;
 
 struct FormatName {
     ReceiptTimeFormat format;
@@ -40,26 +39,6 @@ std::vector<std::string_view> splitFields(std::string_view text)
     }
 }
 
-// A value quoted for an error line, shortened so that a line stays a line.
-std::string shown(std::string_view value)
-{
-    constexpr size_t LIMIT = 40;
-    const std::string escaped = escapeText(value.substr(0, LIMIT));
-    return "\"" + escaped + (value.size() > LIMIT ? "...\"" : "\"");
-}
-
-std::optional<uint64_t> decimal(std::string_view text)
-{
-    if (text.empty() || text.size() > MAX_NUMBER_DIGITS) return std::nullopt;
-    uint64_t value = 0;
-    for (const char c : text) {
-        if (c < '0' || c > '9') return std::nullopt;
-        const uint64_t digit = static_cast<uint64_t>(c - '0');
-        if (value > (UINT64_MAX - digit) / 10) return std::nullopt;
-        value = value * 10 + digit;
-    }
-    return value;
-}
 
 // Every reading of the signature field that decodes: base64 (plain or DER)
 // and hexadecimal r || s. A hex text is also valid base64, so both are kept.
@@ -78,10 +57,10 @@ public:
 
     std::string error;
 
-    bool read(Receipt& r, KeyCache* keys)
+    bool read(ReceiptFields& r, KeyCache* keys, std::optional<ReceiptKeys>& found)
     {
         r.version = std::string(fields_[0]);
-        if (r.version != "V0") return fail("qrCodeVersion " + shown(fields_[0]) + " is not V0");
+        if (r.version != "V0") return fail("qrCodeVersion " + quoted(fields_[0]) + " is not V0");
         r.clientId = std::string(fields_[1]);
         if (r.clientId.empty()) return fail("clientId is empty; it names the cash register");
         r.processType = std::string(fields_[2]);
@@ -90,7 +69,7 @@ public:
                number("signatureCounter", fields_[5], r.signatureCounter) &&
                time("startTime", fields_[6], r.startTime) && time("logTime", fields_[7], r.logTime) &&
                algorithm(fields_[8], r) && timeFormat(fields_[9], r) && signature(fields_[10], r) &&
-               publicKey(fields_[11], r, keys);
+               publicKey(fields_[11], keys, found);
     }
 
 private:
@@ -102,8 +81,8 @@ private:
 
     bool number(const char* name, std::string_view text, uint64_t& out)
     {
-        const std::optional<uint64_t> value = decimal(text);
-        if (!value) return fail(std::string(name) + " " + shown(text) + " is not a whole number of at most 64 bits");
+        const std::optional<uint64_t> value = parseDecimal(text);
+        if (!value) return fail(std::string(name) + " " + quoted(text) + " is not a whole number of at most 64 bits");
         out = *value;
         return true;
     }
@@ -112,32 +91,32 @@ private:
     {
         const std::optional<IsoTime> parsed = parseIsoTime(text);
         if (!parsed) {
-            return fail(std::string(name) + " " + shown(text) +
+            return fail(std::string(name) + " " + quoted(text) +
                         " is not an ISO 8601 time such as 2020-05-22T11:33:02.000Z");
         }
         out = ReceiptTime{std::string(text), *parsed};
         return true;
     }
 
-    bool algorithm(std::string_view text, Receipt& r)
+    bool algorithm(std::string_view text, ReceiptFields& r)
     {
         r.algorithmText = std::string(text);
         r.algorithm = algorithmByName(text);
         if (r.algorithm == nullptr) {
-            return fail("signatureAlgorithm " + shown(text) + " is no known name such as ecdsa-plain-SHA256");
+            return fail("signatureAlgorithm " + quoted(text) + " is no known name such as ecdsa-plain-SHA256");
         }
         if (!r.algorithm->supported) {
-            return fail("signatureAlgorithm " + shown(text) + " is recognised but not verified by this tool");
+            return fail("signatureAlgorithm " + quoted(text) + " is recognised but not verified by this tool");
         }
         return true;
     }
 
-    bool timeFormat(std::string_view text, Receipt& r)
+    bool timeFormat(std::string_view text, ReceiptFields& r)
     {
         r.logTimeFormatText = std::string(text);
         const std::optional<ReceiptTimeFormat> format = receiptTimeFormatByName(text);
         if (!format) {
-            return fail("logTimeFormat " + shown(text) +
+            return fail("logTimeFormat " + quoted(text) +
                         " is none of unixTime, utcTime, utcTimeWithSeconds, generalizedTime, "
                         "generalizedTimeWithMilliseconds");
         }
@@ -145,22 +124,21 @@ private:
         return true;
     }
 
-    bool signature(std::string_view text, Receipt& r)
+    bool signature(std::string_view text, ReceiptFields& r)
     {
         r.signatureText = std::string(text);
         r.signatureReadings = signatureReadings(text);
         if (r.signatureReadings.empty()) {
-            return fail("signature " + shown(text) + " is neither base64 nor hexadecimal");
+            return fail("signature " + quoted(text) + " is neither base64 nor hexadecimal");
         }
         return true;
     }
 
-    bool publicKey(std::string_view text, Receipt& r, KeyCache* keys)
+    bool publicKey(std::string_view text, KeyCache* keys, std::optional<ReceiptKeys>& out)
     {
         ReceiptKeys found = keys != nullptr ? keys->get(std::string(text)) : receiptKeys(text);
-        if (!found.key.key) return fail("publicKey " + shown(text) + " is no usable key: " + found.key.error);
-        r.key = *found.key.key;
-        r.otherKeys = std::move(found.otherKeys);
+        if (!found.key) return fail("publicKey " + quoted(text) + " is no usable key: " + found.key.message());
+        out = std::move(found);
         return true;
     }
 
@@ -197,7 +175,7 @@ std::optional<ReceiptTimeFormat> receiptTimeFormatByName(std::string_view name)
 ReceiptKeys receiptKeys(std::string_view encoded)
 {
     const std::optional<Bytes> octets = fromBase64(encoded);
-    if (!octets) return {KeyResult{std::nullopt, "it is not base64"}, {}};
+    if (!octets) return {KeyResult(Error{"it is not base64", std::nullopt}), {}};
     const bool compressed = !octets->empty() && ((*octets)[0] == 0x02 || (*octets)[0] == 0x03);
     if (!compressed) return {keyFromAnyEncoding(*octets), {}};
     // A compressed point names only x, which often lies on both curves of
@@ -205,11 +183,11 @@ ReceiptKeys receiptKeys(std::string_view encoded)
     ReceiptKeys out{keyFromAnyEncoding(*octets), {}};
     for (const CurveInfo& curve : supportedCurves()) {
         KeyResult onCurve = keyFromPoint(*octets, curve.curve);
-        if (!onCurve.key) continue;
-        if (!out.key.key) {
+        if (!onCurve) continue;
+        if (!out.key) {
             out.key = onCurve;
-        } else if (onCurve.key->curve() != out.key.key->curve()) {
-            out.otherKeys.push_back(*onCurve.key);
+        } else if (onCurve->curve() != out.key->curve()) {
+            out.otherKeys.push_back(*onCurve);
         }
     }
     return out;
@@ -246,10 +224,11 @@ ReceiptParse parseReceiptText(std::string_view text, KeyCache* keys)
         return ReceiptParse{std::nullopt, "the text has " + std::to_string(fields.size()) +
                                               " fields separated by \";\"; a receipt has 12"};
     }
-    Receipt receipt;
+    ReceiptFields read;
+    std::optional<ReceiptKeys> found;
     FieldReader reader(fields);
-    if (!reader.read(receipt, keys)) return ReceiptParse{std::nullopt, reader.error};
-    return ReceiptParse{std::move(receipt), {}};
+    if (!reader.read(read, keys, found)) return ReceiptParse{std::nullopt, reader.error};
+    return ReceiptParse{Receipt(std::move(read), *found->key, std::move(found->otherKeys)), {}};
 }
 
 }  // namespace tse

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "algorithms.h"
@@ -32,7 +33,8 @@ struct ReceiptTime {
 };
 
 // The twelve fields of a receipt QR code, each checked and decoded.
-struct Receipt {
+// The printed fields of a receipt but its key.
+struct ReceiptFields {
     std::string version;  // "V0"
     std::string clientId;
     std::string processType;
@@ -49,6 +51,15 @@ struct Receipt {
     // then hexadecimal r || s; the verifier tells which one holds.
     std::vector<Bytes> signatureReadings;
     std::string signatureText;
+};
+
+// A receipt as read: never without the key its publicKey field holds.
+struct Receipt : ReceiptFields {
+    Receipt(ReceiptFields fields, PublicKey publicKey, std::vector<PublicKey> others = {})
+        : ReceiptFields(std::move(fields)), key(std::move(publicKey)), otherKeys(std::move(others))
+    {
+    }
+
     PublicKey key;
     // A compressed point names only x, and an x may lie on both curves of
     // its size; the signature tells which one the TSE uses.

@@ -36,9 +36,8 @@ std::string pemText(Write write)
     return text;
 }
 
-}  // namespace
 
-Signer::Signer(Curve curve)
+EC_KEY* freshKey(Curve curve)
 {
     EC_KEY* key = EC_KEY_new_by_curve_name(curveInfo(curve).nid);
     require(key != nullptr, "new key");
@@ -46,8 +45,23 @@ Signer::Signer(Curve curve)
         EC_KEY_free(key);
         require(false, "generate key");
     }
-    adopt(key);
+    return key;
 }
+
+PublicKey publicKeyOf(EC_KEY* key)
+{
+    EvpPkeyPtr evp(EVP_PKEY_new());
+    require(evp && EVP_PKEY_set1_EC_KEY(evp.get(), key) == 1, "wrap key");
+    KeyResult publicKey = PublicKey::fromEvp(evp.get());
+    require(publicKey.ok(), "key on an unsupported curve");
+    return *publicKey;
+}
+
+}  // namespace
+
+Signer::Signer(Curve curve) : Signer(freshKey(curve)) {}
+
+Signer::Signer(EC_KEY* key) : key_(key, EC_KEY_free), publicKey_(publicKeyOf(key)) {}
 
 Signer Signer::fromPem(const std::string& pem)
 {
@@ -55,20 +69,7 @@ Signer Signer::fromPem(const std::string& pem)
     EvpPkeyPtr evp(bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr) : nullptr);
     EC_KEY* key = evp ? EVP_PKEY_get1_EC_KEY(evp.get()) : nullptr;
     require(key != nullptr, "no EC private key in the PEM text");
-    Signer signer;
-    signer.adopt(key);
-    return signer;
-}
-
-void Signer::adopt(EC_KEY* key)
-{
-    key_ = std::shared_ptr<EC_KEY>(key, EC_KEY_free);
-    EvpPkeyPtr evp(EVP_PKEY_new());
-    require(evp && EVP_PKEY_set1_EC_KEY(evp.get(), key) == 1, "wrap key");
-    std::string error;
-    std::optional<PublicKey> publicKey = PublicKey::fromEvp(evp.get(), error);
-    require(publicKey.has_value(), "key on an unsupported curve");
-    publicKey_ = *publicKey;
+    return Signer(key);
 }
 
 Bytes Signer::signDer(Hash hash, ByteView data) const

@@ -37,8 +37,7 @@ public:
                                      int64_t notBefore, int days) const;
 
 private:
-    Signer() = default;
-    void adopt(EC_KEY* key);
+    explicit Signer(EC_KEY* key);  // takes it over
 
     std::shared_ptr<EC_KEY> key_;
     PublicKey publicKey_;
