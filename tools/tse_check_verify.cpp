@@ -12,13 +12,14 @@
 
 #include "algorithms.h"
 #include "certificate.h"
+#include "export_names.h"
 #include "file_reader.h"
+#include "log_judgement.h"
 #include "log_message.h"
 #include "parallel.h"
 #include "tse_check_commands.h"
 #include "tse_check_output.h"
 #include "tse_check_support.h"
-#include "log_verify.h"
 
 namespace tsecheck {
 namespace {
@@ -30,33 +31,25 @@ struct VerifyOptions {
     unsigned jobs = tse::defaultJobs();
 };
 
-enum class Outcome { Valid, Invalid, NoCertificate, Unreadable };
-
-const char* outcomeWord(Outcome outcome)
+const char* verdictWord(tse::LogVerdict verdict)
 {
-    switch (outcome) {
-    case Outcome::Valid: return "VALID";
-    case Outcome::Invalid: return "INVALID";
-    case Outcome::NoCertificate: return "NO-CERTIFICATE";
-    case Outcome::Unreadable: return "UNREADABLE";
+    switch (verdict) {
+    case tse::LogVerdict::Valid: return "VALID";
+    case tse::LogVerdict::Invalid: return "INVALID";
+    case tse::LogVerdict::NoCertificate: return "NO-CERTIFICATE";
+    case tse::LogVerdict::Unreadable: return "UNREADABLE";
     }
     return "";
 }
 
 struct LogResult {
     std::string file;
-    Outcome outcome = Outcome::Unreadable;
     std::optional<tse::LogMessage> message;
     std::string certificate;  // the file whose key verified or refuted it
-    std::string reason;
+    tse::LogJudgement judgement;
 };
 
-// A key and the file it came from.
-struct KnownKey {
-    tse::PublicKey key;
-    std::string file;
-};
-using KeyIndex = std::map<std::string, KnownKey>;  // by serial number in hex
+using tse::KeyIndex;
 
 void addCertificates(KeyIndex& index, const std::string& path, bool refuseUnreadable)
 {
@@ -71,13 +64,14 @@ void addCertificates(KeyIndex& index, const std::string& path, bool refuseUnread
     }
     for (const tse::Certificate& certificate : load.certificates) {
         if (certificate.key()) {
-            index.emplace(tse::toHex(certificate.key()->serialNumber()), KnownKey{*certificate.key(), path});
+            index.add(*certificate.key(), path);
         }
     }
 }
 
-// The certificates of a TSE export lie beside its logs, named
-// <SERIAL>_X509.<ext>, sometimes with _Fc-N before the extension.
+// The certificates of a TSE export lie beside its logs, named as the
+// export names them: <SERIAL>_X509.<ext>, sometimes with _Fc-N before the
+// extension.
 const KeyIndex& exportKeys(std::map<std::string, KeyIndex>& byDirectory, const std::string& logPath)
 {
     namespace fs = std::filesystem;
@@ -88,7 +82,7 @@ const KeyIndex& exportKeys(std::map<std::string, KeyIndex>& byDirectory, const s
     std::error_code error;
     for (const auto& entry : fs::directory_iterator(directory.empty() ? "." : directory, error)) {
         const std::string name = entry.path().filename().string();
-        if (name.find("_X509") != std::string::npos && entry.is_regular_file(error)) {
+        if (tse::classifyMember(name) == tse::MemberKind::Certificate && entry.is_regular_file(error)) {
             addCertificates(index, entry.path().string(), false);
         }
     }
@@ -101,26 +95,18 @@ LogResult verifyOne(const std::string& path, const KeyIndex& keys)
     result.file = path;
     tse::FileRead read = tse::readFileBounded(path, MAX_LOG_SIZE);
     if (!read.contents) {
-        result.reason = "the file " + read.error;
+        result.judgement.reason = "the file " + read.error;
         return result;
     }
     tse::LogParse parse = tse::parseLogMessage(*read.contents);
     if (!parse.message) {
-        result.reason = parse.error + " (at byte " + std::to_string(parse.errorOffset) + ")";
+        result.judgement = tse::unreadableLog(parse);
         return result;
     }
     result.message = std::move(parse.message);
-    const auto key = keys.find(tse::toHex(result.message->serialNumber));
-    if (key == keys.end()) {
-        result.outcome = Outcome::NoCertificate;
-        result.reason = "no certificate has a key whose SHA-256 is the serial number " +
-                        tse::toHex(result.message->serialNumber);
-        return result;
-    }
-    const tse::Verification verification = tse::verifyLog(*result.message, key->second.key);
-    result.certificate = key->second.file;
-    result.outcome = verification.valid() ? Outcome::Valid : Outcome::Invalid;
-    result.reason = verification.reason;
+    const KeyIndex::Entry* key = keys.find(result.message->serialNumber);
+    if (key != nullptr) result.certificate = key->source;
+    result.judgement = tse::judgeLog(*result.message, key ? &key->key : nullptr);
     return result;
 }
 
@@ -133,8 +119,8 @@ std::string algorithmName(const tse::LogMessage& message)
 nlohmann::json toJson(const LogResult& r)
 {
     nlohmann::json j = {{"file", r.file},
-                        {"verdict", lowerWord(outcomeWord(r.outcome))},
-                        {"reason", r.reason.empty() ? nlohmann::json(nullptr) : nlohmann::json(r.reason)},
+                        {"verdict", tse::logVerdictName(r.judgement.verdict)},
+                        {"reason", r.judgement.reason.empty() ? nlohmann::json(nullptr) : nlohmann::json(r.judgement.reason)},
                         {"certificate", r.certificate.empty() ? nlohmann::json(nullptr) : nlohmann::json(r.certificate)}};
     if (!r.message) {
         for (const char* key : {"type", "signatureCounter", "signatureAlgorithm", "logTime", "logTimeFormat",
@@ -156,7 +142,7 @@ nlohmann::json toJson(const LogResult& r)
 
 std::vector<std::string> textColumns(const LogResult& r)
 {
-    std::vector<std::string> columns{outcomeWord(r.outcome), tse::escapeText(r.file)};
+    std::vector<std::string> columns{verdictWord(r.judgement.verdict), tse::escapeText(r.file)};
     if (r.message) {
         columns.push_back(std::string(tse::logTypeName(r.message->type)));
         columns.push_back("Sig-" + std::to_string(r.message->signatureCounter));
@@ -165,7 +151,7 @@ std::vector<std::string> textColumns(const LogResult& r)
     } else {
         columns.insert(columns.end(), 4, "-");
     }
-    columns.push_back(r.reason);
+    columns.push_back(r.judgement.reason);
     return columns;
 }
 
@@ -173,8 +159,8 @@ int exitStatus(const std::vector<LogResult>& results)
 {
     int status = EXIT_OK;
     for (const LogResult& r : results) {
-        if (r.outcome == Outcome::Unreadable) return EXIT_BAD_INPUT;
-        if (r.outcome != Outcome::Valid) status = EXIT_NOT_VERIFIED;
+        if (r.judgement.verdict == tse::LogVerdict::Unreadable) return EXIT_BAD_INPUT;
+        if (r.judgement.verdict != tse::LogVerdict::Valid) status = EXIT_NOT_VERIFIED;
     }
     return status;
 }
@@ -212,7 +198,7 @@ Command addVerifyCommand(CLI::App& parent)
 {
     auto options = std::make_shared<VerifyOptions>();
     CLI::App* app = parent.add_subcommand("verify", "Verify exported log messages of any type");
-    app->footer("Without --cert, the certificates named *_X509* beside each log file are used.\n"
+    app->footer("Without --cert, the certificates named <SERIAL>_X509.<ext> beside each log file are used.\n"
                 "Exit status: 0 all valid, 1 any invalid or without certificate, 2 usage or unreadable file.");
     app->add_option("LOGFILE", options->logs, "Exported log messages (DER)")->required()->type_name("FILE...");
     app->add_option("--cert", options->certificates, "TSE certificate (PEM or DER); repeatable")

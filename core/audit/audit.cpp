@@ -6,9 +6,7 @@
 #include <cctype>
 #include <cstring>
 #include <filesystem>
-#include <mutex>
 #include <set>
-#include <shared_mutex>
 #include <thread>
 #include <tuple>
 #include <unordered_map>
@@ -18,7 +16,8 @@
 #include "export_names.h"
 #include "export_reader.h"
 #include "file_reader.h"
-#include "log_verify.h"
+#include "log_judgement.h"
+#include "thread_annotations.h"
 #include "work_queue.h"
 
 namespace tse {
@@ -149,18 +148,6 @@ std::vector<std::vector<const LogRecord*>> possibleCopies(const std::deque<LogRe
     return groups;
 }
 
-LogVerdict verdictOf(const Verification& verification)
-{
-    switch (verification.verdict) {
-    case Verdict::Valid: return LogVerdict::Valid;
-    case Verdict::Invalid:
-    case Verdict::Malformed:
-    case Verdict::WrongKey: return LogVerdict::Invalid;
-    case Verdict::UnsupportedAlgorithm: return LogVerdict::Unreadable;
-    }
-    return LogVerdict::Unreadable;
-}
-
 class AuditRun {
 public:
     explicit AuditRun(const AuditOptions& options) : options_(options) { report_.exports = options.exports; }
@@ -192,14 +179,16 @@ private:
     std::vector<Certificate> certificates_;  // beside report_.certificates
     CertificatePool pool_;
 
-    std::shared_mutex keysLock_;
-    std::unordered_map<std::string, PublicKey> keys_;  // by raw serial number
-    std::unordered_map<std::string, std::vector<WorkItem>> pending_;
-    size_t pendingBytes_ = 0;
-    std::set<uint64_t> deferred_;
+    // The keys and the logs that wait for theirs, shared by the reading
+    // thread, which adds keys, and the workers, which look them up.
+    SharedMutex keysLock_;
+    KeyIndex keys_ TSE_GUARDED_BY(keysLock_);
+    std::unordered_map<std::string, std::vector<WorkItem>> pending_ TSE_GUARDED_BY(keysLock_);
+    size_t pendingBytes_ TSE_GUARDED_BY(keysLock_) = 0;
+    std::set<uint64_t> deferred_ TSE_GUARDED_BY(keysLock_);
     bool finalPass_ = false;  // set once every certificate has been read
 
-    std::mutex resultsLock_;
+    Mutex resultsLock_;  // over what the workers add to report_: logs, findings, strings
     std::atomic<uint64_t> logsDone_{0};
     std::unique_ptr<WorkQueue<Batch>> queue_;
     Batch batch_;  // what the reading thread gathers before queueing
@@ -211,20 +200,18 @@ private:
 void AuditRun::addFinding(Severity severity, const std::string& code, const std::string& message,
                           std::vector<std::string> files)
 {
-    std::lock_guard<std::mutex> lock(resultsLock_);
+    ExclusiveLock<Mutex> lock(resultsLock_);
     report_.findings.push_back(Finding{severity, code, message, std::move(files)});
 }
 
 void AuditRun::addKey(const Certificate& certificate)
 {
     const PublicKey& key = *certificate.key();
-    const std::string serial = key.serialNumber().empty()
-                                   ? std::string()
-                                   : std::string(key.serialNumber().begin(), key.serialNumber().end());
+    const std::string serial(key.serialNumber().begin(), key.serialNumber().end());
     std::vector<WorkItem> waiting;
     {
-        std::unique_lock<std::shared_mutex> lock(keysLock_);
-        keys_.emplace(serial, key);
+        ExclusiveLock<SharedMutex> lock(keysLock_);
+        keys_.add(key, {});
         auto found = pending_.find(serial);
         if (found != pending_.end()) {
             waiting = std::move(found->second);
@@ -307,7 +294,7 @@ bool AuditRun::firstSighting(ByteView data)
 
 void AuditRun::keep(LogRecord&& record, const RecordTexts& texts)
 {
-    std::lock_guard<std::mutex> lock(resultsLock_);
+    ExclusiveLock<Mutex> lock(resultsLock_);
     StringPool& pool = report_.strings;
     record.serialNumber = pool.intern(texts.serialNumber);
     record.algorithm = pool.intern(texts.algorithm);
@@ -327,7 +314,7 @@ void AuditRun::process(WorkItem&& item, WorkerMemory& memory)
     LogParse parse = parseLogMessage(item.bytes);
     if (!parse.message) {
         if (name) record.type = name->type, record.counter = name->counter;
-        record.reason = parse.error + " (at byte " + std::to_string(parse.errorOffset) + ")";
+        record.reason = unreadableLog(parse).reason;
         return keep(std::move(record));
     }
     const LogMessage& message = *parse.message;
@@ -337,41 +324,29 @@ void AuditRun::process(WorkItem&& item, WorkerMemory& memory)
     // the TSE's, and a name that does not follow its pattern is a finding.
     if (name) record.nameProblem = nameMismatch(*name, message);
     else if (!item.standalone) record.nameProblem = "the name does not follow the TSE's naming pattern";
-    const std::string serial(message.serialNumber.begin(), message.serialNumber.end());
     std::optional<PublicKey> key;
     {
-        std::shared_lock<std::shared_mutex> lock(keysLock_);
-        auto found = keys_.find(serial);
-        if (found != keys_.end()) key = found->second;
+        SharedLock lock(keysLock_);
+        if (const KeyIndex::Entry* found = keys_.find(message.serialNumber)) key = found->key;
     }
     if (!key && !finalPass_) {
-        std::unique_lock<std::shared_mutex> lock(keysLock_);
-        auto found = keys_.find(serial);
-        if (found != keys_.end()) {
-            key = found->second;
+        ExclusiveLock<SharedMutex> lock(keysLock_);
+        if (const KeyIndex::Entry* found = keys_.find(message.serialNumber)) {
+            key = found->key;
         } else if (pendingBytes_ + pendingCost(item) <= MAX_PENDING_BYTES) {
             pendingBytes_ += pendingCost(item);
-            pending_[serial].push_back(std::move(item));
+            pending_[std::string(message.serialNumber.begin(), message.serialNumber.end())].push_back(std::move(item));
             return;
         } else {
             deferred_.insert(item.ordinal);
             return;
         }
     }
-    if (!key) {
-        record.verdict = LogVerdict::NoCertificate;
-        record.reason =
-            "no certificate has a key whose SHA-256 is the serial number " + std::string(texts.serialNumber);
-        return keep(std::move(record), texts);
-    }
-    const Verification verification = verifyLog(message, *key);
-    record.verdict = verdictOf(verification);
-    // A recognised algorithm this system cannot check leaves the signature
-    // unproven, and the reason says why; an unknown one is no TSE log.
-    if (verification.verdict == Verdict::UnsupportedAlgorithm && algorithmByOid(message.signatureAlgorithmOid)) {
-        record.verdict = LogVerdict::Invalid;
-    }
-    record.reason = verification.reason;
+    // The one place a log is judged: verify and the other checks judge the
+    // same way, and a faster verifier plugs in behind judgeLog.
+    LogJudgement judgement = judgeLog(message, key ? &*key : nullptr);
+    record.verdict = judgement.verdict;
+    record.reason = std::move(judgement.reason);
     keep(std::move(record), texts);
 }
 
@@ -414,7 +389,12 @@ void AuditRun::visit(ExportMember&& member)
 {
     ++ordinal_;
     if (finalPass_) {
-        if (deferred_.count(ordinal_) && member.contents) {
+        bool wanted = false;
+        {
+            SharedLock lock(keysLock_);
+            wanted = deferred_.count(ordinal_) > 0;
+        }
+        if (wanted && member.contents) {
             queueItem(WorkItem{ordinal_, std::move(member.name), std::move(*member.contents), member.standalone});
         }
         return;
@@ -478,10 +458,13 @@ std::string AuditRun::readAll()
 void AuditRun::processWaiting()
 {
     std::vector<WorkItem> waiting;
-    for (auto& entry : pending_) {
-        for (WorkItem& item : entry.second) waiting.push_back(std::move(item));
+    {
+        ExclusiveLock<SharedMutex> lock(keysLock_);
+        for (auto& entry : pending_) {
+            for (WorkItem& item : entry.second) waiting.push_back(std::move(item));
+        }
+        pending_.clear();
     }
-    pending_.clear();
     parallelFor(waiting.size(), options_.jobs, [&](size_t i) {
         WorkerMemory memory;
         process(std::move(waiting[i]), memory);
@@ -547,7 +530,12 @@ AuditOutcome AuditRun::run()
     // Every certificate is known now, so nothing waits any longer.
     finalPass_ = true;
     processWaiting();
-    if (!deferred_.empty()) readAll();
+    bool deferred = false;
+    {
+        SharedLock lock(keysLock_);
+        deferred = !deferred_.empty();
+    }
+    if (deferred) readAll();
     finish();
     return AuditOutcome{std::move(report_), {}};
 }

@@ -22,17 +22,6 @@ std::optional<LogTime> LogRecord::logTime() const
     return time;
 }
 
-std::string_view logVerdictName(LogVerdict verdict)
-{
-    switch (verdict) {
-    case LogVerdict::Valid: return "valid";
-    case LogVerdict::Invalid: return "invalid";
-    case LogVerdict::NoCertificate: return "no-certificate";
-    case LogVerdict::Unreadable: return "unreadable";
-    }
-    return "unknown";
-}
-
 std::string_view severityName(Severity severity)
 {
     return severity == Severity::Error ? "error" : "warning";

@@ -12,13 +12,11 @@
 
 #include "certificate_chain.h"
 #include "info_csv.h"
+#include "log_judgement.h"
 #include "log_message.h"
 #include "log_time.h"
 
 namespace tse {
-
-enum class LogVerdict { Valid, Invalid, NoCertificate, Unreadable };
-std::string_view logVerdictName(LogVerdict verdict);  // "valid", "invalid", "no-certificate", "unreadable"
 
 enum class Severity { Error, Warning };
 std::string_view severityName(Severity severity);  // "error", "warning"

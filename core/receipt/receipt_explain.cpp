@@ -32,11 +32,6 @@ struct Candidate {
     Receipt receipt;
 };
 
-std::string quoted(const std::string& value)
-{
-    return "\"" + escapeText(value) + "\"";
-}
-
 std::string signedDelta(int64_t seconds, const char* unit)
 {
     return (seconds > 0 ? "+" : "") + std::to_string(seconds) + unit;
@@ -74,7 +69,7 @@ public:
         }
         Receipt changed = receipt_;
         changed.*field = value;
-        items.push_back({change, name, quoted(receipt_.*field), quoted(value), std::move(changed)});
+        items.push_back({change, name, quoted(receipt_.*field, std::string::npos), quoted(value, std::string::npos), std::move(changed)});
     }
 
     void number(const std::string& change, uint64_t Receipt::*field, const char* name, uint64_t value)
@@ -280,42 +275,6 @@ std::optional<Explanation> firstDiscrete(const std::vector<Candidate>& candidate
     return explained(candidates[first], results[first].form);
 }
 
-// The signed message for a log time some seconds away from the printed one:
-// only the last element changes, so the rest is built once per shape.
-class WindowSearch {
-public:
-    WindowSearch(const Receipt& receipt, const std::vector<ReceiptSignature>& signatures)
-        : receipt_(receipt), signatures_(signatures)
-    {
-        for (const MessageShape& shape : messageShapes()) prefixes_.push_back({shape, signedPrefix(receipt, shape)});
-    }
-
-    std::optional<ReceiptForm> holdsAt(int64_t seconds) const
-    {
-        const Hash hash = receipt_.algorithm->hash;
-        const std::vector<EncodedTime> times = distinctTimeElements(receipt_, seconds);
-        for (const auto& [shape, prefix] : prefixes_) {
-            Bytes message = prefix;
-            const size_t prefixSize = message.size();
-            for (const EncodedTime& time : times) {
-                message.resize(prefixSize);
-                append(message, time.element);
-                for (const ReceiptSignature& signature : signatures_) {
-                    if (signature.value.verifies(receipt_.key, hash, message)) {
-                        return ReceiptForm{shape, time.encoding, signature.encoding};
-                    }
-                }
-            }
-        }
-        return std::nullopt;
-    }
-
-private:
-    const Receipt& receipt_;
-    const std::vector<ReceiptSignature>& signatures_;
-    std::vector<std::pair<MessageShape, Bytes>> prefixes_;
-};
-
 struct WindowHit {
     int64_t delta = 0;
     ReceiptForm form;
@@ -324,7 +283,7 @@ struct WindowHit {
 std::optional<WindowHit> searchWindow(const Receipt& r, const std::vector<ReceiptSignature>& signatures,
                                       int64_t window, unsigned jobs)
 {
-    const WindowSearch search(r, signatures);
+    const ReceiptMatcher search(r, signatures);
     const auto chunks = static_cast<size_t>((window + WINDOW_CHUNK - 1) / WINDOW_CHUNK);
     std::atomic<size_t> firstChunk{SIZE_MAX};
     std::mutex lock;
@@ -381,11 +340,12 @@ Explanation explainWithKey(const Receipt& receipt, const ExplainOptions& options
 
 Explanation explainReceipt(const Receipt& receipt, const ExplainOptions& options)
 {
-    Explanation result = explainWithKey(receipt, options);
-    for (size_t i = 0; !result.found && i < receipt.otherKeys.size(); ++i) {
-        Receipt other = receipt;
-        other.key = receipt.otherKeys[i];
-        if (Explanation e = explainWithKey(other, options); e.found) result = e;
+    Explanation result;
+    const std::vector<Receipt> readings = withEachKey(receipt);
+    for (size_t i = 0; i < readings.size(); ++i) {
+        Explanation e = explainWithKey(readings[i], options);
+        if (e.found || i == 0) result = std::move(e);
+        if (result.found) break;
     }
     return result;
 }

@@ -157,24 +157,51 @@ std::vector<EncodedTime> distinctTimeElements(const Receipt& receipt, int64_t se
     return out;
 }
 
-ReceiptVerification verifyReceipt(const Receipt& receipt, const std::vector<ReceiptSignature>& signatures)
+ReceiptMatcher::ReceiptMatcher(const Receipt& receipt, const std::vector<ReceiptSignature>& signatures)
+    : receipt_(receipt), signatures_(signatures)
 {
-    const Hash hash = receipt.algorithm->hash;
-    const std::vector<EncodedTime> times = distinctTimeElements(receipt, receipt.logTime.time.seconds);
-    if (times.empty()) {
-        return {Verdict::Malformed, "logTime " + receipt.logTime.text + " lies before 1970, which unixTime cannot hold", {}, {}};
-    }
-    for (const MessageShape& shape : messageShapes()) {
-        const Bytes prefix = signedPrefix(receipt, shape);
+    for (const MessageShape& shape : messageShapes()) prefixes_.emplace_back(shape, signedPrefix(receipt, shape));
+}
+
+std::optional<ReceiptForm> ReceiptMatcher::holdsAt(int64_t seconds) const
+{
+    const Hash hash = receipt_.algorithm->hash;
+    const std::vector<EncodedTime> times = distinctTimeElements(receipt_, seconds);
+    for (const auto& [shape, prefix] : prefixes_) {
+        Bytes message = prefix;
+        const size_t prefixSize = message.size();
         for (const EncodedTime& time : times) {
-            Bytes message = prefix;
+            message.resize(prefixSize);
             append(message, time.element);
-            for (const ReceiptSignature& signature : signatures) {
-                if (signature.value.verifies(receipt.key, hash, message)) {
-                    return {Verdict::Valid, {}, ReceiptForm{shape, time.encoding, signature.encoding}, {}};
+            for (const ReceiptSignature& signature : signatures_) {
+                if (signature.value.verifies(receipt_.key, hash, message)) {
+                    return ReceiptForm{shape, time.encoding, signature.encoding};
                 }
             }
         }
+    }
+    return std::nullopt;
+}
+
+std::vector<Receipt> withEachKey(const Receipt& receipt)
+{
+    std::vector<Receipt> out{receipt};
+    for (const PublicKey& key : receipt.otherKeys) {
+        Receipt other = receipt;
+        other.key = key;
+        other.otherKeys.clear();
+        out.push_back(std::move(other));
+    }
+    return out;
+}
+
+ReceiptVerification verifyReceipt(const Receipt& receipt, const std::vector<ReceiptSignature>& signatures)
+{
+    if (distinctTimeElements(receipt, receipt.logTime.time.seconds).empty()) {
+        return {Verdict::Malformed, "logTime " + receipt.logTime.text + " lies before 1970, which unixTime cannot hold", {}, {}};
+    }
+    if (const std::optional<ReceiptForm> form = ReceiptMatcher(receipt, signatures).holdsAt(receipt.logTime.time.seconds)) {
+        return {Verdict::Valid, {}, *form, {}};
     }
     return {Verdict::Invalid,
             "the signature does not match the rebuilt log message (" + std::string(receipt.algorithm->name) + " on " +
@@ -185,20 +212,23 @@ ReceiptVerification verifyReceipt(const Receipt& receipt, const std::vector<Rece
 
 ReceiptVerification verifyReceipt(const Receipt& receipt)
 {
-    std::string reason;
-    const std::vector<ReceiptSignature> signatures = receiptSignatures(receipt, reason);
-    if (signatures.empty()) return {Verdict::Malformed, reason, {}, {}};
-    ReceiptVerification result = verifyReceipt(receipt, signatures);
-    for (size_t i = 0; !result.valid() && i < receipt.otherKeys.size(); ++i) {
-        Receipt other = receipt;
-        other.key = receipt.otherKeys[i];
-        other.otherKeys.clear();
-        if (ReceiptVerification held = verifyReceipt(other); held.valid()) {
-            held.heldKey = other.key;
-            result = held;
+    ReceiptVerification first;
+    const std::vector<Receipt> readings = withEachKey(receipt);
+    for (size_t i = 0; i < readings.size(); ++i) {
+        std::string reason;
+        const std::vector<ReceiptSignature> signatures = receiptSignatures(readings[i], reason);
+        if (signatures.empty()) {
+            if (i == 0) return {Verdict::Malformed, reason, {}, {}};
+            continue;
         }
+        ReceiptVerification result = verifyReceipt(readings[i], signatures);
+        if (result.valid()) {
+            if (i > 0) result.heldKey = readings[i].key;
+            return result;
+        }
+        if (i == 0) first = std::move(result);
     }
-    return result;
+    return first;
 }
 
 }  // namespace tse

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "bytes.h"
@@ -75,6 +76,28 @@ struct EncodedTime {
     Bytes element;
 };
 std::vector<EncodedTime> distinctTimeElements(const Receipt& receipt, int64_t seconds);
+
+// The one search over message shape x time encoding x signature form, for
+// a receipt and its decoded signatures; receipt checks and their
+// explanations both go through it. The message up to the log time is built
+// once per shape, so a search over log times rebuilds only its end.
+class ReceiptMatcher {
+public:
+    // Both are kept by reference and must outlive the matcher.
+    ReceiptMatcher(const Receipt& receipt, const std::vector<ReceiptSignature>& signatures);
+
+    // The form under which a signature holds with the log time at `seconds`.
+    std::optional<ReceiptForm> holdsAt(int64_t seconds) const;
+
+private:
+    const Receipt& receipt_;
+    const std::vector<ReceiptSignature>& signatures_;
+    std::vector<std::pair<MessageShape, Bytes>> prefixes_;
+};
+
+// The receipt under each key its public key field can stand for: with its
+// own key first, then with each other reading (without further readings).
+std::vector<Receipt> withEachKey(const Receipt& receipt);
 
 // Rebuilds the Finish transaction log message the receipt stands for in
 // every shape and time encoding, and checks the signature over each, with

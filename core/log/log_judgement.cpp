@@ -1,0 +1,66 @@
+#include "log_judgement.h"
+
+#include "algorithms.h"
+#include "log_verify.h"
+
+namespace tse {
+namespace {
+
+std::string serialKey(ByteView serialNumber)
+{
+    return std::string(serialNumber.begin(), serialNumber.end());
+}
+
+}  // namespace
+
+std::string_view logVerdictName(LogVerdict verdict)
+{
+    switch (verdict) {
+    case LogVerdict::Valid: return "valid";
+    case LogVerdict::Invalid: return "invalid";
+    case LogVerdict::NoCertificate: return "no-certificate";
+    case LogVerdict::Unreadable: return "unreadable";
+    }
+    return "";
+}
+
+bool KeyIndex::add(const PublicKey& key, std::string source)
+{
+    return entries_.emplace(serialKey(key.serialNumber()), Entry{key, std::move(source)}).second;
+}
+
+const KeyIndex::Entry* KeyIndex::find(ByteView serialNumber) const
+{
+    const auto found = entries_.find(serialKey(serialNumber));
+    return found == entries_.end() ? nullptr : &found->second;
+}
+
+LogJudgement unreadableLog(const LogParse& parse)
+{
+    return LogJudgement{LogVerdict::Unreadable, parse.error + " (at byte " + std::to_string(parse.errorOffset) + ")"};
+}
+
+LogJudgement judgeLog(const LogMessage& message, const PublicKey* key)
+{
+    if (key == nullptr) {
+        return LogJudgement{LogVerdict::NoCertificate, "no certificate has a key whose SHA-256 is the serial number " +
+                                                           toHex(message.serialNumber)};
+    }
+    Verification verification = verifyLog(message, *key);
+    switch (verification.verdict) {
+    case Verdict::Valid: return LogJudgement{LogVerdict::Valid, {}};
+    case Verdict::Invalid:
+    case Verdict::Malformed:
+    case Verdict::WrongKey: break;
+    case Verdict::UnsupportedAlgorithm:
+        // A known algorithm this system cannot check leaves the signature
+        // unproven, and the reason says why; an unknown one is no TSE log.
+        if (algorithmByOid(message.signatureAlgorithmOid) == nullptr) {
+            return LogJudgement{LogVerdict::Unreadable, std::move(verification.reason)};
+        }
+        break;
+    }
+    return LogJudgement{LogVerdict::Invalid, std::move(verification.reason)};
+}
+
+}  // namespace tse

@@ -1,0 +1,54 @@
+#ifndef TSE_CORE_LOG_JUDGEMENT_H
+#define TSE_CORE_LOG_JUDGEMENT_H
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include "bytes.h"
+#include "log_message.h"
+#include "public_key.h"
+
+namespace tse {
+
+// What every subcommand says of one log. verify, audit and the bookkeeping
+// check all judge through judgeLog, so one log gets one verdict and one
+// reason wherever it is looked at.
+enum class LogVerdict { Valid, Invalid, NoCertificate, Unreadable };
+std::string_view logVerdictName(LogVerdict verdict);  // "valid", "invalid", "no-certificate", "unreadable"
+
+struct LogJudgement {
+    LogVerdict verdict = LogVerdict::Unreadable;
+    std::string reason;  // one line a user understands; empty when valid
+};
+
+// The keys at hand, found by the serial number a log names (the SHA-256 of
+// the key's point). The first key added for a serial number stays.
+class KeyIndex {
+public:
+    struct Entry {
+        PublicKey key;
+        std::string source;  // the file it came from
+    };
+
+    // False when a key of that serial number is known already.
+    bool add(const PublicKey& key, std::string source);
+    // nullptr when no key has that serial number.
+    const Entry* find(ByteView serialNumber) const;
+    size_t size() const { return entries_.size(); }
+
+private:
+    std::unordered_map<std::string, Entry> entries_;  // by the raw serial number
+};
+
+// A log whose bytes do not parse: the parser's words and where it stopped.
+LogJudgement unreadableLog(const LogParse& parse);
+
+// Judges a readable log against the key its serial number names, or
+// nullptr when no such key is at hand.
+LogJudgement judgeLog(const LogMessage& message, const PublicKey* key);
+
+}  // namespace tse
+
+#endif
