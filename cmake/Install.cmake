@@ -52,25 +52,20 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 
 # dpkg-shlibdeps (from dpkg-dev) names the exact packages and versions of
 # the libraries the programs link. Without it the list is made from the
-# libraries this build found; each pair is a link target and the Debian
-# package of its runtime library.
+# packages recorded where this build found each library (tse_runtime_package
+# in core/CMakeLists.txt, libssl3 beside OpenSSL). Both lists go into the
+# CPack configuration; cmake/DebianDepends.cmake picks one when cpack runs,
+# so `cpack -D CPACK_DEBIAN_PACKAGE_SHLIBDEPS=OFF` shows the fallback.
 find_program(DPKG_SHLIBDEPS_PROGRAM dpkg-shlibdeps)
+get_property(tse_runtime_packages GLOBAL PROPERTY TSE_RUNTIME_PACKAGES)
+list(REMOVE_DUPLICATES tse_runtime_packages)
+list(JOIN tse_runtime_packages ", " tse_runtime_depends)
+set(CPACK_TSE_FALLBACK_DEPENDS "libc6, libstdc++6, ${tse_runtime_depends}")
 if(DPKG_SHLIBDEPS_PROGRAM)
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 else()
-  set(TSE_RUNTIME_PACKAGES
-    OpenSSL::Crypto libssl3
-    LibArchive::LibArchive libarchive13
-    ZXing::ZXing libzxing2
-    PkgConfig::POPPLER_CPP libpoppler-cpp0v5)
-  set(depends "libc6, libstdc++6")
-  while(TSE_RUNTIME_PACKAGES)
-    list(POP_FRONT TSE_RUNTIME_PACKAGES target package)
-    if(TARGET ${target})
-      string(APPEND depends ", ${package}")
-    endif()
-  endwhile()
-  set(CPACK_DEBIAN_PACKAGE_DEPENDS "${depends}")
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS OFF)
 endif()
+set(CPACK_PROJECT_CONFIG_FILE ${PROJECT_SOURCE_DIR}/cmake/DebianDepends.cmake)
 
 include(CPack)
