@@ -13,6 +13,9 @@ BUILD_PACKAGES=(g++ make cmake pkg-config libssl-dev libgtest-dev libcli11-dev n
                 libarchive-dev libzxing-dev libstb-dev libpoppler-cpp-dev libqrencode-dev
                 libbenchmark-dev man-db bsdextrautils dpkg-dev gzip)
 
+# The fuzz targets (fuzz/targets.txt, which fuzz/CMakeLists.txt reads too).
+mapfile -t FUZZ_TARGETS < <(grep -E '^[a-z_0-9]+$' fuzz/targets.txt)
+
 # Parallel build jobs.
 JOBS="${JOBS:-2}"
 
