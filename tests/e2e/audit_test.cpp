@@ -4,6 +4,7 @@
 #include <archive.h>
 #include <archive_entry.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -331,6 +332,70 @@ TEST(Audit, CsvMatchesJson)
         EXPECT_EQ(rows[i][4], log["logTime"]);
         EXPECT_EQ(rows[i][7], log["clientId"].is_null() ? "" : log["clientId"].get<std::string>());
     }
+}
+
+// What the reports hold comes back whole when parsed: more logs than the
+// JSON writer puts in one chunk, names with a backslash and a quote, the
+// transaction numbers; an export given twice or in parts counts once.
+TEST(Audit, ReportsReadBackWhole)
+{
+    fixtures::TempDir dir;
+    const std::string big = dir.path("big.tar.gz");
+    makeExport({"-o", big, "-n", "350", "--curve", "secp256r1", "--format", "tar.gz"});
+    std::ifstream in(big, std::ios::binary);
+    char magic[2] = {};
+    in.read(magic, 2);
+    EXPECT_EQ(static_cast<unsigned char>(magic[0]), 0x1F);  // gzip, not a plain tar under that name
+    EXPECT_EQ(static_cast<unsigned char>(magic[1]), 0x8B);
+    const Audit a = audit({big});
+    const size_t logs = a.report["logs"].size();
+    ASSERT_GE(logs, 1050u);  // three a transaction, and the TSE's system logs
+    for (const json& log : a.report["logs"]) {
+        if (log["type"] != "transaction") continue;
+        ASSERT_TRUE(log.contains("transactionNumber")) << log["file"];
+        const std::string file = log["file"];
+        const std::string number = file.substr(file.find("_No-") + 4);
+        EXPECT_EQ(std::to_string(log["transactionNumber"].get<uint64_t>()), number.substr(0, number.find('_'))) << file;
+    }
+
+    // Given twice, the export's logs and certificate count once.
+    const Audit twice = audit({big, big});
+    EXPECT_EQ(twice.report["logs"].size(), logs);
+    EXPECT_EQ(twice.report["certificates"].size(), a.report["certificates"].size());
+
+    // A split archive's parts are one export, read once.
+    const std::string split = dir.path("split.tar");
+    makeExport({"-o", split, "-n", "6", "--curve", "secp256r1", "--split", "3000"});
+    std::vector<std::string> parts;
+    for (const auto& entry : fs::directory_iterator(dir.path(""))) {
+        if (entry.path().filename().string().rfind("split.tar.", 0) == 0) parts.push_back(entry.path().string());
+    }
+    std::sort(parts.begin(), parts.end());
+    ASSERT_GT(parts.size(), 1u);
+    const std::string whole = dir.path("whole.tar");
+    makeExport({"-o", whole, "-n", "6", "--curve", "secp256r1"});
+    EXPECT_EQ(audit(parts).report["logs"].size(), audit({whole}).report["logs"].size());
+
+    // A backslash and a quote in a name survive JSON and CSV.
+    const std::string loose = dir.path("loose");
+    makeExport({"-o", loose, "-n", "3", "--curve", "secp256r1", "--format", "dir"});
+    std::string odd;
+    for (const auto& entry : fs::directory_iterator(loose)) {
+        if (entry.path().extension() != ".log") continue;
+        odd = entry.path().stem().string() + "_a\\b\"c.log";
+        fs::rename(entry.path(), fs::path(loose) / odd);
+        break;
+    }
+    const json report = audit({loose}).report;
+    const auto rows = parseCsv(fixtures::run(fixtures::tseCheckPath(), {"audit", "--csv", "-", loose}).out);
+    ASSERT_EQ(rows.size(), report["logs"].size() + 1);
+    size_t found = 0;
+    for (size_t i = 0; i < report["logs"].size(); ++i) {
+        const std::string file = report["logs"][i]["file"];
+        EXPECT_EQ(rows[i + 1][0], file);
+        found += file.size() >= odd.size() && file.compare(file.size() - odd.size(), odd.size(), odd) == 0;
+    }
+    EXPECT_EQ(found, 1u) << odd;
 }
 
 }  // namespace

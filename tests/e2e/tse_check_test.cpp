@@ -343,3 +343,117 @@ TEST(TseCheck, ToQrForEveryAlgorithmAndTimeForm)
 }
 
 }  // namespace
+
+namespace {
+
+// The verdict and reason of every log, by its path below root, as verify
+// and as audit give them.
+using Judgements = std::map<std::string, std::pair<std::string, std::string>>;
+
+std::string reasonOf(const Json& entry)
+{
+    return entry["reason"].is_null() ? std::string() : entry["reason"].get<std::string>();
+}
+
+Judgements verifyJudgements(const std::string& root)
+{
+    Args logs;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
+        if (entry.path().extension() == ".log") logs.push_back(entry.path().string());
+    }
+    const auto result = run(tseCheckPath(), concat({"verify", "--json"}, logs));
+    const Json document = Json::parse(result.out, nullptr, false);
+    Judgements out;
+    if (document.is_discarded()) {
+        ADD_FAILURE() << root << ": " << result.err;
+        return out;
+    }
+    for (const Json& entry : document) {
+        const std::string file = entry["file"];
+        out[std::filesystem::relative(file, root).string()] = {entry["verdict"], reasonOf(entry)};
+    }
+    return out;
+}
+
+Judgements auditJudgements(const std::string& root)
+{
+    const auto result = run(tseCheckPath(), {"audit", "--json", "-", root});
+    const Json report = Json::parse(result.out, nullptr, false);
+    Judgements out;
+    if (report.is_discarded()) {
+        ADD_FAILURE() << root << ": " << result.err;
+        return out;
+    }
+    for (const Json& log : report["logs"]) {
+        const std::string file = log["file"];
+        const std::string relative = std::filesystem::path(file).is_absolute()
+                                         ? std::filesystem::relative(file, root).string()
+                                         : file;
+        out[relative] = {log["verdict"], reasonOf(log)};
+    }
+    return out;
+}
+
+void expectAgreement(const std::string& root, const std::string& label)
+{
+    const Judgements verified = verifyJudgements(root), audited = auditJudgements(root);
+    EXPECT_FALSE(audited.empty()) << label;
+    for (const auto& [file, judgement] : audited) {
+        const auto found = verified.find(file);
+        if (found == verified.end()) {
+            ADD_FAILURE() << label << ": verify did not judge " << file;
+            continue;
+        }
+        EXPECT_EQ(found->second, judgement) << label << ": " << file;
+    }
+}
+
+}  // namespace
+
+// verify and audit judge every log with one function: the same verdict and
+// the same reason for each log of the real exports, of a generated export
+// with each defect, and for a log whose algorithm no TSE uses.
+TEST(TseCheck, AuditAndVerifyAgree)
+{
+    fixtures::TempDir dir;
+    for (const char* name : {"6e6c6a42-5c8d-4a9c-9572-26c10619d020", "logMessages1", "softwareUpdate",
+                             "2021-09-30_63641_TSE", "TSE_Export_685e1812-79a4-4c8c-9a07-9e93a019efa7_202109171015"}) {
+        expectAgreement(fixtures::unpackRealExport(dir, name), name);
+    }
+    const std::string makeExport =
+        (std::filesystem::path(tseCheckPath()).parent_path() / "make-export").string();
+    for (const char* defect : {"signature-invalid", "certificate-missing", "log-unreadable", "counter-duplicate",
+                               "name-mismatch", "ecsdsa", "certificate-renamed", "time-regression"}) {
+        const std::string out = dir.path(std::string("made-") + defect);
+        const auto made = run(makeExport, {"-o", out, "--format", "dir", "-n", "4", "--curve", "secp256r1",
+                                           "--defect", defect});
+        ASSERT_EQ(made.status, 0) << made.err;
+        expectAgreement(out, defect);
+    }
+    // An algorithm OID that is none of a TSE's is no TSE log; verify used
+    // to call it invalid and audit unreadable.
+    const Tse tse;
+    tse::LogContent content = transaction();
+    content.serialNumber = tse.signer.publicKey().serialNumber();
+    content.algorithmOid = "1.2.3.4";
+    const Bytes octets = tse::encodeSignedOctets(content);
+    std::filesystem::create_directory(dir.path("unknown"));
+    dir.write("unknown/" + tse.serial() + "_X509.pem", tse.pem());
+    dir.write("unknown/Unixt_1627903738_Sig-538_Log-Tra_No-7_Finish_Client-K1.log",
+              tse::encodeLogMessage(octets, tse.signer.signPlain(tse::Hash::Sha256, octets)));
+    tse::LogContent next = transaction();
+    next.signatureCounter = 539;
+    dir.write("unknown/Unixt_1627903738_Sig-539_Log-Tra_No-7_Finish_Client-K1.log", tse.log(next));
+    expectAgreement(dir.path("unknown"), "unknown algorithm");
+    const Judgements unknown = verifyJudgements(dir.path("unknown"));
+    EXPECT_EQ(unknown.at("Unixt_1627903738_Sig-538_Log-Tra_No-7_Finish_Client-K1.log").first, "unreadable");
+
+    // Only the names an export gives certificates count beside a log:
+    // <SERIAL>_X509extra.pem is none of them.
+    std::filesystem::create_directory(dir.path("extra"));
+    dir.write("extra/" + tse.serial() + "_X509extra.pem", tse.pem());
+    const std::string extraLog = dir.write("extra/a.log", tse.log());
+    const Json extra = Json::parse(run(tseCheckPath(), {"verify", "--json", extraLog}).out, nullptr, false);
+    ASSERT_FALSE(extra.is_discarded());
+    EXPECT_EQ(extra[0]["verdict"], "no-certificate");
+}

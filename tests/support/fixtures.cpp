@@ -16,6 +16,7 @@
 #include <openssl/pem.h>
 #include <openssl/sha.h>
 
+#include "der.h"
 #include "openssl_ptr.h"
 
 namespace fixtures {
@@ -57,19 +58,6 @@ std::string pemText(Write write)
     std::string text = tse::writtenText(write);
     require(!text.empty(), "write PEM");
     return text;
-}
-
-Bytes derUnsigned(uint64_t value)
-{
-    Bytes content;
-    do {
-        content.insert(content.begin(), static_cast<uint8_t>(value & 0xFF));
-        value >>= 8;
-    } while (value != 0);
-    if (content.front() & 0x80) {
-        content.insert(content.begin(), 0x00);
-    }
-    return content;
 }
 
 Bytes text(const std::string& s)
@@ -217,10 +205,10 @@ Bytes signedOctets(const LogFields& fields)
     append(out, derElement(0x81, text(fields.clientId)));
     append(out, derElement(0x82, text(fields.processData)));
     append(out, derElement(0x83, text(fields.processType)));
-    append(out, derElement(0x85, derUnsigned(fields.transactionNumber)));
+    append(out, derElement(0x85, tse::derUnsignedContent(fields.transactionNumber)));
     append(out, derElement(0x04, fields.serialNumber));
     append(out, fromHex("30 0C 06 0A 04 00 7F 00 07 01 01 04 01 04"));
-    append(out, derElement(0x02, derUnsigned(fields.signatureCounter)));
+    append(out, derElement(0x02, tse::derUnsignedContent(fields.signatureCounter)));
     const auto seconds = static_cast<uint32_t>(fields.logTime);
     append(out, {0x02, 0x04, static_cast<uint8_t>(seconds >> 24), static_cast<uint8_t>(seconds >> 16),
                  static_cast<uint8_t>(seconds >> 8), static_cast<uint8_t>(seconds)});
