@@ -7,6 +7,7 @@
 #include <exception>
 #include <functional>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -39,7 +40,12 @@ inline void parallelFor(size_t count, unsigned jobs, const std::function<void(si
         }
     };
     std::vector<std::thread> threads;
-    for (unsigned t = 1; t < jobs; ++t) threads.emplace_back(worker);
+    // A system out of threads or memory gets the work done on fewer; this
+    // thread works along in any case.
+    try {
+        for (unsigned t = 1; t < jobs; ++t) threads.emplace_back(worker);
+    } catch (const std::system_error&) {
+    }
     worker();
     for (std::thread& thread : threads) thread.join();
     if (failure) std::rethrow_exception(failure);

@@ -1,14 +1,118 @@
 #include "text.h"
 
 #include <algorithm>
+#include <cstdio>
 
 namespace tse {
+namespace {
+
+// The length of a well-formed UTF-8 sequence at `i` that is printable, or 0.
+// Overlong forms, surrogates and values past U+10FFFF are not well-formed;
+// the C1 controls (U+0080 to U+009F, among them a terminal's CSI) and the
+// line and paragraph separators U+2028/U+2029 would break a line or drive a
+// terminal, so they are escaped like the ASCII controls.
+size_t utf8Length(ByteView value, size_t i)
+{
+    const uint8_t c = value[i];
+    const size_t length = c >= 0xC2 && c <= 0xDF ? 2 : c >= 0xE0 && c <= 0xEF ? 3 : c >= 0xF0 && c <= 0xF4 ? 4 : 0;
+    if (length == 0 || i + length > value.size()) return 0;
+    const uint8_t second = value[i + 1];
+    uint8_t low = 0x80, high = 0xBF;
+    if (c == 0xC2) low = 0xA0;
+    if (c == 0xE0) low = 0xA0;
+    if (c == 0xED) high = 0x9F;
+    if (c == 0xF0) low = 0x90;
+    if (c == 0xF4) high = 0x8F;
+    if (second < low || second > high) return 0;
+    for (size_t k = 2; k < length; ++k) {
+        if ((value[i + k] & 0xC0) != 0x80) return 0;
+    }
+    if (c == 0xE2 && second == 0x80 && (value[i + 2] == 0xA8 || value[i + 2] == 0xA9)) return 0;
+    return length;
+}
+
+}  // namespace
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b)
 {
     const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
     return a.size() == b.size() &&
            std::equal(a.begin(), a.end(), b.begin(), [&](char x, char y) { return lower(x) == lower(y); });
+}
+
+std::string escapeText(ByteView value)
+{
+    std::string out;
+    out.reserve(value.size());
+    for (size_t i = 0; i < value.size();) {
+        const uint8_t c = value[i];
+        if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else if (c == '\r') {
+            out += "\\r";
+        } else if (c == '\\') {
+            out += "\\\\";
+        } else if (c >= 0x20 && c < 0x7F) {
+            out += static_cast<char>(c);
+        } else if (const size_t length = c >= 0x80 ? utf8Length(value, i) : 0) {
+            out.append(reinterpret_cast<const char*>(value.data() + i), length);
+            i += length;
+            continue;
+        } else {
+            char hex[8];
+            std::snprintf(hex, sizeof(hex), "\\x%02X", c);
+            out += hex;
+        }
+        ++i;
+    }
+    return out;
+}
+
+std::string escapeUnsafe(std::string_view text)
+{
+    std::string out;
+    out.reserve(text.size());
+    const ByteView value(text);
+    for (size_t i = 0; i < value.size();) {
+        const uint8_t c = value[i];
+        if (c >= 0x20 && c < 0x7F) {
+            out += static_cast<char>(c);
+        } else if (const size_t length = c >= 0x80 ? utf8Length(value, i) : 0) {
+            out.append(text.substr(i, length));
+            i += length;
+            continue;
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else if (c == '\r') {
+            out += "\\r";
+        } else {
+            char hex[8];
+            std::snprintf(hex, sizeof(hex), "\\x%02X", c);
+            out += hex;
+        }
+        ++i;
+    }
+    return out;
+}
+
+bool isSafeText(std::string_view text)
+{
+    const ByteView value(text);
+    for (size_t i = 0; i < value.size();) {
+        const uint8_t c = value[i];
+        if (c >= 0x20 && c < 0x7F) {
+            ++i;
+        } else if (const size_t length = c >= 0x80 ? utf8Length(value, i) : 0) {
+            i += length;
+        } else {
+            return false;
+        }
+    }
+    return true;
 }
 
 }  // namespace tse

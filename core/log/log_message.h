@@ -10,6 +10,7 @@
 
 #include "bytes.h"
 #include "log_time.h"
+#include "text.h"  // escapeText, which every user of log texts needs
 
 namespace tse {
 
@@ -70,10 +71,6 @@ struct LogParse {
 
 // Reads a message; never reads outside the view and never throws.
 LogParse parseLogMessage(ByteView data);
-
-// Escapes control characters and bytes that are not UTF-8 (\n, \t, \xNN) so
-// that a value stays on one line.
-std::string escapeText(ByteView value);
 
 }  // namespace tse
 

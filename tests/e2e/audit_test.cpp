@@ -220,7 +220,8 @@ TEST(Audit, LogNamesWhereTheyCount)
         std::set<std::string> codes;
     };
     for (const Case& c : std::vector<Case>{{dir.path("copy-of-a-log.log"), {}},
-                                           {dir.path("inner"), {"name-mismatch"}},
+                                           // A directory is an export, which should describe its device.
+                                           {dir.path("inner"), {"name-mismatch", "info-missing"}},
                                            {dir.path("Unixt_1700000000_Sig-99_Log-Aud.log"), {"name-mismatch"}}}) {
         SCOPED_TRACE(c.path);
         const Audit a = audit({"--cert", certificate, c.path});
