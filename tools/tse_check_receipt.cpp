@@ -267,6 +267,7 @@ int receiptCommand(const ReceiptOptions& options)
     if (options.json) {
         nlohmann::json document = nlohmann::json::array();
         for (const ReceiptResult& r : results) document.push_back(toJson(r, options.explain));
+        makeJsonSafe(document);
         std::cout << document.dump(2) << std::endl;
     } else {
         std::vector<std::vector<std::string>> rows;

@@ -104,7 +104,9 @@ std::string splitProblem(const ExportSource& source)
     for (int n = last + 1; n <= MAX_SPLIT_PARTS; ++n) {
         if (fs::exists(partName(base, n), error)) last = n;
     }
-    for (int n = static_cast<int>(source.paths.size()) + 1; n < last; ++n) missing.push_back(partName(base, n));
+    for (int n = static_cast<int>(source.paths.size()) + 1; n < last; ++n) {
+        if (!fs::exists(partName(base, n), error)) missing.push_back(partName(base, n));
+    }
     if (!missing.empty()) {
         std::string names;
         for (const std::string& name : missing) names += (names.empty() ? "" : ", ") + name;
@@ -184,6 +186,10 @@ ExportRead readArchive(const ExportSource& source, size_t limit, const MemberVis
     // is opened, or at its first header; a cut file, not a foreign one.
     const auto unopened = [&](const std::string& reason) {
         const std::string compression = compressionOf(source.paths.front());
+        if (compression.empty() && split.empty() && sourceSize(source) == 0) {
+            result.opened = true;  // an empty file: an export without members
+            return result;
+        }
         if (compression.empty() && split.empty()) {
             result.error = source.label() + (reason.empty() ? " is not a TAR archive: " : " cannot be opened as a TAR archive: ") +
                            archiveError(a.get());
