@@ -405,7 +405,20 @@ void AuditRun::work()
 {
     WorkerMemory memory;
     while (std::optional<Batch> batch = queue_->pop()) {
-        for (WorkItem& item : *batch) process(std::move(item), memory);
+        for (WorkItem& item : *batch) {
+            // A log that cannot be checked (libcrypto out of memory, say) is
+            // no invalid signature; it is reported as not checked.
+            LogRecord failed;
+            failed.file = escapeText(item.name);
+            failed.source = item.source;
+            failed.ordinal = item.ordinal;
+            try {
+                process(std::move(item), memory);
+            } catch (const std::exception& error) {
+                failed.reason = std::string("could not be checked: ") + error.what();
+                keep(std::move(failed));
+            }
+        }
     }
 }
 
@@ -537,17 +550,9 @@ std::string AuditRun::readAll()
 // out of threads or memory gets the work done on fewer.
 std::string AuditRun::startWorkers(std::vector<std::thread>& workers)
 {
-    std::string reason;
-    for (unsigned i = 0; i < std::max(1u, options_.jobs); ++i) {
-        try {
-            workers.emplace_back([this] { work(); });
-        } catch (const std::system_error& error) {
-            reason = error.what();
-            break;
-        }
-    }
+    workers = startThreads(std::max(1u, options_.jobs), [this] { work(); });
     if (!workers.empty()) return {};
-    return "no thread could be started to verify with: " + reason;
+    return "no thread could be started to verify with (the system is out of threads or memory)";
 }
 
 void AuditRun::processWaiting()

@@ -2,6 +2,9 @@
 
 #include <openssl/err.h>
 
+#include <stdexcept>
+#include <string>
+
 #include "openssl_ptr.h"
 
 namespace tse {
@@ -9,17 +12,29 @@ namespace {
 
 constexpr size_t MAX_DIGEST_SIZE = EVP_MAX_MD_SIZE;
 
-bool digest(Hash hash, ByteView data, unsigned char* out, unsigned int& size)
+// libcrypto failing (out of memory, say) says nothing about the signature:
+// the check is not done, which is no verdict.
+[[noreturn]] void checkFailed(const char* step)
 {
-    return EVP_Digest(data.data(), data.size(), out, &size, hashFunction(hash), nullptr) == 1;
+    const unsigned long code = ERR_get_error();
+    ERR_clear_error();
+    char reason[256] = "unknown reason";
+    if (code != 0) ERR_error_string_n(code, reason, sizeof reason);
+    throw std::runtime_error(std::string("libcrypto could not ") + step + ": " + reason);
+}
+
+void digest(Hash hash, ByteView data, unsigned char* out, unsigned int& size)
+{
+    if (EVP_Digest(data.data(), data.size(), out, &size, hashFunction(hash), nullptr) != 1) checkFailed("hash the data");
 }
 
 bool verifySignatureObject(const PublicKey& key, Hash hash, ByteView data, const ECDSA_SIG* signature)
 {
     unsigned char hashed[MAX_DIGEST_SIZE];
     unsigned int size = 0;
-    if (!digest(hash, data, hashed, size)) return false;
+    digest(hash, data, hashed, size);
     const int result = ECDSA_do_verify(hashed, static_cast<int>(size), signature, const_cast<EC_KEY*>(key.ecKey()));
+    if (result < 0) checkFailed("check the signature");
     ERR_clear_error();
     return result == 1;
 }
