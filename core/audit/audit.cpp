@@ -178,6 +178,7 @@ public:
 
 private:
     std::string loadGivenCertificates();
+    void loadCertificatesBesideLogs();
     void addCertificates(const std::string& file, ByteView data, bool trusted, bool given);
     void addKey(const Certificate& certificate);
     void checkCertificateName(const std::string& file, const std::vector<Certificate>& certificates);
@@ -323,6 +324,31 @@ std::string AuditRun::loadGivenCertificates()
         }
     }
     return {};
+}
+
+// Log files given by themselves (dir/*.log) come with the certificates
+// beside them, named <SERIAL>_X509.<ext> in a TSE export, as verify finds
+// them; one given as an EXPORT itself is read with the others.
+void AuditRun::loadCertificatesBesideLogs()
+{
+    namespace fs = std::filesystem;
+    std::set<std::string> directories, given(options_.exports.begin(), options_.exports.end());
+    for (const ExportSource& source : groupExportPaths(options_.exports).sources) {
+        if (source.kind == ExportSource::Kind::File && classifyMember(source.label()) == MemberKind::Log) {
+            directories.insert(fs::path(source.label()).parent_path().string());
+        }
+    }
+    for (const std::string& directory : directories) {
+        std::error_code error;
+        for (const auto& entry : fs::directory_iterator(directory.empty() ? "." : directory, error)) {
+            const std::string path = (directory.empty() ? entry.path().filename() : entry.path()).string();
+            if (given.count(path) || classifyMember(path) != MemberKind::Certificate || !entry.is_regular_file(error)) {
+                continue;
+            }
+            FileRead read = readFileBounded(path, MAX_CERTIFICATE_FILE);
+            if (read.contents && firstSighting(*read.contents)) addCertificates(path, *read.contents, false, false);
+        }
+    }
 }
 
 bool AuditRun::firstSighting(ByteView data)
@@ -637,6 +663,7 @@ AuditOutcome AuditRun::run()
 {
     queue_ = std::make_unique<WorkQueue<Batch>>(QUEUE_CAPACITY);
     if (std::string error = loadGivenCertificates(); !error.empty()) return AuditOutcome{std::nullopt, error};
+    loadCertificatesBesideLogs();
     if (std::string error = readAll(); !error.empty()) return AuditOutcome{std::nullopt, error};
     // Every certificate is known now, so nothing waits any longer.
     finalPass_ = true;

@@ -391,6 +391,23 @@ TEST(AuditHostile, SeveralExportsAndRepeatedCertificates)
     EXPECT_LT(std::count(repeated.out.begin(), repeated.out.end(), '\n'), 40);
 }
 
+// Log files given one by one, as a shell expands dir/*.log, are verified
+// with the certificates beside them, as verify does.
+TEST(AuditHostile, LogFilesFindTheirCertificatesBesideThem)
+{
+    fixtures::TempDir dir;
+    const std::string unpacked = fixtures::unpackRealExport(dir, "logMessages1");
+    std::vector<std::string> logs;
+    for (const auto& entry : fs::directory_iterator(unpacked)) {
+        if (entry.path().extension() == ".log") logs.push_back(entry.path().string());
+    }
+    const Audit a = audit(logs);
+    EXPECT_EQ(a.status, 0) << a.err;
+    EXPECT_EQ(a.report["summary"]["valid"], 17);
+    EXPECT_EQ(finding(a.report, "certificate-missing"), nullptr);
+    EXPECT_EQ(finding(a.report, "info-missing"), nullptr);  // log files carry none
+}
+
 // Output options that cannot work are refused with a reason.
 TEST(AuditHostile, OutputRefusals)
 {
