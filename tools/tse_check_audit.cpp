@@ -3,7 +3,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
@@ -16,6 +18,7 @@
 
 #include "audit.h"
 #include "parallel.h"
+#include "text.h"
 #include "tse_check_commands.h"
 #include "tse_check_output.h"
 #include "tse_check_support.h"
@@ -40,8 +43,12 @@ json textOrNull(std::string_view text)
 
 // Logs are written without building a JSON object for each: on exports of
 // a hundred thousand logs that took as long as a tenth of the verifying.
-void appendText(std::string& out, std::string_view text)
+void appendText(std::string& out, std::string_view unsafe)
 {
+    // The report's texts from the input are escaped already; this is the
+    // guard that keeps any other byte from breaking the document.
+    const std::string escaped = tse::isSafeText(unsafe) ? std::string() : tse::escapeUnsafe(unsafe);
+    const std::string_view text = escaped.empty() ? unsafe : std::string_view(escaped);
     const bool plain = std::all_of(text.begin(), text.end(), [](unsigned char c) {
         return c >= 0x20 && c < 0x7F && c != '"' && c != '\\';
     });
@@ -50,7 +57,7 @@ void appendText(std::string& out, std::string_view text)
         out += text;
         out += '"';
     } else {
-        out += json(std::string(text)).dump(-1, ' ', false, json::error_handler_t::replace);
+        out += json(std::string(text)).dump();
     }
 }
 
@@ -88,6 +95,7 @@ void appendLogJson(std::string& out, const tse::LogRecord& log)
     appendField(out, "processType", log.processType);
     appendNumber(out, "transactionNumber", log.transactionNumber);
     appendField(out, "reason", log.reason);
+    appendField(out, "export", log.source);
     out += '}';
 }
 
@@ -141,27 +149,31 @@ json reportJson(const tse::AuditReport& report)
                                             {"curve", c.curve},
                                             {"chain", tse::chainStatusName(c.chain.status)},
                                             {"chainReason", textOrNull(c.chain.reason)},
-                                            {"keyProblem", textOrNull(c.keyProblem)}});
+                                            {"keyProblem", textOrNull(c.keyProblem)},
+                                            {"copies", c.copies}});
     }
     for (const tse::Finding& f : report.findings) {
-        document["findings"].push_back(
-            {{"severity", tse::severityName(f.severity)}, {"code", f.code}, {"message", f.message}, {"files", f.files}});
+        document["findings"].push_back({{"severity", tse::severityName(f.severity)},
+                                        {"code", f.code},
+                                        {"message", f.message},
+                                        {"files", f.files},
+                                        {"export", textOrNull(f.source)}});
     }
+    document["exports"] = json::array();
+    for (const tse::AuditedExport& e : report.audited) {
+        document["exports"].push_back({{"path", e.path},
+                                       {"logMembers", e.logMembers},
+                                       {"info", infoJson(e.info)},
+                                       {"infoProblem", textOrNull(e.infoProblem)}});
+    }
+    makeJsonSafe(document);
     return document;
-}
-
-std::string csvField(const std::string& text)
-{
-    if (text.find_first_of(",\"\n\r") == std::string::npos) return text;
-    std::string quoted = "\"";
-    for (char c : text) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
-    return quoted + "\"";
 }
 
 void writeCsv(std::ostream& out, const tse::AuditReport& report)
 {
     out << "file,type,verdict,signatureCounter,logTime,transactionNumber,operationType,clientId,processType,"
-           "serialNumber,signatureAlgorithm,reason\n";
+           "serialNumber,signatureAlgorithm,reason,export\n";
     for (const tse::LogRecord& log : report.logs) {
         const auto time = log.logTime();
         const std::vector<std::string> fields{
@@ -169,8 +181,8 @@ void writeCsv(std::ostream& out, const tse::AuditReport& report)
             log.counter ? std::to_string(*log.counter) : "", time ? time->iso() : "",
             log.transactionNumber ? std::to_string(*log.transactionNumber) : "", std::string(log.operation),
             std::string(log.clientId), std::string(log.processType), std::string(log.serialNumber),
-            std::string(log.algorithm), log.reason};
-        for (size_t i = 0; i < fields.size(); ++i) out << (i ? "," : "") << csvField(fields[i]);
+            std::string(log.algorithm), log.reason, std::string(log.source)};
+        for (size_t i = 0; i < fields.size(); ++i) out << (i ? "," : "") << csvCell(fields[i]);
         out << '\n';
     }
 }
@@ -209,10 +221,12 @@ void writeJson(std::ostream& out, const tse::AuditReport& report, unsigned jobs)
 void writeTo(const std::string& path, const std::function<void(std::ostream&)>& write)
 {
     if (path == "-") return write(std::cout);
+    errno = 0;
     std::ofstream file(path, std::ios::binary);
-    if (!file) refuse(EXIT_BAD_INPUT, "Cannot write " + path);
+    const auto reason = [] { return errno ? std::string(": ") + std::strerror(errno) : std::string(); };
+    if (!file) refuse(EXIT_BAD_INPUT, "Cannot write " + tse::escapeText(path) + reason());
     write(file);
-    if (!file.flush()) refuse(EXIT_BAD_INPUT, "Cannot write " + path);
+    if (!file.flush()) refuse(EXIT_BAD_INPUT, "Cannot write " + tse::escapeText(path) + reason());
 }
 
 void printSummary(std::ostream& out, const tse::AuditReport& report, bool strict)
@@ -231,11 +245,16 @@ void printSummary(std::ostream& out, const tse::AuditReport& report, bool strict
     for (const tse::Finding& f : report.findings) {
         byCode[{std::string(tse::severityName(f.severity)), f.code}].push_back(&f);
     }
+    // Audited together, the exports' member names may repeat: each finding
+    // then says which export it comes from.
+    const bool several = report.audited.size() > 1;
     if (byCode.empty()) out << "  none\n";
     for (const auto& [key, findings] : byCode) {
         out << "  " << key.first << "  " << key.second << " (" << findings.size() << ")\n";
         for (size_t i = 0; i < findings.size() && i < FILES_SHOWN_PER_CODE; ++i) {
-            out << "    " << findings[i]->message << '\n';
+            const std::string& source = findings[i]->source;
+            out << "    " << tse::escapeUnsafe((several && !source.empty() ? source + ": " : "") + findings[i]->message)
+                << '\n';
         }
         if (findings.size() > FILES_SHOWN_PER_CODE) out << "    ... " << findings.size() - FILES_SHOWN_PER_CODE << " more\n";
     }
@@ -246,17 +265,23 @@ void printSummary(std::ostream& out, const tse::AuditReport& report, bool strict
                         c.curve.empty() ? "-" : c.curve,
                         (c.notBefore ? tse::isoSeconds(*c.notBefore) : "?") + " to " +
                             (c.notAfter ? tse::isoSeconds(*c.notAfter) : "?"),
-                        c.file + (c.keyProblem.empty() ? "" : " (" + c.keyProblem + ")")});
+                        c.file + (c.copies > 1 ? " (" + std::to_string(c.copies) + " identical copies)" : "") +
+                            (c.keyProblem.empty() ? "" : " (" + c.keyProblem + ")")});
     }
     if (rows.empty()) out << "  none\n";
     printAligned(out, rows);
-    out << "\ninfo.csv:";
-    if (!report.info) out << " " << (report.infoProblem.empty() ? "missing" : report.infoProblem);
-    for (const tse::InfoRecord& record : report.info ? report.info->records : std::vector<tse::InfoRecord>{}) {
-        out << "\n ";
-        for (const auto& [key, value] : record) out << " " << key << ": " << value << ";";
+    // Each export's own info.csv; log files given by themselves have none.
+    for (const tse::AuditedExport& e : report.audited) {
+        if (e.standalone) continue;
+        out << "\ninfo.csv" << (several ? " of " + tse::escapeUnsafe(e.path) : std::string()) << ":";
+        if (!e.info) out << " " << tse::escapeUnsafe(e.infoProblem.empty() ? "missing" : e.infoProblem);
+        for (const tse::InfoRecord& record : e.info ? e.info->records : std::vector<tse::InfoRecord>{}) {
+            out << "\n ";
+            for (const auto& [key, value] : record) out << " " << tse::escapeUnsafe(key) << ": " << tse::escapeUnsafe(value) << ";";
+        }
+        out << '\n';
     }
-    out << std::endl;
+    out << std::flush;
 }
 
 // One line on standard error, redrawn in place.
@@ -294,9 +319,13 @@ int auditCommand(AuditCommandOptions& options)
         bar = std::make_unique<ProgressBar>();
         options.audit.progress = [&bar](const tse::AuditProgress& p) { bar->update(p); };
     }
+    if (options.jsonPath == "-" && options.csvPath == "-") {
+        refuse(EXIT_BAD_INPUT, "--json - and --csv - cannot share standard output; write one of them to a file\n"
+                               "Run with --help for more information.");
+    }
     tse::AuditOutcome outcome = tse::auditExport(options.audit);
     bar.reset();
-    if (!outcome.report) refuse(EXIT_BAD_INPUT, "Cannot audit: " + outcome.error);
+    if (!outcome.report) refuse(EXIT_BAD_INPUT, "Cannot audit: " + tse::escapeUnsafe(outcome.error));
     const tse::AuditReport& report = *outcome.report;
     if (!options.jsonPath.empty()) {
         writeTo(options.jsonPath, [&](std::ostream& out) { writeJson(out, report, options.audit.jobs); });

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cctype>
 
+#include "text.h"
+
 namespace tsecheck {
 
 std::string lowerWord(const std::string& word)
@@ -12,8 +14,19 @@ std::string lowerWord(const std::string& word)
     return out;
 }
 
-void printAligned(std::ostream& out, const std::vector<std::vector<std::string>>& rows)
+void printAligned(std::ostream& out, const std::vector<std::vector<std::string>>& unsafeRows)
 {
+    std::vector<std::vector<std::string>> escaped;
+    const bool safe = std::all_of(unsafeRows.begin(), unsafeRows.end(), [](const std::vector<std::string>& row) {
+        return std::all_of(row.begin(), row.end(), [](const std::string& cell) { return tse::isSafeText(cell); });
+    });
+    if (!safe) {
+        escaped = unsafeRows;
+        for (auto& row : escaped) {
+            for (std::string& cell : row) cell = tse::escapeUnsafe(cell);
+        }
+    }
+    const std::vector<std::vector<std::string>>& rows = safe ? unsafeRows : escaped;
     std::vector<size_t> widths;
     for (const auto& row : rows) {
         for (size_t i = 0; i + 1 < row.size(); ++i) {
@@ -31,6 +44,35 @@ void printAligned(std::ostream& out, const std::vector<std::vector<std::string>>
         out << line << '\n';
     }
     out.flush();
+}
+
+void makeJsonSafe(nlohmann::json& document)
+{
+    if (document.is_string()) {
+        const std::string& text = document.get_ref<const std::string&>();
+        if (!tse::isSafeText(text)) document = tse::escapeUnsafe(text);
+    } else if (document.is_array()) {
+        for (nlohmann::json& item : document) makeJsonSafe(item);
+    } else if (document.is_object()) {
+        nlohmann::json safe = nlohmann::json::object();
+        for (auto it = document.begin(); it != document.end(); ++it) {
+            makeJsonSafe(it.value());
+            safe[tse::isSafeText(it.key()) ? it.key() : tse::escapeUnsafe(it.key())] = std::move(it.value());
+        }
+        document = std::move(safe);
+    }
+}
+
+std::string csvCell(std::string_view text)
+{
+    std::string cell = tse::isSafeText(text) ? std::string(text) : tse::escapeUnsafe(text);
+    if (!cell.empty() && std::string_view("=+-@\t\r").find(cell.front()) != std::string_view::npos) {
+        cell.insert(cell.begin(), '\'');
+    }
+    if (cell.find_first_of(",\"\n\r") == std::string::npos) return cell;
+    std::string quoted = "\"";
+    for (char c : cell) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
+    return quoted + "\"";
 }
 
 }  // namespace tsecheck

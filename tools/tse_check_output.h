@@ -3,7 +3,10 @@
 
 #include <ostream>
 #include <string>
+#include <string_view>
 #include <vector>
+
+#include <nlohmann/json.hpp>
 
 namespace tsecheck {
 
@@ -11,8 +14,21 @@ namespace tsecheck {
 std::string lowerWord(const std::string& word);
 
 // Rows of columns, every column but the last padded to its widest cell, so
-// that people can scan verdicts and counters down a column.
+// that people can scan verdicts and counters down a column. A control
+// character or a byte that is not UTF-8 in a cell is escaped, so that no
+// input drives the terminal.
 void printAligned(std::ostream& out, const std::vector<std::vector<std::string>>& rows);
+
+// Every string in the document (keys too) as valid UTF-8 without control
+// characters (tse::escapeUnsafe): the last guard before a JSON writer,
+// which refuses anything else.
+void makeJsonSafe(nlohmann::json& document);
+
+// One CSV cell: control characters escaped, quoted when it holds a comma,
+// quote or line end, and prefixed with ' when it starts with =, +, -, @, a
+// tab or a carriage return, so that a spreadsheet shows it as text instead
+// of running it as a formula.
+std::string csvCell(std::string_view text);
 
 }  // namespace tsecheck
 

@@ -26,7 +26,6 @@ namespace {
 // image does not. Photographs and scanned PDFs of receipts are far smaller.
 constexpr size_t MAX_RECEIPT_LIST_SIZE = 64u << 20;
 constexpr size_t MAX_PICTURE_SIZE = 64u << 20;
-constexpr int64_t MAX_TIME_WINDOW = 7 * 86400;
 
 struct ReceiptOptions {
     std::vector<std::string> texts;
@@ -200,7 +199,9 @@ nlohmann::json explanationJson(const tse::Explanation& e)
     return {{"found", e.found},           {"change", orNull(e.change)},
             {"field", orNull(e.field)},   {"shownValue", orNull(e.shownValue)},
             {"signedValue", orNull(e.signedValue)}, {"form", orNull(e.form)},
-            {"sentence", e.sentence},     {"tried", e.tried}};
+            {"sentence", e.sentence},     {"tried", e.tried},
+            {"checks", e.checks},         {"cutShort", e.cutShort},
+            {"searchedWindow", e.searchedWindow}};
 }
 
 nlohmann::json toJson(const ReceiptResult& r, bool explainRan)
@@ -254,19 +255,27 @@ int receiptCommand(const ReceiptOptions& options)
     std::vector<ReceiptResult> results(collector.inputs.size());
     tse::parallelFor(results.size(), options.jobs,
                      [&](size_t i) { results[i] = checkOne(collector.inputs[i], keys); });
-    // One explanation at a time, each on every core.
+    // One explanation at a time, each on every core, all within the
+    // batch's work bound.
     if (options.explain) {
-        const tse::ExplainOptions explainOptions{options.timeWindow, options.jobs};
+        tse::ExplainOptions explainOptions;
+        explainOptions.timeWindow = options.timeWindow;
+        explainOptions.jobs = options.jobs;
+        std::vector<ReceiptResult*> invalid;
+        std::vector<const tse::Receipt*> receipts;
         for (ReceiptResult& r : results) {
-            if (r.verification.verdict == tse::Verdict::Invalid) {
-                r.explanation = tse::explainReceipt(*r.receipt, explainOptions);
-            }
+            if (r.verification.verdict != tse::Verdict::Invalid) continue;
+            invalid.push_back(&r);
+            receipts.push_back(&*r.receipt);
         }
+        std::vector<tse::Explanation> explanations = tse::explainReceipts(receipts, explainOptions);
+        for (size_t i = 0; i < invalid.size(); ++i) invalid[i]->explanation = std::move(explanations[i]);
     }
 
     if (options.json) {
         nlohmann::json document = nlohmann::json::array();
         for (const ReceiptResult& r : results) document.push_back(toJson(r, options.explain));
+        makeJsonSafe(document);
         std::cout << document.dump(2) << std::endl;
     } else {
         std::vector<std::vector<std::string>> rows;
@@ -295,8 +304,8 @@ Command addReceiptCommand(CLI::App& parent)
     app->add_flag("--json", options->json, "Print the results as one JSON array");
     app->add_flag("--explain", options->explain, "For an invalid receipt, find the change under which it verifies");
     app->add_option("--time-window", options->timeWindow,
-                    "Seconds either side of the log time that --explain searches (default 7200)")
-        ->check(CLI::Range(int64_t{0}, MAX_TIME_WINDOW));
+                    "Seconds either side of the log time that --explain searches (default 7200, at most 604800)")
+        ->check(CLI::Range(int64_t{0}, tse::MAX_TIME_WINDOW));
     app->add_option("--jobs,-j", options->jobs, "Threads to verify with (default: every core)")
         ->check(CLI::Range(1u, 1024u));
     return Command{app, [options] { return receiptCommand(*options); }};

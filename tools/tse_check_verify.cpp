@@ -118,7 +118,7 @@ std::string algorithmName(const tse::LogMessage& message)
 
 nlohmann::json toJson(const LogResult& r)
 {
-    nlohmann::json j = {{"file", r.file},
+    nlohmann::json j = {{"file", tse::escapeText(r.file)},
                         {"verdict", tse::logVerdictName(r.judgement.verdict)},
                         {"reason", r.judgement.reason.empty() ? nlohmann::json(nullptr) : nlohmann::json(r.judgement.reason)},
                         {"certificate", r.certificate.empty() ? nlohmann::json(nullptr) : nlohmann::json(r.certificate)}};
@@ -136,7 +136,7 @@ nlohmann::json toJson(const LogResult& r)
     j["logTime"] = m.logTime.iso();
     j["logTimeFormat"] = tse::timeFormatName(m.logTime.format);
     j["serialNumber"] = tse::toHex(m.serialNumber);
-    j["operationType"] = m.operation();
+    j["operationType"] = tse::escapeText(m.operation());
     return j;
 }
 
@@ -181,9 +181,10 @@ int verifyCommand(const VerifyOptions& options)
     if (options.json) {
         nlohmann::json document = nlohmann::json::array();
         for (const LogResult& r : results) document.push_back(toJson(r));
-        // A file name or an operation type is whatever bytes it is; JSON
-        // needs UTF-8, so a stray byte becomes U+FFFD instead of no output.
-        std::cout << document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << std::endl;
+        // A file name or an operation type is whatever bytes it is; they are
+        // escaped as everywhere else, so that nothing is lost.
+        makeJsonSafe(document);
+        std::cout << document.dump(2) << std::endl;
     } else {
         std::vector<std::vector<std::string>> rows;
         for (const LogResult& r : results) rows.push_back(textColumns(r));

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 #include <set>
+#include <system_error>
 #include <thread>
 #include <tuple>
 #include <unordered_map>
@@ -38,6 +39,7 @@ struct WorkItem {
     std::string name;
     Bytes bytes;
     bool standalone = false;  // given by itself, so its name need not follow the TSE's pattern
+    std::string_view source;  // the export, interned in the report's pool
 };
 
 using Batch = std::vector<WorkItem>;
@@ -116,7 +118,7 @@ void fillFromMessage(LogRecord& record, RecordTexts& texts, const LogMessage& me
     record.fraction = message.logTime.fraction;
     record.timeFormat = message.logTime.format;
     record.transactionNumber = message.transactionNumber();
-    texts.operation = message.operation();
+    texts.operation = escapeText(message.operation());
     if (const LogField* field = message.field("clientId")) texts.clientId = escapeText(field->value);
     if (const LogField* field = message.field("processType")) texts.processType = escapeText(field->value);
 }
@@ -148,6 +150,13 @@ std::vector<std::vector<const LogRecord*>> possibleCopies(const std::deque<LogRe
     return groups;
 }
 
+void escapeInfo(InfoCsv& info)
+{
+    for (InfoRecord& record : info.records) {
+        for (auto& [key, value] : record) key = escapeText(key), value = escapeText(value);
+    }
+}
+
 class AuditRun {
 public:
     explicit AuditRun(const AuditOptions& options) : options_(options) { report_.exports = options.exports; }
@@ -156,6 +165,7 @@ public:
 
 private:
     std::string loadGivenCertificates();
+    void loadCertificatesBesideLogs();
     void addCertificates(const std::string& file, ByteView data, bool trusted, bool given);
     void addKey(const Certificate& certificate);
     void checkCertificateName(const std::string& file, const std::vector<Certificate>& certificates);
@@ -171,7 +181,9 @@ private:
     void keep(LogRecord&& record, const RecordTexts& texts = {});
     void dropCopies();
     void addFinding(Severity severity, const std::string& code, const std::string& message,
-                    std::vector<std::string> files);
+                    std::vector<std::string> files, std::string source = {});
+    void exportFindings();
+    std::string startWorkers(std::vector<std::thread>& workers);
     void finish();
 
     const AuditOptions& options_;
@@ -193,15 +205,18 @@ private:
     std::unique_ptr<WorkQueue<Batch>> queue_;
     Batch batch_;  // what the reading thread gathers before queueing
     std::unordered_set<Digest, DigestHash> seen_;
+    std::unordered_map<Digest, size_t, DigestHash> certificateSeen_;  // DER digest -> record
+    size_t current_ = 0;            // the index in report_.audited being read
+    std::string_view currentLabel_;  // its path, interned
     uint64_t ordinal_ = 0;
     uint64_t bytesBefore_ = 0, bytesTotal_ = 0;
 };
 
 void AuditRun::addFinding(Severity severity, const std::string& code, const std::string& message,
-                          std::vector<std::string> files)
+                          std::vector<std::string> files, std::string source)
 {
     ExclusiveLock<Mutex> lock(resultsLock_);
-    report_.findings.push_back(Finding{severity, code, message, std::move(files)});
+    report_.findings.push_back(Finding{severity, code, message, std::move(files), std::move(source)});
 }
 
 void AuditRun::addKey(const Certificate& certificate)
@@ -231,14 +246,25 @@ void AuditRun::addCertificates(const std::string& file, ByteView data, bool trus
     }
     if (!given) checkCertificateName(file, load.certificates);
     for (const Certificate& certificate : load.certificates) {
-        pool_.add(certificate, trusted);
+        // A file may repeat one certificate many times: it is one certificate.
+        if (trusted) {
+            pool_.add(certificate, true);
+            if (certificate.key() && queue_) addKey(certificate);
+            continue;
+        }
+        const Digest digest = digestOf(certificate.der());
+        if (const auto found = certificateSeen_.find(digest); found != certificateSeen_.end()) {
+            ++report_.certificates[found->second].copies;
+            continue;
+        }
+        certificateSeen_.emplace(digest, report_.certificates.size());
+        pool_.add(certificate, false);
         if (certificate.key() && queue_) addKey(certificate);
-        if (trusted) continue;
         CertificateRecord record;
-        record.file = file;
+        record.file = escapeText(file);
         record.serialNumber = certificateSerial(certificate);
-        record.subject = certificate.subject();
-        record.issuer = certificate.issuer();
+        record.subject = escapeText(certificate.subject());
+        record.issuer = escapeText(certificate.issuer());
         record.notBefore = certificate.notBefore();
         record.notAfter = certificate.notAfter();
         record.curve = certificate.curveName();
@@ -287,6 +313,31 @@ std::string AuditRun::loadGivenCertificates()
     return {};
 }
 
+// Log files given by themselves (dir/*.log) come with the certificates
+// beside them, named <SERIAL>_X509.<ext> in a TSE export, as verify finds
+// them; one given as an EXPORT itself is read with the others.
+void AuditRun::loadCertificatesBesideLogs()
+{
+    namespace fs = std::filesystem;
+    std::set<std::string> directories, given(options_.exports.begin(), options_.exports.end());
+    for (const ExportSource& source : groupExportPaths(options_.exports).sources) {
+        if (source.kind == ExportSource::Kind::File && classifyMember(source.label()) == MemberKind::Log) {
+            directories.insert(fs::path(source.label()).parent_path().string());
+        }
+    }
+    for (const std::string& directory : directories) {
+        std::error_code error;
+        for (const auto& entry : fs::directory_iterator(directory.empty() ? "." : directory, error)) {
+            const std::string path = (directory.empty() ? entry.path().filename() : entry.path()).string();
+            if (given.count(path) || classifyMember(path) != MemberKind::Certificate || !entry.is_regular_file(error)) {
+                continue;
+            }
+            FileRead read = readFileBounded(path, MAX_CERTIFICATE_FILE);
+            if (read.contents && firstSighting(*read.contents)) addCertificates(path, *read.contents, false, false);
+        }
+    }
+}
+
 bool AuditRun::firstSighting(ByteView data)
 {
     return seen_.insert(digestOf(data)).second;
@@ -308,7 +359,8 @@ void AuditRun::keep(LogRecord&& record, const RecordTexts& texts)
 void AuditRun::process(WorkItem&& item, WorkerMemory& memory)
 {
     LogRecord record;
-    record.file = item.name;
+    record.file = escapeText(item.name);
+    record.source = item.source;
     record.ordinal = item.ordinal;
     const std::optional<LogName> name = parseLogName(item.name);
     LogParse parse = parseLogMessage(item.bytes);
@@ -354,7 +406,20 @@ void AuditRun::work()
 {
     WorkerMemory memory;
     while (std::optional<Batch> batch = queue_->pop()) {
-        for (WorkItem& item : *batch) process(std::move(item), memory);
+        for (WorkItem& item : *batch) {
+            // A log that cannot be checked (libcrypto out of memory, say) is
+            // no invalid signature; it is reported as not checked.
+            LogRecord failed;
+            failed.file = escapeText(item.name);
+            failed.source = item.source;
+            failed.ordinal = item.ordinal;
+            try {
+                process(std::move(item), memory);
+            } catch (const std::exception& error) {
+                failed.reason = std::string("could not be checked: ") + error.what();
+                keep(std::move(failed));
+            }
+        }
     }
 }
 
@@ -374,15 +439,22 @@ void AuditRun::flushBatch()
 
 void AuditRun::visitLog(ExportMember&& member)
 {
+    ++report_.audited[current_].logMembers;
     if (!member.contents) {
         LogRecord record;
-        record.file = member.name;
+        record.file = escapeText(member.name);
+        record.source = currentLabel_;
         record.ordinal = ordinal_;
-        if (const auto name = parseLogName(member.name)) record.type = name->type, record.counter = name->counter;
+        // A link, device or FIFO with a log's name is no log: its name
+        // claims a counter that nothing backs, so it fills no counter range.
+        if (const auto name = parseLogName(member.name)) {
+            record.type = name->type;
+            if (!member.special) record.counter = name->counter;
+        }
         record.reason = "the member " + member.error;
         return keep(std::move(record));
     }
-    queueItem(WorkItem{ordinal_, std::move(member.name), std::move(*member.contents), member.standalone});
+    queueItem(WorkItem{ordinal_, std::move(member.name), std::move(*member.contents), member.standalone, currentLabel_});
 }
 
 void AuditRun::visit(ExportMember&& member)
@@ -395,33 +467,43 @@ void AuditRun::visit(ExportMember&& member)
             wanted = deferred_.count(ordinal_) > 0;
         }
         if (wanted && member.contents) {
-            queueItem(WorkItem{ordinal_, std::move(member.name), std::move(*member.contents), member.standalone});
+            queueItem(
+                WorkItem{ordinal_, std::move(member.name), std::move(*member.contents), member.standalone, currentLabel_});
         }
         return;
     }
     // A path the user gave is used as given; only names from inside an
     // export could lead somewhere they should not.
+    const std::string shown = escapeText(member.name);
+    const std::string source(currentLabel_);
     if (!member.standalone && unsafeMemberName(member.name)) {
         return addFinding(Severity::Warning, "unexpected-member",
-                          "the member name " + member.name + " in " + member.source +
-                              " leads outside the export; it was not used",
-                          {member.name});
+                          "the member name " + shown + " in " + source + " leads outside the export; it was not used",
+                          {shown}, source);
     }
     const MemberKind kind = classifyMember(member.name);
     if (kind == MemberKind::Log) return visitLog(std::move(member));
     if (!member.contents) {
-        return addFinding(Severity::Warning, "unexpected-member", member.name + " " + member.error, {member.name});
+        return addFinding(Severity::Warning, "unexpected-member", shown + " " + member.error, {shown}, source);
+    }
+    // Every export shows its own info.csv, even one identical to another's.
+    if (kind == MemberKind::Info) {
+        AuditedExport& audited = report_.audited[current_];
+        InfoParse parse = parseInfoCsv(*member.contents);
+        if (parse.info) {
+            escapeInfo(*parse.info);
+            if (!report_.info) report_.info = parse.info;
+            if (!audited.info) audited.info = std::move(parse.info);
+        } else {
+            audited.infoProblem = shown + ": " + escapeUnsafe(parse.error);
+            if (report_.infoProblem.empty()) report_.infoProblem = audited.infoProblem;
+        }
+        return;
     }
     if (!firstSighting(*member.contents)) return;
     if (kind == MemberKind::Certificate) return addCertificates(member.name, *member.contents, false, false);
-    if (kind == MemberKind::Info) {
-        InfoParse parse = parseInfoCsv(*member.contents);
-        if (parse.info && !report_.info) report_.info = std::move(parse.info);
-        if (!parse.info) report_.infoProblem = member.name + ": " + parse.error;
-        return;
-    }
-    addFinding(Severity::Warning, "unexpected-member",
-               member.name + " is neither a log, a certificate nor info.csv", {member.name});
+    addFinding(Severity::Warning, "unexpected-member", shown + " is neither a log, a certificate nor info.csv",
+               {shown}, source);
 }
 
 // One pass over every export: this thread reads, the workers parse and
@@ -432,14 +514,25 @@ std::string AuditRun::readAll()
     ordinal_ = 0;
     queue_ = std::make_unique<WorkQueue<Batch>>(QUEUE_CAPACITY);
     std::vector<std::thread> workers;
-    for (unsigned i = 0; i < std::max(1u, options_.jobs); ++i) workers.emplace_back([this] { work(); });
+    if (std::string failure = startWorkers(workers); !failure.empty()) return failure;
     const ExportGrouping grouping = groupExportPaths(options_.exports);
     std::string failure = grouping.error;
     bytesTotal_ = 0;
     for (const ExportSource& source : grouping.sources) bytesTotal_ += sourceSize(source);
     bytesBefore_ = 0;
-    for (const ExportSource& source : grouping.sources) {
+    if (!finalPass_) report_.audited.clear();
+    for (size_t index = 0; index < grouping.sources.size(); ++index) {
+        const ExportSource& source = grouping.sources[index];
         if (!failure.empty()) break;
+        if (!finalPass_) {
+            report_.audited.push_back(
+                AuditedExport{source.label(), source.kind == ExportSource::Kind::File, 0, std::nullopt, {}});
+        }
+        current_ = index;
+        {
+            ExclusiveLock<Mutex> lock(resultsLock_);
+            currentLabel_ = report_.strings.intern(escapeText(source.label()));
+        }
         const ExportRead read = readExportSource(
             source, options_.maxMemberSize, [&](ExportMember&& member) { visit(std::move(member)); },
             [&](uint64_t bytes) {
@@ -447,12 +540,25 @@ std::string AuditRun::readAll()
             });
         bytesBefore_ += sourceSize(source);
         if (!read.opened) failure = read.error;
-        else if (!read.error.empty() && !finalPass_) addFinding(Severity::Error, "log-unreadable", read.error, {source.label()});
+        else if (!read.error.empty() && !finalPass_) {
+            const std::string label(currentLabel_);
+            addFinding(Severity::Error, read.truncated ? "export-truncated" : "log-unreadable", escapeUnsafe(read.error),
+                       {label}, label);
+        }
     }
     flushBatch();
     queue_->close();
     for (std::thread& worker : workers) worker.join();
     return failure;
+}
+
+// As many verifying threads as asked for and the system grants: a system
+// out of threads or memory gets the work done on fewer.
+std::string AuditRun::startWorkers(std::vector<std::thread>& workers)
+{
+    workers = startThreads(std::max(1u, options_.jobs), [this] { work(); });
+    if (!workers.empty()) return {};
+    return "no thread could be started to verify with (the system is out of threads or memory)";
 }
 
 void AuditRun::processWaiting()
@@ -498,6 +604,19 @@ void AuditRun::dropCopies()
     report_.summary.duplicatesSkipped += copies.size();
 }
 
+// Findings about an export as a whole: one whose logs come without the
+// info.csv that describes the device. Log files given by themselves carry none.
+void AuditRun::exportFindings()
+{
+    for (const AuditedExport& audited : report_.audited) {
+        if (audited.standalone || audited.logMembers == 0 || audited.info || !audited.infoProblem.empty()) continue;
+        const std::string label = escapeText(audited.path);
+        addFinding(Severity::Warning, "info-missing",
+                   label + " holds " + std::to_string(audited.logMembers) + " log members but no info.csv", {label},
+                   label);
+    }
+}
+
 void AuditRun::finish()
 {
     std::sort(report_.logs.begin(), report_.logs.end(),
@@ -505,6 +624,7 @@ void AuditRun::finish()
     dropCopies();
     for (size_t i = 0; i < certificates_.size(); ++i) report_.certificates[i].chain = pool_.judge(certificates_[i]);
     applyIntegrityRules(report_, !options_.trustDirectories.empty());
+    exportFindings();
     AuditSummary& s = report_.summary;
     for (const LogRecord& log : report_.logs) {
         ++s.logs;
@@ -526,6 +646,7 @@ AuditOutcome AuditRun::run()
 {
     queue_ = std::make_unique<WorkQueue<Batch>>(QUEUE_CAPACITY);
     if (std::string error = loadGivenCertificates(); !error.empty()) return AuditOutcome{std::nullopt, error};
+    loadCertificatesBesideLogs();
     if (std::string error = readAll(); !error.empty()) return AuditOutcome{std::nullopt, error};
     // Every certificate is known now, so nothing waits any longer.
     finalPass_ = true;
@@ -535,8 +656,19 @@ AuditOutcome AuditRun::run()
         SharedLock lock(keysLock_);
         deferred = !deferred_.empty();
     }
-    if (deferred) readAll();
+    if (deferred) {
+        if (std::string error = readAll(); !error.empty()) return AuditOutcome{std::nullopt, error};
+    }
     finish();
+    // Nothing to audit is no passed audit; a cut archive with nothing left
+    // in it still gets its report, which says where it was cut.
+    const bool truncated = std::any_of(report_.findings.begin(), report_.findings.end(),
+                                       [](const Finding& f) { return f.code == "export-truncated"; });
+    if (report_.logs.empty() && !truncated) {
+        std::string names;
+        for (const std::string& path : options_.exports) names += (names.empty() ? "" : ", ") + escapeText(path);
+        return AuditOutcome{std::nullopt, "no log messages found in " + names};
+    }
     return AuditOutcome{std::move(report_), {}};
 }
 

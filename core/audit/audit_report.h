@@ -38,7 +38,8 @@ private:
 // not grow with the size of the logs. The views point into the report's
 // pool.
 struct LogRecord {
-    std::string file;    // the member name as in the archive
+    std::string file;    // the member name as in the archive, escaped (escapeText)
+    std::string_view source;  // the export it came from, as given
     uint64_t ordinal = 0;
     std::optional<LogType> type;  // from the content, or the name when unreadable
     LogVerdict verdict = LogVerdict::Unreadable;
@@ -63,6 +64,7 @@ struct Finding {
     std::string code;  // "signature-invalid", "counter-gap", ...
     std::string message;
     std::vector<std::string> files;
+    std::string source;  // the export it concerns; empty when it spans several
 };
 
 struct CertificateRecord {
@@ -74,6 +76,7 @@ struct CertificateRecord {
     std::string keyProblem;  // why its key cannot check logs, e.g. an unsupported curve
     ChainJudgement chain;
     bool given = false;  // from --cert rather than the export
+    size_t copies = 1;   // identical certificates met, counted once
 };
 
 struct AuditSummary {
@@ -83,10 +86,20 @@ struct AuditSummary {
     size_t errors = 0, warnings = 0;
 };
 
+// One of the exports audited together, with what it holds.
+struct AuditedExport {
+    std::string path;  // the archive (first part), directory or file, as given
+    bool standalone = false;  // a log file given by itself, which carries no info.csv
+    size_t logMembers = 0;
+    std::optional<InfoCsv> info;
+    std::string infoProblem;  // why its info.csv cannot be read
+};
+
 struct AuditReport {
     std::vector<std::string> exports;
+    std::vector<AuditedExport> audited;  // one per export, in the order given
     AuditSummary summary;
-    std::optional<InfoCsv> info;
+    std::optional<InfoCsv> info;  // the first export's that has one
     std::string infoProblem;
     std::vector<CertificateRecord> certificates;
     // In reading order; a deque grows without copying what it holds, which

@@ -15,10 +15,11 @@ constexpr size_t MAX_FILES_PER_FINDING = 200;
 struct Findings {
     std::vector<Finding>& list;
 
-    void add(Severity severity, const char* code, std::string message, std::vector<std::string> files)
+    void add(Severity severity, const char* code, std::string message, std::vector<std::string> files,
+             std::string_view source = {})
     {
         if (files.size() > MAX_FILES_PER_FINDING) files.resize(MAX_FILES_PER_FINDING);
-        list.push_back(Finding{severity, code, std::move(message), std::move(files)});
+        list.push_back(Finding{severity, code, std::move(message), std::move(files), std::string(source)});
     }
 };
 
@@ -49,14 +50,14 @@ void perLogFindings(const AuditReport& report, Findings& out)
     std::map<std::string, std::vector<std::string>> withoutCertificate;
     for (const LogRecord& log : report.logs) {
         if (log.verdict == LogVerdict::Invalid) {
-            out.add(Severity::Error, "signature-invalid", log.file + ": " + log.reason, {log.file});
+            out.add(Severity::Error, "signature-invalid", log.file + ": " + log.reason, {log.file}, log.source);
         } else if (log.verdict == LogVerdict::Unreadable) {
-            out.add(Severity::Error, "log-unreadable", log.file + ": " + log.reason, {log.file});
+            out.add(Severity::Error, "log-unreadable", log.file + ": " + log.reason, {log.file}, log.source);
         } else if (log.verdict == LogVerdict::NoCertificate) {
             withoutCertificate[std::string(log.serialNumber)].push_back(log.file);
         }
         if (!log.nameProblem.empty()) {
-            out.add(Severity::Error, "name-mismatch", log.file + ": " + log.nameProblem, {log.file});
+            out.add(Severity::Error, "name-mismatch", log.file + ": " + log.nameProblem, {log.file}, log.source);
         }
     }
     for (auto& [serial, files] : withoutCertificate) {

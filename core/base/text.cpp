@@ -31,16 +31,9 @@ size_t utf8Length(ByteView value, size_t i)
     return length;
 }
 
-}  // namespace
-
-bool equalsIgnoringCase(std::string_view a, std::string_view b)
-{
-    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
-    return a.size() == b.size() &&
-           std::equal(a.begin(), a.end(), b.begin(), [&](char x, char y) { return lower(x) == lower(y); });
-}
-
-std::string escapeText(ByteView value)
+// Both escapes in one: with `backslash`, a '\\' is escaped too, which makes
+// the escaping reversible; without, text escaped before passes unchanged.
+std::string escape(ByteView value, bool backslash)
 {
     std::string out;
     out.reserve(value.size());
@@ -52,7 +45,7 @@ std::string escapeText(ByteView value)
             out += "\\t";
         } else if (c == '\r') {
             out += "\\r";
-        } else if (c == '\\') {
+        } else if (c == '\\' && backslash) {
             out += "\\\\";
         } else if (c >= 0x20 && c < 0x7F) {
             out += static_cast<char>(c);
@@ -68,6 +61,20 @@ std::string escapeText(ByteView value)
         ++i;
     }
     return out;
+}
+
+}  // namespace
+
+bool equalsIgnoringCase(std::string_view a, std::string_view b)
+{
+    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
+    return a.size() == b.size() &&
+           std::equal(a.begin(), a.end(), b.begin(), [&](char x, char y) { return lower(x) == lower(y); });
+}
+
+std::string escapeText(ByteView value)
+{
+    return escape(value, true);
 }
 
 std::string quoted(std::string_view value, size_t limit)
@@ -91,6 +98,27 @@ std::optional<uint64_t> parseDecimal(std::string_view text)
         value = value * 10 + digit;
     }
     return value;
+}
+
+std::string escapeUnsafe(std::string_view text)
+{
+    return escape(ByteView(text), false);
+}
+
+bool isSafeText(std::string_view text)
+{
+    const ByteView value(text);
+    for (size_t i = 0; i < value.size();) {
+        const uint8_t c = value[i];
+        if (c >= 0x20 && c < 0x7F) {
+            ++i;
+        } else if (const size_t length = c >= 0x80 ? utf8Length(value, i) : 0) {
+            i += length;
+        } else {
+            return false;
+        }
+    }
+    return true;
 }
 
 }  // namespace tse

@@ -15,9 +15,20 @@ namespace tse {
 // locale must not change what matches.
 bool equalsIgnoringCase(std::string_view a, std::string_view b);
 
-// Escapes control characters and bytes that are not UTF-8 (\n, \t, \xNN) so
-// that a value stays on one line.
+// Text from an input (a log's field, a member name, a certificate's
+// subject) as it is shown and written to JSON and CSV: printable UTF-8
+// stays, a backslash becomes \\, a line feed, tab and carriage return
+// \n, \t, \r, and every other control character (C1 ones and U+2028/U+2029
+// too) and every byte that is not part of well-formed UTF-8 \xNN with two
+// uppercase hex digits. The result is valid UTF-8, stays on one line, and
+// the original bytes can be recovered from it.
 std::string escapeText(ByteView value);
+
+// The same escapes without the one for the backslash, for messages that
+// embed values escaped already: escaping them again changes nothing. The
+// last guard before text reaches a terminal or a JSON document.
+std::string escapeUnsafe(std::string_view text);
+bool isSafeText(std::string_view text);  // escapeUnsafe would change nothing
 
 // A value for an error message: escaped as above, a '"' as \", in double
 // quotes, and cut after `limit` bytes (with "...") so a line stays a line.

@@ -2,6 +2,9 @@
 
 #include <openssl/err.h>
 
+#include <stdexcept>
+#include <string>
+
 #include "openssl_ptr.h"
 
 namespace tse {
@@ -9,9 +12,20 @@ namespace {
 
 constexpr size_t MAX_DIGEST_SIZE = EVP_MAX_MD_SIZE;
 
-bool digest(Hash hash, ByteView data, unsigned char* out, unsigned int& size)
+// libcrypto failing (out of memory, say) says nothing about the signature:
+// the check is not done, which is no verdict.
+[[noreturn]] void checkFailed(const char* step)
 {
-    return EVP_Digest(data.data(), data.size(), out, &size, hashFunction(hash), nullptr) == 1;
+    const unsigned long code = ERR_get_error();
+    ERR_clear_error();
+    char reason[256] = "unknown reason";
+    if (code != 0) ERR_error_string_n(code, reason, sizeof reason);
+    throw std::runtime_error(std::string("libcrypto could not ") + step + ": " + reason);
+}
+
+void digest(Hash hash, ByteView data, unsigned char* out, unsigned int& size)
+{
+    if (EVP_Digest(data.data(), data.size(), out, &size, hashFunction(hash), nullptr) != 1) checkFailed("hash the data");
 }
 
 // The signature as canonical DER, which is what EVP_PKEY_verify takes.
@@ -29,11 +43,11 @@ bool verifyDigest(const PublicKey& key, Hash hash, ByteView data, const Bytes& s
 {
     unsigned char hashed[MAX_DIGEST_SIZE];
     unsigned int size = 0;
-    if (!digest(hash, data, hashed, size)) return false;
+    digest(hash, data, hashed, size);
     EvpPkeyCtxPtr context(EVP_PKEY_CTX_new_from_pkey(nullptr, key.evpKey(), nullptr));
-    const int result = context && EVP_PKEY_verify_init(context.get()) == 1
-                           ? EVP_PKEY_verify(context.get(), signature.data(), signature.size(), hashed, size)
-                           : 0;
+    if (!context || EVP_PKEY_verify_init(context.get()) != 1) checkFailed("prepare the check");
+    // Below zero is a signature libcrypto could not decode: not the data's.
+    const int result = EVP_PKEY_verify(context.get(), signature.data(), signature.size(), hashed, size);
     ERR_clear_error();
     return result == 1;
 }

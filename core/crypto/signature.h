@@ -27,6 +27,8 @@ public:
     // A DER-encoded ECDSA-Sig-Value with nothing after it.
     static std::optional<DecodedSignature> der(ByteView signature);
 
+    // Throws std::runtime_error when libcrypto fails (out of memory, say):
+    // a check not done is neither valid nor invalid.
     bool verifies(const PublicKey& key, Hash hash, ByteView data) const;
 
 private:

@@ -56,32 +56,119 @@ std::string archiveError(archive* a)
 }
 
 // Reads one member's data, at most `limit` bytes; a larger member is drained
-// in blocks, never held.
-void readMemberData(archive* a, archive_entry* entry, size_t limit, ExportMember& member)
+// in blocks, never held. False when the archive itself breaks off.
+bool readMemberData(archive* a, archive_entry* entry, size_t limit, ExportMember& member)
 {
     if (archive_entry_size_is_set(entry) && archive_entry_size(entry) > static_cast<la_int64_t>(limit)) {
         member.error = "is larger than " + std::to_string(limit >> 20) + " MiB (" +
                        std::to_string(archive_entry_size(entry)) + " bytes)";
-        archive_read_data_skip(a);
-        return;
+        if (archive_read_data_skip(a) < ARCHIVE_WARN) {
+            member.error += " and breaks off: " + archiveError(a);
+            return false;
+        }
+        return true;
     }
     Bytes data;
     uint8_t block[READ_BLOCK];
     while (true) {
         const la_ssize_t got = archive_read_data(a, block, sizeof block);
         if (got < 0) {
-            member.error = "cannot be read: " + archiveError(a);
-            return;
+            member.error = "is cut off after " + std::to_string(data.size()) + " bytes: " + archiveError(a);
+            return false;
         }
         if (got == 0) break;
         if (data.size() + static_cast<size_t>(got) > limit) {
             member.error = "is larger than " + std::to_string(limit >> 20) + " MiB";
-            archive_read_data_skip(a);
-            return;
+            if (archive_read_data_skip(a) < ARCHIVE_WARN) {
+                member.error += " and breaks off: " + archiveError(a);
+                return false;
+            }
+            return true;
         }
         data.insert(data.end(), block, block + got);
     }
     member.contents = std::move(data);
+    return true;
+}
+
+// The parts of a split archive that should lie between the first and the
+// last one found, but do not, and a part shorter than the first (only the
+// last may be): either cuts the archive's stream.
+std::string splitProblem(const ExportSource& source)
+{
+    const std::string base = splitBase(source.paths.front());
+    if (base.empty()) return {};
+    std::error_code error;
+    std::vector<std::string> missing;
+    int last = static_cast<int>(source.paths.size());
+    for (int n = last + 1; n <= MAX_SPLIT_PARTS; ++n) {
+        if (fs::exists(partName(base, n), error)) last = n;
+    }
+    for (int n = static_cast<int>(source.paths.size()) + 1; n < last; ++n) {
+        if (!fs::exists(partName(base, n), error)) missing.push_back(partName(base, n));
+    }
+    if (!missing.empty()) {
+        std::string names;
+        for (const std::string& name : missing) names += (names.empty() ? "" : ", ") + name;
+        return "the split archive's part" + std::string(missing.size() > 1 ? "s " : " ") + names +
+               (missing.size() > 1 ? " are" : " is") + " missing (parts up to " + partName(base, last) + " exist)";
+    }
+    const uintmax_t first = fs::file_size(source.paths.front(), error);
+    for (size_t i = 1; !error && i + 1 < source.paths.size(); ++i) {
+        const uintmax_t size = fs::file_size(source.paths[i], error);
+        if (!error && size < first) {
+            return "the split archive's part " + source.paths[i] + " holds " + std::to_string(size) +
+                   " bytes, fewer than the " + std::to_string(first) + " of " + source.paths.front() +
+                   "; only the last part may be shorter";
+        }
+    }
+    return {};
+}
+
+// The compression a file starts with, by its magic number; empty for none.
+std::string compressionOf(const std::string& path)
+{
+    unsigned char head[6] = {};
+    std::FILE* file = std::fopen(path.c_str(), "rb");
+    if (file == nullptr) return {};
+    const size_t got = std::fread(head, 1, sizeof head, file);
+    std::fclose(file);
+    if (got >= 2 && head[0] == 0x1F && head[1] == 0x8B) return "gzip";
+    if (got >= 3 && head[0] == 'B' && head[1] == 'Z' && head[2] == 'h') return "bzip2";
+    const unsigned char xz[6] = {0xFD, '7', 'z', 'X', 'Z', 0x00};
+    if (got == 6 && std::equal(head, head + 6, xz)) return "xz";
+    return {};
+}
+
+// Whether the compressed stream around the TAR runs to its proper end: the
+// TAR reader stops at the end-of-archive marker and never looks at the rest.
+// Reading on is bounded: what follows a TAR's end is padding.
+std::string compressedStreamProblem(const ExportSource& source, uint64_t tarBytes)
+{
+    constexpr uint64_t MAX_AFTER_END = 64u << 20;
+    ArchivePtr a(archive_read_new());
+    archive_read_support_filter_all(a.get());
+    archive_read_support_format_raw(a.get());
+    std::vector<const char*> names;
+    for (const std::string& path : source.paths) names.push_back(path.c_str());
+    names.push_back(nullptr);
+    archive_entry* entry = nullptr;
+    if (archive_read_open_filenames(a.get(), names.data(), READ_BLOCK) != ARCHIVE_OK ||
+        archive_read_next_header(a.get(), &entry) != ARCHIVE_OK) {
+        return {};  // the TAR reader got through it; nothing more to learn
+    }
+    uint8_t block[READ_BLOCK];
+    uint64_t total = 0;
+    while (total <= tarBytes + MAX_AFTER_END) {
+        const la_ssize_t got = archive_read_data(a.get(), block, sizeof block);
+        if (got == 0) return {};
+        if (got < 0) {
+            return "its compressed stream ends early after " + std::to_string(total) +
+                   " decompressed bytes: " + archiveError(a.get());
+        }
+        total += static_cast<uint64_t>(got);
+    }
+    return {};
 }
 
 ExportRead readArchive(const ExportSource& source, size_t limit, const MemberVisitor& visit,
@@ -94,21 +181,64 @@ ExportRead readArchive(const ExportSource& source, size_t limit, const MemberVis
     for (const std::string& path : source.paths) names.push_back(path.c_str());
     names.push_back(nullptr);
     ExportRead result;
-    if (archive_read_open_filenames(a.get(), names.data(), READ_BLOCK) != ARCHIVE_OK) {
-        result.error = source.label() + " cannot be opened as a TAR archive: " + archiveError(a.get());
-        return result;
-    }
-    archive_entry* entry = nullptr;
-    size_t members = 0;
-    while (true) {
-        const int status = archive_read_next_header(a.get(), &entry);
-        if (status == ARCHIVE_EOF) break;
-        if (status < ARCHIVE_WARN) {
-            result.opened = members > 0;
-            result.error = source.label() + (members > 0 ? " breaks off after " + std::to_string(members) + " members: "
-                                                         : " is not a TAR archive: ") +
+    const std::string split = splitProblem(source);
+    // A compressed file that breaks off before the first member fails as it
+    // is opened, or at its first header; a cut file, not a foreign one.
+    const auto unopened = [&](const std::string& reason) {
+        const std::string compression = compressionOf(source.paths.front());
+        if (compression.empty() && split.empty() && sourceSize(source) == 0) {
+            result.opened = true;  // an empty file: an export without members
+            return result;
+        }
+        if (compression.empty() && split.empty()) {
+            result.error = source.label() + (reason.empty() ? " is not a TAR archive: " : " cannot be opened as a TAR archive: ") +
                            archiveError(a.get());
             return result;
+        }
+        result.opened = result.truncated = true;
+        result.error = source.label() + (compression.empty() ? " breaks off before its first member: "
+                                                             : "'s " + compression + " stream ends early or is damaged "
+                                                               "before its first member: ") +
+                       archiveError(a.get()) + (split.empty() ? "" : "; " + split);
+        return result;
+    };
+    if (archive_read_open_filenames(a.get(), names.data(), READ_BLOCK) != ARCHIVE_OK) return unopened("open");
+    archive_entry* entry = nullptr;
+    size_t members = 0;
+    std::string lastMember;
+    // What was read up to where, for a report on an archive that ends early.
+    const auto readSoFar = [&](la_int64_t at) {
+        return std::to_string(members) + " members were read up to byte " + std::to_string(at) +
+               " of the TAR stream" + (lastMember.empty() ? "" : ", the last one " + lastMember);
+    };
+    // A split archive that ends early without a gap in its parts has most
+    // likely lost the part after its last one.
+    const std::string base = splitBase(source.paths.front());
+    const std::string afterLast =
+        base.empty() ? std::string() : "; the part " + partName(base, static_cast<int>(source.paths.size()) + 1) +
+                                           " that would follow " + source.paths.back() + " is probably missing";
+    const auto cut = [&](std::string what) {
+        result.opened = true;
+        result.truncated = true;
+        result.error = source.label() + " " + what + (split.empty() ? afterLast : "; " + split);
+        return result;
+    };
+    while (true) {
+        const la_int64_t before = archive_filter_bytes(a.get(), 0);
+        const int status = archive_read_next_header(a.get(), &entry);
+        const la_int64_t position = status < ARCHIVE_WARN ? before : archive_read_header_position(a.get());
+        if (status == ARCHIVE_EOF) {
+            // The TAR reader takes a stream that stops at a member boundary
+            // for a proper end; only the marker's zero blocks tell them apart.
+            if (archive_filter_bytes(a.get(), 0) == position && members > 0) {
+                return cut("ends without the TAR end-of-archive marker: " + readSoFar(position) +
+                           "; any members after it are missing");
+            }
+            break;
+        }
+        if (status < ARCHIVE_WARN) {
+            if (members == 0) return unopened({});
+            return cut("breaks off after " + readSoFar(position) + ": " + archiveError(a.get()));
         }
         ++members;
         if (archive_entry_filetype(entry) == AE_IFDIR) continue;
@@ -116,14 +246,31 @@ ExportRead readArchive(const ExportSource& source, size_t limit, const MemberVis
         const char* name = archive_entry_pathname(entry);
         member.name = name ? name : "";
         member.source = source.label();
+        bool intact = true;
         if (archive_entry_filetype(entry) != AE_IFREG) {
             member.error = "is not a regular file";
-            archive_read_data_skip(a.get());
+            member.special = true;
+            intact = archive_read_data_skip(a.get()) >= ARCHIVE_WARN;
         } else {
-            readMemberData(a.get(), entry, limit, member);
+            intact = readMemberData(a.get(), entry, limit, member);
+            ++result.members;
         }
+        const std::string memberName = member.name;
+        const std::string memberError = member.error;
         visit(std::move(member));
         if (progress) progress(static_cast<uint64_t>(archive_filter_bytes(a.get(), -1)));
+        if (!intact) {
+            --members;
+            return cut("breaks off inside the member " + (memberName.empty() ? "without a name" : memberName) +
+                       ", which " + memberError + "; " +
+                       readSoFar(position) + " before it");
+        }
+        lastMember = memberName;
+    }
+    if (!split.empty()) return cut("is incomplete: " + split);
+    if (archive_filter_count(a.get()) > 1) {
+        const std::string problem = compressedStreamProblem(source, static_cast<uint64_t>(archive_filter_bytes(a.get(), 0)));
+        if (!problem.empty()) return cut(problem + "; its TAR content was read to the end-of-archive marker");
     }
     result.opened = true;
     return result;

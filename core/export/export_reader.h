@@ -20,6 +20,7 @@ struct ExportMember {
     std::optional<Bytes> contents;
     std::string error;   // why there are no contents: too large, truncated, ...
     bool standalone = false;  // a file given by itself, not a member of an archive or directory
+    bool special = false;     // a link, device or FIFO in an archive: never read
 };
 
 // One thing to read: an archive (several files when it is split into
@@ -43,6 +44,11 @@ uint64_t sourceSize(const ExportSource& source);
 struct ExportRead {
     bool opened = false;  // false: not an export at all (see error)
     std::string error;    // also set when an archive breaks off part way
+    // The archive ends before its end: no end-of-archive marker, cut inside
+    // a member, a split part missing or short, or a compressed stream that
+    // stops early. `error` then says what was read up to where.
+    bool truncated = false;
+    size_t members = 0;  // regular members handed to the visitor
 };
 
 using MemberVisitor = std::function<void(ExportMember&&)>;

@@ -11,6 +11,7 @@
 #include "bytes.h"
 #include "text.h"
 #include "log_time.h"
+#include "text.h"  // escapeText, which every user of log texts needs
 
 namespace tse {
 

@@ -37,6 +37,46 @@ std::string signedDelta(int64_t seconds, const char* unit)
     return (seconds > 0 ? "+" : "") + std::to_string(seconds) + unit;
 }
 
+// "signed 3 s earlier than shown": the direction in words, not a sign.
+std::string timeShift(int64_t delta)
+{
+    return "signed " + std::to_string(delta < 0 ? -delta : delta) + " s " + (delta < 0 ? "earlier" : "later") +
+           " than shown";
+}
+
+// The signature checks one explanation may still spend, shared by the
+// threads that search.
+class Budget {
+public:
+    explicit Budget(uint64_t limit) : limit_(limit), left_(static_cast<int64_t>(std::min<uint64_t>(limit, INT64_MAX))) {}
+
+    bool take()
+    {
+        if (left_.fetch_sub(1, std::memory_order_relaxed) > 0) return true;
+        cut_ = true;
+        return false;
+    }
+    bool cut() const { return cut_; }
+    uint64_t spent() const
+    {
+        const int64_t left = left_.load();
+        return left <= 0 ? limit_ : limit_ - static_cast<uint64_t>(left);
+    }
+
+private:
+    const uint64_t limit_;
+    std::atomic<int64_t> left_;
+    std::atomic<bool> cut_{false};
+};
+
+// The receipt as changed, rebuilt in every shape and time encoding; each
+// check counts against the bound.
+std::optional<ReceiptForm> holdsInAnyForm(const Receipt& receipt, const std::vector<ReceiptSignature>& signatures,
+                                          Budget& budget)
+{
+    return ReceiptMatcher(receipt, signatures).holdsAt(receipt.logTime.time.seconds, [&] { return budget.take(); });
+}
+
 std::string fieldLabel(const std::string& field)
 {
     if (field == "logTime") return "log time";
@@ -259,20 +299,20 @@ Explanation explained(const Candidate& c, const ReceiptForm& form)
 }
 
 std::optional<Explanation> firstDiscrete(const std::vector<Candidate>& candidates,
-                                         const std::vector<ReceiptSignature>& signatures, unsigned jobs)
+                                         const std::vector<ReceiptSignature>& signatures, unsigned jobs, Budget& budget)
 {
     std::atomic<size_t> first{SIZE_MAX};
-    std::vector<ReceiptVerification> results(candidates.size());
+    std::vector<std::optional<ReceiptForm>> results(candidates.size());
     parallelFor(candidates.size(), jobs, [&](size_t i) {
         if (i > first) return;
-        results[i] = verifyReceipt(candidates[i].receipt, signatures);
-        if (!results[i].valid()) return;
+        results[i] = holdsInAnyForm(candidates[i].receipt, signatures, budget);
+        if (!results[i]) return;
         size_t seen = first.load();
         while (i < seen && !first.compare_exchange_weak(seen, i)) {
         }
     });
     if (first == SIZE_MAX) return std::nullopt;
-    return explained(candidates[first], results[first].form);
+    return explained(candidates[first], *results[first]);
 }
 
 struct WindowHit {
@@ -280,21 +320,25 @@ struct WindowHit {
     ReceiptForm form;
 };
 
+// Nearest seconds first, so that a bound cuts off the least likely ones.
+// `searched` is how far either side every second was tried.
 std::optional<WindowHit> searchWindow(const Receipt& r, const std::vector<ReceiptSignature>& signatures,
-                                      int64_t window, unsigned jobs)
+                                      int64_t window, unsigned jobs, Budget& budget, int64_t& searched)
 {
     const ReceiptMatcher search(r, signatures);
     const auto chunks = static_cast<size_t>((window + WINDOW_CHUNK - 1) / WINDOW_CHUNK);
     std::atomic<size_t> firstChunk{SIZE_MAX};
     std::mutex lock;
     std::optional<WindowHit> best;
+    std::vector<char> complete(chunks, 0);
     parallelFor(chunks, jobs, [&](size_t chunk) {
-        if (chunk > firstChunk) return;
+        if (chunk > firstChunk || budget.cut()) return;
         const int64_t from = static_cast<int64_t>(chunk) * WINDOW_CHUNK + 1;
         const int64_t to = std::min(window, from + WINDOW_CHUNK - 1);
         for (int64_t distance = from; distance <= to; ++distance) {
             for (const int64_t delta : {distance, -distance}) {
-                const std::optional<ReceiptForm> form = search.holdsAt(r.logTime.time.seconds + delta);
+                const std::optional<ReceiptForm> form = search.holdsAt(r.logTime.time.seconds + delta, [&] { return budget.take(); });
+                if (budget.cut()) return;
                 if (!form) continue;
                 std::lock_guard<std::mutex> guard(lock);
                 if (!best || std::abs(delta) < std::abs(best->delta)) best = WindowHit{delta, *form};
@@ -302,11 +346,15 @@ std::optional<WindowHit> searchWindow(const Receipt& r, const std::vector<Receip
                 return;
             }
         }
+        complete[chunk] = 1;
     });
+    size_t whole = 0;
+    while (whole < chunks && complete[whole]) ++whole;
+    searched = std::min(window, static_cast<int64_t>(whole) * WINDOW_CHUNK);
     return best;
 }
 
-Explanation explainWithKey(const Receipt& receipt, const ExplainOptions& options)
+Explanation explainWithKey(const Receipt& receipt, const ExplainOptions& options, Budget& budget)
 {
     std::string reason;
     const std::vector<ReceiptSignature> signatures = receiptSignatures(receipt, reason);
@@ -317,18 +365,24 @@ Explanation explainWithKey(const Receipt& receipt, const ExplainOptions& options
     }
     CandidateList list(receipt);
     none.tried = discreteChanges(list, receipt);
-    if (std::optional<Explanation> found = firstDiscrete(list.items, signatures, options.jobs)) return *found;
+    if (std::optional<Explanation> found = firstDiscrete(list.items, signatures, options.jobs, budget)) return *found;
 
-    if (options.timeWindow > 0) {
-        none.tried.push_back("log time off by up to " + std::to_string(options.timeWindow) + " s");
-        if (std::optional<WindowHit> hit = searchWindow(receipt, signatures, options.timeWindow, options.jobs)) {
+    const int64_t window = std::min(options.timeWindow, MAX_TIME_WINDOW);
+    if (window > 0 && !budget.cut()) {
+        int64_t searched = 0;
+        std::optional<WindowHit> hit = searchWindow(receipt, signatures, window, options.jobs, budget, searched);
+        none.searchedWindow = searched;
+        if (hit) {
             const int64_t seconds = receipt.logTime.time.seconds + hit->delta;
             Receipt changed = receipt;
             changed.logTime.time.seconds = seconds;
-            const Candidate c{"the log time off by " + signedDelta(hit->delta, " s"), "logTime", receipt.logTime.text,
+            const Candidate c{"the log time " + timeShift(hit->delta), "logTime", receipt.logTime.text,
                               isoSeconds(seconds), std::move(changed)};
-            return explained(c, hit->form);
+            Explanation e = explained(c, hit->form);
+            e.searchedWindow = searched;
+            return e;
         }
+        none.tried.push_back("log time off by up to " + std::to_string(searched) + " s");
     }
     std::string joined;
     for (const std::string& t : none.tried) joined += (joined.empty() ? "" : ", ") + t;
@@ -340,14 +394,41 @@ Explanation explainWithKey(const Receipt& receipt, const ExplainOptions& options
 
 Explanation explainReceipt(const Receipt& receipt, const ExplainOptions& options)
 {
+    Budget budget(options.maxChecks);
     Explanation result;
     const std::vector<Receipt> readings = withEachKey(receipt);
-    for (size_t i = 0; i < readings.size(); ++i) {
-        Explanation e = explainWithKey(readings[i], options);
+    for (size_t i = 0; i < readings.size() && !budget.cut(); ++i) {
+        Explanation e = explainWithKey(readings[i], options, budget);
         if (e.found || i == 0) result = std::move(e);
         if (result.found) break;
     }
+    result.checks = budget.spent();
+    if (!result.found && budget.cut()) {
+        result.cutShort = true;
+        const int64_t window = std::min(options.timeWindow, MAX_TIME_WINDOW);
+        result.sentence = "the search was cut short after " + std::to_string(result.checks) +
+                          " signature checks, the work bound" +
+                          (window > 0 ? ", with the log time searched " + std::to_string(result.searchedWindow) +
+                                            " s of " + std::to_string(window) + " s either side"
+                                      : std::string()) +
+                          "; " + result.sentence;
+    }
     return result;
+}
+
+std::vector<Explanation> explainReceipts(const std::vector<const Receipt*>& receipts, const ExplainOptions& options,
+                                         uint64_t batchChecks)
+{
+    std::vector<Explanation> out;
+    out.reserve(receipts.size());
+    uint64_t left = batchChecks;
+    for (size_t i = 0; i < receipts.size(); ++i) {
+        ExplainOptions share = options;
+        share.maxChecks = std::min(options.maxChecks, left / (receipts.size() - i));
+        out.push_back(explainReceipt(*receipts[i], share));
+        left -= std::min(left, out.back().checks);
+    }
+    return out;
 }
 
 }  // namespace tse

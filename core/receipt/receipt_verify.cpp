@@ -163,7 +163,7 @@ ReceiptMatcher::ReceiptMatcher(const Receipt& receipt, const std::vector<Receipt
     for (const MessageShape& shape : messageShapes()) prefixes_.emplace_back(shape, signedPrefix(receipt, shape));
 }
 
-std::optional<ReceiptForm> ReceiptMatcher::holdsAt(int64_t seconds) const
+std::optional<ReceiptForm> ReceiptMatcher::holdsAt(int64_t seconds, const CheckGate& mayCheck) const
 {
     const Hash hash = receipt_.algorithm->hash;
     const std::vector<EncodedTime> times = distinctTimeElements(receipt_, seconds);
@@ -174,6 +174,7 @@ std::optional<ReceiptForm> ReceiptMatcher::holdsAt(int64_t seconds) const
             message.resize(prefixSize);
             append(message, time.element);
             for (const ReceiptSignature& signature : signatures_) {
+                if (mayCheck && !mayCheck()) return std::nullopt;
                 if (signature.value.verifies(receipt_.key, hash, message)) {
                     return ReceiptForm{shape, time.encoding, signature.encoding};
                 }

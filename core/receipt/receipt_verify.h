@@ -2,6 +2,7 @@
 #define TSE_CORE_RECEIPT_VERIFY_H
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <utility>
@@ -86,8 +87,12 @@ public:
     // Both are kept by reference and must outlive the matcher.
     ReceiptMatcher(const Receipt& receipt, const std::vector<ReceiptSignature>& signatures);
 
+    // Called before each signature check; false stops the search. A search
+    // with a bound counts its work here.
+    using CheckGate = std::function<bool()>;
+
     // The form under which a signature holds with the log time at `seconds`.
-    std::optional<ReceiptForm> holdsAt(int64_t seconds) const;
+    std::optional<ReceiptForm> holdsAt(int64_t seconds, const CheckGate& mayCheck = {}) const;
 
 private:
     const Receipt& receipt_;

@@ -221,7 +221,8 @@ TEST(Audit, LogNamesWhereTheyCount)
         std::set<std::string> codes;
     };
     for (const Case& c : std::vector<Case>{{dir.path("copy-of-a-log.log"), {}},
-                                           {dir.path("inner"), {"name-mismatch"}},
+                                           // A directory is an export, which should describe its device.
+                                           {dir.path("inner"), {"name-mismatch", "info-missing"}},
                                            {dir.path("Unixt_1700000000_Sig-99_Log-Aud.log"), {"name-mismatch"}}}) {
         SCOPED_TRACE(c.path);
         const Audit a = audit({"--cert", certificate, c.path});
@@ -323,7 +324,7 @@ TEST(Audit, CsvMatchesJson)
     ASSERT_EQ(rows.size(), 11u);
     const std::vector<std::string> header{"file", "type", "verdict", "signatureCounter", "logTime", "transactionNumber",
                                           "operationType", "clientId", "processType", "serialNumber",
-                                          "signatureAlgorithm", "reason"};
+                                          "signatureAlgorithm", "reason", "export"};
     EXPECT_EQ(rows[0], header);
     for (size_t i = 1; i < rows.size(); ++i) {
         const json& log = report["logs"][i - 1];
@@ -331,6 +332,7 @@ TEST(Audit, CsvMatchesJson)
         EXPECT_EQ(rows[i][3], std::to_string(log["signatureCounter"].get<uint64_t>()));
         EXPECT_EQ(rows[i][4], log["logTime"]);
         EXPECT_EQ(rows[i][7], log["clientId"].is_null() ? "" : log["clientId"].get<std::string>());
+        EXPECT_EQ(rows[i][12], log["export"]);
     }
 }
 

@@ -316,6 +316,15 @@ RunResult run(const std::string& program, const std::vector<std::string>& argume
         for (const std::string& setting : environment) {
             putenv(const_cast<char*>(setting.c_str()));
         }
+        if (limits.cpuSeconds != 0) {
+            const rlimit cpu{static_cast<rlim_t>(limits.cpuSeconds), static_cast<rlim_t>(limits.cpuSeconds)};
+            setrlimit(RLIMIT_CPU, &cpu);
+        }
+        if (limits.addressSpaceMiB != 0) {
+            const auto bytes = static_cast<rlim_t>(limits.addressSpaceMiB) << 20;
+            const rlimit space{bytes, bytes};
+            setrlimit(RLIMIT_AS, &space);
+        }
         std::vector<char*> argv{const_cast<char*>(program.c_str())};
         for (const std::string& argument : arguments) {
             argv.push_back(const_cast<char*>(argument.c_str()));

@@ -102,6 +102,8 @@ struct RunResult {
 struct RunLimits {
     int seconds = 0;
     long rssKiB = 0;
+    int cpuSeconds = 0;         // the kernel's limit on processor time (SIGXCPU past it)
+    long addressSpaceMiB = 0;   // the kernel's limit on the address space
 };
 // Runs the program with the arguments (not through a shell) and with the
 // extra environment settings given as NAME=value.

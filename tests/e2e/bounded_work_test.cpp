@@ -1,0 +1,122 @@
+// Work that could grow without end is bounded: explanations of invalid
+// receipts share a work bound, and a system that grants fewer threads than
+// asked for gets the work done on those. The kernel's limits on processor
+// time and address space hold the real executables to it.
+#include <filesystem>
+#include <sstream>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "fixtures.h"
+#include "signer.h"
+
+namespace {
+
+using nlohmann::json;
+
+const std::string REAL = std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) + "/../data/real-exports/";
+
+std::vector<std::string> fieldsOf(const std::string& text)
+{
+    std::vector<std::string> fields;
+    std::stringstream in(text);
+    for (std::string field; std::getline(in, field, ';');) fields.push_back(field);
+    return fields;
+}
+
+std::string joined(const std::vector<std::string>& fields)
+{
+    std::string text;
+    for (const std::string& field : fields) text += (text.empty() ? "" : ";") + field;
+    return text;
+}
+
+// 100 P-256 receipts that no change explains, each searched over the
+// default window: together within two cores' minute of processor time, and
+// each explanation says that its search was cut short. The receipts that a
+// cheap change or a near log time explains are still explained, the time
+// in words.
+TEST(BoundedWork, ExplainingABatchOfInvalidReceipts)
+{
+    const tse::Signer signer(tse::Curve::Secp256r1);
+    tse::TransactionData transaction;
+    transaction.clientId = "K1";
+    const std::string data = "Beleg^8.57_0.00_0.00_0.00_0.00^8.57:Bar";
+    transaction.processData = tse::Bytes(data.begin(), data.end());
+    transaction.processType = "Kassenbeleg-V1";
+    constexpr int64_t LOG_TIME = 1627903738;
+    std::string batch;
+    for (uint64_t n = 1; n <= 100; ++n) {
+        transaction.transactionNumber = n;
+        std::vector<std::string> fields =
+            fieldsOf(tse::signedReceiptText(signer, tse::Hash::Sha256, transaction, n, LOG_TIME - 20, LOG_TIME));
+        fields[3] = "Beleg^9.57_0.00_0.00_0.00_0.00^9.57:Bar";  // an amount changed: nothing explains it
+        batch += joined(fields) + "\n";
+    }
+    // Signed 300 s before the time the receipt shows, and with the client ID in other case.
+    std::vector<std::string> early = fieldsOf(tse::signedReceiptText(signer, tse::Hash::Sha256, transaction, 7, LOG_TIME - 20, LOG_TIME));
+    early[7] = fieldsOf(tse::signedReceiptText(signer, tse::Hash::Sha256, transaction, 7, LOG_TIME - 20, LOG_TIME + 300))[7];
+    std::vector<std::string> lower = fieldsOf(tse::signedReceiptText(signer, tse::Hash::Sha256, transaction, 8, LOG_TIME - 20, LOG_TIME));
+    lower[1] = "k1";
+    fixtures::TempDir dir;
+    const std::string list = dir.write("receipts.txt", joined(early) + "\n" + joined(lower) + "\n" + batch);
+
+    const fixtures::RunResult run =
+        fixtures::run(fixtures::tseCheckPath(), {"receipt", "--explain", "--json", "--jobs", "2", "--from", list}, {},
+                      fixtures::RunLimits{600, 0, 120, 0});
+    ASSERT_EQ(run.stopped, "");
+    ASSERT_EQ(run.status, 1) << run.err;  // not killed for its processor time
+    const json results = json::parse(run.out, nullptr, false);
+    ASSERT_TRUE(results.is_array() && results.size() == 102u) << run.out.substr(0, 500);
+    EXPECT_EQ(results[0]["explanation"]["field"], "logTime");
+    EXPECT_NE(results[0]["explanation"]["sentence"].get<std::string>().find("signed 300 s earlier than shown"),
+              std::string::npos)
+        << results[0]["explanation"]["sentence"];
+    EXPECT_EQ(results[1]["explanation"]["field"], "clientId");
+    uint64_t checks = 0;
+    for (size_t i = 2; i < results.size(); ++i) {
+        const json& e = results[i]["explanation"];
+        EXPECT_FALSE(e["found"].get<bool>());
+        EXPECT_TRUE(e["cutShort"].get<bool>());
+        EXPECT_NE(e["sentence"].get<std::string>().find("cut short"), std::string::npos);
+        checks += e["checks"].get<uint64_t>();
+    }
+    EXPECT_LE(checks, 800000u);
+}
+
+// -j 1024 in an address space that holds a few hundred thread stacks: the
+// audit and the receipt check run on the threads they get, and report.
+TEST(BoundedWork, FewerThreadsThanAskedFor)
+{
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "AddressSanitizer reserves more address space than the limit allows";
+#else
+    const fixtures::RunLimits limits{120, 0, 0, 1024};
+    const fixtures::RunResult audit =
+        fixtures::run(fixtures::tseCheckPath(), {"audit", "--jobs", "1024", "--json", "-", REAL + "logMessages1.tar"}, {},
+                      limits);
+    EXPECT_EQ(audit.stopped, "");
+    EXPECT_EQ(audit.status, 0) << audit.err;
+    const json report = json::parse(audit.out, nullptr, false);
+    ASSERT_FALSE(report.is_discarded()) << audit.err;
+    EXPECT_EQ(report["summary"]["valid"], 17);
+
+    const tse::Signer signer(tse::Curve::Secp256r1);
+    tse::TransactionData transaction;
+    transaction.clientId = "K1";
+    transaction.processType = "Kassenbeleg-V1";
+    transaction.processData = {'B', 'e', 'l', 'e', 'g'};
+    std::string texts;
+    for (uint64_t n = 1; n <= 50; ++n) {
+        texts += tse::signedReceiptText(signer, tse::Hash::Sha256, transaction, n, 1627903700, 1627903738) + "\n";
+    }
+    fixtures::TempDir dir;
+    const fixtures::RunResult receipts = fixtures::run(
+        fixtures::tseCheckPath(), {"receipt", "--jobs", "1024", "--from", dir.write("r.txt", texts)}, {}, limits);
+    EXPECT_EQ(receipts.stopped, "");
+    EXPECT_EQ(receipts.status, 0) << receipts.out << receipts.err;
+#endif
+}
+
+}  // namespace
