@@ -364,6 +364,25 @@ TEST(AuditHostile, HostileTextInEveryField)
     }
 }
 
+// receipt --json with a client ID and processData that are no UTF-8.
+TEST(AuditHostile, HostileTextInReceipts)
+{
+    const tse::Signer signer(tse::Curve::Secp256r1);
+    tse::TransactionData transaction;
+    transaction.clientId = "\xFF\xFE\x1B[31m\\x41";
+    transaction.processType = "Kassenbeleg-V1";
+    transaction.processData = {'B', 0xC3, '(', 0x9B, '@'};
+    const std::string text = tse::signedReceiptText(signer, tse::Hash::Sha256, transaction, 5, 1627903700, 1627903738);
+    const fixtures::RunResult run = fixtures::run(fixtures::tseCheckPath(), {"receipt", "--json", text}, {}, LIMITS);
+    const json results = json::parse(run.out, nullptr, false);
+    ASSERT_TRUE(results.is_array()) << run.out << run.err;
+    EXPECT_EQ(results[0]["verdict"], "valid");
+    EXPECT_EQ(unescape(results[0]["clientId"].get<std::string>()), transaction.clientId);
+    EXPECT_EQ(unescape(results[0]["text"].get<std::string>()), text);
+    const fixtures::RunResult line = fixtures::run(fixtures::tseCheckPath(), {"receipt", text}, {}, LIMITS);
+    EXPECT_EQ(line.out.find('\x1B'), std::string::npos);
+}
+
 // Several exports together: every finding and row names its export, each
 // export's info.csv is shown; a certificate repeated in a file counts once.
 TEST(AuditHostile, SeveralExportsAndRepeatedCertificates)
