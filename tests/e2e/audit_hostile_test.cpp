@@ -363,6 +363,25 @@ TEST(AuditHostile, HostileTextInEveryField)
     }
 }
 
+// receipt --json with a client ID and processData that are no UTF-8.
+TEST(AuditHostile, HostileTextInReceipts)
+{
+    const tse::Signer signer(tse::Curve::Secp256r1);
+    tse::TransactionData transaction;
+    transaction.clientId = "\xFF\xFE\x1B[31m\\x41";
+    transaction.processType = "Kassenbeleg-V1";
+    transaction.processData = {'B', 0xC3, '(', 0x9B, '@'};
+    const std::string text = tse::signedReceiptText(signer, tse::Hash::Sha256, transaction, 5, 1627903700, 1627903738);
+    const fixtures::RunResult run = fixtures::run(fixtures::tseCheckPath(), {"receipt", "--json", text}, {}, LIMITS);
+    const json results = json::parse(run.out, nullptr, false);
+    ASSERT_TRUE(results.is_array()) << run.out << run.err;
+    EXPECT_EQ(results[0]["verdict"], "valid");
+    EXPECT_EQ(unescape(results[0]["clientId"].get<std::string>()), transaction.clientId);
+    EXPECT_EQ(unescape(results[0]["text"].get<std::string>()), text);
+    const fixtures::RunResult line = fixtures::run(fixtures::tseCheckPath(), {"receipt", text}, {}, LIMITS);
+    EXPECT_EQ(line.out.find('\x1B'), std::string::npos);
+}
+
 // Several exports together: every finding and row names its export, each
 // export's info.csv is shown; a certificate repeated in a file counts once.
 TEST(AuditHostile, SeveralExportsAndRepeatedCertificates)
@@ -388,6 +407,48 @@ TEST(AuditHostile, SeveralExportsAndRepeatedCertificates)
         fixtures::tseCheckPath(), {"audit", "--cert", dir.write("many.pem", many), first}, {}, LIMITS);
     EXPECT_NE(repeated.out.find("(" + std::to_string(copies) + " identical copies)"), std::string::npos) << repeated.err;
     EXPECT_LT(std::count(repeated.out.begin(), repeated.out.end(), '\n'), 40);
+}
+
+// A link or a FIFO named like a log with a far higher counter is no log:
+// it is reported, but the counter range ends with the real logs.
+TEST(AuditHostile, SpecialMembersFillNoCounterRange)
+{
+    fixtures::TempDir dir;
+    const std::string tar = dir.path("special.tar");
+    {
+        const std::string real = fileText(REAL + "6e6c6a42-5c8d-4a9c-9572-26c10619d020.tar");
+        archive* in = archive_read_new();
+        archive_read_support_format_tar(in);
+        archive_read_open_memory(in, real.data(), real.size());
+        archive* out = archive_write_new();
+        archive_write_set_format_pax_restricted(out);
+        archive_write_open_filename(out, tar.c_str());
+        archive_entry* entry = nullptr;
+        std::string block(65536, '\0');
+        while (archive_read_next_header(in, &entry) == ARCHIVE_OK) {
+            archive_write_header(out, entry);
+            for (la_ssize_t got; (got = archive_read_data(in, block.data(), block.size())) > 0;) {
+                archive_write_data(out, block.data(), static_cast<size_t>(got));
+            }
+        }
+        for (const auto& [name, type] : {std::pair<const char*, mode_t>{"Unixt_1_Sig-900000_Log-Aud.log", AE_IFLNK},
+                                         {"Unixt_1_Sig-900001_Log-Aud.log", AE_IFIFO}}) {
+            archive_entry* special = archive_entry_new();
+            archive_entry_set_pathname(special, name);
+            archive_entry_set_filetype(special, type);
+            if (type == AE_IFLNK) archive_entry_set_symlink(special, "/etc/passwd");
+            archive_entry_set_perm(special, 0644);
+            archive_write_header(out, special);
+            archive_entry_free(special);
+        }
+        archive_write_close(out);
+        archive_write_free(out);
+        archive_read_free(in);
+    }
+    const Audit a = audit({tar});
+    EXPECT_EQ(a.status, 1);  // two members that cannot be read
+    EXPECT_EQ(a.report["summary"]["unreadable"], 2);
+    EXPECT_EQ(finding(a.report, "counter-gap"), nullptr) << a.report["findings"].dump();
 }
 
 // Log files given one by one, as a shell expands dir/*.log, are verified
