@@ -28,7 +28,7 @@ h3{font-size:1.05rem;margin:1rem 0 .3rem}
 .failed{color:var(--bad);border-color:var(--bad);background:#fde8ea}
 table{border-collapse:collapse;margin:.4rem 0 1rem;font-size:13px}
 th,td{border:1px solid var(--line);padding:2px 6px;text-align:left;vertical-align:top;overflow-wrap:anywhere}
-th{background:#f3f5f7}caption{text-align:left;font-weight:600;padding:.2rem 0}
+th{background:#f3f5f7;white-space:nowrap}table.logs th{white-space:normal}caption{text-align:left;font-weight:600;padding:.2rem 0}
 table.facts th{width:13rem}.hash{font-family:ui-monospace,monospace;font-size:12px;overflow-wrap:anywhere}
 table.logs{font-size:11.5px}table.logs tr.bad{background:#fde8ea}
 .sev{display:inline-block;padding:0 .4rem;border-radius:4px;font-size:.8rem;font-weight:700;text-transform:uppercase;border:1px solid}

@@ -201,7 +201,7 @@ void civilFromDays(int64_t days, int& year, unsigned& month, unsigned& day)
     year = static_cast<int>(static_cast<int64_t>(yoe) + era * 400) + (month <= 2);
 }
 
-std::string formatTime(int64_t seconds, bool withTime)
+std::string formatTime(int64_t seconds, TimeDetail detail)
 {
     const int64_t days = seconds >= 0 ? seconds / 86400 : (seconds - 86399) / 86400;
     const int64_t rest = seconds - days * 86400;
@@ -209,7 +209,10 @@ std::string formatTime(int64_t seconds, bool withTime)
     unsigned month, day;
     civilFromDays(days, year, month, day);
     char buffer[48];
-    if (withTime) {
+    if (detail == TimeDetail::Second) {
+        std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02u %02d:%02d:%02d", year, month, day,
+                      static_cast<int>(rest / 3600), static_cast<int>(rest % 3600 / 60), static_cast<int>(rest % 60));
+    } else if (detail == TimeDetail::Minute) {
         std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02u %02d:%02d", year, month, day, static_cast<int>(rest / 3600),
                       static_cast<int>(rest % 3600 / 60));
     } else {
@@ -243,22 +246,26 @@ std::vector<Tick> timeTicks(int64_t low, int64_t high, int count)
 {
     std::vector<Tick> ticks;
     if (high <= low || count < 1) {
-        ticks.push_back(Tick{static_cast<double>(low), formatTime(low, true)});
+        ticks.push_back(Tick{static_cast<double>(low), formatTime(low, TimeDetail::Second)});
         return ticks;
     }
     const int64_t span = high - low;
     constexpr int64_t DAY = 86400;
-    const std::array<int64_t, 14> steps{60, 300, 900, 1800, 3600, 3 * 3600, 6 * 3600, 12 * 3600, DAY, 2 * DAY, 7 * DAY,
+    const std::array<int64_t, 20> steps{1, 2, 5, 10, 15, 30, 60, 300, 900, 1800, 3600, 3 * 3600, 6 * 3600, 12 * 3600, DAY, 2 * DAY, 7 * DAY,
                                         14 * DAY, 0, 0};
     for (const int64_t step : steps) {
         if (step == 0) break;
         if (span / step <= count) {
-            const bool withTime = step < DAY;
+            const TimeDetail detail = step < 60 ? TimeDetail::Second : step < DAY ? TimeDetail::Minute : TimeDetail::Day;
             // Whole steps from midnight; weeks start on a Monday.
             const int64_t origin = step == 7 * DAY || step == 14 * DAY ? 4 * DAY : 0;
             int64_t at = low - origin;
             at = (at >= 0 ? (at + step - 1) / step : at / step) * step + origin;
-            for (; at <= high; at += step) ticks.push_back(Tick{static_cast<double>(at), formatTime(at, withTime)});
+            for (; at <= high; at += step) ticks.push_back(Tick{static_cast<double>(at), formatTime(at, detail)});
+            // The date once, then the time of day while the date stays.
+            for (size_t i = ticks.size(); detail != TimeDetail::Day && i-- > 1;) {
+                if (ticks[i].label.compare(0, 10, ticks[i - 1].label, 0, 10) == 0) ticks[i].label.erase(0, 11);
+            }
             return ticks;
         }
     }
@@ -276,7 +283,7 @@ std::vector<Tick> timeTicks(int64_t low, int64_t high, int count)
             const int64_t at = daysFromCivil(y, static_cast<unsigned>(m + 1), 1) * DAY;
             if (at > high) break;
             if (at >= low) {
-                std::string label = formatTime(at, false);
+                std::string label = formatTime(at);
                 ticks.push_back(Tick{static_cast<double>(at), months >= 12 ? label.substr(0, 4) : label.substr(0, 7)});
             }
             m += months;
@@ -480,8 +487,8 @@ std::string intervalChart(const IntervalChart& chart, std::string_view id)
         out += "<rect x=\"" + num(from) + "\" y=\"" + num(top) + "\" width=\"" + num(std::max(to - from, 1.5)) +
                "\" height=\"" + num(rowHeight - 10) + "\" fill=\"" + fillOf(id, static_cast<size_t>(row.style)) +
                "\" stroke=\"#333\"><title>";
-        appendEscaped(out, row.label + ": " + (row.from ? formatTime(*row.from, true) : "open") + " to " +
-                               (row.to ? formatTime(*row.to, true) : "open"));
+        appendEscaped(out, row.label + ": " + (row.from ? formatTime(*row.from, TimeDetail::Minute) : "open") + " to " +
+                               (row.to ? formatTime(*row.to, TimeDetail::Minute) : "open"));
         out += "</title></rect>";
         if (!row.from) svgText(out, from + 2, top + 12, "\xE2\x97\x80 no start", "class=\"mark-label\"");
         if (!row.to) svgText(out, to - 2, top + 12, "no end \xE2\x96\xB6", "class=\"mark-label\" text-anchor=\"end\"");

@@ -26,7 +26,9 @@ std::vector<Tick> numberTicks(double low, double high, int count);
 // labelled as dates, with the time of day when the span is short.
 std::vector<Tick> timeTicks(int64_t low, int64_t high, int count);
 std::string formatNumber(double value);                // "12,345", "2.5"
-std::string formatTime(int64_t seconds, bool withTime);  // "2023-11-14", "2023-11-14 22:13"
+enum class TimeDetail { Day, Minute, Second };
+// "2023-11-14", "2023-11-14 22:13", "2023-11-14 22:13:20" (UTC)
+std::string formatTime(int64_t seconds, TimeDetail detail = TimeDetail::Day);
 // Seconds since 1970 of a calendar day (UTC) and back.
 int64_t daysFromCivil(int year, unsigned month, unsigned day);
 void civilFromDays(int64_t days, int& year, unsigned& month, unsigned& day);

@@ -36,12 +36,20 @@ struct TseLogs {
     std::string_view algorithm;
     std::vector<size_t> rows;  // indices into the report's logs
     std::vector<report::Point> points;  // (log time, counter)
+    std::vector<uint64_t> updateTimeCounters;  // logs that set the clock, which may go back then
     std::optional<int64_t> firstTime, lastTime;
     std::optional<uint64_t> lowestCounter, highestCounter;
     report::MarkedPoints gaps{"counter gap", report::Marker::Triangle, {}, {}};
     report::MarkedPoints regressions{"time set back", report::Marker::Cross, {}, {}};
+    report::MarkedPoints clockSet{"clock set (updateTime)", report::Marker::Diamond, {}, {}};
     size_t gapCount = 0, missing = 0, regressionCount = 0;
 };
+
+// As the audit judges it: a TSE may set its clock back when it logs so.
+bool isUpdateTime(const tse::LogRecord& log)
+{
+    return log.type == tse::LogType::System && tse::equalsIgnoringCase(log.operation, "updateTime");
+}
 
 std::vector<TseLogs> groupByTse(const tse::AuditReport& report)
 {
@@ -67,11 +75,18 @@ std::vector<TseLogs> groupByTse(const tse::AuditReport& report)
             group.highestCounter = std::max(group.highestCounter.value_or(*log.counter), *log.counter);
             if (log.seconds && !serial.empty()) {
                 group.points.push_back({static_cast<double>(*log.seconds), static_cast<double>(*log.counter)});
+                if (isUpdateTime(log)) group.updateTimeCounters.push_back(*log.counter);
             }
         }
     }
-    // Gaps and clocks set back show in counter order.
+    // Gaps and clocks set back show in counter order; the line is drawn in
+    // time order.
     for (TseLogs& group : groups) {
+        std::sort(group.updateTimeCounters.begin(), group.updateTimeCounters.end());
+        const auto setsClock = [&](double counter) {
+            return std::binary_search(group.updateTimeCounters.begin(), group.updateTimeCounters.end(),
+                                      static_cast<uint64_t>(counter));
+        };
         std::sort(group.points.begin(), group.points.end(),
                   [](const report::Point& a, const report::Point& b) { return a.y < b.y || (a.y == b.y && a.x < b.x); });
         for (size_t i = 1; i < group.points.size(); ++i) {
@@ -88,7 +103,12 @@ std::vector<TseLogs> groupByTse(const tse::AuditReport& report)
                                                                  "\xE2\x80\x93" + formatNumber(static_cast<double>(to)));
                 }
             }
-            if (now.x < before.x) {
+            if (now.x < before.x && (setsClock(now.y) || setsClock(before.y))) {
+                if (group.clockSet.points.size() < MAX_MARKS) {
+                    group.clockSet.points.push_back(now);
+                    group.clockSet.labels.push_back("set " + formatNumber(before.x - now.x) + " s back");
+                }
+            } else if (now.x < before.x) {
                 ++group.regressionCount;
                 if (group.regressions.points.size() < MAX_MARKS) {
                     group.regressions.points.push_back(now);
@@ -96,6 +116,8 @@ std::vector<TseLogs> groupByTse(const tse::AuditReport& report)
                 }
             }
         }
+        std::sort(group.points.begin(), group.points.end(),
+                  [](const report::Point& a, const report::Point& b) { return a.x < b.x || (a.x == b.x && a.y < b.y); });
     }
     return groups;
 }
@@ -132,6 +154,14 @@ std::string counterRange(const TseLogs& group)
            formatNumber(static_cast<double>(*group.highestCounter));
 }
 
+// 64 hex digits in groups of 16, to be read and to wrap in a narrow column.
+std::string spaced(std::string_view serial)
+{
+    std::string out;
+    for (size_t i = 0; i < serial.size(); i += 16) out += (i ? " " : "") + std::string(serial.substr(i, 16));
+    return out;
+}
+
 const tse::CertificateRecord* certificateOf(const tse::AuditReport& report, std::string_view serial)
 {
     for (const tse::CertificateRecord& c : report.certificates) {
@@ -157,6 +187,7 @@ void counterCharts(report::ReportPage& page, const std::vector<TseLogs>& groups)
         chart.series.push_back(report::Series{"logs", group.points});
         if (!group.gaps.points.empty()) chart.marks.push_back(group.gaps);
         if (!group.regressions.points.empty()) chart.marks.push_back(group.regressions);
+        if (!group.clockSet.points.empty()) chart.marks.push_back(group.clockSet);
         chart.description =
             tseName(group) + ": " + count(group.points.size(), "logs") + " with counters " + counterRange(group) +
             " from " + timeRange(group.firstTime, group.lastTime) + ". " +
@@ -212,7 +243,7 @@ void logsPerDayChart(report::ReportPage& page, const tse::AuditReport& report)
     if (std::all_of(chart.layers[3].values.begin(), chart.layers[3].values.end(), [](double v) { return v == 0; })) {
         chart.layers.pop_back();
     }
-    for (size_t b = 0; b < bars; ++b) chart.categories.push_back(formatTime((firstDay + static_cast<int64_t>(b) * width) * DAY, false));
+    for (size_t b = 0; b < bars; ++b) chart.categories.push_back(formatTime((firstDay + static_cast<int64_t>(b) * width) * DAY));
     // The text alternative names the busiest bars and the totals.
     std::vector<size_t> order(bars);
     for (size_t b = 0; b < bars; ++b) order[b] = b;
@@ -364,13 +395,12 @@ void writeAuditHtml(std::ostream& out, const tse::AuditReport& report, const Htm
     report::ReportPage page(out, head);
 
     std::vector<std::vector<std::string>> tses{
-        {"TSE serial number", "Curve", "Certificate subject", "Valid from", "Valid to", "Chain", "Logs", "Counters"}};
+        {"TSE serial number", "Curve", "Certificate subject", "Certificate valid", "Chain", "Logs", "Counters"}};
     for (const TseLogs& group : groups) {
         if (group.serial.empty()) continue;
         const tse::CertificateRecord* c = certificateOf(report, group.serial);
-        tses.push_back({std::string(group.serial), c ? c->curve : "-", c ? c->subject : "no certificate",
-                        c && c->notBefore ? tse::isoSeconds(*c->notBefore) : "-",
-                        c && c->notAfter ? tse::isoSeconds(*c->notAfter) : "-",
+        tses.push_back({spaced(group.serial), c ? c->curve : "-", c ? c->subject : "no certificate",
+                        c ? timeRange(c->notBefore, c->notAfter) : "-",
                         c ? std::string(tse::chainStatusName(c->chain.status)) : "-",
                         formatNumber(static_cast<double>(group.rows.size())), counterRange(group)});
     }
