@@ -302,10 +302,13 @@ void validityChart(report::ReportPage& page, const tse::AuditReport& report, con
     page.figure(report::intervalChart(chart, "validity"), chart.description);
 }
 
+// The CSV's time, without the ".000" that a time of whole seconds gets
+// there: four characters a row are 400 KB of a hundred thousand logs.
 std::string iso(const tse::LogRecord& log)
 {
     const auto time = log.logTime();
-    return time ? time->iso() : std::string();
+    if (!time) return {};
+    return time->fraction.empty() ? tse::isoSeconds(time->seconds) : time->iso();
 }
 
 std::string number(const std::optional<uint64_t>& value)
