@@ -28,7 +28,7 @@ h3{font-size:1.05rem;margin:1rem 0 .3rem}
 .failed{color:var(--bad);border-color:var(--bad);background:#fde8ea}
 table{border-collapse:collapse;margin:.4rem 0 1rem;font-size:13px}
 th,td{border:1px solid var(--line);padding:2px 6px;text-align:left;vertical-align:top;overflow-wrap:anywhere}
-th{background:#f3f5f7;white-space:nowrap}table.logs th{white-space:normal}caption{text-align:left;font-weight:600;padding:.2rem 0}
+th,td.nb{white-space:nowrap}th{background:#f3f5f7}table.logs th{white-space:normal}caption{text-align:left;font-weight:600;padding:.2rem 0}
 table.facts th{width:13rem}.hash{font-family:ui-monospace,monospace;font-size:12px;overflow-wrap:anywhere}
 table.logs{font-size:11.5px}table.logs tr.bad{background:#fde8ea}
 .sev{display:inline-block;padding:0 .4rem;border-radius:4px;font-size:.8rem;font-weight:700;text-transform:uppercase;border:1px solid}
@@ -37,7 +37,7 @@ table.logs{font-size:11.5px}table.logs tr.bad{background:#fde8ea}
 .finding.error{border-left-color:var(--bad)}.finding.warning{border-left-color:var(--warn)}
 .finding ul{margin:.2rem 0;padding-left:1.2rem}.items{font-size:12px;color:#444;overflow-wrap:anywhere}
 figure{margin:1rem 0}figcaption{font-size:13px;color:#333;max-width:48rem}
-svg.chart{max-width:100%;height:auto;font:11px system-ui,sans-serif;background:#fff}
+svg.chart{width:100%;max-width:52rem;height:auto;font:11px system-ui,sans-serif;background:#fff}
 svg .grid{stroke:#e1e4e8}svg .frame{stroke:#333;fill:none}svg .chart-title{font-weight:700;font-size:13px}
 svg .axis-name{font-size:12px}svg .mark-label{font-size:10px}
 details summary{cursor:pointer;font-weight:600}.print-only{display:none}
@@ -93,6 +93,14 @@ std::string byteCount(uint64_t bytes)
         out += digits[i];
     }
     return out + " bytes";
+}
+
+// Short values ("secp384r1", "untrusted-root") stay on one line; long
+// ones (key hashes, subjects) may wrap anywhere, so that no table grows
+// wider than the page.
+const char* cellTag(const std::string& value)
+{
+    return value.size() <= 24 && value.find(' ') == std::string::npos ? "<td class=\"nb\">" : "<td>";
 }
 
 }  // namespace
@@ -194,7 +202,9 @@ void ReportPage::facts(const std::vector<Fact>& facts)
 {
     Html html(buffer_);
     html.open("table", {{"class", "facts"}});
-    for (const Fact& fact : facts) html.trusted("<tr><th>").text(fact.name).trusted("<td>").text(fact.value).trusted("</tr>");
+    for (const Fact& fact : facts) {
+        html.trusted("<tr><th>").text(fact.name).trusted(cellTag(fact.value)).text(fact.value).trusted("</tr>");
+    }
     html.close("table");
 }
 
@@ -204,7 +214,7 @@ void ReportPage::smallTable(const std::vector<std::vector<std::string>>& rows, c
     html.open("table").element("caption", caption);
     for (size_t r = 0; r < rows.size(); ++r) {
         html.trusted(r == 0 ? "<thead><tr>" : "<tr>");
-        for (const std::string& cell : rows[r]) html.trusted(r == 0 ? "<th>" : "<td>").text(cell);
+        for (const std::string& cell : rows[r]) html.trusted(r == 0 ? "<th>" : cellTag(cell)).text(cell);
         html.trusted(r == 0 ? "</tr></thead><tbody>" : "</tr>");
     }
     html.trusted(rows.empty() ? "</table>" : "</tbody></table>");

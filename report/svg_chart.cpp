@@ -107,7 +107,7 @@ void marker(std::string& out, Marker shape, double x, double y, const char* colo
 std::vector<Tick> ticksFor(Axis axis, double low, double high, int count)
 {
     if (axis == Axis::Time) {
-        return timeTicks(static_cast<int64_t>(std::floor(low)), static_cast<int64_t>(std::ceil(high)), count);
+        return timeTicks(static_cast<int64_t>(std::ceil(low)), static_cast<int64_t>(std::floor(high)), count);
     }
     return numberTicks(low, high, count);
 }
@@ -118,17 +118,25 @@ void axes(std::string& out, const Scale& x, const Scale& y, const std::vector<Ti
 {
     const double bottom = y.from, top = y.to;
     out += "<g class=\"axis\">";
+    const auto inside = [](const Scale& scale, double value) {
+        return value >= std::min(scale.low, scale.high) && value <= std::max(scale.low, scale.high);
+    };
     for (const Tick& tick : yTicks) {
+        if (!inside(y, tick.value)) continue;
         const double at = y.at(tick.value);
         out += "<line x1=\"" + num(LEFT) + "\" x2=\"" + num(LEFT + PLOT_WIDTH) + "\" y1=\"" + num(at) + "\" y2=\"" +
                num(at) + "\" class=\"grid\"/>";
         svgText(out, LEFT - 6, at + 4, tick.label, "text-anchor=\"end\"");
     }
     for (const Tick& tick : xTicks) {
+        if (!inside(x, tick.value)) continue;
         const double at = x.at(tick.value);
         out += "<line x1=\"" + num(at) + "\" x2=\"" + num(at) + "\" y1=\"" + num(top) + "\" y2=\"" + num(bottom) +
                "\" class=\"grid\"/>";
-        svgText(out, at, bottom + 16, tick.label, "text-anchor=\"middle\"");
+        // A label that would stick out of the picture keeps to its edge.
+        const double half = 3.2 * static_cast<double>(tick.label.size());
+        const char* anchor = at - half < 2 ? "start" : at + half > WIDTH - 2 ? "end" : "middle";
+        svgText(out, at, bottom + 16, tick.label, std::string("text-anchor=\"") + anchor + "\"");
     }
     out += "<path d=\"M" + num(LEFT) + "," + num(top) + "V" + num(bottom) + "H" + num(LEFT + PLOT_WIDTH) +
            "\" class=\"frame\"/>";
@@ -472,7 +480,7 @@ std::string intervalChart(const IntervalChart& chart, std::string_view id)
                "\" height=\"" + num(plotBottom - plotTop + 4) + "\" fill=\"" + fillOf(id, 2) +
                "\" stroke=\"#009E73\" stroke-dasharray=\"4 2\"/>";
     }
-    for (const Tick& tick : timeTicks(static_cast<int64_t>(lowD), static_cast<int64_t>(highD), 5)) {
+    for (const Tick& tick : timeTicks(static_cast<int64_t>(std::ceil(lowD)), static_cast<int64_t>(highD), 5)) {
         const double at = x.at(tick.value);
         out += "<line x1=\"" + num(at) + "\" x2=\"" + num(at) + "\" y1=\"" + num(plotTop - 4) + "\" y2=\"" +
                num(plotBottom) + "\" class=\"grid\"/>";
