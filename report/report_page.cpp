@@ -2,11 +2,15 @@
 
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <set>
 #include <memory>
 
 #include "html_writer.h"
+#include "svg_chart.h"
 
 namespace report {
 namespace {
@@ -142,6 +146,60 @@ std::vector<InputFile> describeInputs(const std::vector<std::string>& paths)
         inputs.push_back(std::move(input));
     }
     return inputs;
+}
+
+std::vector<FindingGroup> groupFindings(const std::vector<FindingEntry>& findings)
+{
+    std::map<std::pair<bool, std::string_view>, FindingGroup> byCode;  // false sorts first: errors
+    std::map<std::pair<bool, std::string_view>, std::set<std::string_view>> seen;
+    for (const FindingEntry& finding : findings) {
+        const std::pair<bool, std::string_view> key{!finding.error, finding.code};
+        FindingGroup& group = byCode[key];
+        group.severity = finding.error ? "error" : "warning";
+        group.code = std::string(finding.code);
+        group.messages.emplace_back(finding.message);
+        if (!finding.items) continue;
+        for (const std::string& item : *finding.items) {
+            if (seen[key].insert(item).second) group.items.push_back(item);
+        }
+    }
+    std::vector<FindingGroup> groups;
+    for (auto& entry : byCode) groups.push_back(std::move(entry.second));
+    return groups;
+}
+
+namespace {
+constexpr int64_t DAY = 86400;
+constexpr int64_t MAX_BARS = 120;
+
+int64_t dayOf(int64_t seconds)
+{
+    return seconds >= 0 ? seconds / DAY : (seconds - DAY + 1) / DAY;
+}
+}  // namespace
+
+DayBuckets::DayBuckets(int64_t first, int64_t last) : firstDay_(dayOf(first))
+{
+    const int64_t days = std::max<int64_t>(dayOf(last) - firstDay_ + 1, 1);
+    if (days > MAX_BARS) width_ = 7;
+    if (days > MAX_BARS * 7) width_ = 30;
+    count_ = static_cast<size_t>((days + width_ - 1) / width_);
+}
+
+size_t DayBuckets::of(int64_t seconds) const
+{
+    const int64_t bucket = (dayOf(seconds) - firstDay_) / width_;
+    return static_cast<size_t>(std::clamp<int64_t>(bucket, 0, static_cast<int64_t>(count_) - 1));
+}
+
+std::string DayBuckets::label(size_t bucket) const
+{
+    return formatTime((firstDay_ + static_cast<int64_t>(bucket) * width_) * DAY);
+}
+
+std::string DayBuckets::unit() const
+{
+    return width_ == 1 ? "day" : width_ == 7 ? "week" : "30 days";
 }
 
 ReportPage::ReportPage(std::ostream& out, const PageHead& head) : out_(out)

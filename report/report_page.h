@@ -51,6 +51,30 @@ struct FindingGroup {
     std::vector<std::string> items;  // the logs or transactions concerned, each once
 };
 
+// One finding as a checker made it, before grouping.
+struct FindingEntry {
+    bool error = false;
+    std::string_view code, message;
+    const std::vector<std::string>* items = nullptr;  // the logs or transactions it concerns
+};
+// Errors first, then warnings, each by code; items once per group, in order.
+std::vector<FindingGroup> groupFindings(const std::vector<FindingEntry>& findings);
+
+// Days from the first to the last time, in bars of a day, a week or 30
+// days, so that a chart never has more than about 120 bars.
+class DayBuckets {
+public:
+    DayBuckets(int64_t first, int64_t last);
+    size_t size() const { return count_; }
+    size_t of(int64_t seconds) const;        // the bar of a time
+    std::string label(size_t bucket) const;  // its first day, "2023-11-14"
+    std::string unit() const;                // "day", "week", "30 days"
+
+private:
+    int64_t firstDay_ = 0, width_ = 1;
+    size_t count_ = 0;
+};
+
 struct Table {
     std::string caption;
     std::vector<std::string> columns;

@@ -17,8 +17,6 @@ using report::formatNumber;
 using report::formatTime;
 
 constexpr size_t MAX_MARKS = 300;        // gaps or regressions drawn per TSE
-constexpr int64_t DAY = 86400;
-constexpr size_t MAX_DAY_BARS = 120;     // beyond that, bars per week or month
 
 std::string count(size_t n, const std::string& word)
 {
@@ -124,21 +122,11 @@ std::vector<TseLogs> groupByTse(const tse::AuditReport& report)
 
 std::vector<report::FindingGroup> findingGroups(const tse::AuditReport& report)
 {
-    std::map<std::pair<int, std::string>, report::FindingGroup> byCode;
-    std::map<std::pair<int, std::string>, std::set<std::string>> seen;
-    for (const tse::Finding& finding : report.findings) {
-        const std::pair<int, std::string> key{finding.severity == tse::Severity::Error ? 0 : 1, finding.code};
-        report::FindingGroup& group = byCode[key];
-        group.severity = std::string(tse::severityName(finding.severity));
-        group.code = finding.code;
-        group.messages.push_back(finding.message);
-        for (const std::string& file : finding.files) {
-            if (seen[key].insert(file).second) group.items.push_back(file);
-        }
+    std::vector<report::FindingEntry> entries;
+    for (const tse::Finding& f : report.findings) {
+        entries.push_back({f.severity == tse::Severity::Error, f.code, f.message, &f.files});
     }
-    std::vector<report::FindingGroup> groups;
-    for (auto& entry : byCode) groups.push_back(std::move(entry.second));
-    return groups;
+    return report::groupFindings(entries);
 }
 
 std::string timeRange(const std::optional<int64_t>& from, const std::optional<int64_t>& to)
@@ -216,13 +204,9 @@ void logsPerDayChart(report::ReportPage& page, const tse::AuditReport& report)
         last = std::max(last.value_or(*log.seconds), *log.seconds);
     }
     if (!first) return;
-    const auto dayOf = [](int64_t seconds) { return seconds >= 0 ? seconds / DAY : (seconds - DAY + 1) / DAY; };
-    const int64_t firstDay = dayOf(*first), days = dayOf(*last) - firstDay + 1;
-    int64_t width = 1;
-    std::string unit = "day";
-    if (days > static_cast<int64_t>(MAX_DAY_BARS)) width = 7, unit = "week";
-    if (days > static_cast<int64_t>(MAX_DAY_BARS) * 7) width = 30, unit = "30 days";
-    const size_t bars = static_cast<size_t>((days + width - 1) / width);
+    const report::DayBuckets buckets(*first, *last);
+    const size_t bars = buckets.size();
+    const std::string unit = buckets.unit();
     report::BarChart chart;
     chart.title = "Logs per " + unit + " by type";
     chart.yLabel = "logs";
@@ -236,14 +220,14 @@ void logsPerDayChart(report::ReportPage& page, const tse::AuditReport& report)
             ++withoutTime;
             continue;
         }
-        const auto bar = static_cast<size_t>((dayOf(*log.seconds) - firstDay) / width);
+        const size_t bar = buckets.of(*log.seconds);
         const size_t layer = !log.type ? 3 : log.type == tse::LogType::Transaction ? 0 : log.type == tse::LogType::System ? 1 : 2;
         chart.layers[layer].values[bar] += 1;
     }
     if (std::all_of(chart.layers[3].values.begin(), chart.layers[3].values.end(), [](double v) { return v == 0; })) {
         chart.layers.pop_back();
     }
-    for (size_t b = 0; b < bars; ++b) chart.categories.push_back(formatTime((firstDay + static_cast<int64_t>(b) * width) * DAY));
+    for (size_t b = 0; b < bars; ++b) chart.categories.push_back(buckets.label(b));
     // The text alternative names the busiest bars and the totals.
     std::vector<size_t> order(bars);
     for (size_t b = 0; b < bars; ++b) order[b] = b;

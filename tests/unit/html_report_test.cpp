@@ -204,3 +204,52 @@ TEST(Charts, BarsStackOrStandSideBySide)
 }
 
 }  // namespace
+
+namespace {
+
+TEST(HtmlPage, DayBucketsKeepChartsToAboutOneHundredTwentyBars)
+{
+    const int64_t t = 1700000000, day = 86400;  // 2023-11-14 22:13:20 UTC
+    struct Case {
+        int64_t last;
+        size_t bars;
+        std::string unit, lastLabel;
+    } cases[] = {
+        {t, 1, "day", "2023-11-14"},
+        {t + 2 * 3600, 2, "day", "2023-11-15"},  // past midnight UTC
+        {t + 119 * day, 120, "day", "2024-03-12"},
+        {t + 120 * day, 18, "week", "2024-03-12"},
+        {t + 3 * 365 * day, 37, "30 days", "2026-10-29"},
+    };
+    for (const Case& c : cases) {
+        const report::DayBuckets buckets(t, c.last);
+        EXPECT_EQ(buckets.size(), c.bars) << c.last - t;
+        EXPECT_EQ(buckets.unit(), c.unit);
+        EXPECT_EQ(buckets.of(t), 0u);
+        EXPECT_EQ(buckets.of(c.last), c.bars - 1);
+        EXPECT_EQ(buckets.label(buckets.of(c.last)), c.lastLabel) << c.last - t;
+    }
+    // Before 1970, days still begin at midnight.
+    const report::DayBuckets early(-1, 1);
+    EXPECT_EQ(early.size(), 2u);
+    EXPECT_EQ(early.label(0), "1969-12-31");
+}
+
+TEST(HtmlPage, FindingsGroupErrorsFirstAndNameEachItemOnce)
+{
+    const std::vector<std::string> a{"1.log", "2.log"}, b{"2.log", "3.log"};
+    const std::vector<report::FindingGroup> groups = report::groupFindings({
+        {false, "counter-gap", "gap", nullptr},
+        {true, "signature-invalid", "one", &a},
+        {true, "signature-invalid", "two", &b},
+        {true, "certificate-missing", "none", nullptr},
+    });
+    ASSERT_EQ(groups.size(), 3u);
+    EXPECT_EQ(groups[0].code, "certificate-missing");
+    EXPECT_EQ(groups[1].code, "signature-invalid");
+    EXPECT_EQ(groups[1].messages, (std::vector<std::string>{"one", "two"}));
+    EXPECT_EQ(groups[1].items, (std::vector<std::string>{"1.log", "2.log", "3.log"}));
+    EXPECT_EQ(groups[2].severity, "warning");
+}
+
+}  // namespace
