@@ -262,3 +262,24 @@ TEST(BrowserReport, LargeExportFromAggregates)
 }
 
 }  // namespace
+
+namespace {
+
+// Without a browser: the page goes to standard output alone, and names the
+// export as it was given, relative, not where this machine keeps it.
+TEST(HtmlReport, ToStandardOutputWithRelativeNames)
+{
+    fixtures::TempDir dir;
+    fs::copy_file(REAL + "logMessages1.tar", dir.path("logMessages1.tar"));
+    const std::string script = "cd '" + dir.path("") + "' && exec '" + fixtures::tseCheckPath() +
+                               "' audit --no-progress --html - logMessages1.tar";
+    const fixtures::RunResult run = fixtures::run("/bin/sh", {"-c", script});
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.out.rfind("<!DOCTYPE html>", 0), 0u);
+    EXPECT_EQ(run.out.substr(run.out.size() - 15), "</body></html>\n");
+    EXPECT_EQ(run.out.find("PASSED WITH WARNINGS:"), std::string::npos) << "the text summary stays out";
+    EXPECT_NE(run.out.find("<td>logMessages1.tar<td>27,648 bytes"), std::string::npos);
+    EXPECT_EQ(run.out.find(dir.path("")), std::string::npos);
+}
+
+}  // namespace
