@@ -16,12 +16,21 @@ BUILD_PACKAGES=(g++ make cmake pkg-config libssl-dev libgtest-dev libcli11-dev n
 # The fuzz targets (fuzz/targets.txt, which fuzz/CMakeLists.txt reads too).
 mapfile -t FUZZ_TARGETS < <(grep -E '^[a-z_0-9]+$' fuzz/targets.txt)
 
+# What the tests of the HTML report run: headless Chromium renders, prints
+# and photographs the report, pdftotext reads the printout back. Without
+# them those tests are reported as skipped.
+BROWSER_PACKAGES=(chromium poppler-utils)
+
 # Parallel build jobs.
 JOBS="${JOBS:-2}"
 
 # The everyday build in build/, shared by the demo, the samples and the tests.
 MAIN_BUILD_ARGS=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_TESTING=ON
                  -DENABLE_SANITIZERS=OFF -DENABLE_FUZZING=OFF)
+
+# The picture of a real export's report that the README shows
+# (scripts/make-screenshot writes it).
+REPORT_SCREENSHOT=docs/report.png
 
 # The bundled samples (scripts/make-samples writes them).
 SAMPLE_CERT=samples/demo-tse-certificate.pem
@@ -110,4 +119,18 @@ verify_samples() {
     show_run "build/signature-verification \"-q\$(cat $SAMPLE_QR)\"" \
         build/signature-verification "-q$(cat "$SAMPLE_QR")" || failures=$((failures + 1))
     return "$failures"
+}
+
+# chromium_shot HTML PNG [WIDTH,HEIGHT]: the first screen of a page as a
+# picture, from headless Chromium with a new empty profile and nothing that
+# reaches the network.
+chromium_shot() {
+    local page="$1" png="$2" size="${3:-1000,1400}" profile status=0
+    profile=$(mktemp -d)
+    chromium --headless --no-sandbox --disable-gpu --disable-quic --no-first-run \
+        --disable-background-networking --disable-component-update --disable-sync \
+        --user-data-dir="$profile" --hide-scrollbars --window-size="$size" \
+        --screenshot="$(realpath -m "$png")" "file://$(realpath "$page")" >/dev/null 2>&1 || status=$?
+    rm -rf "$profile"
+    return "$status"
 }

@@ -19,6 +19,7 @@
 #include "audit.h"
 #include "parallel.h"
 #include "text.h"
+#include "tse_check_html.h"
 #include "tse_check_commands.h"
 #include "tse_check_output.h"
 #include "tse_check_support.h"
@@ -32,7 +33,7 @@ constexpr size_t FILES_SHOWN_PER_CODE = 3;
 
 struct AuditCommandOptions {
     tse::AuditOptions audit;
-    std::string jsonPath, csvPath;
+    std::string jsonPath, csvPath, htmlPath;
     bool progress = isatty(STDERR_FILENO) != 0;
 };
 
@@ -319,8 +320,9 @@ int auditCommand(AuditCommandOptions& options)
         bar = std::make_unique<ProgressBar>();
         options.audit.progress = [&bar](const tse::AuditProgress& p) { bar->update(p); };
     }
-    if (options.jsonPath == "-" && options.csvPath == "-") {
-        refuse(EXIT_BAD_INPUT, "--json - and --csv - cannot share standard output; write one of them to a file\n"
+    const int toStandardOutput = (options.jsonPath == "-") + (options.csvPath == "-") + (options.htmlPath == "-");
+    if (toStandardOutput > 1) {
+        refuse(EXIT_BAD_INPUT, "--json, --csv and --html cannot share standard output; write all but one to files\n"
                                "Run with --help for more information.");
     }
     tse::AuditOutcome outcome = tse::auditExport(options.audit);
@@ -331,7 +333,13 @@ int auditCommand(AuditCommandOptions& options)
         writeTo(options.jsonPath, [&](std::ostream& out) { writeJson(out, report, options.audit.jobs); });
     }
     if (!options.csvPath.empty()) writeTo(options.csvPath, [&](std::ostream& out) { writeCsv(out, report); });
-    if (options.jsonPath != "-" && options.csvPath != "-") printSummary(std::cout, report, options.audit.strict);
+    if (!options.htmlPath.empty()) {
+        HtmlContext context{options.audit.exports, options.audit.strict};
+        context.inputs.insert(context.inputs.end(), options.audit.certificateFiles.begin(),
+                              options.audit.certificateFiles.end());
+        writeTo(options.htmlPath, [&](std::ostream& out) { writeAuditHtml(out, report, context); });
+    }
+    if (toStandardOutput == 0) printSummary(std::cout, report, options.audit.strict);
     return report.summary.errors ? EXIT_NOT_VERIFIED : EXIT_OK;
 }
 
@@ -356,6 +364,9 @@ Command addAuditCommand(CLI::App& parent)
         ->allow_extra_args(false);
     app->add_option("--json", options->jsonPath, "Write the report as JSON (- for standard output)")->type_name("FILE");
     app->add_option("--csv", options->csvPath, "Write one row per log as CSV (- for standard output)")->type_name("FILE");
+    app->add_option("--html", options->htmlPath,
+                    "Write a report for people: one HTML file with charts, to read or print (- for standard output)")
+        ->type_name("FILE");
     app->add_flag("--strict", options->audit.strict, "Count warnings as errors");
     app->add_option("--jobs,-j", options->audit.jobs, "Threads to verify with (default: every core)")
         ->check(CLI::Range(1u, 1024u));
