@@ -1,6 +1,7 @@
 #include "grey_image.h"
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 
 namespace tse {
@@ -108,6 +109,75 @@ GreyImage doubled(const GreyImage& image)
                                  image.pixels[static_cast<size_t>(sy) * image.width + sx];
             out.pixels[static_cast<size_t>(y) * out.width + x] = static_cast<uint8_t>((sum + 2) / 4);
         }
+    }
+    return out;
+}
+
+GreyImage shrunk(const GreyImage& image, int factor)
+{
+    GreyImage out{image.width / factor, image.height / factor, {}};
+    out.pixels.resize(static_cast<size_t>(out.width) * static_cast<size_t>(out.height));
+    const auto area = static_cast<unsigned>(factor * factor);
+    for (int y = 0; y < out.height; ++y) {
+        for (int x = 0; x < out.width; ++x) {
+            unsigned sum = 0;
+            for (int dy = 0; dy < factor; ++dy) {
+                const uint8_t* row = &image.pixels[static_cast<size_t>(y * factor + dy) * static_cast<size_t>(image.width) +
+                                                   static_cast<size_t>(x * factor)];
+                for (int dx = 0; dx < factor; ++dx) sum += row[dx];
+            }
+            out.pixels[static_cast<size_t>(y) * static_cast<size_t>(out.width) + static_cast<size_t>(x)] =
+                static_cast<uint8_t>((sum + area / 2) / area);
+        }
+    }
+    return out;
+}
+
+GreyImage smoothed(const GreyImage& image, int radius)
+{
+    GreyImage out = image;
+    for (int round = 0; round < 2 && image.width > 0 && image.height > 0; ++round) {
+        const std::vector<uint32_t> mean = boxMean(out, radius);
+        std::transform(mean.begin(), mean.end(), out.pixels.begin(), [](uint32_t v) { return static_cast<uint8_t>(v); });
+    }
+    return out;
+}
+
+GreyImage stretched(const GreyImage& image)
+{
+    std::array<size_t, 256> histogram{};
+    for (uint8_t value : image.pixels) ++histogram[value];
+    const size_t tail = image.pixels.size() / 100;
+    int low = 0;
+    for (size_t seen = 0; low < 255 && seen + histogram[static_cast<size_t>(low)] <= tail; ++low) {
+        seen += histogram[static_cast<size_t>(low)];
+    }
+    int high = 255;
+    for (size_t seen = 0; high > 0 && seen + histogram[static_cast<size_t>(high)] <= tail; --high) {
+        seen += histogram[static_cast<size_t>(high)];
+    }
+    GreyImage out = image;
+    if (high <= low) {
+        return out;
+    }
+    for (uint8_t& value : out.pixels) {
+        value = static_cast<uint8_t>(std::clamp((value - low) * 255 / (high - low), 0, 255));
+    }
+    return out;
+}
+
+GreyImage thresholded(const GreyImage& image)
+{
+    if (image.width == 0 || image.height == 0) {
+        return image;
+    }
+    // Several modules wide, so that a large dark module still has light
+    // around it in its window.
+    const int radius = std::max(7, std::min(image.width, image.height) / 40);
+    const std::vector<uint32_t> local = boxMean(image, radius);
+    GreyImage out{image.width, image.height, std::vector<uint8_t>(image.pixels.size())};
+    for (size_t i = 0; i < image.pixels.size(); ++i) {
+        out.pixels[i] = image.pixels[i] + 3u < local[i] ? 0 : 255;
     }
     return out;
 }
