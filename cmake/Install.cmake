@@ -62,7 +62,9 @@ else()
     OpenSSL::Crypto libssl3
     LibArchive::LibArchive libarchive13
     ZXing::ZXing libzxing2
-    PkgConfig::POPPLER_CPP libpoppler-cpp0v5)
+    PkgConfig::POPPLER_CPP libpoppler-cpp0v5
+    PkgConfig::VIPS libvips42
+    PkgConfig::ZBAR libzbar0)
   set(depends "libc6, libstdc++6")
   while(TSE_RUNTIME_PACKAGES)
     list(POP_FRONT TSE_RUNTIME_PACKAGES target package)

@@ -86,17 +86,37 @@ public:
     }
 
     // "-" is one picture on standard input, as a camera program writes it.
-    void addPicture(const std::string& path)
+    // Pictures are read side by side, their codes listed in the order given.
+    void addPictures(const std::vector<std::string>& paths, unsigned jobs)
     {
-        const bool standardInput = path == "-";
-        const std::string name = standardInput ? "stdin" : path;
-        tse::FileRead read = tse::readFileBounded(standardInput ? "/dev/stdin" : path, MAX_PICTURE_SIZE);
-        if (!read.contents) return report("Picture " + name + " " + read.error);
-        const tse::ImageScan scan = tse::scanImage(*read.contents);
-        if (!scan.error.empty()) return report("Picture " + name + " cannot be read: " + scan.error);
-        if (scan.codes.empty()) return report("Picture " + name + " holds no QR code");
-        for (size_t i = 0; i < scan.codes.size(); ++i) {
-            inputs.push_back({pictureSource(name, scan.codes, i), scan.codes[i].text, scan.codes[i]});
+        struct Scanned {
+            std::string name;
+            std::string error;
+            tse::ImageScan scan;
+        };
+        std::vector<Scanned> scanned(paths.size());
+        tse::parallelFor(paths.size(), jobs, [&](size_t i) {
+            const bool standardInput = paths[i] == "-";
+            Scanned& out = scanned[i];
+            out.name = standardInput ? "stdin" : paths[i];
+            const tse::FileRead read = tse::readFileBounded(standardInput ? "/dev/stdin" : paths[i], MAX_PICTURE_SIZE);
+            if (!read.contents) {
+                out.error = "Picture " + out.name + " " + read.error;
+                return;
+            }
+            out.scan = tse::scanImage(*read.contents);
+            if (!out.scan.error.empty()) out.error = "Picture " + out.name + " cannot be read: " + out.scan.error;
+            else if (out.scan.codes.empty()) out.error = "Picture " + out.name + " holds no QR code";
+        });
+        for (const Scanned& picture : scanned) {
+            if (!picture.error.empty()) {
+                report(picture.error);
+                continue;
+            }
+            const std::vector<tse::ImageCode>& codes = picture.scan.codes;
+            for (size_t i = 0; i < codes.size(); ++i) {
+                inputs.push_back({pictureSource(picture.name, codes, i), codes[i].text, codes[i]});
+            }
         }
     }
 
@@ -267,7 +287,7 @@ int receiptCommand(const ReceiptOptions& options)
     InputCollector collector;
     collector.addTexts(options.texts);
     for (const std::string& path : options.lists) collector.addList(path);
-    for (const std::string& path : options.pictures) collector.addPicture(path);
+    collector.addPictures(options.pictures, options.jobs);
 
     tse::KeyCache keys;
     std::vector<ReceiptResult> results(collector.inputs.size());

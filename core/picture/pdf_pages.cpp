@@ -53,7 +53,8 @@ GreyImage greyCopy(const poppler::image& rendered)
 
 }  // namespace
 
-std::string renderPdfPages(ByteView data, const std::function<void(int page, const GreyImage&)>& onPage)
+std::string renderPdfPages(ByteView data,
+                           const std::function<void(int page, int pages, const GreyImage&)>& onPage)
 {
     silencePoppler();
     if (data.size() > static_cast<size_t>(INT_MAX)) {
@@ -86,7 +87,7 @@ std::string renderPdfPages(ByteView data, const std::function<void(int page, con
         if (!rendered.is_valid() || rendered.format() != poppler::image::format_gray8) {
             return "page " + std::to_string(index + 1) + " of the PDF cannot be rendered";
         }
-        onPage(index + 1, greyCopy(rendered));
+        onPage(index + 1, pages, greyCopy(rendered));
     }
     return {};
 }

@@ -23,11 +23,12 @@ constexpr int64_t maxPageRenderPixels = 12'000'000;
 constexpr int64_t maxPdfRenderPixels = 200'000'000;
 
 // Renders every page of the PDF in grey and hands each to onPage with its
-// 1-based number. Returns an error text when the data is no PDF poppler can
+// 1-based number and the number of pages. Returns an error text when the data is no PDF poppler can
 // open (or has too many pages); empty when every page was rendered. A page
 // that cannot be rendered is reported as an error as well, after the pages
 // before it were handed on.
-std::string renderPdfPages(ByteView data, const std::function<void(int page, const GreyImage&)>& onPage);
+std::string renderPdfPages(ByteView data,
+                           const std::function<void(int page, int pages, const GreyImage&)>& onPage);
 
 }  // namespace tse
 

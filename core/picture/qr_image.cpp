@@ -18,9 +18,14 @@ bool isPdf(ByteView data)
     return std::search(head.begin(), head.end(), marker, marker + 5) != head.end();
 }
 
-void addCodes(ImageScan& scan, int page, const GreyImage& image)
+// The readers' passes over all pages of one PDF together, in pixels: a
+// dozen hard A4 pages at 300 dpi get every pass, 50 pages the cheap ones.
+// A picture of one page is bounded by its size and the list of passes.
+constexpr int64_t maxPdfReadWork = 1'000'000'000;
+
+void addCodes(ImageScan& scan, int page, const GreyImage& image, int64_t workLimit)
 {
-    for (ReadCode& code : readQrCodes(image)) {
+    for (ReadCode& code : readQrCodes(image, workLimit)) {
         scan.codes.push_back({std::move(code.text), page, code.corners});
     }
 }
@@ -32,7 +37,9 @@ ImageScan scanImage(ByteView data)
     ImageScan scan;
     if (isPdf(data)) {
         scan.format = "PDF";
-        scan.error = renderPdfPages(data, [&scan](int page, const GreyImage& image) { addCodes(scan, page, image); });
+        scan.error = renderPdfPages(data, [&scan](int page, int pages, const GreyImage& image) {
+            addCodes(scan, page, image, maxPdfReadWork / std::max(pages, 1));
+        });
         return scan;
     }
     const RasterDecode decoded = decodeRaster(data);
@@ -43,7 +50,7 @@ ImageScan scanImage(ByteView data)
                                             : decoded.error;
         return scan;
     }
-    addCodes(scan, 0, decoded.image);
+    addCodes(scan, 0, decoded.image, 0);
     return scan;
 }
 

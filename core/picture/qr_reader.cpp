@@ -1,6 +1,7 @@
 #include "qr_reader.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cmath>
 #include <functional>
 #include <memory>
@@ -236,7 +237,7 @@ std::vector<Pass> photoPasses()
 
 }  // namespace
 
-std::vector<ReadCode> readQrCodes(const GreyImage& image)
+std::vector<ReadCode> readQrCodes(const GreyImage& image, int64_t workLimit)
 {
     if (image.width <= 0 || image.height <= 0 ||
         image.pixels.size() != static_cast<size_t>(image.width) * static_cast<size_t>(image.height)) {
@@ -248,6 +249,7 @@ std::vector<ReadCode> readQrCodes(const GreyImage& image)
     const Prepared plain{image, {}};
     findings.add(readWithZxing(plain));
     findings.add(readWithZbar(plain));
+    int64_t work = 2 * pixelCount(image);
     for (const Pass& pass : photoPasses()) {
         if (findings.complete()) {
             break;
@@ -257,6 +259,10 @@ std::vector<ReadCode> readQrCodes(const GreyImage& image)
             continue;
         }
         for (Reader reader : pass.readers) {
+            work += pixelCount(prepared.image);
+            if (workLimit > 0 && work > workLimit) {
+                return findings.codes();
+            }
             findings.add(reader(prepared));
             if (findings.complete()) {
                 break;

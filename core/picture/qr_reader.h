@@ -23,8 +23,11 @@ struct ReadCode {
 };
 
 // Every QR code in the image, top to bottom, then left to right; a text
-// found twice (the same code read in two passes) once.
-std::vector<ReadCode> readQrCodes(const GreyImage& image);
+// found twice (the same code read in two passes) once. The reading that
+// costs little always runs; further passes stop before the pixels all
+// readers went over would exceed workLimit (0: no limit besides the fixed
+// list of passes).
+std::vector<ReadCode> readQrCodes(const GreyImage& image, int64_t workLimit = 0);
 
 }  // namespace tse
 
