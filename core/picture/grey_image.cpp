@@ -1,7 +1,6 @@
 #include "grey_image.h"
 
 #include <algorithm>
-#include <array>
 #include <cstddef>
 
 namespace tse {
@@ -139,29 +138,6 @@ GreyImage smoothed(const GreyImage& image, int radius)
     for (int round = 0; round < 2 && image.width > 0 && image.height > 0; ++round) {
         const std::vector<uint32_t> mean = boxMean(out, radius);
         std::transform(mean.begin(), mean.end(), out.pixels.begin(), [](uint32_t v) { return static_cast<uint8_t>(v); });
-    }
-    return out;
-}
-
-GreyImage stretched(const GreyImage& image)
-{
-    std::array<size_t, 256> histogram{};
-    for (uint8_t value : image.pixels) ++histogram[value];
-    const size_t tail = image.pixels.size() / 100;
-    int low = 0;
-    for (size_t seen = 0; low < 255 && seen + histogram[static_cast<size_t>(low)] <= tail; ++low) {
-        seen += histogram[static_cast<size_t>(low)];
-    }
-    int high = 255;
-    for (size_t seen = 0; high > 0 && seen + histogram[static_cast<size_t>(high)] <= tail; --high) {
-        seen += histogram[static_cast<size_t>(high)];
-    }
-    GreyImage out = image;
-    if (high <= low) {
-        return out;
-    }
-    for (uint8_t& value : out.pixels) {
-        value = static_cast<uint8_t>(std::clamp((value - low) * 255 / (high - low), 0, 255));
     }
     return out;
 }

@@ -32,9 +32,6 @@ GreyImage shrunk(const GreyImage& image, int factor);
 // Each pixel the mean of its (2 radius + 1) square, twice over: close to a
 // Gaussian, it smooths sensor noise finer than the modules.
 GreyImage smoothed(const GreyImage& image, int radius);
-// The darkest and brightest percent moved to black and white, the rest
-// spread between them: a faded print or a dim photo at full contrast.
-GreyImage stretched(const GreyImage& image);
 // Black where a pixel is darker than its surroundings, white elsewhere:
 // a threshold that follows shadows and uneven light.
 GreyImage thresholded(const GreyImage& image);

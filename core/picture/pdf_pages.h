@@ -19,7 +19,7 @@ constexpr int maxPdfPages = 50;
 // pages of one file share maxPdfRenderPixels, so that neither a huge page
 // nor many pages make the work of one file unbounded.
 constexpr double pdfRenderDpi = 300.0;
-constexpr int64_t maxPageRenderPixels = 12'000'000;
+constexpr int64_t maxPageRenderPixels = 9'000'000;
 constexpr int64_t maxPdfRenderPixels = 200'000'000;
 
 // Renders every page of the PDF in grey and hands each to onPage with its

@@ -18,10 +18,10 @@ bool isPdf(ByteView data)
     return std::search(head.begin(), head.end(), marker, marker + 5) != head.end();
 }
 
-// The readers' passes over all pages of one PDF together, in pixels: a
-// dozen hard A4 pages at 300 dpi get every pass, 50 pages the cheap ones.
-// A picture of one page is bounded by its size and the list of passes.
-constexpr int64_t maxPdfReadWork = 1'000'000'000;
+// The readers' passes over one file together, in pixels (about 8 s of one
+// core): a hard photo or A4 page at 300 dpi gets every pass, each of 50
+// pages the cheap reading and what is left of its share.
+constexpr int64_t maxReadWork = 300'000'000;
 
 void addCodes(ImageScan& scan, int page, const GreyImage& image, int64_t workLimit)
 {
@@ -38,7 +38,7 @@ ImageScan scanImage(ByteView data)
     if (isPdf(data)) {
         scan.format = "PDF";
         scan.error = renderPdfPages(data, [&scan](int page, int pages, const GreyImage& image) {
-            addCodes(scan, page, image, maxPdfReadWork / std::max(pages, 1));
+            addCodes(scan, page, image, maxReadWork / std::max(pages, 1));
         });
         return scan;
     }
@@ -50,7 +50,7 @@ ImageScan scanImage(ByteView data)
                                             : decoded.error;
         return scan;
     }
-    addCodes(scan, 0, decoded.image, 0);
+    addCodes(scan, 0, decoded.image, maxReadWork);
     return scan;
 }
 

@@ -196,6 +196,25 @@ private:
 // pixels, and four times the pixels would cost too much time and memory.
 constexpr int64_t maxPixelsToEnlarge = 2'000'000;
 
+// A code at half contrast under JPEG noise still spans several times this
+// many grey levels between its dark and light modules.
+constexpr int minCodeContrast = 16;
+
+// Grey levels between the darkest and the brightest percent of the pixels.
+int contrastRange(const GreyImage& image)
+{
+    std::array<size_t, 256> histogram{};
+    for (uint8_t value : image.pixels) ++histogram[value];
+    const size_t tail = image.pixels.size() / 100;
+    int low = 0;
+    for (size_t seen = histogram[0]; low < 255 && seen <= tail; seen += histogram[static_cast<size_t>(++low)]) {
+    }
+    int high = 255;
+    for (size_t seen = histogram[255]; high > 0 && seen <= tail; seen += histogram[static_cast<size_t>(--high)]) {
+    }
+    return high - low;
+}
+
 int64_t pixelCount(const GreyImage& image) { return static_cast<int64_t>(image.width) * image.height; }
 
 using Preparation = std::function<Prepared(const GreyImage&)>;
@@ -207,12 +226,13 @@ struct Pass {
 };
 
 // After the plain reading, each pass undoes one way photos defeat it,
-// the most fruitful first: smoothing at the module scale removes sensor
-// noise and sharpening then steepens the edges blur has flattened;
-// shrinking averages noise away and narrows blur (and the readers' finder
-// search sees cleaner edges); enlarging gives modules of one or two pixels
-// room for the sampling grid; dividing out uneven light, stretching the
-// contrast and a local threshold undo shadows and faded prints.
+// the most fruitful first (measured on the graded series of the tests):
+// smoothing at the module scale removes sensor noise and sharpening then
+// steepens the edges blur has flattened; shrinking averages noise away and
+// narrows blur (and the readers' finder search sees cleaner edges);
+// enlarging gives modules of one or two pixels room for the sampling grid;
+// dividing out uneven light and a local threshold undo shadows and faded
+// prints.
 std::vector<Pass> photoPasses()
 {
     const std::vector<Reader> zxingFirst{readWithZxing, readWithZbar};
@@ -227,11 +247,9 @@ std::vector<Pass> photoPasses()
          zxingFirst},
         {[](const GreyImage& image) { return Prepared{sharpened(sharpened(smoothed(image, 1))), {}}; }, zxingFirst},
         {[](const GreyImage& image) { return Prepared{shrunk(image, 3), Mapping::scale(3)}; }, zbarFirst},
-        {[](const GreyImage& image) { return Prepared{stretched(smoothed(image, 1)), {}}; }, zbarFirst},
         {[](const GreyImage& image) { return Prepared{evenlyLit(image), {}}; }, zbarFirst},
         {[](const GreyImage& image) { return Prepared{thresholded(smoothed(halved(image), 1)), Mapping::scale(2)}; },
          zbarFirst},
-        {[](const GreyImage& image) { return Prepared{thresholded(smoothed(image, 1)), {}}; }, zbarFirst},
     };
 }
 
@@ -241,6 +259,10 @@ std::vector<ReadCode> readQrCodes(const GreyImage& image, int64_t workLimit)
 {
     if (image.width <= 0 || image.height <= 0 ||
         image.pixels.size() != static_cast<size_t>(image.width) * static_cast<size_t>(image.height)) {
+        return {};
+    }
+    // A blank page or a picture of the table: nothing a reader could find.
+    if (contrastRange(image) < minCodeContrast) {
         return {};
     }
     Findings findings;
