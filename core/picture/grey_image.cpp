@@ -7,18 +7,26 @@ namespace tse {
 
 namespace {
 
+// Pixel positions as the vector's index type; widths and heights are never
+// negative.
+size_t at(int y, int width, int x)
+{
+    return static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x);
+}
+size_t cells(int width, int height) { return at(height, width, 0); }
+
 // Mean over a (2r+1)-pixel window along rows, then along columns, with
 // running sums so the cost does not grow with the radius.
 std::vector<uint32_t> boxMean(const GreyImage& image, int radius)
 {
     const int w = image.width;
     const int h = image.height;
-    std::vector<uint32_t> rows(static_cast<size_t>(w) * h);
+    std::vector<uint32_t> rows(cells(w, h));
     for (int y = 0; y < h; ++y) {
-        const uint8_t* in = &image.pixels[static_cast<size_t>(y) * w];
-        uint32_t* out = &rows[static_cast<size_t>(y) * w];
+        const uint8_t* in = &image.pixels[at(y, w, 0)];
+        uint32_t* out = &rows[at(y, w, 0)];
         uint32_t sum = 0;
-        int count = 0;
+        uint32_t count = 0;
         for (int x = 0; x <= std::min(radius, w - 1); ++x, ++count) sum += in[x];
         for (int x = 0; x < w; ++x) {
             out[x] = sum / count;
@@ -29,12 +37,12 @@ std::vector<uint32_t> boxMean(const GreyImage& image, int radius)
     std::vector<uint32_t> mean(rows.size());
     for (int x = 0; x < w; ++x) {
         uint32_t sum = 0;
-        int count = 0;
-        for (int y = 0; y <= std::min(radius, h - 1); ++y, ++count) sum += rows[static_cast<size_t>(y) * w + x];
+        uint32_t count = 0;
+        for (int y = 0; y <= std::min(radius, h - 1); ++y, ++count) sum += rows[at(y, w, x)];
         for (int y = 0; y < h; ++y) {
-            mean[static_cast<size_t>(y) * w + x] = sum / count;
-            if (y + radius + 1 < h) { sum += rows[static_cast<size_t>(y + radius + 1) * w + x]; ++count; }
-            if (y - radius >= 0) { sum -= rows[static_cast<size_t>(y - radius) * w + x]; --count; }
+            mean[at(y, w, x)] = sum / count;
+            if (y + radius + 1 < h) { sum += rows[at(y + radius + 1, w, x)]; ++count; }
+            if (y - radius >= 0) { sum -= rows[at(y - radius, w, x)]; --count; }
         }
     }
     return mean;
@@ -47,13 +55,13 @@ GreyImage halved(const GreyImage& image)
     GreyImage out;
     out.width = image.width / 2;
     out.height = image.height / 2;
-    out.pixels.resize(static_cast<size_t>(out.width) * out.height);
+    out.pixels.resize(cells(out.width, out.height));
     for (int y = 0; y < out.height; ++y) {
-        const uint8_t* top = &image.pixels[static_cast<size_t>(2 * y) * image.width];
+        const uint8_t* top = &image.pixels[at(2 * y, image.width, 0)];
         const uint8_t* bottom = top + image.width;
         for (int x = 0; x < out.width; ++x) {
-            const unsigned sum = top[2 * x] + top[2 * x + 1] + bottom[2 * x] + bottom[2 * x + 1];
-            out.pixels[static_cast<size_t>(y) * out.width + x] = static_cast<uint8_t>((sum + 2) / 4);
+            const auto sum = static_cast<unsigned>(top[2 * x] + top[2 * x + 1] + bottom[2 * x] + bottom[2 * x + 1]);
+            out.pixels[at(y, out.width, x)] = static_cast<uint8_t>((sum + 2) / 4);
         }
     }
     return out;
@@ -95,18 +103,18 @@ GreyImage sharpened(const GreyImage& image)
 GreyImage doubled(const GreyImage& image)
 {
     GreyImage out{image.width * 2, image.height * 2, {}};
-    out.pixels.resize(static_cast<size_t>(out.width) * out.height);
+    out.pixels.resize(cells(out.width, out.height));
     for (int y = 0; y < out.height; ++y) {
         const int sy = std::min(y / 2 + (y % 2), image.height - 1);
         const int ty = y / 2;
         for (int x = 0; x < out.width; ++x) {
             const int sx = std::min(x / 2 + (x % 2), image.width - 1);
             const int tx = x / 2;
-            const unsigned sum = image.pixels[static_cast<size_t>(ty) * image.width + tx] +
-                                 image.pixels[static_cast<size_t>(ty) * image.width + sx] +
-                                 image.pixels[static_cast<size_t>(sy) * image.width + tx] +
-                                 image.pixels[static_cast<size_t>(sy) * image.width + sx];
-            out.pixels[static_cast<size_t>(y) * out.width + x] = static_cast<uint8_t>((sum + 2) / 4);
+            const auto sum = static_cast<unsigned>(image.pixels[at(ty, image.width, tx)] +
+                                 image.pixels[at(ty, image.width, sx)] +
+                                 image.pixels[at(sy, image.width, tx)] +
+                                 image.pixels[at(sy, image.width, sx)]);
+            out.pixels[at(y, out.width, x)] = static_cast<uint8_t>((sum + 2) / 4);
         }
     }
     return out;

@@ -42,11 +42,12 @@ double renderDpi(const poppler::page& page, int64_t pixelBound)
 GreyImage greyCopy(const poppler::image& rendered)
 {
     GreyImage image{rendered.width(), rendered.height(), {}};
-    image.pixels.resize(static_cast<size_t>(image.width) * image.height);
+    const auto width = static_cast<size_t>(image.width);
+    image.pixels.resize(width * static_cast<size_t>(image.height));
     const auto* data = reinterpret_cast<const uint8_t*>(rendered.const_data());
-    for (int y = 0; y < image.height; ++y) {
-        const uint8_t* row = data + static_cast<size_t>(y) * rendered.bytes_per_row();
-        std::copy(row, row + image.width, &image.pixels[static_cast<size_t>(y) * image.width]);
+    for (size_t y = 0; y < static_cast<size_t>(image.height); ++y) {
+        const uint8_t* row = data + y * static_cast<size_t>(rendered.bytes_per_row());
+        std::copy(row, row + width, &image.pixels[y * width]);
     }
     return image;
 }

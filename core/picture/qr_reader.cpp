@@ -66,8 +66,8 @@ Reading readWithZxing(const Prepared& prepared)
         const ZXing::Position& position = result.position();
         std::array<PicturePoint, 4> corners;
         for (size_t i = 0; i < 4; ++i) {
-            corners[i] = prepared.toPicture({static_cast<double>(position[static_cast<int>(i)].x),
-                                             static_cast<double>(position[static_cast<int>(i)].y)});
+            corners[i] = prepared.toPicture({static_cast<double>(position[i].x),
+                                             static_cast<double>(position[i].y)});
         }
         if (result.isValid()) {
             reading.codes.push_back({result.text(), corners});
