@@ -239,7 +239,7 @@ nlohmann::json toJson(const ReceiptResult& r, bool explainRan)
                         {"form", r.verification.valid() ? nlohmann::json(tse::describeForm(r.verification.form))
                                                         : nlohmann::json(nullptr)}};
     for (const char* key : {"signatureAlgorithm", "curve", "logTimeFormat", "clientId", "transactionNumber",
-                            "signatureCounter", "logTime", "serialNumber"}) {
+                            "signatureCounter", "logTime", "serialNumber", "page", "corners"}) {
         j[key] = nullptr;
     }
     if (r.receipt) {

@@ -235,9 +235,10 @@ std::string blankPdf(int pages, int size)
            std::to_string(xref) + "\n%%EOF\n";
 }
 
-// Inputs made to cost memory or time: each is refused or bounded with a
-// clear message, within a time limit on the process and a memory limit
-// far below what decoding the claimed pixels would take.
+// Inputs made to cost memory or time, and a format not read: each is
+// refused or bounded with a clear message, within a time limit on the
+// process and a memory limit far below what decoding the claimed pixels
+// would take.
 TEST(PictureFormats, HugeClaimsAndPagesAreBounded)
 {
     const fixtures::TempDir dir;
@@ -258,6 +259,9 @@ TEST(PictureFormats, HugeClaimsAndPagesAreBounded)
         {"huge-page.pdf", blankPdf(1, 14400), 2, "holds no QR code"},
         {"50-huge-pages.pdf", blankPdf(50, 14400), 2, "holds no QR code"},
         {"200-pages.pdf", blankPdf(200, 14400), 2, "the PDF has 200 pages, more than the 50 read from one file"},
+        // libvips could read it, but a drawing is no photo of a receipt.
+        {"drawing.svg", "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"9\" height=\"9\"><rect width=\"9\" height=\"9\"/></svg>",
+         2, "not a picture tse-check reads (PNG, JPEG, WebP, HEIC/HEIF, TIFF, GIF, BMP or PDF)"},
     };
     for (const auto& c : cases) {
         const std::string file = dir.write(c.name, c.content);
