@@ -1,13 +1,13 @@
-// Bytes read as a picture of a receipt: PNG, JPEG or PDF, decoded, rendered
+// Bytes read as a picture of a receipt: PNG, JPEG, WebP, HEIC, TIFF, GIF,
+// BMP or PDF, decoded, rendered
 // and searched for QR codes.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <vector>
 
-#include <stb/stb_image.h>
-
 #include "qr_image.h"
+#include "raster_decode.h"
 
 namespace {
 
@@ -17,12 +17,8 @@ constexpr long MAX_FUZZED_PIXELS = 4L << 20;
 
 bool tooLargeToFuzz(const std::vector<uint8_t>& input)
 {
-    int width = 0, height = 0, channels = 0;
-    if (input.empty() ||
-        stbi_info_from_memory(input.data(), static_cast<int>(input.size()), &width, &height, &channels) != 1) {
-        return false;
-    }
-    return static_cast<long>(width) * height > MAX_FUZZED_PIXELS;
+    const tse::PictureSize size = tse::rasterSize(input);
+    return size.width * size.height > MAX_FUZZED_PIXELS;
 }
 
 }  // namespace

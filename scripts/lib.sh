@@ -8,10 +8,14 @@ cd "$REPO_ROOT" || exit 1
 
 # Debian packages that a build with tests needs; man-db and bsdextrautils
 # (man, col) for the man page test, dpkg-dev (dpkg-shlibdeps) for the
-# dependencies of the Debian package.
+# dependencies of the Debian package; zbar-tools (zbarimg, the scanner the
+# picture series is measured against), libheif-examples, webp and
+# imagemagick to write the HEIC, WebP, TIFF, GIF and BMP pictures the
+# tests read; time for bench/pictures.sh.
 BUILD_PACKAGES=(g++ make cmake pkg-config libssl-dev libgtest-dev libcli11-dev nlohmann-json3-dev
-                libarchive-dev libzxing-dev libstb-dev libpoppler-cpp-dev libqrencode-dev
-                libbenchmark-dev man-db bsdextrautils dpkg-dev gzip)
+                libarchive-dev libzxing-dev libzbar-dev libvips-dev libstb-dev libpoppler-cpp-dev
+                libqrencode-dev libbenchmark-dev man-db bsdextrautils dpkg-dev gzip
+                zbar-tools libheif-examples webp imagemagick time)
 
 # The fuzz targets (fuzz/targets.txt, which fuzz/CMakeLists.txt reads too).
 mapfile -t FUZZ_TARGETS < <(grep -E '^[a-z_0-9]+$' fuzz/targets.txt)

@@ -1,5 +1,7 @@
 // tse-check receipt: verifies receipt QR code texts given as arguments, in
 // files or in pictures, and on request finds out why one does not verify.
+#include <algorithm>
+#include <cmath>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -40,6 +42,8 @@ struct ReceiptOptions {
 struct ReceiptInput {
     std::string source;
     std::string text;
+    // Set for a code read from a picture: where it was found.
+    std::optional<tse::ImageCode> found;
 };
 
 struct ReceiptResult {
@@ -59,7 +63,7 @@ public:
 
     void addTexts(const std::vector<std::string>& texts)
     {
-        for (size_t i = 0; i < texts.size(); ++i) inputs.push_back({"argument " + std::to_string(i + 1), texts[i]});
+        for (size_t i = 0; i < texts.size(); ++i) inputs.push_back({"argument " + std::to_string(i + 1), texts[i], std::nullopt});
     }
 
     void addList(const std::string& path)
@@ -75,20 +79,43 @@ public:
             if (end == std::string::npos) end = text.size();
             ++lineNumber;
             const std::string_view line = tse::trimReceiptText(std::string_view(text).substr(start, end - start));
-            if (!line.empty()) inputs.push_back({name + ":" + std::to_string(lineNumber), std::string(line)});
+            if (!line.empty()) inputs.push_back({name + ":" + std::to_string(lineNumber), std::string(line), std::nullopt});
             start = end + 1;
         }
     }
 
-    void addPicture(const std::string& path)
+    // "-" is one picture on standard input, as a camera program writes it.
+    // Pictures are read side by side, their codes listed in the order given.
+    void addPictures(const std::vector<std::string>& paths, unsigned jobs)
     {
-        tse::FileRead read = tse::readFileBounded(path, MAX_PICTURE_SIZE);
-        if (!read.contents) return report("Picture " + path + " " + read.error);
-        const tse::ImageScan scan = tse::scanImage(*read.contents);
-        if (!scan.error.empty()) return report("Picture " + path + " cannot be read: " + scan.error);
-        if (scan.codes.empty()) return report("Picture " + path + " holds no QR code");
-        for (size_t i = 0; i < scan.codes.size(); ++i) {
-            inputs.push_back({pictureSource(path, scan.codes, i), scan.codes[i].text});
+        struct Scanned {
+            std::string name;
+            std::string error;
+            tse::ImageScan scan;
+        };
+        std::vector<Scanned> scanned(paths.size());
+        tse::parallelFor(paths.size(), jobs, [&](size_t i) {
+            const bool standardInput = paths[i] == "-";
+            Scanned& out = scanned[i];
+            out.name = standardInput ? "stdin" : paths[i];
+            const tse::FileRead read = tse::readFileBounded(standardInput ? "/dev/stdin" : paths[i], MAX_PICTURE_SIZE);
+            if (!read.contents) {
+                out.error = "Picture " + out.name + " " + read.error;
+                return;
+            }
+            out.scan = tse::scanImage(*read.contents);
+            if (!out.scan.error.empty()) out.error = "Picture " + out.name + " cannot be read: " + out.scan.error;
+            else if (out.scan.codes.empty()) out.error = "Picture " + out.name + " holds no QR code";
+        });
+        for (const Scanned& picture : scanned) {
+            if (!picture.error.empty()) {
+                report(picture.error);
+                continue;
+            }
+            const std::vector<tse::ImageCode>& codes = picture.scan.codes;
+            for (size_t i = 0; i < codes.size(); ++i) {
+                inputs.push_back({pictureSource(picture.name, codes, i), codes[i].text, codes[i]});
+            }
         }
     }
 
@@ -213,7 +240,7 @@ nlohmann::json toJson(const ReceiptResult& r, bool explainRan)
                         {"form", r.verification.valid() ? nlohmann::json(tse::describeForm(r.verification.form))
                                                         : nlohmann::json(nullptr)}};
     for (const char* key : {"signatureAlgorithm", "curve", "logTimeFormat", "clientId", "transactionNumber",
-                            "signatureCounter", "logTime", "serialNumber"}) {
+                            "signatureCounter", "logTime", "serialNumber", "page", "corners"}) {
         j[key] = nullptr;
     }
     if (r.receipt) {
@@ -226,6 +253,14 @@ nlohmann::json toJson(const ReceiptResult& r, bool explainRan)
         j["signatureCounter"] = receipt.signatureCounter;
         j["logTime"] = normalizedTime(receipt.logTime);
         j["serialNumber"] = tse::toHex(receipt.key.serialNumber());
+    }
+    if (r.input.found) {
+        nlohmann::json corners = nlohmann::json::array();
+        for (const tse::PicturePoint& point : r.input.found->corners) {
+            corners.push_back({std::lround(point.x), std::lround(point.y)});
+        }
+        j["page"] = r.input.found->page == 0 ? nlohmann::json(nullptr) : nlohmann::json(r.input.found->page);
+        j["corners"] = corners;
     }
     if (explainRan) j["explanation"] = r.explanation ? explanationJson(*r.explanation) : nlohmann::json(nullptr);
     return j;
@@ -246,10 +281,14 @@ int receiptCommand(const ReceiptOptions& options)
     if (options.texts.empty() && options.lists.empty() && options.pictures.empty()) {
         refuse(EXIT_BAD_INPUT, "No receipt given: pass QR code texts, --from FILE or --image FILE");
     }
+    const auto fromStdin = [](const std::vector<std::string>& paths) { return std::count(paths.begin(), paths.end(), "-"); };
+    if (fromStdin(options.lists) + fromStdin(options.pictures) > 1) {
+        refuse(EXIT_BAD_INPUT, "Standard input can be read once: give - to one --from or --image only");
+    }
     InputCollector collector;
     collector.addTexts(options.texts);
     for (const std::string& path : options.lists) collector.addList(path);
-    for (const std::string& path : options.pictures) collector.addPicture(path);
+    collector.addPictures(options.pictures, options.jobs);
 
     tse::KeyCache keys;
     std::vector<ReceiptResult> results(collector.inputs.size());
@@ -299,7 +338,9 @@ Command addReceiptCommand(CLI::App& parent)
     app->add_option("--from", options->lists, "File with one QR code text per line; - for standard input")
         ->type_name("FILE")
         ->allow_extra_args(false);
-    app->add_option("--image", options->pictures, "PNG, JPEG or PDF files; every QR code in them is checked")
+    app->add_option("--image", options->pictures,
+                    "Pictures (PNG, JPEG, WebP, HEIC, TIFF, GIF, BMP) or PDF files; every QR code in them is "
+                    "checked; - for one picture on standard input")
         ->type_name("FILE...");
     app->add_flag("--json", options->json, "Print the results as one JSON array");
     app->add_flag("--explain", options->explain, "For an invalid receipt, find the change under which it verifies");

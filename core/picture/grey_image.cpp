@@ -7,12 +7,13 @@ namespace tse {
 
 namespace {
 
-// Where pixel (x, y) of a picture `width` pixels wide lies in its pixels;
-// every coordinate here is at least 0.
-size_t offset(int x, int y, int width)
+// Pixel positions as the vector's index type; widths and heights are never
+// negative.
+size_t at(int y, int width, int x)
 {
     return static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x);
 }
+size_t cells(int width, int height) { return at(height, width, 0); }
 
 // Mean over a (2r+1)-pixel window along rows, then along columns, with
 // running sums so the cost does not grow with the radius.
@@ -20,10 +21,10 @@ std::vector<uint32_t> boxMean(const GreyImage& image, int radius)
 {
     const int w = image.width;
     const int h = image.height;
-    std::vector<uint32_t> rows(offset(0, w, h));
+    std::vector<uint32_t> rows(cells(w, h));
     for (int y = 0; y < h; ++y) {
-        const uint8_t* in = &image.pixels[offset(0, y, w)];
-        uint32_t* out = &rows[offset(0, y, w)];
+        const uint8_t* in = &image.pixels[at(y, w, 0)];
+        uint32_t* out = &rows[at(y, w, 0)];
         uint32_t sum = 0;
         uint32_t count = 0;
         for (int x = 0; x <= std::min(radius, w - 1); ++x, ++count) sum += in[x];
@@ -37,11 +38,11 @@ std::vector<uint32_t> boxMean(const GreyImage& image, int radius)
     for (int x = 0; x < w; ++x) {
         uint32_t sum = 0;
         uint32_t count = 0;
-        for (int y = 0; y <= std::min(radius, h - 1); ++y, ++count) sum += rows[offset(x, y, w)];
+        for (int y = 0; y <= std::min(radius, h - 1); ++y, ++count) sum += rows[at(y, w, x)];
         for (int y = 0; y < h; ++y) {
-            mean[offset(x, y, w)] = sum / count;
-            if (y + radius + 1 < h) { sum += rows[offset(x, y + radius + 1, w)]; ++count; }
-            if (y - radius >= 0) { sum -= rows[offset(x, y - radius, w)]; --count; }
+            mean[at(y, w, x)] = sum / count;
+            if (y + radius + 1 < h) { sum += rows[at(y + radius + 1, w, x)]; ++count; }
+            if (y - radius >= 0) { sum -= rows[at(y - radius, w, x)]; --count; }
         }
     }
     return mean;
@@ -54,13 +55,13 @@ GreyImage halved(const GreyImage& image)
     GreyImage out;
     out.width = image.width / 2;
     out.height = image.height / 2;
-    out.pixels.resize(offset(0, out.width, out.height));
+    out.pixels.resize(cells(out.width, out.height));
     for (int y = 0; y < out.height; ++y) {
-        const uint8_t* top = &image.pixels[offset(0, 2 * y, image.width)];
+        const uint8_t* top = &image.pixels[at(2 * y, image.width, 0)];
         const uint8_t* bottom = top + image.width;
         for (int x = 0; x < out.width; ++x) {
             const auto sum = static_cast<unsigned>(top[2 * x] + top[2 * x + 1] + bottom[2 * x] + bottom[2 * x + 1]);
-            out.pixels[offset(x, y, out.width)] = static_cast<uint8_t>((sum + 2) / 4);
+            out.pixels[at(y, out.width, x)] = static_cast<uint8_t>((sum + 2) / 4);
         }
     }
     return out;
@@ -102,19 +103,65 @@ GreyImage sharpened(const GreyImage& image)
 GreyImage doubled(const GreyImage& image)
 {
     GreyImage out{image.width * 2, image.height * 2, {}};
-    out.pixels.resize(offset(0, out.width, out.height));
+    out.pixels.resize(cells(out.width, out.height));
     for (int y = 0; y < out.height; ++y) {
         const int sy = std::min(y / 2 + (y % 2), image.height - 1);
         const int ty = y / 2;
         for (int x = 0; x < out.width; ++x) {
             const int sx = std::min(x / 2 + (x % 2), image.width - 1);
             const int tx = x / 2;
-            const auto sum = static_cast<unsigned>(image.pixels[offset(tx, ty, image.width)] +
-                                                   image.pixels[offset(sx, ty, image.width)] +
-                                                   image.pixels[offset(tx, sy, image.width)] +
-                                                   image.pixels[offset(sx, sy, image.width)]);
-            out.pixels[offset(x, y, out.width)] = static_cast<uint8_t>((sum + 2) / 4);
+            const auto sum = static_cast<unsigned>(image.pixels[at(ty, image.width, tx)] +
+                                 image.pixels[at(ty, image.width, sx)] +
+                                 image.pixels[at(sy, image.width, tx)] +
+                                 image.pixels[at(sy, image.width, sx)]);
+            out.pixels[at(y, out.width, x)] = static_cast<uint8_t>((sum + 2) / 4);
         }
+    }
+    return out;
+}
+
+GreyImage shrunk(const GreyImage& image, int factor)
+{
+    GreyImage out{image.width / factor, image.height / factor, {}};
+    out.pixels.resize(static_cast<size_t>(out.width) * static_cast<size_t>(out.height));
+    const auto area = static_cast<unsigned>(factor * factor);
+    for (int y = 0; y < out.height; ++y) {
+        for (int x = 0; x < out.width; ++x) {
+            unsigned sum = 0;
+            for (int dy = 0; dy < factor; ++dy) {
+                const uint8_t* row = &image.pixels[static_cast<size_t>(y * factor + dy) * static_cast<size_t>(image.width) +
+                                                   static_cast<size_t>(x * factor)];
+                for (int dx = 0; dx < factor; ++dx) sum += row[dx];
+            }
+            out.pixels[static_cast<size_t>(y) * static_cast<size_t>(out.width) + static_cast<size_t>(x)] =
+                static_cast<uint8_t>((sum + area / 2) / area);
+        }
+    }
+    return out;
+}
+
+GreyImage smoothed(const GreyImage& image, int radius)
+{
+    GreyImage out = image;
+    for (int round = 0; round < 2 && image.width > 0 && image.height > 0; ++round) {
+        const std::vector<uint32_t> mean = boxMean(out, radius);
+        std::transform(mean.begin(), mean.end(), out.pixels.begin(), [](uint32_t v) { return static_cast<uint8_t>(v); });
+    }
+    return out;
+}
+
+GreyImage thresholded(const GreyImage& image)
+{
+    if (image.width == 0 || image.height == 0) {
+        return image;
+    }
+    // Several modules wide, so that a large dark module still has light
+    // around it in its window.
+    const int radius = std::max(7, std::min(image.width, image.height) / 40);
+    const std::vector<uint32_t> local = boxMean(image, radius);
+    GreyImage out{image.width, image.height, std::vector<uint8_t>(image.pixels.size())};
+    for (size_t i = 0; i < image.pixels.size(); ++i) {
+        out.pixels[i] = image.pixels[i] + 3u < local[i] ? 0 : 255;
     }
     return out;
 }

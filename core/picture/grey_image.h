@@ -27,6 +27,15 @@ GreyImage sharpened(const GreyImage& image);
 // Twice the size in each direction, interpolated.
 GreyImage doubled(const GreyImage& image);
 
+// A factor smaller in each direction, each pixel the mean of its block.
+GreyImage shrunk(const GreyImage& image, int factor);
+// Each pixel the mean of its (2 radius + 1) square, twice over: close to a
+// Gaussian, it smooths sensor noise finer than the modules.
+GreyImage smoothed(const GreyImage& image, int radius);
+// Black where a pixel is darker than its surroundings, white elsewhere:
+// a threshold that follows shadows and uneven light.
+GreyImage thresholded(const GreyImage& image);
+
 }  // namespace tse
 
 #endif

@@ -27,33 +27,35 @@ void silencePoppler()
     std::call_once(once, [] { poppler::set_debug_error_function(ignorePopplerMessage, nullptr); });
 }
 
-double renderDpi(const poppler::page& page)
+double renderDpi(const poppler::page& page, int64_t pixelBound)
 {
     const poppler::rectf box = page.page_rect();
     const double widthInches = std::max(box.width(), 1.0) / 72.0;
     const double heightInches = std::max(box.height(), 1.0) / 72.0;
     const double pixelsAtDpi = widthInches * heightInches * pdfRenderDpi * pdfRenderDpi;
-    if (pixelsAtDpi <= static_cast<double>(maxPageRenderPixels)) {
+    if (pixelsAtDpi <= static_cast<double>(pixelBound)) {
         return pdfRenderDpi;
     }
-    return pdfRenderDpi * std::sqrt(static_cast<double>(maxPageRenderPixels) / pixelsAtDpi);
+    return pdfRenderDpi * std::sqrt(static_cast<double>(pixelBound) / pixelsAtDpi);
 }
 
 GreyImage greyCopy(const poppler::image& rendered)
 {
     GreyImage image{rendered.width(), rendered.height(), {}};
-    image.pixels.resize(static_cast<size_t>(image.width) * static_cast<size_t>(image.height));
+    const auto width = static_cast<size_t>(image.width);
+    image.pixels.resize(width * static_cast<size_t>(image.height));
     const auto* data = reinterpret_cast<const uint8_t*>(rendered.const_data());
-    for (int y = 0; y < image.height; ++y) {
-        const uint8_t* row = data + static_cast<size_t>(y) * static_cast<size_t>(rendered.bytes_per_row());
-        std::copy(row, row + image.width, &image.pixels[static_cast<size_t>(y) * static_cast<size_t>(image.width)]);
+    for (size_t y = 0; y < static_cast<size_t>(image.height); ++y) {
+        const uint8_t* row = data + y * static_cast<size_t>(rendered.bytes_per_row());
+        std::copy(row, row + width, &image.pixels[y * width]);
     }
     return image;
 }
 
 }  // namespace
 
-std::string renderPdfPages(ByteView data, const std::function<void(int page, const GreyImage&)>& onPage)
+std::string renderPdfPages(ByteView data,
+                           const std::function<void(int page, int pages, const GreyImage&)>& onPage)
 {
     silencePoppler();
     if (data.size() > static_cast<size_t>(INT_MAX)) {
@@ -70,8 +72,9 @@ std::string renderPdfPages(ByteView data, const std::function<void(int page, con
     const int pages = document->pages();
     if (pages > maxPdfPages) {
         return "the PDF has " + std::to_string(pages) + " pages, more than the " + std::to_string(maxPdfPages) +
-               " allowed";
+               " read from one file; split it into smaller files";
     }
+    const int64_t pixelBound = std::min(maxPageRenderPixels, maxPdfRenderPixels / std::max(pages, 1));
     poppler::page_renderer renderer;
     renderer.set_image_format(poppler::image::format_gray8);
     renderer.set_render_hint(poppler::page_renderer::antialiasing, true);
@@ -80,12 +83,12 @@ std::string renderPdfPages(ByteView data, const std::function<void(int page, con
         if (!page) {
             return "page " + std::to_string(index + 1) + " of the PDF cannot be read";
         }
-        const double dpi = renderDpi(*page);
+        const double dpi = renderDpi(*page, pixelBound);
         const poppler::image rendered = renderer.render_page(page.get(), dpi, dpi);
         if (!rendered.is_valid() || rendered.format() != poppler::image::format_gray8) {
             return "page " + std::to_string(index + 1) + " of the PDF cannot be rendered";
         }
-        onPage(index + 1, greyCopy(rendered));
+        onPage(index + 1, pages, greyCopy(rendered));
     }
     return {};
 }

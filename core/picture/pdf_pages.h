@@ -11,20 +11,24 @@
 namespace tse {
 
 // Receipts come one per page or a month's worth in one file; a file with
-// more pages than this is no receipt collection.
-constexpr int maxPdfPages = 200;
+// more pages than this is no receipt collection and is refused whole.
+constexpr int maxPdfPages = 50;
 // 300 dpi sets about 4 pixels on each module of a 2 cm code holding a
-// 300-character receipt; a page too large for this is rendered coarser
-// so that no page exceeds maxPageRenderPixels.
+// 300-character receipt (an A4 page is 8.7 megapixels). A larger page is
+// rendered coarser so that it stays within maxPageRenderPixels, and the
+// pages of one file share maxPdfRenderPixels, so that neither a huge page
+// nor many pages make the work of one file unbounded.
 constexpr double pdfRenderDpi = 300.0;
-constexpr int64_t maxPageRenderPixels = 40'000'000;
+constexpr int64_t maxPageRenderPixels = 9'000'000;
+constexpr int64_t maxPdfRenderPixels = 200'000'000;
 
 // Renders every page of the PDF in grey and hands each to onPage with its
-// 1-based number. Returns an error text when the data is no PDF poppler can
+// 1-based number and the number of pages. Returns an error text when the data is no PDF poppler can
 // open (or has too many pages); empty when every page was rendered. A page
 // that cannot be rendered is reported as an error as well, after the pages
 // before it were handed on.
-std::string renderPdfPages(ByteView data, const std::function<void(int page, const GreyImage&)>& onPage);
+std::string renderPdfPages(ByteView data,
+                           const std::function<void(int page, int pages, const GreyImage&)>& onPage);
 
 }  // namespace tse
 

@@ -10,16 +10,34 @@
 namespace tse {
 
 // Photos from phones reach 50 megapixels; beyond that a picture is more
-// likely a decompression bomb than a receipt.
+// likely a decompression bomb than a receipt. Checked from the header,
+// before any pixel is decoded.
 constexpr int64_t maxPicturePixels = 100'000'000;
+// The codes on a receipt photo keep enough pixels at this size, and the
+// readers' passes over a larger picture would cost seconds each: larger
+// pictures are shrunk to it while they are decoded.
+constexpr int64_t maxReadPixels = 16'000'000;
 
 struct RasterDecode {
     GreyImage image;
-    std::string error;  // set when the data is no readable PNG or JPEG
+    std::string format;  // "PNG", "JPEG", ... as a user knows it
+    std::string error;   // set when the data is no readable picture
 };
 
-// A PNG or JPEG picture as grey pixels. The size is checked from the header
-// before any pixel is decoded.
+// The name of the raster format the data is in, told by its content;
+// empty when it is none tse-check reads.
+std::string rasterFormat(ByteView data);
+
+// The size a picture's header claims, read without decoding a pixel;
+// 0 x 0 when the header cannot be read.
+struct PictureSize {
+    int64_t width = 0;
+    int64_t height = 0;
+};
+PictureSize rasterSize(ByteView data);
+
+// A PNG, JPEG, WebP, HEIC/HEIF, TIFF, GIF or BMP picture as grey pixels,
+// turned upright as its EXIF orientation says, shrunk to maxReadPixels.
 RasterDecode decodeRaster(ByteView data);
 
 }  // namespace tse

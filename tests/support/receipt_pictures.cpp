@@ -275,6 +275,46 @@ Picture scaled(const Picture& picture, double factor)
     return out;
 }
 
+Picture faded(const Picture& picture, double contrast)
+{
+    Picture out = picture;
+    for (uint8_t& pixel : out.pixels) {
+        pixel = clamped(128 + (pixel - 128) * contrast);
+    }
+    return out;
+}
+
+std::vector<SeriesPicture> gradedSeries(const std::vector<std::string>& texts, int count, unsigned seed)
+{
+    std::mt19937 random(seed);
+    std::uniform_real_distribution<double> unit(0, 1);
+    std::vector<SeriesPicture> series;
+    for (int i = 0; i < count && !texts.empty(); ++i) {
+        const double grade = count > 1 ? static_cast<double>(i) / (count - 1) : 0;
+        const std::string& text = texts[static_cast<size_t>(i) % texts.size()];
+        const int module = 3 + static_cast<int>(random() % 3);
+        // Each distortion somewhere between half and all of what the grade
+        // allows, so that pictures of one grade differ.
+        auto upTo = [&](double most) { return most * grade * (0.5 + 0.5 * unit(random)); };
+        const double narrowing = upTo(0.25);
+        const double angle = i == 0 ? 0 : 360 * unit(random);
+        const double blur = module * (0.15 + upTo(0.2));
+        const double noise = 2 + upTo(16);
+        const double shade = upTo(0.6);
+        const double contrast = 1 - upTo(0.5);
+        const int quality = 92 - static_cast<int>(upTo(52));
+        Picture photo = rotated(perspective(receipt({text}, module), narrowing), angle);
+        photo = noisy(faded(shaded(blurred(photo, blur), shade), contrast), noise, seed + static_cast<unsigned>(i));
+        char name[200];
+        std::snprintf(name, sizeof(name),
+                      "%02d module %d, perspective %.2f, turned %.0f, blur %.1f, shade %.2f, contrast %.2f, "
+                      "noise %.1f, JPEG %d",
+                      i, module, narrowing, angle, blur, shade, contrast, noise, quality);
+        series.push_back({name, text, jpeg(photo, quality)});
+    }
+    return series;
+}
+
 Bytes jpeg(const Picture& picture, int quality)
 {
     Bytes out;

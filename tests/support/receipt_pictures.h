@@ -42,6 +42,24 @@ Picture noisy(const Picture& picture, double sigma, unsigned seed);
 // given fraction).
 Picture shaded(const Picture& picture, double strength);
 Picture scaled(const Picture& picture, double factor);
+// The difference from mid grey reduced to the given fraction: a faded
+// print or a dim photo.
+Picture faded(const Picture& picture, double contrast);
+
+// One picture of a graded series: what was done to it, the code text it
+// shows and the JPEG a phone would have written.
+struct SeriesPicture {
+    std::string name;
+    std::string text;
+    Bytes jpeg;
+};
+
+// count receipt photos, the first nearly clean, each further one worse:
+// perspective narrowing the far edge by up to a quarter of the width,
+// turned by any angle, blur, sensor noise, uneven light, contrast down to
+// half and JPEG quality down to 40. The texts are used in turn. The same
+// seed gives the same pictures, so that a failure can be reproduced.
+std::vector<SeriesPicture> gradedSeries(const std::vector<std::string>& texts, int count, unsigned seed);
 
 Bytes jpeg(const Picture& picture, int quality);
 Bytes png(const Picture& picture);
