@@ -59,13 +59,12 @@ std::optional<DecodedSignature> DecodedSignature::plain(const PublicKey& key, By
     const size_t half = key.curveInfo().fieldSize;
     if (signature.size() != 2 * half) return std::nullopt;
     EcdsaSigPtr object(ECDSA_SIG_new());
-    BIGNUM* r = BN_bin2bn(signature.data(), static_cast<int>(half), nullptr);
-    BIGNUM* s = BN_bin2bn(signature.data() + half, static_cast<int>(half), nullptr);
-    if (!object || !r || !s || ECDSA_SIG_set0(object.get(), r, s) != 1) {
-        BN_free(r);
-        BN_free(s);
-        return std::nullopt;
-    }
+    BignumPtr r(BN_bin2bn(signature.data(), static_cast<int>(half), nullptr));
+    BignumPtr s(BN_bin2bn(signature.data() + half, static_cast<int>(half), nullptr));
+    if (!object || !r || !s || ECDSA_SIG_set0(object.get(), r.get(), s.get()) != 1) return std::nullopt;
+    // The signature object owns them now.
+    static_cast<void>(r.release());
+    static_cast<void>(s.release());
     DecodedSignature out;
     out.der_ = derOf(object.get());
     if (!out.der_) return std::nullopt;

@@ -140,10 +140,10 @@ LogTime readLogTime(BerReader& reader)
     }
     const std::string text = element.content.text();
     const TimeParse parsed = found == tag::UTC_TIME ? parseUtcTime(text) : parseGeneralizedTime(text);
-    if (!parsed.time) {
-        throw ParseError(element.offset, "the log time is malformed: " + parsed.error);
+    if (!parsed) {
+        throw ParseError(element.offset, "the log time is malformed: " + parsed.message());
     }
-    return *parsed.time;
+    return *parsed;
 }
 
 LogMessage readMessage(ByteView data)

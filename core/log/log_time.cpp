@@ -40,7 +40,7 @@ bool digits(std::string_view text, size_t pos, size_t count, unsigned& value)
 
 TimeParse failed(const std::string& reason)
 {
-    return TimeParse{std::nullopt, reason};
+    return Error{reason, std::nullopt};
 }
 
 }  // namespace
@@ -123,7 +123,7 @@ TimeParse parseUtcTime(std::string_view text)
     if (!validCivil(t)) {
         return failed("UTCTime " + quoted(text) + " is not a valid date and time");
     }
-    return TimeParse{LogTime{TimeFormat::UtcTime, secondsFromCivil(t), {}, std::string(text)}, {}};
+    return LogTime{TimeFormat::UtcTime, secondsFromCivil(t), {}, std::string(text)};
 }
 
 TimeParse parseGeneralizedTime(std::string_view text)
@@ -151,7 +151,7 @@ TimeParse parseGeneralizedTime(std::string_view text)
     if (!validCivil(t)) {
         return failed(what + " is not a valid date and time");
     }
-    return TimeParse{LogTime{TimeFormat::GeneralizedTime, secondsFromCivil(t), fraction, std::string(text)}, {}};
+    return LogTime{TimeFormat::GeneralizedTime, secondsFromCivil(t), fraction, std::string(text)};
 }
 
 std::string utcTimeText(int64_t seconds, bool withSeconds)

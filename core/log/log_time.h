@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "bytes.h"
+#include "result.h"
 
 namespace tse {
 
@@ -39,10 +40,8 @@ std::string isoSeconds(int64_t seconds);
 
 // Parsers for the content of a UTCTime (YYMMDDhhmm[ss]Z) or GeneralizedTime
 // (YYYYMMDDhhmmss[.f...]Z); nullopt with the reason for anything else.
-struct TimeParse {
-    std::optional<LogTime> time;
-    std::string error;
-};
+// The time, or why the text is none.
+using TimeParse = Result<LogTime>;
 TimeParse parseUtcTime(std::string_view text);
 TimeParse parseGeneralizedTime(std::string_view text);
 

@@ -107,13 +107,13 @@ TEST(LogFaults, EachFaultIsRefusedAndNamed)
 
 TEST(LogFaults, TimesOnTheEdgeOfTheDay)
 {
-    EXPECT_TRUE(tse::parseUtcTime("2108022359Z").time);
-    EXPECT_TRUE(tse::parseGeneralizedTime("20210802235959Z").time);
+    EXPECT_TRUE(tse::parseUtcTime("2108022359Z"));
+    EXPECT_TRUE(tse::parseGeneralizedTime("20210802235959Z"));
     for (const char* wrong : {"2108022400Z", "2108022360Z", "210802235960Z"}) {
-        EXPECT_FALSE(tse::parseUtcTime(wrong).time) << wrong;
+        EXPECT_FALSE(tse::parseUtcTime(wrong)) << wrong;
     }
     for (const char* wrong : {"20210802240000Z", "20210802236000Z", "20210230120000Z"}) {
-        EXPECT_FALSE(tse::parseGeneralizedTime(wrong).time) << wrong;
+        EXPECT_FALSE(tse::parseGeneralizedTime(wrong)) << wrong;
     }
 }
 
