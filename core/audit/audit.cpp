@@ -33,6 +33,9 @@ constexpr size_t QUEUE_CAPACITY = 2048 / BATCH_SIZE;
 constexpr size_t MAX_PENDING_BYTES = 16u << 20;
 constexpr size_t ITEM_OVERHEAD = 160;  // what a queued item costs beside its bytes
 constexpr size_t MAX_CERTIFICATE_FILE = 1u << 20;
+// Keys that get tables of their own (each up to KeyVerifier::MAX_TABLE_BYTES);
+// the logs of any further key take the plain path.
+constexpr size_t MAX_KEYS_WITH_TABLES = 4;
 
 struct WorkItem {
     uint64_t ordinal = 0;
@@ -94,11 +97,30 @@ struct RecordTexts {
     std::string operation, clientId, processType;
 };
 
+// A TSE's key and, once enough of its logs have come by, the tables that
+// check them fast.
+struct KeyEntry {
+    explicit KeyEntry(const PublicKey& publicKey) : key(publicKey) {}
+
+    PublicKey key;
+    std::atomic<size_t> logs{0};
+    std::once_flag built;
+    std::shared_ptr<const KeyVerifier> verifier;  // written once, inside `built`
+    std::atomic<bool> ready{false};
+};
+
 // What a verifying thread remembers from its last log: consecutive logs
 // nearly always come from one TSE, so its serial number is spelt out once.
 struct WorkerMemory {
     Bytes serial;
     std::string serialHex;
+    std::unique_ptr<VerifyScratch> scratch;  // made when first needed
+
+    VerifyScratch& verifyScratch()
+    {
+        if (!scratch) scratch = std::make_unique<VerifyScratch>();
+        return *scratch;
+    }
 
     const std::string& hexOf(const Bytes& raw)
     {
@@ -178,6 +200,7 @@ private:
     bool firstSighting(ByteView data);
     void work();
     void process(WorkItem&& item, WorkerMemory& memory);
+    Verification verify(const LogMessage& message, KeyEntry& entry, WorkerMemory& memory);
     void queueItem(WorkItem&& item);
     void flushBatch();
     void processWaiting();
@@ -193,7 +216,8 @@ private:
     CertificatePool pool_;
 
     std::shared_mutex keysLock_;
-    std::unordered_map<std::string, PublicKey> keys_;  // by raw serial number
+    std::unordered_map<std::string, std::shared_ptr<KeyEntry>> keys_;  // by raw serial number
+    std::atomic<size_t> keysWithTables_{0};
     std::unordered_map<std::string, std::vector<WorkItem>> pending_;
     size_t pendingBytes_ = 0;
     std::set<uint64_t> deferred_;
@@ -224,7 +248,7 @@ void AuditRun::addKey(const Certificate& certificate)
     std::vector<WorkItem> waiting;
     {
         std::unique_lock<std::shared_mutex> lock(keysLock_);
-        keys_.emplace(serial, key);
+        keys_.emplace(serial, std::make_shared<KeyEntry>(key));
         auto found = pending_.find(serial);
         if (found != pending_.end()) {
             waiting = std::move(found->second);
@@ -338,7 +362,7 @@ void AuditRun::process(WorkItem&& item, WorkerMemory& memory)
     if (name) record.nameProblem = nameMismatch(*name, message);
     else if (!item.standalone) record.nameProblem = "the name does not follow the TSE's naming pattern";
     const std::string serial(message.serialNumber.begin(), message.serialNumber.end());
-    std::optional<PublicKey> key;
+    std::shared_ptr<KeyEntry> key;
     {
         std::shared_lock<std::shared_mutex> lock(keysLock_);
         auto found = keys_.find(serial);
@@ -364,7 +388,7 @@ void AuditRun::process(WorkItem&& item, WorkerMemory& memory)
             "no certificate has a key whose SHA-256 is the serial number " + std::string(texts.serialNumber);
         return keep(std::move(record), texts);
     }
-    const Verification verification = verifyLog(message, *key);
+    const Verification verification = verify(message, *key, memory);
     record.verdict = verdictOf(verification);
     // A recognised algorithm this system cannot check leaves the signature
     // unproven, and the reason says why; an unknown one is no TSE log.
@@ -373,6 +397,27 @@ void AuditRun::process(WorkItem&& item, WorkerMemory& memory)
     }
     record.reason = verification.reason;
     keep(std::move(record), texts);
+}
+
+// The many logs of one TSE are checked through tables of its key, built by
+// the first thread that sees the key's logs pass the curve's threshold (the
+// others wait for it, which is less than a hundred signatures take).
+Verification AuditRun::verify(const LogMessage& message, KeyEntry& entry, WorkerMemory& memory)
+{
+    const size_t seen = ++entry.logs;
+    if (!entry.ready.load(std::memory_order_acquire) && seen >= KeyVerifier::minSignatures(entry.key.curve())) {
+        std::call_once(entry.built, [&] {
+            if (++keysWithTables_ <= MAX_KEYS_WITH_TABLES) {
+                auto verifier = std::make_shared<const KeyVerifier>(entry.key, seen);
+                if (verifier->usesTables()) entry.verifier = std::move(verifier);
+            }
+            entry.ready.store(true, std::memory_order_release);
+        });
+    }
+    if (entry.ready.load(std::memory_order_acquire) && entry.verifier) {
+        return verifyLog(message, *entry.verifier, memory.verifyScratch());
+    }
+    return verifyLog(message, entry.key);
 }
 
 void AuditRun::work()

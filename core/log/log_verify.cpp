@@ -22,7 +22,10 @@ std::string_view verdictName(Verdict verdict)
     return "unknown";
 }
 
-Verification verifyLog(const LogMessage& message, const PublicKey& key)
+namespace {
+
+Verification judgeLog(const LogMessage& message, const PublicKey& key, const KeyVerifier* verifier,
+                      VerifyScratch* scratch)
 {
     if (ByteView(message.serialNumber) != ByteView(key.serialNumber())) {
         return outcome(Verdict::WrongKey, "the key's SHA-256 " + toHex(key.serialNumber()) +
@@ -43,12 +46,27 @@ Verification verifyLog(const LogMessage& message, const PublicKey& key)
                                                " bytes; r and s on " + std::string(key.curveInfo().displayName) +
                                                " make " + std::to_string(expected));
     }
-    if (!verifyPlain(key, algorithm->hash, message.signedOctets, message.signatureValue)) {
+    const bool holds =
+        verifier ? verifier->verify(SignatureCheck{algorithm->hash, message.signedOctets, message.signatureValue}, *scratch)
+                 : verifyPlain(key, algorithm->hash, message.signedOctets, message.signatureValue);
+    if (!holds) {
         return outcome(Verdict::Invalid, "the signature does not match the signed data (" +
                                              std::string(algorithm->name) + " on " +
                                              std::string(key.curveInfo().displayName) + ")");
     }
     return outcome(Verdict::Valid);
+}
+
+}  // namespace
+
+Verification verifyLog(const LogMessage& message, const PublicKey& key)
+{
+    return judgeLog(message, key, nullptr, nullptr);
+}
+
+Verification verifyLog(const LogMessage& message, const KeyVerifier& verifier, VerifyScratch& scratch)
+{
+    return judgeLog(message, verifier.key(), &verifier, &scratch);
 }
 
 }  // namespace tse
