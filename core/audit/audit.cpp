@@ -146,26 +146,30 @@ void fillFromMessage(LogRecord& record, RecordTexts& texts, const LogMessage& me
 
 // Logs that may be byte-for-byte copies of one another: those of one TSE
 // with one signature counter, or unreadable ones that fail alike. Only
-// these are hashed, in a second read, instead of hashing every member.
-std::vector<std::vector<const LogRecord*>> possibleCopies(const std::deque<LogRecord>& logs)
+// these are hashed, in a second read, instead of hashing every member. The
+// groups hold ordinals.
+std::vector<std::vector<uint64_t>> possibleCopies(const LogTable& logs)
 {
-    std::vector<const LogRecord*> sorted;
-    for (const LogRecord& log : logs) {
-        if (log.counter || !log.reason.empty()) sorted.push_back(&log);
+    std::vector<const LogTable::Row*> sorted;
+    for (size_t i = 0; i < logs.size(); ++i) {
+        const LogTable::Row& row = logs.row(i);
+        if (row.hasCounter() || row.reason != 0) sorted.push_back(&row);
     }
-    // Interned serial numbers are equal exactly when their texts are the
-    // same object, so the pointer stands in for 64 characters.
-    const auto key = [](const LogRecord* log) {
-        return std::make_tuple(reinterpret_cast<std::uintptr_t>(log->serialNumber.data()), log->counter,
-                               log->serialNumber.empty() ? std::string_view(log->reason) : std::string_view());
+    // Texts are pooled, so equal ids are equal texts.
+    const auto key = [](const LogTable::Row* row) {
+        return std::make_tuple(row->serialNumber, row->hasCounter(), row->counter,
+                               row->serialNumber == 0 ? row->reason : 0u);
     };
-    std::sort(sorted.begin(), sorted.end(), [&](const LogRecord* a, const LogRecord* b) { return key(a) < key(b); });
-    std::vector<std::vector<const LogRecord*>> groups;
+    std::sort(sorted.begin(), sorted.end(),
+              [&](const LogTable::Row* a, const LogTable::Row* b) { return key(a) < key(b); });
+    std::vector<std::vector<uint64_t>> groups;
     for (size_t i = 0; i < sorted.size();) {
         size_t j = i + 1;
         while (j < sorted.size() && key(sorted[j]) == key(sorted[i])) ++j;
-        if (j - i > 1) groups.emplace_back(sorted.begin() + static_cast<std::ptrdiff_t>(i),
-                                           sorted.begin() + static_cast<std::ptrdiff_t>(j));
+        if (j - i > 1) {
+            groups.emplace_back();
+            for (size_t k = i; k < j; ++k) groups.back().push_back(sorted[k]->ordinal);
+        }
         i = j;
     }
     return groups;
@@ -332,13 +336,12 @@ bool AuditRun::firstSighting(ByteView data)
 void AuditRun::keep(LogRecord&& record, const RecordTexts& texts)
 {
     std::lock_guard<std::mutex> lock(resultsLock_);
-    StringPool& pool = report_.strings;
-    record.serialNumber = pool.intern(texts.serialNumber);
-    record.algorithm = pool.intern(texts.algorithm);
-    record.operation = pool.intern(texts.operation);
-    record.clientId = pool.intern(texts.clientId);
-    record.processType = pool.intern(texts.processType);
-    report_.logs.push_back(std::move(record));
+    record.serialNumber = texts.serialNumber;
+    record.algorithm = texts.algorithm;
+    record.operation = texts.operation;
+    record.clientId = texts.clientId;
+    record.processType = texts.processType;
+    report_.logs.push_back(record);
     ++logsDone_;
 }
 
@@ -537,11 +540,11 @@ void AuditRun::processWaiting()
 // bytes equal those of an earlier one: a copy counts once.
 void AuditRun::dropCopies()
 {
-    const std::vector<std::vector<const LogRecord*>> groups = possibleCopies(report_.logs);
+    const std::vector<std::vector<uint64_t>> groups = possibleCopies(report_.logs);
     if (groups.empty()) return;
     std::unordered_map<uint64_t, size_t> groupOf;
     for (size_t g = 0; g < groups.size(); ++g) {
-        for (const LogRecord* log : groups[g]) groupOf.emplace(log->ordinal, g);
+        for (const uint64_t ordinal : groups[g]) groupOf.emplace(ordinal, g);
     }
     std::vector<std::unordered_set<Digest, DigestHash>> seen(groups.size());
     std::unordered_set<uint64_t> copies;
@@ -554,29 +557,28 @@ void AuditRun::dropCopies()
         });
     }
     if (copies.empty()) return;
-    auto& logs = report_.logs;
-    const auto isCopy = [&](const LogRecord& log) { return copies.count(log.ordinal) > 0; };
-    logs.erase(std::remove_if(logs.begin(), logs.end(), isCopy), logs.end());
+    report_.logs.removeOrdinals(copies);
     report_.summary.duplicatesSkipped += copies.size();
 }
 
 void AuditRun::finish()
 {
-    std::sort(report_.logs.begin(), report_.logs.end(),
-              [](const LogRecord& a, const LogRecord& b) { return a.ordinal < b.ordinal; });
+    report_.logs.sortByOrdinal();
     dropCopies();
     for (size_t i = 0; i < certificates_.size(); ++i) report_.certificates[i].chain = pool_.judge(certificates_[i]);
     applyIntegrityRules(report_, !options_.trustDirectories.empty());
     AuditSummary& s = report_.summary;
-    for (const LogRecord& log : report_.logs) {
+    for (size_t i = 0; i < report_.logs.size(); ++i) {
+        const LogTable::Row& row = report_.logs.row(i);
+        const auto verdict = static_cast<LogVerdict>(row.verdict);
         ++s.logs;
-        s.valid += log.verdict == LogVerdict::Valid;
-        s.invalid += log.verdict == LogVerdict::Invalid;
-        s.noCertificate += log.verdict == LogVerdict::NoCertificate;
-        s.unreadable += log.verdict == LogVerdict::Unreadable;
-        s.transaction += log.type == LogType::Transaction;
-        s.system += log.type == LogType::System;
-        s.audit += log.type == LogType::Audit;
+        s.valid += verdict == LogVerdict::Valid;
+        s.invalid += verdict == LogVerdict::Invalid;
+        s.noCertificate += verdict == LogVerdict::NoCertificate;
+        s.unreadable += verdict == LogVerdict::Unreadable;
+        s.transaction += row.type == static_cast<uint8_t>(LogType::Transaction);
+        s.system += row.type == static_cast<uint8_t>(LogType::System);
+        s.audit += row.type == static_cast<uint8_t>(LogType::Audit);
     }
     for (Finding& finding : report_.findings) {
         if (options_.strict) finding.severity = Severity::Error;
