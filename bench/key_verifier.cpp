@@ -94,6 +94,9 @@ int differential(size_t count, uint64_t seed)
             }
             done += cases.size();
         }
+        // A line now and then, so that a long run shows where it is.
+        std::printf("%zu cases, %zu differences so far\n", done, differences);
+        std::fflush(stdout);
     }
     std::printf("%zu cases (%zu valid), %zu differences\n", done, valid, differences);
     return differences == 0 ? 0 : 1;

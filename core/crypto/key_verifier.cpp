@@ -6,6 +6,7 @@
 #include <openssl/err.h>
 
 #include "openssl_ptr.h"
+#include "parallel.h"
 #include "signature.h"
 
 namespace tse {
@@ -390,6 +391,44 @@ void KeyVerifier::verifyBlock(const SignatureCheck* checks, size_t count, bool* 
         if (!BN_nnmod(x, x, order, ctx)) continue;
         verdicts[owner[k]] = BN_cmp(x, st.r[owner[k]].get()) == 0;
     }
+}
+
+namespace {
+
+std::string pointKey(const PublicKey& key)
+{
+    return std::string(key.point().begin(), key.point().end());
+}
+
+}  // namespace
+
+void KeyVerifierSet::count(const PublicKey& key)
+{
+    auto [entry, added] = keys_.try_emplace(pointKey(key), Counted{key, 0, nullptr});
+    (void)added;
+    ++entry->second.signatures;
+}
+
+void KeyVerifierSet::build(unsigned jobs)
+{
+    std::vector<Counted*> chosen;
+    for (auto& entry : keys_) {
+        Counted& counted = entry.second;
+        if (chosen.size() < MAX_KEYS && KeyVerifier::tablesPayOff(counted.key.curve()) &&
+            counted.signatures >= KeyVerifier::minSignatures(counted.key.curve())) {
+            chosen.push_back(&counted);
+        }
+    }
+    parallelFor(chosen.size(), jobs, [&](size_t i) {
+        auto verifier = std::make_unique<KeyVerifier>(chosen[i]->key, chosen[i]->signatures);
+        if (verifier->usesTables()) chosen[i]->verifier = std::move(verifier);
+    });
+}
+
+const KeyVerifier* KeyVerifierSet::find(const PublicKey& key) const
+{
+    const auto found = keys_.find(pointKey(key));
+    return found == keys_.end() ? nullptr : found->second.verifier.get();
 }
 
 }  // namespace tse

@@ -3,6 +3,9 @@
 
 #include <cstddef>
 #include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
 
 #include "algorithms.h"
 #include "bytes.h"
@@ -83,6 +86,30 @@ private:
 
     PublicKey key_;
     std::shared_ptr<const Tables> tables_;
+};
+
+// The verifiers for a batch of signatures under a few keys, such as a file
+// of receipts or a DSFinV-K export: count every signature's key first, then
+// build, then find the verifier of each signature's key from any thread.
+// Keys with too few signatures, and those beyond the first MAX_KEYS, get
+// none (the plain path), so a batch of many keys cannot take gigabytes.
+class KeyVerifierSet {
+public:
+    static constexpr size_t MAX_KEYS = 4;
+
+    void count(const PublicKey& key);
+    // Builds the tables on up to `jobs` threads, one key each.
+    void build(unsigned jobs = 1);
+    // nullptr when the key's signatures take the plain path.
+    const KeyVerifier* find(const PublicKey& key) const;
+
+private:
+    struct Counted {
+        PublicKey key;
+        size_t signatures = 0;
+        std::unique_ptr<KeyVerifier> verifier;
+    };
+    std::unordered_map<std::string, Counted> keys_;  // by the key's point
 };
 
 }  // namespace tse

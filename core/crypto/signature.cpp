@@ -59,6 +59,20 @@ bool DecodedSignature::verifies(const PublicKey& key, Hash hash, ByteView data) 
     return value_ && verifySignatureObject(key, hash, data, value_.get());
 }
 
+Bytes DecodedSignature::plainOctets(size_t half) const
+{
+    if (!value_) return {};
+    Bytes out(2 * half);
+    const BIGNUM* r = ECDSA_SIG_get0_r(value_.get());
+    const BIGNUM* s = ECDSA_SIG_get0_s(value_.get());
+    if (BN_is_negative(r) || BN_is_negative(s) ||
+        BN_bn2binpad(r, out.data(), static_cast<int>(half)) < 0 ||
+        BN_bn2binpad(s, out.data() + half, static_cast<int>(half)) < 0) {
+        return {};
+    }
+    return out;
+}
+
 bool verifyPlain(const PublicKey& key, Hash hash, ByteView data, ByteView signature)
 {
     const std::optional<DecodedSignature> decoded = DecodedSignature::plain(key, signature);

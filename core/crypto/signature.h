@@ -28,6 +28,8 @@ public:
     static std::optional<DecodedSignature> der(ByteView signature);
 
     bool verifies(const PublicKey& key, Hash hash, ByteView data) const;
+    // r || s, each padded to `half` octets; empty when one does not fit.
+    Bytes plainOctets(size_t half) const;
 
 private:
     std::shared_ptr<ECDSA_SIG> value_;

@@ -157,9 +157,16 @@ std::vector<EncodedTime> distinctTimeElements(const Receipt& receipt, int64_t se
     return out;
 }
 
-ReceiptVerification verifyReceipt(const Receipt& receipt, const std::vector<ReceiptSignature>& signatures)
+ReceiptVerification verifyReceipt(const Receipt& receipt, const std::vector<ReceiptSignature>& signatures,
+                                  const KeyVerifier* verifier, VerifyScratch* scratch)
 {
     const Hash hash = receipt.algorithm->hash;
+    // The verifier's tables serve only the key they were built for.
+    const bool fast = verifier && scratch && verifier->key().point() == receipt.key.point();
+    std::vector<Bytes> octets;
+    for (const ReceiptSignature& signature : signatures) {
+        octets.push_back(fast ? signature.value.plainOctets(receipt.key.curveInfo().fieldSize) : Bytes());
+    }
     const std::vector<EncodedTime> times = distinctTimeElements(receipt, receipt.logTime.time.seconds);
     if (times.empty()) {
         return {Verdict::Malformed, "logTime " + receipt.logTime.text + " lies before 1970, which unixTime cannot hold", {}, {}};
@@ -169,8 +176,12 @@ ReceiptVerification verifyReceipt(const Receipt& receipt, const std::vector<Rece
         for (const EncodedTime& time : times) {
             Bytes message = prefix;
             append(message, time.element);
-            for (const ReceiptSignature& signature : signatures) {
-                if (signature.value.verifies(receipt.key, hash, message)) {
+            for (size_t i = 0; i < signatures.size(); ++i) {
+                const ReceiptSignature& signature = signatures[i];
+                const bool holds = !octets[i].empty()
+                                       ? verifier->verify(SignatureCheck{hash, message, octets[i]}, *scratch)
+                                       : signature.value.verifies(receipt.key, hash, message);
+                if (holds) {
                     return {Verdict::Valid, {}, ReceiptForm{shape, time.encoding, signature.encoding}, {}};
                 }
             }
@@ -183,12 +194,12 @@ ReceiptVerification verifyReceipt(const Receipt& receipt, const std::vector<Rece
             {}};
 }
 
-ReceiptVerification verifyReceipt(const Receipt& receipt)
+ReceiptVerification verifyReceipt(const Receipt& receipt, const KeyVerifier* verifier, VerifyScratch* scratch)
 {
     std::string reason;
     const std::vector<ReceiptSignature> signatures = receiptSignatures(receipt, reason);
     if (signatures.empty()) return {Verdict::Malformed, reason, {}, {}};
-    ReceiptVerification result = verifyReceipt(receipt, signatures);
+    ReceiptVerification result = verifyReceipt(receipt, signatures, verifier, scratch);
     for (size_t i = 0; !result.valid() && i < receipt.otherKeys.size(); ++i) {
         Receipt other = receipt;
         other.key = receipt.otherKeys[i];

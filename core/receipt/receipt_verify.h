@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "bytes.h"
+#include "key_verifier.h"
 #include "receipt_text.h"
 #include "log_verify.h"
 
@@ -79,9 +80,13 @@ std::vector<EncodedTime> distinctTimeElements(const Receipt& receipt, int64_t se
 // Rebuilds the Finish transaction log message the receipt stands for in
 // every shape and time encoding, and checks the signature over each, with
 // each key the public key field can stand for.
-ReceiptVerification verifyReceipt(const Receipt& receipt);
+// A verifier of the receipt's key (a batch of many receipts of one TSE)
+// checks them through its tables, with the calling thread's scratch.
+ReceiptVerification verifyReceipt(const Receipt& receipt, const KeyVerifier* verifier = nullptr,
+                                  VerifyScratch* scratch = nullptr);
 // The same with the signatures already decoded.
-ReceiptVerification verifyReceipt(const Receipt& receipt, const std::vector<ReceiptSignature>& signatures);
+ReceiptVerification verifyReceipt(const Receipt& receipt, const std::vector<ReceiptSignature>& signatures,
+                                  const KeyVerifier* verifier = nullptr, VerifyScratch* scratch = nullptr);
 
 }  // namespace tse
 
