@@ -109,12 +109,24 @@ struct KeyEntry {
     std::atomic<bool> ready{false};
 };
 
+// A log whose signature waits for the rest of its batch, so that the
+// inversions are shared. The texts' views are set again when it is settled:
+// they point into the strings beside them, which move with it.
+struct Deferred {
+    LogRecord record;
+    RecordTexts texts;
+    std::string serial, algorithm;
+    LogMessage message;
+    std::shared_ptr<KeyEntry> key;
+};
+
 // What a verifying thread remembers from its last log: consecutive logs
 // nearly always come from one TSE, so its serial number is spelt out once.
 struct WorkerMemory {
     Bytes serial;
     std::string serialHex;
     std::unique_ptr<VerifyScratch> scratch;  // made when first needed
+    std::vector<Deferred> deferred;
 
     VerifyScratch& verifyScratch()
     {
@@ -204,7 +216,10 @@ private:
     bool firstSighting(ByteView data);
     void work();
     void process(WorkItem&& item, WorkerMemory& memory);
-    Verification verify(const LogMessage& message, KeyEntry& entry, WorkerMemory& memory);
+    const KeyVerifier* fastVerifier(KeyEntry& entry);
+    void settle(LogRecord&& record, const RecordTexts& texts, const LogMessage& message,
+                const Verification& verification);
+    void settleDeferred(WorkerMemory& memory);
     void queueItem(WorkItem&& item);
     void flushBatch();
     void processWaiting();
@@ -391,7 +406,23 @@ void AuditRun::process(WorkItem&& item, WorkerMemory& memory)
             "no certificate has a key whose SHA-256 is the serial number " + std::string(texts.serialNumber);
         return keep(std::move(record), texts);
     }
-    const Verification verification = verify(message, *key, memory);
+    if (fastVerifier(*key)) {
+        Deferred waiting;
+        waiting.serial = std::string(texts.serialNumber);
+        waiting.algorithm = std::string(texts.algorithm);
+        waiting.record = std::move(record);
+        waiting.texts = std::move(texts);
+        waiting.message = std::move(*parse.message);
+        waiting.key = std::move(key);
+        memory.deferred.push_back(std::move(waiting));
+        return;
+    }
+    settle(std::move(record), texts, message, verifyLog(message, key->key));
+}
+
+void AuditRun::settle(LogRecord&& record, const RecordTexts& texts, const LogMessage& message,
+                      const Verification& verification)
+{
     record.verdict = verdictOf(verification);
     // A recognised algorithm this system cannot check leaves the signature
     // unproven, and the reason says why; an unknown one is no TSE log.
@@ -402,10 +433,38 @@ void AuditRun::process(WorkItem&& item, WorkerMemory& memory)
     keep(std::move(record), texts);
 }
 
+// The deferred logs of a batch, key by key, through their verifiers.
+void AuditRun::settleDeferred(WorkerMemory& memory)
+{
+    std::vector<Deferred>& waiting = memory.deferred;
+    std::vector<bool> done(waiting.size(), false);
+    for (size_t first = 0; first < waiting.size(); ++first) {
+        if (done[first]) continue;
+        KeyEntry* entry = waiting[first].key.get();
+        std::vector<size_t> group;
+        std::vector<const LogMessage*> messages;
+        for (size_t i = first; i < waiting.size(); ++i) {
+            if (!done[i] && waiting[i].key.get() == entry) {
+                group.push_back(i);
+                messages.push_back(&waiting[i].message);
+                done[i] = true;
+            }
+        }
+        const std::vector<Verification> verifications = verifyLogs(messages, *entry->verifier, memory.verifyScratch());
+        for (size_t k = 0; k < group.size(); ++k) {
+            Deferred& d = waiting[group[k]];
+            d.texts.serialNumber = d.serial;
+            d.texts.algorithm = d.algorithm;
+            settle(std::move(d.record), d.texts, d.message, verifications[k]);
+        }
+    }
+    waiting.clear();
+}
+
 // The many logs of one TSE are checked through tables of its key, built by
 // the first thread that sees the key's logs pass the curve's threshold (the
 // others wait for it, which is less than a hundred signatures take).
-Verification AuditRun::verify(const LogMessage& message, KeyEntry& entry, WorkerMemory& memory)
+const KeyVerifier* AuditRun::fastVerifier(KeyEntry& entry)
 {
     const size_t seen = ++entry.logs;
     if (!entry.ready.load(std::memory_order_acquire) && seen >= KeyVerifier::minSignatures(entry.key.curve())) {
@@ -417,10 +476,7 @@ Verification AuditRun::verify(const LogMessage& message, KeyEntry& entry, Worker
             entry.ready.store(true, std::memory_order_release);
         });
     }
-    if (entry.ready.load(std::memory_order_acquire) && entry.verifier) {
-        return verifyLog(message, *entry.verifier, memory.verifyScratch());
-    }
-    return verifyLog(message, entry.key);
+    return entry.ready.load(std::memory_order_acquire) ? entry.verifier.get() : nullptr;
 }
 
 void AuditRun::work()
@@ -428,6 +484,7 @@ void AuditRun::work()
     WorkerMemory memory;
     while (std::optional<Batch> batch = queue_->pop()) {
         for (WorkItem& item : *batch) process(std::move(item), memory);
+        settleDeferred(memory);
     }
 }
 
@@ -533,6 +590,7 @@ void AuditRun::processWaiting()
     parallelFor(waiting.size(), options_.jobs, [&](size_t i) {
         WorkerMemory memory;
         process(std::move(waiting[i]), memory);
+        settleDeferred(memory);
     });
 }
 

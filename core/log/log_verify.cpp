@@ -1,5 +1,8 @@
 #include "log_verify.h"
 
+#include <memory>
+#include <optional>
+
 namespace tse {
 namespace {
 
@@ -24,14 +27,17 @@ std::string_view verdictName(Verdict verdict)
 
 namespace {
 
-Verification judgeLog(const LogMessage& message, const PublicKey& key, const KeyVerifier* verifier,
-                      VerifyScratch* scratch)
+// Everything but the signature: the key is the TSE's, the algorithm one this
+// tool verifies, the signature of the curve's size. Sets `algorithm` when
+// only the signature is left to check.
+std::optional<Verification> judgeAllButSignature(const LogMessage& message, const PublicKey& key,
+                                                 const SignatureAlgorithm*& algorithm)
 {
     if (ByteView(message.serialNumber) != ByteView(key.serialNumber())) {
         return outcome(Verdict::WrongKey, "the key's SHA-256 " + toHex(key.serialNumber()) +
                                               " is not the log's serial number " + toHex(message.serialNumber));
     }
-    const SignatureAlgorithm* algorithm = algorithmByOid(message.signatureAlgorithmOid);
+    algorithm = algorithmByOid(message.signatureAlgorithmOid);
     if (algorithm == nullptr) {
         return outcome(Verdict::UnsupportedAlgorithm,
                        "unsupported algorithm: the OID " + message.signatureAlgorithmOid + " is unknown");
@@ -46,12 +52,14 @@ Verification judgeLog(const LogMessage& message, const PublicKey& key, const Key
                                                " bytes; r and s on " + std::string(key.curveInfo().displayName) +
                                                " make " + std::to_string(expected));
     }
-    const bool holds =
-        verifier ? verifier->verify(SignatureCheck{algorithm->hash, message.signedOctets, message.signatureValue}, *scratch)
-                 : verifyPlain(key, algorithm->hash, message.signedOctets, message.signatureValue);
+    return std::nullopt;
+}
+
+Verification signatureOutcome(bool holds, const SignatureAlgorithm& algorithm, const PublicKey& key)
+{
     if (!holds) {
         return outcome(Verdict::Invalid, "the signature does not match the signed data (" +
-                                             std::string(algorithm->name) + " on " +
+                                             std::string(algorithm.name) + " on " +
                                              std::string(key.curveInfo().displayName) + ")");
     }
     return outcome(Verdict::Valid);
@@ -61,12 +69,39 @@ Verification judgeLog(const LogMessage& message, const PublicKey& key, const Key
 
 Verification verifyLog(const LogMessage& message, const PublicKey& key)
 {
-    return judgeLog(message, key, nullptr, nullptr);
+    const SignatureAlgorithm* algorithm = nullptr;
+    if (std::optional<Verification> early = judgeAllButSignature(message, key, algorithm)) return *early;
+    return signatureOutcome(verifyPlain(key, algorithm->hash, message.signedOctets, message.signatureValue), *algorithm,
+                            key);
 }
 
 Verification verifyLog(const LogMessage& message, const KeyVerifier& verifier, VerifyScratch& scratch)
 {
-    return judgeLog(message, verifier.key(), &verifier, &scratch);
+    return std::move(verifyLogs({&message}, verifier, scratch).front());
+}
+
+std::vector<Verification> verifyLogs(const std::vector<const LogMessage*>& messages, const KeyVerifier& verifier,
+                                     VerifyScratch& scratch)
+{
+    const PublicKey& key = verifier.key();
+    std::vector<Verification> out(messages.size());
+    std::vector<const SignatureAlgorithm*> algorithms(messages.size(), nullptr);
+    std::vector<SignatureCheck> checks;
+    std::vector<size_t> checked;
+    for (size_t i = 0; i < messages.size(); ++i) {
+        if (std::optional<Verification> early = judgeAllButSignature(*messages[i], key, algorithms[i])) {
+            out[i] = std::move(*early);
+            continue;
+        }
+        checks.push_back(SignatureCheck{algorithms[i]->hash, messages[i]->signedOctets, messages[i]->signatureValue});
+        checked.push_back(i);
+    }
+    std::unique_ptr<bool[]> holds(new bool[checks.size() + 1]);
+    verifier.verify(checks.data(), checks.size(), holds.get(), scratch);
+    for (size_t k = 0; k < checked.size(); ++k) {
+        out[checked[k]] = signatureOutcome(holds[k], *algorithms[checked[k]], key);
+    }
+    return out;
 }
 
 }  // namespace tse

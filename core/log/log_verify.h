@@ -3,6 +3,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "key_verifier.h"
 #include "log_message.h"
@@ -28,6 +29,10 @@ struct Verification {
 Verification verifyLog(const LogMessage& message, const PublicKey& key);
 // The same through a verifier of the key, for the many logs of one TSE.
 Verification verifyLog(const LogMessage& message, const KeyVerifier& verifier, VerifyScratch& scratch);
+// Many logs of the verifier's key at once, which shares the inversions
+// among them; one verification per message, in their order.
+std::vector<Verification> verifyLogs(const std::vector<const LogMessage*>& messages, const KeyVerifier& verifier,
+                                     VerifyScratch& scratch);
 
 }  // namespace tse
 
