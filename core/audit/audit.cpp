@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cctype>
 #include <cstring>
+#include <deque>
 #include <filesystem>
 #include <set>
 #include <system_error>
@@ -33,6 +34,9 @@ constexpr size_t QUEUE_CAPACITY = 2048 / BATCH_SIZE;
 constexpr size_t MAX_PENDING_BYTES = 16u << 20;
 constexpr size_t ITEM_OVERHEAD = 160;  // what a queued item costs beside its bytes
 constexpr size_t MAX_CERTIFICATE_FILE = 1u << 20;
+// Keys that get tables of their own (each up to KeyVerifier::MAX_TABLE_BYTES);
+// the logs of any further key take the plain path.
+constexpr size_t MAX_KEYS_WITH_TABLES = 4;
 
 struct WorkItem {
     uint64_t ordinal = 0;
@@ -95,11 +99,42 @@ struct RecordTexts {
     std::string operation, clientId, processType;
 };
 
+// A TSE's key and, once enough of its logs have come by, the tables that
+// check them fast.
+struct KeyEntry {
+    explicit KeyEntry(const PublicKey& publicKey) : key(publicKey) {}
+
+    PublicKey key;
+    std::atomic<size_t> logs{0};
+    std::once_flag built;
+    std::shared_ptr<const KeyVerifier> verifier;  // written once, inside `built`
+    std::atomic<bool> ready{false};
+};
+
+// A log whose signature waits for the rest of its batch, so that the
+// inversions are shared. The texts' views are set again when it is settled:
+// they point into the strings beside them, which move with it.
+struct Deferred {
+    LogRecord record;
+    RecordTexts texts;
+    std::string serial, algorithm;
+    LogMessage message;
+    std::shared_ptr<KeyEntry> key;
+};
+
 // What a verifying thread remembers from its last log: consecutive logs
 // nearly always come from one TSE, so its serial number is spelt out once.
 struct WorkerMemory {
     Bytes serial;
     std::string serialHex;
+    std::unique_ptr<VerifyScratch> scratch;  // made when first needed
+    std::vector<Deferred> deferred;
+
+    VerifyScratch& verifyScratch()
+    {
+        if (!scratch) scratch = std::make_unique<VerifyScratch>();
+        return *scratch;
+    }
 
     const std::string& hexOf(const Bytes& raw)
     {
@@ -125,26 +160,30 @@ void fillFromMessage(LogRecord& record, RecordTexts& texts, const LogMessage& me
 
 // Logs that may be byte-for-byte copies of one another: those of one TSE
 // with one signature counter, or unreadable ones that fail alike. Only
-// these are hashed, in a second read, instead of hashing every member.
-std::vector<std::vector<const LogRecord*>> possibleCopies(const std::deque<LogRecord>& logs)
+// these are hashed, in a second read, instead of hashing every member. The
+// groups hold ordinals.
+std::vector<std::vector<uint64_t>> possibleCopies(const LogTable& logs)
 {
-    std::vector<const LogRecord*> sorted;
-    for (const LogRecord& log : logs) {
-        if (log.counter || !log.reason.empty()) sorted.push_back(&log);
+    std::vector<const LogTable::Row*> sorted;
+    for (size_t i = 0; i < logs.size(); ++i) {
+        const LogTable::Row& row = logs.row(i);
+        if (row.hasCounter() || row.reason != 0) sorted.push_back(&row);
     }
-    // Interned serial numbers are equal exactly when their texts are the
-    // same object, so the pointer stands in for 64 characters.
-    const auto key = [](const LogRecord* log) {
-        return std::make_tuple(reinterpret_cast<std::uintptr_t>(log->serialNumber.data()), log->counter,
-                               log->serialNumber.empty() ? std::string_view(log->reason) : std::string_view());
+    // Texts are pooled, so equal ids are equal texts.
+    const auto key = [](const LogTable::Row* row) {
+        return std::make_tuple(row->serialNumber, row->hasCounter(), row->counter,
+                               row->serialNumber == 0 ? row->reason : 0u);
     };
-    std::sort(sorted.begin(), sorted.end(), [&](const LogRecord* a, const LogRecord* b) { return key(a) < key(b); });
-    std::vector<std::vector<const LogRecord*>> groups;
+    std::sort(sorted.begin(), sorted.end(),
+              [&](const LogTable::Row* a, const LogTable::Row* b) { return key(a) < key(b); });
+    std::vector<std::vector<uint64_t>> groups;
     for (size_t i = 0; i < sorted.size();) {
         size_t j = i + 1;
         while (j < sorted.size() && key(sorted[j]) == key(sorted[i])) ++j;
-        if (j - i > 1) groups.emplace_back(sorted.begin() + static_cast<std::ptrdiff_t>(i),
-                                           sorted.begin() + static_cast<std::ptrdiff_t>(j));
+        if (j - i > 1) {
+            groups.emplace_back();
+            for (size_t k = i; k < j; ++k) groups.back().push_back(sorted[k]->ordinal);
+        }
         i = j;
     }
     return groups;
@@ -175,6 +214,10 @@ private:
     bool firstSighting(ByteView data);
     void work();
     void process(WorkItem&& item, WorkerMemory& memory);
+    const KeyVerifier* fastVerifier(KeyEntry& entry);
+    void settle(LogRecord&& record, const RecordTexts& texts, const LogMessage& message,
+                Verification verification);
+    void settleDeferred(WorkerMemory& memory);
     void queueItem(WorkItem&& item);
     void flushBatch();
     void processWaiting();
@@ -192,9 +235,11 @@ private:
     CertificatePool pool_;
 
     // The keys and the logs that wait for theirs, shared by the reading
-    // thread, which adds keys, and the workers, which look them up.
+    // thread, which adds keys, and the workers, which look them up. The
+    // audit's entries carry the tables built for a key with many logs.
     SharedMutex keysLock_;
-    KeyIndex keys_ TSE_GUARDED_BY(keysLock_);
+    std::unordered_map<std::string, std::shared_ptr<KeyEntry>> keys_ TSE_GUARDED_BY(keysLock_);  // by raw serial
+    std::atomic<size_t> keysWithTables_{0};
     std::unordered_map<std::string, std::vector<WorkItem>> pending_ TSE_GUARDED_BY(keysLock_);
     size_t pendingBytes_ TSE_GUARDED_BY(keysLock_) = 0;
     std::set<uint64_t> deferred_ TSE_GUARDED_BY(keysLock_);
@@ -207,7 +252,8 @@ private:
     std::unordered_set<Digest, DigestHash> seen_;
     std::unordered_map<Digest, size_t, DigestHash> certificateSeen_;  // DER digest -> record
     size_t current_ = 0;            // the index in report_.audited being read
-    std::string_view currentLabel_;  // its path, interned
+    std::deque<std::string> labels_;  // the exports' paths as shown; a deque keeps views valid
+    std::string_view currentLabel_;  // its path, in labels_
     uint64_t ordinal_ = 0;
     uint64_t bytesBefore_ = 0, bytesTotal_ = 0;
 };
@@ -226,7 +272,7 @@ void AuditRun::addKey(const Certificate& certificate)
     std::vector<WorkItem> waiting;
     {
         ExclusiveLock<SharedMutex> lock(keysLock_);
-        keys_.add(key, {});
+        keys_.emplace(serial, std::make_shared<KeyEntry>(key));
         auto found = pending_.find(serial);
         if (found != pending_.end()) {
             waiting = std::move(found->second);
@@ -346,13 +392,12 @@ bool AuditRun::firstSighting(ByteView data)
 void AuditRun::keep(LogRecord&& record, const RecordTexts& texts)
 {
     ExclusiveLock<Mutex> lock(resultsLock_);
-    StringPool& pool = report_.strings;
-    record.serialNumber = pool.intern(texts.serialNumber);
-    record.algorithm = pool.intern(texts.algorithm);
-    record.operation = pool.intern(texts.operation);
-    record.clientId = pool.intern(texts.clientId);
-    record.processType = pool.intern(texts.processType);
-    report_.logs.push_back(std::move(record));
+    record.serialNumber = texts.serialNumber;
+    record.algorithm = texts.algorithm;
+    record.operation = texts.operation;
+    record.clientId = texts.clientId;
+    record.processType = texts.processType;
+    report_.logs.push_back(record);
     ++logsDone_;
 }
 
@@ -376,30 +421,100 @@ void AuditRun::process(WorkItem&& item, WorkerMemory& memory)
     // the TSE's, and a name that does not follow its pattern is a finding.
     if (name) record.nameProblem = nameMismatch(*name, message);
     else if (!item.standalone) record.nameProblem = "the name does not follow the TSE's naming pattern";
-    std::optional<PublicKey> key;
+    const std::string serial(message.serialNumber.begin(), message.serialNumber.end());
+    std::shared_ptr<KeyEntry> key;
     {
         SharedLock lock(keysLock_);
-        if (const KeyIndex::Entry* found = keys_.find(message.serialNumber)) key = found->key;
+        if (auto found = keys_.find(serial); found != keys_.end()) key = found->second;
     }
     if (!key && !finalPass_) {
         ExclusiveLock<SharedMutex> lock(keysLock_);
-        if (const KeyIndex::Entry* found = keys_.find(message.serialNumber)) {
-            key = found->key;
+        if (auto found = keys_.find(serial); found != keys_.end()) {
+            key = found->second;
         } else if (pendingBytes_ + pendingCost(item) <= MAX_PENDING_BYTES) {
             pendingBytes_ += pendingCost(item);
-            pending_[std::string(message.serialNumber.begin(), message.serialNumber.end())].push_back(std::move(item));
+            pending_[serial].push_back(std::move(item));
             return;
         } else {
             deferred_.insert(item.ordinal);
             return;
         }
     }
-    // The one place a log is judged: verify and the other checks judge the
-    // same way, and a faster verifier plugs in behind judgeLog.
-    LogJudgement judgement = judgeLog(message, key ? &*key : nullptr);
+    if (!key) {
+        LogJudgement judgement = judgeLog(message, nullptr);
+        record.verdict = judgement.verdict;
+        record.reason = std::move(judgement.reason);
+        return keep(std::move(record), texts);
+    }
+    if (fastVerifier(*key)) {
+        Deferred waiting;
+        waiting.serial = std::string(texts.serialNumber);
+        waiting.algorithm = std::string(texts.algorithm);
+        waiting.record = std::move(record);
+        waiting.texts = std::move(texts);
+        waiting.message = std::move(*parse.message);
+        waiting.key = std::move(key);
+        memory.deferred.push_back(std::move(waiting));
+        return;
+    }
+    settle(std::move(record), texts, message, verifyLog(message, key->key));
+}
+
+// Whichever path checked the signature, the log is judged in one place, as
+// verify judges it.
+void AuditRun::settle(LogRecord&& record, const RecordTexts& texts, const LogMessage& message,
+                      Verification verification)
+{
+    LogJudgement judgement = judgeVerification(message, std::move(verification));
     record.verdict = judgement.verdict;
     record.reason = std::move(judgement.reason);
     keep(std::move(record), texts);
+}
+
+// The deferred logs of a batch, key by key, through their verifiers.
+void AuditRun::settleDeferred(WorkerMemory& memory)
+{
+    std::vector<Deferred>& waiting = memory.deferred;
+    std::vector<bool> done(waiting.size(), false);
+    for (size_t first = 0; first < waiting.size(); ++first) {
+        if (done[first]) continue;
+        KeyEntry* entry = waiting[first].key.get();
+        std::vector<size_t> group;
+        std::vector<const LogMessage*> messages;
+        for (size_t i = first; i < waiting.size(); ++i) {
+            if (!done[i] && waiting[i].key.get() == entry) {
+                group.push_back(i);
+                messages.push_back(&waiting[i].message);
+                done[i] = true;
+            }
+        }
+        const std::vector<Verification> verifications = verifyLogs(messages, *entry->verifier, memory.verifyScratch());
+        for (size_t k = 0; k < group.size(); ++k) {
+            Deferred& d = waiting[group[k]];
+            d.texts.serialNumber = d.serial;
+            d.texts.algorithm = d.algorithm;
+            settle(std::move(d.record), d.texts, d.message, verifications[k]);
+        }
+    }
+    waiting.clear();
+}
+
+// The many logs of one TSE are checked through tables of its key, built by
+// the first thread that sees the key's logs pass the curve's threshold (the
+// others wait for it, which is less than a hundred signatures take).
+const KeyVerifier* AuditRun::fastVerifier(KeyEntry& entry)
+{
+    const size_t seen = ++entry.logs;
+    if (!entry.ready.load(std::memory_order_acquire) && seen >= KeyVerifier::minSignatures(entry.key.curve())) {
+        std::call_once(entry.built, [&] {
+            if (++keysWithTables_ <= MAX_KEYS_WITH_TABLES) {
+                auto verifier = std::make_shared<const KeyVerifier>(entry.key, seen);
+                if (verifier->usesTables()) entry.verifier = std::move(verifier);
+            }
+            entry.ready.store(true, std::memory_order_release);
+        });
+    }
+    return entry.ready.load(std::memory_order_acquire) ? entry.verifier.get() : nullptr;
 }
 
 void AuditRun::work()
@@ -420,6 +535,7 @@ void AuditRun::work()
                 keep(std::move(failed));
             }
         }
+        settleDeferred(memory);
     }
 }
 
@@ -531,7 +647,7 @@ std::string AuditRun::readAll()
         current_ = index;
         {
             ExclusiveLock<Mutex> lock(resultsLock_);
-            currentLabel_ = report_.strings.intern(escapeText(source.label()));
+            currentLabel_ = labels_.emplace_back(escapeText(source.label()));
         }
         const ExportRead read = readExportSource(
             source, options_.maxMemberSize, [&](ExportMember&& member) { visit(std::move(member)); },
@@ -574,6 +690,7 @@ void AuditRun::processWaiting()
     parallelFor(waiting.size(), options_.jobs, [&](size_t i) {
         WorkerMemory memory;
         process(std::move(waiting[i]), memory);
+        settleDeferred(memory);
     });
 }
 
@@ -581,11 +698,11 @@ void AuditRun::processWaiting()
 // bytes equal those of an earlier one: a copy counts once.
 void AuditRun::dropCopies()
 {
-    const std::vector<std::vector<const LogRecord*>> groups = possibleCopies(report_.logs);
+    const std::vector<std::vector<uint64_t>> groups = possibleCopies(report_.logs);
     if (groups.empty()) return;
     std::unordered_map<uint64_t, size_t> groupOf;
     for (size_t g = 0; g < groups.size(); ++g) {
-        for (const LogRecord* log : groups[g]) groupOf.emplace(log->ordinal, g);
+        for (const uint64_t ordinal : groups[g]) groupOf.emplace(ordinal, g);
     }
     std::vector<std::unordered_set<Digest, DigestHash>> seen(groups.size());
     std::unordered_set<uint64_t> copies;
@@ -598,9 +715,7 @@ void AuditRun::dropCopies()
         });
     }
     if (copies.empty()) return;
-    auto& logs = report_.logs;
-    const auto isCopy = [&](const LogRecord& log) { return copies.count(log.ordinal) > 0; };
-    logs.erase(std::remove_if(logs.begin(), logs.end(), isCopy), logs.end());
+    report_.logs.removeOrdinals(copies);
     report_.summary.duplicatesSkipped += copies.size();
 }
 
@@ -619,22 +734,23 @@ void AuditRun::exportFindings()
 
 void AuditRun::finish()
 {
-    std::sort(report_.logs.begin(), report_.logs.end(),
-              [](const LogRecord& a, const LogRecord& b) { return a.ordinal < b.ordinal; });
+    report_.logs.sortByOrdinal();
     dropCopies();
     for (size_t i = 0; i < certificates_.size(); ++i) report_.certificates[i].chain = pool_.judge(certificates_[i]);
     applyIntegrityRules(report_, !options_.trustDirectories.empty());
     exportFindings();
     AuditSummary& s = report_.summary;
-    for (const LogRecord& log : report_.logs) {
+    for (size_t i = 0; i < report_.logs.size(); ++i) {
+        const LogTable::Row& row = report_.logs.row(i);
+        const auto verdict = static_cast<LogVerdict>(row.verdict);
         ++s.logs;
-        s.valid += log.verdict == LogVerdict::Valid;
-        s.invalid += log.verdict == LogVerdict::Invalid;
-        s.noCertificate += log.verdict == LogVerdict::NoCertificate;
-        s.unreadable += log.verdict == LogVerdict::Unreadable;
-        s.transaction += log.type == LogType::Transaction;
-        s.system += log.type == LogType::System;
-        s.audit += log.type == LogType::Audit;
+        s.valid += verdict == LogVerdict::Valid;
+        s.invalid += verdict == LogVerdict::Invalid;
+        s.noCertificate += verdict == LogVerdict::NoCertificate;
+        s.unreadable += verdict == LogVerdict::Unreadable;
+        s.transaction += row.type == static_cast<uint8_t>(LogType::Transaction);
+        s.system += row.type == static_cast<uint8_t>(LogType::System);
+        s.audit += row.type == static_cast<uint8_t>(LogType::Audit);
     }
     for (Finding& finding : report_.findings) {
         if (options_.strict) finding.severity = Severity::Error;

@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <iterator>
+#include <unordered_map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -21,22 +23,9 @@ namespace tse {
 enum class Severity { Error, Warning };
 std::string_view severityName(Severity severity);  // "error", "warning"
 
-// Values that repeat from log to log (serial numbers, algorithms,
-// operations, client IDs) are kept once; records point into it. The set
-// moves with the report without moving its strings.
-class StringPool {
-public:
-    std::string_view intern(std::string_view text);
-
-private:
-    std::deque<std::string> strings_;  // never moved, so views stay valid
-    std::unordered_set<std::string_view> index_;
-};
-
-// What the audit keeps of one log once it is verified: enough for every
-// report and integrity rule, but not the log itself, so that memory does
-// not grow with the size of the logs. The views point into the report's
-// pool.
+// One log as the report gives it out: enough for every report and
+// integrity rule, but not the log itself. The views point into the report's
+// log table, and stay valid as long as the report.
 struct LogRecord {
     std::string file;    // the member name as in the archive, escaped (escapeText)
     std::string_view source;  // the export it came from, as given
@@ -57,6 +46,68 @@ struct LogRecord {
     std::string nameProblem;  // how the name disagrees with the content
 
     std::optional<LogTime> logTime() const;
+};
+
+// The logs of a report, 80 bytes each whatever their names and reasons: a
+// year of a busy shop is a million logs and more. Texts are kept once in a
+// pool, and a member name once per pattern, with its counter, transaction
+// number and time taken out (TSE names differ in little else). Reading a
+// log gives a LogRecord by value; the rules read the compact rows.
+class LogTable {
+public:
+    struct Row {
+        uint64_t ordinal = 0, counter = 0, transactionNumber = 0;
+        int64_t seconds = 0;
+        // Pool ids; 0 is the empty text.
+        uint32_t file = 0, serialNumber = 0, algorithm = 0, operation = 0, clientId = 0, processType = 0,
+                 fraction = 0, reason = 0, nameProblem = 0, source = 0;
+        uint8_t type = NONE, verdict = 0, timeFormat = NONE, present = 0;
+
+        static constexpr uint8_t NONE = 0xff;
+        static constexpr uint8_t HAS_COUNTER = 1, HAS_TRANSACTION = 2, HAS_SECONDS = 4, LITERAL_NAME = 8;
+        bool hasCounter() const { return (present & HAS_COUNTER) != 0; }
+    };
+
+    class const_iterator {
+    public:
+        using iterator_category = std::input_iterator_tag;
+        using value_type = LogRecord;
+        using difference_type = std::ptrdiff_t;
+        using pointer = void;
+        using reference = LogRecord;
+
+        const_iterator(const LogTable* table, size_t index) : table_(table), index_(index) {}
+        LogRecord operator*() const { return (*table_)[index_]; }
+        const_iterator& operator++() { return ++index_, *this; }
+        bool operator==(const const_iterator& other) const { return index_ == other.index_; }
+        bool operator!=(const const_iterator& other) const { return index_ != other.index_; }
+
+    private:
+        const LogTable* table_;
+        size_t index_;
+    };
+
+    // Keeps the record's texts; its views may point anywhere.
+    void push_back(const LogRecord& record);
+    size_t size() const { return rows_.size(); }
+    bool empty() const { return rows_.empty(); }
+    LogRecord operator[](size_t index) const;
+    const Row& row(size_t index) const { return rows_[index]; }
+    std::string_view text(uint32_t id) const { return texts_[id]; }
+    std::string file(size_t index) const;
+    const_iterator begin() const { return const_iterator(this, 0); }
+    const_iterator end() const { return const_iterator(this, rows_.size()); }
+
+    void sortByOrdinal();
+    // Drops the logs with these ordinals.
+    void removeOrdinals(const std::unordered_set<uint64_t>& ordinals);
+
+private:
+    uint32_t intern(std::string_view text);
+
+    std::deque<Row> rows_;
+    std::deque<std::string> texts_{std::string()};  // never moved, so the views stay valid
+    std::unordered_map<std::string_view, uint32_t> ids_;
 };
 
 struct Finding {
@@ -102,10 +153,7 @@ struct AuditReport {
     std::optional<InfoCsv> info;  // the first export's that has one
     std::string infoProblem;
     std::vector<CertificateRecord> certificates;
-    // In reading order; a deque grows without copying what it holds, which
-    // keeps the peak low on exports of a hundred thousand logs.
-    std::deque<LogRecord> logs;
-    StringPool strings;  // what the logs' views point to
+    LogTable logs;  // in reading order
     std::vector<Finding> findings;
 };
 

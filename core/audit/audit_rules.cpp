@@ -35,9 +35,9 @@ std::string shortSerial(std::string_view serial)
     return "TSE " + std::string(serial.substr(0, 16)) + (serial.size() > 16 ? "..." : "");
 }
 
-bool isOperation(const LogRecord& log, std::string_view word)
+bool isOperation(std::string_view operation, std::string_view word)
 {
-    return log.operation.size() >= word.size() && equalsIgnoringCase(log.operation.substr(0, word.size()), word);
+    return operation.size() >= word.size() && equalsIgnoringCase(operation.substr(0, word.size()), word);
 }
 
 bool isUpdateTime(const LogRecord& log)
@@ -68,20 +68,33 @@ void perLogFindings(const AuditReport& report, Findings& out)
     }
 }
 
-void counterFindings(std::string_view serial, const std::vector<const LogRecord*>& logs,
-                     const std::set<uint64_t>& extraCounters, Findings& out)
+// The logs of one TSE, as indices into the report's table, in the order of
+// their counters. Rows are read as they are; a whole LogRecord is made only
+// for a log a finding names.
+struct TseLogs {
+    const LogTable& table;
+    std::vector<size_t> indices;
+
+    size_t size() const { return indices.size(); }
+    const LogTable::Row& row(size_t i) const { return table.row(indices[i]); }
+    LogRecord record(size_t i) const { return table[indices[i]]; }
+    std::string file(size_t i) const { return table.file(indices[i]); }
+};
+
+void counterFindings(std::string_view serial, const TseLogs& logs, const std::set<uint64_t>& extraCounters,
+                     Findings& out)
 {
     std::set<uint64_t> present(extraCounters);
     for (size_t i = 0; i < logs.size(); ++i) {
-        present.insert(*logs[i]->counter);
+        present.insert(logs.row(i).counter);
         size_t j = i;
-        while (j + 1 < logs.size() && *logs[j + 1]->counter == *logs[i]->counter) ++j;
+        while (j + 1 < logs.size() && logs.row(j + 1).counter == logs.row(i).counter) ++j;
         if (j > i) {
             std::vector<std::string> files;
-            for (size_t k = i; k <= j; ++k) files.push_back(logs[k]->file);
+            for (size_t k = i; k <= j; ++k) files.push_back(logs.file(k));
             out.add(Severity::Error, "counter-duplicate",
                     shortSerial(serial) + ": " + std::to_string(j - i + 1) + " different logs carry signature counter " +
-                        std::to_string(*logs[i]->counter),
+                        std::to_string(logs.row(i).counter),
                     std::move(files));
             i = j;
         }
@@ -103,14 +116,18 @@ void counterFindings(std::string_view serial, const std::vector<const LogRecord*
             {});
 }
 
-void timeFindings(const std::vector<const LogRecord*>& logs, Findings& out)
+void timeFindings(const TseLogs& logs, Findings& out)
 {
+    constexpr uint8_t HAS_SECONDS = LogTable::Row::HAS_SECONDS;
     for (size_t i = 1; i < logs.size(); ++i) {
-        const LogRecord& before = *logs[i - 1];
-        const LogRecord& log = *logs[i];
-        if (!before.seconds || !log.seconds || *log.counter == *before.counter) continue;
+        const LogTable::Row& a = logs.row(i - 1);
+        const LogTable::Row& b = logs.row(i);
+        if (!(a.present & HAS_SECONDS) || !(b.present & HAS_SECONDS) || a.counter == b.counter) continue;
+        if (b.seconds >= a.seconds) continue;
+        const LogRecord before = logs.record(i - 1);
+        const LogRecord log = logs.record(i);
         // A clock set back is legal when the TSE logs it with updateTime.
-        if (*log.seconds >= *before.seconds || isUpdateTime(before) || isUpdateTime(log)) continue;
+        if (isUpdateTime(before) || isUpdateTime(log)) continue;
         out.add(Severity::Warning, "time-regression",
                 log.file + ": its log time " + log.logTime()->iso() + " is earlier than " + before.logTime()->iso() +
                     " of signature counter " + std::to_string(*before.counter),
@@ -119,22 +136,26 @@ void timeFindings(const std::vector<const LogRecord*>& logs, Findings& out)
 }
 
 struct TransactionLogs {
-    std::vector<std::string> files;
+    std::vector<size_t> logs;  // positions in TseLogs
     bool start = false, finish = false;
 };
 
 // Transactions at the export's edges are left alone: those that started
 // before it (no Start, numbered below every Start seen) and those still
 // open at its end (no Finish, numbered above every Finish seen).
-void transactionFindings(std::string_view serial, const std::vector<const LogRecord*>& logs, Findings& out)
+void transactionFindings(std::string_view serial, const TseLogs& logs, Findings& out)
 {
     std::map<uint64_t, TransactionLogs> transactions;
-    for (const LogRecord* log : logs) {
-        if (log->type != LogType::Transaction || !log->transactionNumber) continue;
-        TransactionLogs& t = transactions[*log->transactionNumber];
-        t.files.push_back(log->file);
-        t.start |= isOperation(*log, "start");
-        t.finish |= isOperation(*log, "finish");
+    for (size_t i = 0; i < logs.size(); ++i) {
+        const LogTable::Row& row = logs.row(i);
+        if (row.type != static_cast<uint8_t>(LogType::Transaction) || !(row.present & LogTable::Row::HAS_TRANSACTION)) {
+            continue;
+        }
+        TransactionLogs& t = transactions[row.transactionNumber];
+        t.logs.push_back(i);
+        const std::string_view operation = logs.table.text(row.operation);
+        t.start |= isOperation(operation, "start");
+        t.finish |= isOperation(operation, "finish");
     }
     std::optional<uint64_t> firstStarted, lastFinished;
     for (const auto& [number, t] : transactions) {
@@ -146,22 +167,27 @@ void transactionFindings(std::string_view serial, const std::vector<const LogRec
         if (!t.start && firstStarted && number > *firstStarted) problem = "has no Start";
         else if (t.start && !t.finish && lastFinished && number < *lastFinished) problem = "has a Start but no Finish";
         if (problem.empty()) continue;
+        std::vector<std::string> files;
+        for (const size_t i : t.logs) files.push_back(logs.file(i));
         out.add(Severity::Warning, "transaction-incomplete",
-                shortSerial(serial) + ": transaction " + std::to_string(number) + " " + problem, std::move(t.files));
+                shortSerial(serial) + ": transaction " + std::to_string(number) + " " + problem, std::move(files));
     }
 }
 
 void perTseFindings(const AuditReport& report, Findings& out)
 {
-    std::map<std::string_view, std::vector<const LogRecord*>> byTse;
+    const LogTable& table = report.logs;
+    std::map<std::string_view, TseLogs> byTse;
     std::set<uint64_t> unreadableCounters;
-    for (const LogRecord& log : report.logs) {
-        if (!log.serialNumber.empty() && log.counter) byTse[log.serialNumber].push_back(&log);
-        else if (log.counter) unreadableCounters.insert(*log.counter);
+    for (size_t i = 0; i < table.size(); ++i) {
+        const LogTable::Row& row = table.row(i);
+        if (!row.hasCounter()) continue;
+        if (row.serialNumber != 0) byTse.try_emplace(table.text(row.serialNumber), TseLogs{table, {}}).first->second.indices.push_back(i);
+        else unreadableCounters.insert(row.counter);
     }
     for (auto& [serial, logs] : byTse) {
-        std::stable_sort(logs.begin(), logs.end(),
-                         [](const LogRecord* a, const LogRecord* b) { return *a->counter < *b->counter; });
+        std::stable_sort(logs.indices.begin(), logs.indices.end(),
+                         [&](size_t a, size_t b) { return table.row(a).counter < table.row(b).counter; });
         // An unreadable log names its counter only in its file name; with
         // one TSE in the export it is that TSE's, and not a gap.
         counterFindings(serial, logs, byTse.size() == 1 ? unreadableCounters : std::set<uint64_t>{}, out);

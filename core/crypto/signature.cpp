@@ -88,6 +88,24 @@ bool DecodedSignature::verifies(const PublicKey& key, Hash hash, ByteView data) 
     return der_ && verifyDigest(key, hash, data, *der_);
 }
 
+Bytes DecodedSignature::plainOctets(size_t half) const
+{
+    if (!der_) return {};
+    const unsigned char* cursor = der_->data();
+    EcdsaSigPtr value(d2i_ECDSA_SIG(nullptr, &cursor, static_cast<long>(der_->size())));
+    ERR_clear_error();
+    if (!value) return {};
+    Bytes out(2 * half);
+    const BIGNUM* r = ECDSA_SIG_get0_r(value.get());
+    const BIGNUM* s = ECDSA_SIG_get0_s(value.get());
+    if (BN_is_negative(r) || BN_is_negative(s) ||
+        BN_bn2binpad(r, out.data(), static_cast<int>(half)) < 0 ||
+        BN_bn2binpad(s, out.data() + half, static_cast<int>(half)) < 0) {
+        return {};
+    }
+    return out;
+}
+
 bool verifyPlain(const PublicKey& key, Hash hash, ByteView data, ByteView signature)
 {
     const std::optional<DecodedSignature> decoded = DecodedSignature::plain(key, signature);

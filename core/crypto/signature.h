@@ -30,6 +30,8 @@ public:
     // Throws std::runtime_error when libcrypto fails (out of memory, say):
     // a check not done is neither valid nor invalid.
     bool verifies(const PublicKey& key, Hash hash, ByteView data) const;
+    // r || s, each padded to `half` octets; empty when one does not fit.
+    Bytes plainOctets(size_t half) const;
 
 private:
     std::shared_ptr<const Bytes> der_;  // canonical DER

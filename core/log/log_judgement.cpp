@@ -46,7 +46,11 @@ LogJudgement judgeLog(const LogMessage& message, const PublicKey* key)
         return LogJudgement{LogVerdict::NoCertificate, "no certificate has a key whose SHA-256 is the serial number " +
                                                            toHex(message.serialNumber)};
     }
-    Verification verification = verifyLog(message, *key);
+    return judgeVerification(message, verifyLog(message, *key));
+}
+
+LogJudgement judgeVerification(const LogMessage& message, Verification verification)
+{
     switch (verification.verdict) {
     case Verdict::Valid: return LogJudgement{LogVerdict::Valid, {}};
     case Verdict::Invalid:

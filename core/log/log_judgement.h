@@ -8,6 +8,7 @@
 
 #include "bytes.h"
 #include "log_message.h"
+#include "log_verify.h"
 #include "public_key.h"
 
 namespace tse {
@@ -48,6 +49,10 @@ LogJudgement unreadableLog(const LogParse& parse);
 // Judges a readable log against the key its serial number names, or
 // nullptr when no such key is at hand.
 LogJudgement judgeLog(const LogMessage& message, const PublicKey* key);
+
+// The judgement of a log whose signature was checked already (by a faster
+// path, or many at once): the same words judgeLog gives.
+LogJudgement judgeVerification(const LogMessage& message, Verification verification);
 
 }  // namespace tse
 

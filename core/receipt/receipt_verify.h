@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "bytes.h"
+#include "key_verifier.h"
 #include "receipt_text.h"
 #include "log_verify.h"
 
@@ -84,19 +85,26 @@ std::vector<EncodedTime> distinctTimeElements(const Receipt& receipt, int64_t se
 // once per shape, so a search over log times rebuilds only its end.
 class ReceiptMatcher {
 public:
-    // Both are kept by reference and must outlive the matcher.
-    ReceiptMatcher(const Receipt& receipt, const std::vector<ReceiptSignature>& signatures);
+    // All are kept by reference and must outlive the matcher. A verifier of
+    // the receipt's key checks through its tables; of another key, it is
+    // not used.
+    ReceiptMatcher(const Receipt& receipt, const std::vector<ReceiptSignature>& signatures,
+                   const KeyVerifier* verifier = nullptr);
 
     // Called before each signature check; false stops the search. A search
     // with a bound counts its work here.
     using CheckGate = std::function<bool()>;
 
     // The form under which a signature holds with the log time at `seconds`.
-    std::optional<ReceiptForm> holdsAt(int64_t seconds, const CheckGate& mayCheck = {}) const;
+    // With a verifier, `scratch` is the calling thread's own.
+    std::optional<ReceiptForm> holdsAt(int64_t seconds, const CheckGate& mayCheck = {},
+                                       VerifyScratch* scratch = nullptr) const;
 
 private:
     const Receipt& receipt_;
     const std::vector<ReceiptSignature>& signatures_;
+    const KeyVerifier* verifier_;
+    std::vector<Bytes> octets_;  // r || s for the verifier, one per signature
     std::vector<std::pair<MessageShape, Bytes>> prefixes_;
 };
 
@@ -107,9 +115,13 @@ std::vector<Receipt> withEachKey(const Receipt& receipt);
 // Rebuilds the Finish transaction log message the receipt stands for in
 // every shape and time encoding, and checks the signature over each, with
 // each key the public key field can stand for.
-ReceiptVerification verifyReceipt(const Receipt& receipt);
+// A verifier of the receipt's key (a batch of many receipts of one TSE)
+// checks them through its tables, with the calling thread's scratch.
+ReceiptVerification verifyReceipt(const Receipt& receipt, const KeyVerifier* verifier = nullptr,
+                                  VerifyScratch* scratch = nullptr);
 // The same with the signatures already decoded.
-ReceiptVerification verifyReceipt(const Receipt& receipt, const std::vector<ReceiptSignature>& signatures);
+ReceiptVerification verifyReceipt(const Receipt& receipt, const std::vector<ReceiptSignature>& signatures,
+                                  const KeyVerifier* verifier = nullptr, VerifyScratch* scratch = nullptr);
 
 }  // namespace tse
 

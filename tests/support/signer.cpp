@@ -87,7 +87,11 @@ Bytes Signer::signDer(Hash hash, ByteView data) const
 
 Bytes Signer::signPlain(Hash hash, ByteView data) const
 {
-    const Bytes hashed = digestOf(hash, data);
+    return signDigestPlain(digestOf(hash, data));
+}
+
+Bytes Signer::signDigestPlain(ByteView hashed) const
+{
     EcdsaSigPtr signature(ECDSA_do_sign(hashed.data(), static_cast<int>(hashed.size()), key_.get()));
     require(signature != nullptr, "sign");
     const size_t half = publicKey_.curveInfo().fieldSize;
@@ -95,6 +99,15 @@ Bytes Signer::signPlain(Hash hash, ByteView data) const
     require(BN_bn2binpad(ECDSA_SIG_get0_r(signature.get()), out.data(), static_cast<int>(half)) > 0 &&
                 BN_bn2binpad(ECDSA_SIG_get0_s(signature.get()), out.data() + half, static_cast<int>(half)) > 0,
             "pad signature");
+    return out;
+}
+
+Bytes Signer::privateScalar() const
+{
+    const BIGNUM* scalar = EC_KEY_get0_private_key(key_.get());
+    const size_t size = publicKey_.curveInfo().fieldSize;
+    Bytes out(size);
+    require(scalar != nullptr && BN_bn2binpad(scalar, out.data(), static_cast<int>(size)) > 0, "private scalar");
     return out;
 }
 

@@ -27,6 +27,12 @@ public:
     // r || s, each padded to the curve's field size.
     Bytes signPlain(Hash hash, ByteView data) const;
     Bytes signDer(Hash hash, ByteView data) const;
+    // r || s over a given hash value, which may be any bytes: tests choose
+    // values such as zero or the group order.
+    Bytes signDigestPlain(ByteView hashed) const;
+    // d, padded to the field size, for tests that make signatures with
+    // chosen properties (a sum at infinity).
+    Bytes privateScalar() const;
     std::string privateKeyPem() const;
     // A self-signed certificate for the key, valid from notBefore for the
     // given days, in PEM.

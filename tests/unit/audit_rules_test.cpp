@@ -40,11 +40,11 @@ tse::AuditReport reportOf(const std::vector<Log>& logs)
         r.counter = l.counter;
         if (l.serial != nullptr) {
             r.verdict = tse::LogVerdict::Valid;
-            r.serialNumber = report.strings.intern(l.serial);
+            r.serialNumber = l.serial;
             r.seconds = l.seconds;
             r.timeFormat = tse::TimeFormat::UnixTime;
             r.transactionNumber = l.transaction;
-            r.operation = report.strings.intern(l.operation);
+            r.operation = l.operation;
         } else {
             r.reason = "cut off";
         }

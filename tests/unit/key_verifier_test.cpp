@@ -1,0 +1,119 @@
+// The per-key verifier against libcrypto's own verification: on every curve
+// with random keys, messages and hashes, valid signatures and every kind of
+// broken one must get libcrypto's verdict, one by one and in blocks.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <thread>
+
+#include "signature_cases.h"
+
+namespace tse {
+namespace {
+
+class KeyVerifierTest : public ::testing::TestWithParam<Curve> {};
+
+TEST_P(KeyVerifierTest, AgreesWithLibcryptoOnValidAndBrokenSignatures)
+{
+    std::mt19937_64 random(static_cast<uint64_t>(GetParam()) * 7919 + 17);
+    VerifyScratch scratch;
+    std::map<std::string, int> validByKind;
+    size_t checked = 0;
+    for (int keyRound = 0; keyRound < 3; ++keyRound) {
+        const Signer signer(GetParam()), other(GetParam());
+        const KeyVerifier fast(signer.publicKey(), 0, KeyVerifier::Path::Tables);
+        ASSERT_TRUE(fast.usesTables());
+        EXPECT_LE(fast.tableBytes(), KeyVerifier::MAX_TABLE_BYTES);
+        const KeyVerifier plain(signer.publicKey(), 0, KeyVerifier::Path::Plain);
+        std::vector<SignatureCase> cases;
+        for (int round = 0; round < 12; ++round) {
+            for (SignatureCase& c : signatureCases(signer, other, random)) cases.push_back(std::move(c));
+        }
+        std::vector<SignatureCheck> checks;
+        for (const SignatureCase& c : cases) checks.push_back(c.check());
+        // Blocks of the verifier's own size and beyond, with the broken
+        // cases between the valid ones.
+        std::unique_ptr<bool[]> inBlocks(new bool[checks.size()]);
+        fast.verify(checks.data(), checks.size(), inBlocks.get(), scratch);
+        for (size_t i = 0; i < cases.size(); ++i) {
+            const bool expected = referenceVerdict(signer.publicKey(), cases[i]);
+            EXPECT_EQ(inBlocks[i], expected) << cases[i].kind;
+            EXPECT_EQ(fast.verify(checks[i], scratch), expected) << cases[i].kind << " (alone)";
+            EXPECT_EQ(plain.verify(checks[i], scratch), expected) << cases[i].kind << " (plain)";
+            validByKind[cases[i].kind] += expected;
+            ++checked;
+        }
+    }
+    // The generator's cases mean what they say: the valid kinds verify and
+    // the broken ones do not.
+    const int rounds = 3 * 12;
+    EXPECT_EQ(validByKind["valid"], rounds);
+    EXPECT_EQ(validByKind["s replaced by n - s (also valid)"], rounds);
+    EXPECT_EQ(validByKind["u1 = 0 (e = 0), valid"], rounds);
+    EXPECT_EQ(validByKind["u1 = 0 (e = n), valid"], rounds);
+    for (const char* broken : {"r = 0", "s = n", "r + n", "s - 1", "another key", "sum at infinity"}) {
+        EXPECT_EQ(validByKind[broken], 0) << broken;
+    }
+    EXPECT_GE(checked, 700u);
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryCurve, KeyVerifierTest,
+                         ::testing::Values(Curve::BrainpoolP256r1, Curve::BrainpoolP384r1, Curve::BrainpoolP512r1,
+                                           Curve::Secp256r1, Curve::Secp384r1, Curve::Secp521r1),
+                         [](const ::testing::TestParamInfo<Curve>& param) {
+                             return std::string(curveInfo(param.param).displayName);
+                         });
+
+// One verifier, its tables read by several threads at once, each with its
+// own scratch.
+TEST(KeyVerifier, ServesManyThreads)
+{
+    const Signer signer(Curve::BrainpoolP384r1), other(Curve::BrainpoolP384r1);
+    const KeyVerifier fast(signer.publicKey(), 0, KeyVerifier::Path::Tables);
+    std::mt19937_64 random(5);
+    std::vector<SignatureCase> cases;
+    for (int round = 0; round < 8; ++round) {
+        for (SignatureCase& c : signatureCases(signer, other, random)) cases.push_back(std::move(c));
+    }
+    std::vector<bool> expected;
+    for (const SignatureCase& c : cases) expected.push_back(referenceVerdict(signer.publicKey(), c));
+    std::vector<std::thread> threads;
+    std::vector<int> mismatches(4, 0);
+    for (size_t t = 0; t < mismatches.size(); ++t) {
+        threads.emplace_back([&, t] {
+            VerifyScratch scratch;
+            for (int pass = 0; pass < 3; ++pass) {
+                for (size_t i = 0; i < cases.size(); ++i) mismatches[t] += fast.verify(cases[i].check(), scratch) != expected[i];
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    for (int count : mismatches) EXPECT_EQ(count, 0);
+}
+
+// One scratch for keys on different curves, in turn.
+TEST(KeyVerifier, OneScratchServesKeysOnDifferentCurves)
+{
+    VerifyScratch scratch;
+    for (int pass = 0; pass < 2; ++pass) {
+        for (Curve curve : {Curve::BrainpoolP256r1, Curve::Secp521r1}) {
+            const Signer signer(curve);
+            const KeyVerifier fast(signer.publicKey(), 0, KeyVerifier::Path::Tables);
+            const Bytes message = {1, 2, 3};
+            const Bytes signature = signer.signPlain(Hash::Sha384, message);
+            EXPECT_TRUE(fast.verify(SignatureCheck{Hash::Sha384, message, signature}, scratch));
+            EXPECT_FALSE(fast.verify(SignatureCheck{Hash::Sha256, message, signature}, scratch));
+        }
+    }
+}
+
+TEST(KeyVerifier, FewSignaturesTakeThePlainPath)
+{
+    const Signer signer(Curve::BrainpoolP256r1);
+    EXPECT_FALSE(KeyVerifier(signer.publicKey(), 3).usesTables());
+    EXPECT_EQ(KeyVerifier(signer.publicKey(), KeyVerifier::minSignatures(Curve::BrainpoolP256r1)).usesTables(),
+              KeyVerifier::tablesPayOff(Curve::BrainpoolP256r1));
+}
+
+}  // namespace
+}  // namespace tse
