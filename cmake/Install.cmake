@@ -62,7 +62,8 @@ else()
     OpenSSL::Crypto libssl3
     LibArchive::LibArchive libarchive13
     ZXing::ZXing libzxing2
-    PkgConfig::POPPLER_CPP libpoppler-cpp0v5)
+    PkgConfig::POPPLER_CPP libpoppler-cpp0v5
+    pugixml::pugixml libpugixml1v5)
   set(depends "libc6, libstdc++6")
   while(TSE_RUNTIME_PACKAGES)
     list(POP_FRONT TSE_RUNTIME_PACKAGES target package)

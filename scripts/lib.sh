@@ -11,7 +11,7 @@ cd "$REPO_ROOT" || exit 1
 # dependencies of the Debian package.
 BUILD_PACKAGES=(g++ make cmake pkg-config libssl-dev libgtest-dev libcli11-dev nlohmann-json3-dev
                 libarchive-dev libzxing-dev libstb-dev libpoppler-cpp-dev libqrencode-dev
-                libbenchmark-dev man-db bsdextrautils dpkg-dev gzip)
+                libbenchmark-dev libpugixml-dev man-db bsdextrautils dpkg-dev gzip)
 
 # Parallel build jobs.
 JOBS="${JOBS:-2}"

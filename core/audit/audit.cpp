@@ -362,6 +362,7 @@ void AuditRun::process(WorkItem&& item, WorkerMemory& memory)
         record.verdict = LogVerdict::NoCertificate;
         record.reason =
             "no certificate has a key whose SHA-256 is the serial number " + std::string(texts.serialNumber);
+        if (options_.inspect) options_.inspect(message, record);
         return keep(std::move(record), texts);
     }
     const Verification verification = verifyLog(message, *key);
@@ -372,6 +373,7 @@ void AuditRun::process(WorkItem&& item, WorkerMemory& memory)
         record.verdict = LogVerdict::Invalid;
     }
     record.reason = verification.reason;
+    if (options_.inspect) options_.inspect(message, record);
     keep(std::move(record), texts);
 }
 
