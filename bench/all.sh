@@ -7,3 +7,4 @@ cd "$(dirname "${BASH_SOURCE[0]}")"
 ./verifier.sh
 ./audit.sh
 ./receipts.sh
+./dsfinvk.sh

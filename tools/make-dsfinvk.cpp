@@ -64,8 +64,6 @@ struct Sale {
     std::string algorithm, timeFormat;
 };
 
-using Table = std::vector<std::map<std::string, std::string>>;
-
 Bytes der(int (*encode)(const void*, unsigned char**), const void* object)
 {
     const int size = encode(object, nullptr);
@@ -181,42 +179,44 @@ std::string csvValue(const std::string& value, bool forceBare)
     return quoted + "\"";
 }
 
+// Each table's text, written row by row as the rows come, so that a
+// hundred thousand sales need no more memory than the files themselves.
 class Writer {
 public:
-    Writer(const Options& options, const std::vector<tse::TableDescription>& tables) : options_(options), tables_(tables) {}
-
-    void add(const std::string& table, std::map<std::string, std::string> row) { rows_[table].push_back(std::move(row)); }
-    Table& rows(const std::string& table) { return rows_[table]; }
-
-    std::map<std::string, std::string> files(const std::string& renamedColumn, const std::string& bareValue) const
+    Writer(const std::vector<tse::TableDescription>& tables, const std::string& renamedColumn, std::string bareValue)
+        : tables_(tables), bareValue_(std::move(bareValue))
     {
-        std::map<std::string, std::string> out;
         for (const tse::TableDescription& table : tables_) {
-            std::string text;
+            std::string& text = texts_[table.url];
             for (size_t i = 0; i < table.columns.size(); ++i) {
                 const std::string& name = table.columns[i].name;
                 text += (i ? ";" : "") + (name == "TSE_VORGANGSDATEN" && !renamedColumn.empty() ? renamedColumn : name);
             }
             text += "\r\n";
-            const auto found = rows_.find(table.url);
-            for (const auto& row : found == rows_.end() ? Table() : found->second) {
-                for (size_t i = 0; i < table.columns.size(); ++i) {
-                    const auto value = row.find(table.columns[i].name);
-                    const std::string v = value == row.end() ? std::string() : value->second;
-                    text += (i ? ";" : "") + csvValue(v, !bareValue.empty() && v == bareValue);
-                }
-                text += "\r\n";
-            }
-            out[table.url] = text;
         }
-        (void)options_;
-        return out;
     }
 
+    void add(const std::string& url, const std::map<std::string, std::string>& row)
+    {
+        for (const tse::TableDescription& table : tables_) {
+            if (table.url != url) continue;
+            std::string& text = texts_[url];
+            for (size_t i = 0; i < table.columns.size(); ++i) {
+                const auto value = row.find(table.columns[i].name);
+                const std::string& v = value == row.end() ? EMPTY : value->second;
+                text += (i ? ";" : "") + csvValue(v, !bareValue_.empty() && v == bareValue_);
+            }
+            text += "\r\n";
+        }
+    }
+
+    std::map<std::string, std::string>& files() { return texts_; }
+
 private:
-    const Options& options_;
+    inline static const std::string EMPTY;
     const std::vector<tse::TableDescription>& tables_;
-    std::map<std::string, Table> rows_;
+    std::string bareValue_;
+    std::map<std::string, std::string> texts_;
 };
 
 void writeFiles(const Options& options, const std::map<std::string, std::string>& files)
@@ -314,7 +314,8 @@ int run(const Options& options)
         sales.insert(sales.begin() + static_cast<long>(target) + 1, extra);
     }
 
-    Writer writer(options, index.tables);
+    Writer writer(index.tables, options.defect == "old-column" ? "TSE_TA_VORGANGSDATEN" : "",
+                  options.defect == "malformed-line" ? "Kunde \"Nord" : "");
     struct ClosingState {
         std::string kasseId, created, number;
         std::string first, last;
@@ -469,9 +470,7 @@ int run(const Options& options)
             writer.add("vat.csv", row);
         }
     }
-    std::map<std::string, std::string> files =
-        writer.files(options.defect == "old-column" ? "TSE_TA_VORGANGSDATEN" : "",
-                     options.defect == "malformed-line" ? "Kunde \"Nord" : "");
+    std::map<std::string, std::string>& files = writer.files();
     files["index.xml"] = std::string(indexFile.contents->begin(), indexFile.contents->end());
     writeFiles(options, files);
     return 0;
