@@ -27,6 +27,10 @@ SAMPLE_QR=samples/demo-receipt-qr-code.txt
 SAMPLE_PICTURE=samples/demo-receipt.png
 # A real export, kept with the test data.
 REAL_EXPORT=tests/data/real-exports/logMessages1.tar
+# The bookkeeping (DSFinV-K) of a real cloud TSE's 51 sales, derived from
+# its export by make-dsfinvk, and that export.
+SAMPLE_DSFINVK=samples/demo-dsfinvk.zip
+SAMPLE_DSFINVK_TSE=tests/data/real-exports/2021-09-30_63641_TSE.tar
 
 log() {
     printf '\n==> %s\n' "$*"

@@ -276,7 +276,7 @@ Command addDsfinvkCommand(CLI::App& parent)
         ->required()
         ->type_name("PATH...");
     app->add_option("--tse", options->check.tse, "TSE export to match against (TAR, split TAR, folder, log files)")
-        ->type_name("EXPORT...");
+        ->type_name("EXPORT");
     app->add_option("--cert", options->check.certificateFiles, "Further TSE certificate (PEM or DER); repeatable")
         ->type_name("FILE")
         ->allow_extra_args(false);
