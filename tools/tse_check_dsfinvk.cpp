@@ -25,6 +25,8 @@ namespace {
 using nlohmann::json;
 
 constexpr size_t SHOWN_PER_CODE = 3;
+// Where writeJson puts the transactions; findings have "transactions" too.
+constexpr const char* TRANSACTIONS_PLACE = "(transactions)";
 
 struct DsfinvkCommandOptions {
     tse::BookkeepingOptions check;
@@ -93,7 +95,7 @@ json reportJson(const tse::BookkeepingReport& report)
                        {"tseFinishLogs", report.tseGiven ? json(s.tseFinishLogs) : json(nullptr)}}},
                      {"tses", json::array()},
                      {"tables", report.tablesRead},
-                     {"transactions", json::array()},
+                     {"transactions", TRANSACTIONS_PLACE},
                      {"findings", json::array()}};
     for (const tse::BookedTse& t : report.tses) {
         document["tses"].push_back({{"serialNumber", t.serialNumber},
@@ -123,7 +125,7 @@ std::string dump(const json& value)
 void writeJson(std::ostream& out, const tse::BookkeepingReport& report)
 {
     const std::string whole = reportJson(report).dump(2, ' ', false, json::error_handler_t::replace);
-    const std::string marker = "\"transactions\": []";
+    const std::string marker = "\"transactions\": \"" + std::string(TRANSACTIONS_PLACE) + "\"";
     const size_t at = whole.find(marker);
     out << whole.substr(0, at) << "\"transactions\": [";
     for (size_t i = 0; i < report.transactions.size(); ++i) {

@@ -2,8 +2,10 @@
 // real TSE exports and from make-export's: every signature in them is
 // real. The JSON and CSV reports are parsed back.
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <set>
+#include <functional>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -250,6 +252,102 @@ TEST(Dsfinvk, StartedOnOneClientFinishedOnAnother)
         EXPECT_EQ(t["clientId"].get<std::string>().rfind("c3c735b3", 0), 0u);
     }
     EXPECT_TRUE(seen);
+}
+
+std::string slurp(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+void spill(const std::string& path, const std::string& text)
+{
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+// tse.csv is written without quotes; its tenth and eleventh fields are the certificate.
+std::vector<std::vector<std::string>> tseRows(const std::string& text)
+{
+    std::vector<std::vector<std::string>> rows;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        std::vector<std::string> fields;
+        std::istringstream parts(line);
+        for (std::string field; std::getline(parts, field, ';');) fields.push_back(field);
+        if (line.back() == ';') fields.emplace_back();
+        rows.push_back(fields);
+    }
+    return rows;
+}
+
+TEST(Dsfinvk, FindingsFromEditedTables)
+{
+    struct Case {
+        std::string name;
+        std::function<void(const std::string& dir, const fixtures::TempDir& scratch)> edit;
+        bool againstTse;
+        std::multiset<std::string> findings;
+        std::string verdict;  // of the first row
+    };
+    const std::vector<Case> cases = {
+        {"a row booked twice",
+         [](const std::string& d, const fixtures::TempDir&) {
+             const std::string text = slurp(d + "/transactions_tse.csv");
+             const size_t first = text.find("\r\n") + 2, second = text.find("\r\n", first) + 2;
+             spill(d + "/transactions_tse.csv", text + text.substr(first, second - first));
+         },
+         true, {"transaction-duplicate"}, "valid"},
+        {"processData left out",
+         [](const std::string& d, const fixtures::TempDir&) {
+             std::string text = slurp(d + "/transactions_tse.csv");
+             const std::string data = "Beleg^62.00_0.00_0.00_0.00_0.00^66.30:Bar\r\n";
+             text.replace(text.find(data), data.size(), "\r\n");
+             spill(d + "/transactions_tse.csv", text);
+         },
+         true, {"processdata-missing"}, "unverifiable"},
+        {"a TSE failure without the TSE export",
+         [](const std::string& d, const fixtures::TempDir&) {
+             std::string text = slurp(d + "/transactions_tse.csv");
+             const size_t first = text.find("\r\n") + 2, end = text.find("\r\n", first);
+             std::string line = text.substr(first, end - first);
+             // Keep the closing key, BON_ID, TSE_ID and TSE_TANR; the rest is the failure.
+             size_t at = 0;
+             for (int i = 0; i < 6; ++i) at = line.find(';', at) + 1;
+             line = line.substr(0, at) + ";;;;;TSE ausgefallen;";
+             spill(d + "/transactions_tse.csv", text.substr(0, first) + line + text.substr(end));
+         },
+         false, {"unsigned-transaction"}, "unsigned"},
+        {"another TSE's certificate",
+         [](const std::string& d, const fixtures::TempDir& scratch) {
+             make("make-export", {"--out", scratch.path("other.tar"), "-n", "1", "--curve", "secp256r1"});
+             make("make-dsfinvk", {"--tse", scratch.path("other.tar"), "--out", scratch.path("other")});
+             const auto other = tseRows(slurp(scratch.path("other") + "/tse.csv"));
+             std::string out;
+             for (auto row : tseRows(slurp(d + "/tse.csv"))) {
+                 if (row.size() == 11 && row[0] != "Z_KASSE_ID") row[9] = other[1][9], row[10] = other[1][10];
+                 for (size_t i = 0; i < row.size(); ++i) out += (i ? ";" : "") + row[i];
+                 out += "\r\n";
+             }
+             spill(d + "/tse.csv", out);
+         },
+         true, {"certificate-mismatch"}, "valid"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        fixtures::TempDir dir;
+        make("make-dsfinvk", {"--tse", CLOUD, "--out", dir.path("d")});
+        c.edit(dir.path("d"), dir);
+        std::vector<std::string> arguments = {dir.path("d")};
+        if (c.againstTse) arguments.insert(arguments.end(), {"--tse", CLOUD});
+        const Check check = dsfinvk(arguments);
+        EXPECT_EQ(codes(check.report), c.findings);
+        ASSERT_FALSE(check.report["transactions"].empty()) << check.err << check.report.dump().substr(0, 1500);
+        EXPECT_EQ(check.report["transactions"][0]["verdict"], c.verdict);
+        if (c.againstTse) {
+            EXPECT_EQ(check.report["transactions"][0]["match"], "matched");
+        }
+    }
 }
 
 TEST(Dsfinvk, UnreadableInputsAndMissingTables)
