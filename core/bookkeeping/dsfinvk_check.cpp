@@ -141,6 +141,13 @@ struct BonAmounts {
     std::map<std::pair<bool, std::string>, int64_t> payments;  // (cash, currency)
 };
 
+// A Start log: only when it began.
+struct TseStart {
+    uint32_t serial = 0;
+    uint64_t transaction = 0;
+    int64_t seconds = 0;
+};
+
 struct TseLog {
     uint32_t serial = 0;
     uint64_t transaction = 0;
@@ -225,6 +232,7 @@ private:
     void verifyRow(const Row& row, BookedTransaction& out, RowExtra& extra);
     void checkAmounts(const Row& row, const BookedTransaction& out);
     void readTseExport();
+    void findDuplicates();
     void match();
     void compare(BookedTransaction& booked, const RowExtra& extra, const TseLog& finish);
     void finish();
@@ -249,7 +257,8 @@ private:
 
     std::mutex tseLock_;
     std::unordered_map<std::string, uint32_t> serials_;  // hex, of both sides
-    std::vector<TseLog> tseLogs_;
+    std::vector<TseLog> tseLogs_;  // Finish logs
+    std::vector<TseStart> tseStarts_;
     AuditSummary tseSummary_;
 };
 
@@ -707,24 +716,29 @@ void Check::readTseExport()
         const std::string operation = lower(message.operation());
         const bool finish = operation.rfind("finish", 0) == 0;
         if (!finish && operation.rfind("start", 0) != 0) return;
+        const std::string serial = toHex(message.serialNumber);
+        if (!finish) {
+            std::lock_guard<std::mutex> lock(tseLock_);
+            const uint32_t index = serials_.emplace(serial, static_cast<uint32_t>(serials_.size())).first->second;
+            tseStarts_.push_back(TseStart{index, *number, message.logTime.seconds});
+            return;
+        }
         TseLog log;
         log.transaction = *number;
-        log.finish = finish;
+        log.finish = true;
         log.counter = message.signatureCounter;
         log.seconds = message.logTime.seconds;
         log.fraction = message.logTime.fraction;
         log.verdict = record.verdict;
-        if (finish) {
-            log.processType = message.text("processType");
-            log.processData = message.text("processData");
-            log.processDataHash = hashOf(log.processData);
-            if (log.processData.size() > SHOWN_PROCESS_DATA) log.processData.resize(SHOWN_PROCESS_DATA + 1);
-            log.clientId = message.text("clientId");
-            log.signatureHash = hashOf(std::string_view(reinterpret_cast<const char*>(message.signatureValue.data()),
-                                                        message.signatureValue.size()));
-            log.file = record.file;
-        }
-        const std::string serial = toHex(message.serialNumber);
+        log.processType = message.text("processType");
+        log.processData = message.text("processData");
+        log.processDataHash = hashOf(log.processData);
+        if (log.processData.size() > SHOWN_PROCESS_DATA) log.processData.resize(SHOWN_PROCESS_DATA + 1);
+        log.processData.shrink_to_fit();
+        log.clientId = message.text("clientId");
+        log.signatureHash = hashOf(std::string_view(reinterpret_cast<const char*>(message.signatureValue.data()),
+                                                    message.signatureValue.size()));
+        log.file = record.file;
         std::lock_guard<std::mutex> lock(tseLock_);
         log.serial = serials_.emplace(serial, static_cast<uint32_t>(serials_.size())).first->second;
         tseLogs_.push_back(std::move(log));
@@ -766,6 +780,34 @@ void Check::compare(BookedTransaction& booked, const RowExtra& extra, const TseL
     addFinding(Severity::Error, "transaction-differs", message, {booked.label()});
 }
 
+// The same TSE transaction in several rows, whatever the TSE export says.
+void Check::findDuplicates()
+{
+    std::vector<size_t> order;
+    const auto& rows = report_.transactions;
+    for (size_t i = 0; i < rows.size(); ++i) {
+        if (rows[i].row && !rows[i].serialNumber.empty() && rows[i].transactionNumber && rows[i].verdict != RowVerdict::Unsigned) {
+            order.push_back(i);
+        }
+    }
+    const auto key = [&](size_t i) { return std::tie(rows[i].serialNumber, *rows[i].transactionNumber); };
+    std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) { return key(a) < key(b); });
+    for (size_t first = 0; first < order.size();) {
+        size_t last = first + 1;
+        while (last < order.size() && key(order[last]) == key(order[first])) ++last;
+        if (last - first > 1) {
+            std::vector<std::string> labels;
+            for (size_t i = first; i < last; ++i) labels.push_back(rows[order[i]].label());
+            const BookedTransaction& t = rows[order[first]];
+            std::string message = "transaction " + std::to_string(*t.transactionNumber) + " of TSE " +
+                                  t.serialNumber.substr(0, 16) + "... stands in " + std::to_string(labels.size()) + " rows:";
+            for (size_t i = 0; i < labels.size(); ++i) message += (i ? ", " : " ") + labels[i];
+            addFinding(Severity::Error, "transaction-duplicate", message, labels);
+        }
+        first = last;
+    }
+}
+
 void Check::match()
 {
     std::unordered_map<TransactionKey, size_t, PairHash> finishes, starts;
@@ -773,9 +815,13 @@ void Check::match()
     for (size_t i = 0; i < tseLogs_.size(); ++i) {
         const TseLog& log = tseLogs_[i];
         tseRange[log.serial].add(log.transaction, log.seconds);
-        auto& map = log.finish ? finishes : starts;
-        const auto [at, inserted] = map.emplace(TransactionKey{log.serial, log.transaction}, i);
-        if (!inserted && !log.finish && log.seconds < tseLogs_[at->second].seconds) at->second = i;
+        finishes.emplace(TransactionKey{log.serial, log.transaction}, i);
+    }
+    for (size_t i = 0; i < tseStarts_.size(); ++i) {
+        const TseStart& log = tseStarts_[i];
+        tseRange[log.serial].add(log.transaction, log.seconds);
+        const auto [at, inserted] = starts.emplace(TransactionKey{log.serial, log.transaction}, i);
+        if (!inserted && log.seconds < tseStarts_[at->second].seconds) at->second = i;
     }
     report_.summary.tseFinishLogs = finishes.size();
     // Serial numbers of the bookkeeping that the TSE export lacks get their
@@ -787,26 +833,11 @@ void Check::match()
         if (found != serials_.end()) extras_[i].serial = found->second;
     }
     rowRange.resize(serials_.size());
-    std::unordered_map<TransactionKey, std::vector<size_t>, PairHash> rowsByKey;
     for (size_t i = 0; i < report_.transactions.size(); ++i) {
         const BookedTransaction& t = report_.transactions[i];
-        if (!extras_[i].serial || !t.transactionNumber) continue;
-        rowRange[*extras_[i].serial].add(*t.transactionNumber, t.logSeconds);
-        rowsByKey[{*extras_[i].serial, *t.transactionNumber}].push_back(i);
+        if (extras_[i].serial && t.transactionNumber) rowRange[*extras_[i].serial].add(*t.transactionNumber, t.logSeconds);
     }
-    // The same TSE transaction in several rows, whatever the TSE export says.
-    std::map<std::pair<std::string, uint64_t>, std::vector<std::string>> duplicates;
-    for (const BookedTransaction& t : report_.transactions) {
-        if (t.serialNumber.empty() || !t.transactionNumber || t.verdict == RowVerdict::Unsigned) continue;
-        duplicates[{t.serialNumber, *t.transactionNumber}].push_back(t.label());
-    }
-    for (auto& [key, labels] : duplicates) {
-        if (labels.size() < 2) continue;
-        std::string message = "transaction " + std::to_string(key.second) + " of TSE " + key.first.substr(0, 16) +
-                              "... stands in " + std::to_string(labels.size()) + " rows:";
-        for (size_t i = 0; i < labels.size(); ++i) message += (i ? ", " : " ") + labels[i];
-        addFinding(Severity::Error, "transaction-duplicate", message, labels);
-    }
+    findDuplicates();
 
     for (size_t i = 0; i < report_.transactions.size(); ++i) {
         BookedTransaction& t = report_.transactions[i];
@@ -835,13 +866,13 @@ void Check::match()
             compare(t, extra, log);
             const auto start = starts.find(key);
             if (start != starts.end() && t.startSeconds &&
-                std::llabs(*t.startSeconds - tseLogs_[start->second].seconds) > TIME_TOLERANCE) {
+                std::llabs(*t.startSeconds - tseStarts_[start->second].seconds) > TIME_TOLERANCE) {
                 t.differences.emplace_back("startTime");
                 const bool first = t.match == MatchState::Matched;
                 t.match = MatchState::Differs;
                 const std::string message = t.label() + " differs from the TSE's Start log: startTime " +
                                             isoSeconds(*t.startSeconds) + " against the Start log's " +
-                                            isoSeconds(tseLogs_[start->second].seconds);
+                                            isoSeconds(tseStarts_[start->second].seconds);
                 if (first) addFinding(Severity::Error, "transaction-differs", message, {t.label()});
             }
             continue;
@@ -883,7 +914,7 @@ void Check::match()
                     : log.verdict == LogVerdict::Invalid ? RowVerdict::Invalid
                                                          : RowVerdict::Unverifiable;
         const auto start = starts.find({log.serial, log.transaction});
-        if (start != starts.end()) t.startSeconds = tseLogs_[start->second].seconds;
+        if (start != starts.end()) t.startSeconds = tseStarts_[start->second].seconds;
         if (rowRange[log.serial].holds(log.transaction, log.seconds)) {
             t.match = MatchState::Unbooked;
             t.reason = "the TSE signed this sale and the bookkeeping does not hold it";
@@ -907,7 +938,7 @@ void Check::match()
         const std::string label = "TSE " + serialNames[key.first].substr(0, 16) + ".../" + std::to_string(key.second);
         addFinding(Severity::Warning, "transaction-open",
                    "transaction " + std::to_string(key.second) + " of TSE " + serialNames[key.first].substr(0, 16) +
-                       "... was started at " + isoSeconds(tseLogs_[index].seconds) + " and never finished",
+                       "... was started at " + isoSeconds(tseStarts_[index].seconds) + " and never finished",
                    {label});
     }
 }
@@ -972,8 +1003,11 @@ BookkeepingOutcome Check::run()
     }
     decodeTses();
     verifyRows();
-    rows_.clear();
-    rows_.shrink_to_fit();
+    // What only the rows needed goes before the TSE export comes in.
+    rows_ = std::vector<Row>();
+    amounts_ = std::unordered_map<std::string, BonAmounts>();
+    bonTerminal_ = std::unordered_map<std::string, std::string>();
+    if (!report_.tseGiven) findDuplicates();
     if (report_.tseGiven) {
         try {
             readTseExport();
