@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <deque>
 #include <cstdlib>
 #include <functional>
 #include <map>
@@ -261,8 +262,9 @@ private:
 
     std::mutex tseLock_;
     std::unordered_map<std::string, uint32_t> serials_;  // hex, of both sides
-    std::vector<TseLog> tseLogs_;  // Finish logs
-    std::vector<TseStart> tseStarts_;
+    // Deques grow without copying what they hold: no doubling at the peak.
+    std::deque<TseLog> tseLogs_;  // Finish logs
+    std::deque<TseStart> tseStarts_;
     AuditSummary tseSummary_;
 };
 
@@ -902,6 +904,7 @@ void Check::match()
     });
     std::vector<std::string> serialNames(serials_.size());
     for (const auto& [name, index] : serials_) serialNames[index] = name;
+    report_.transactions.reserve(report_.transactions.size() + unbooked.size());
     for (const size_t i : unbooked) {
         const TseLog& log = tseLogs_[i];
         BookedTransaction t;
