@@ -26,7 +26,7 @@ struct BookkeepingOptions {
     std::vector<std::string> trustDirectories;
     unsigned jobs = defaultJobs();
     bool strict = false;  // warnings count as errors
-    size_t maxTableSize = 1u << 30;  // a CSV file above this is refused
+    size_t maxTableSize = 256u << 20;  // a CSV file above this is refused (a million rows stay below)
     // Called often from the reading thread; keep it cheap.
     std::function<void(const BookkeepingProgress&)> progress;
 };
