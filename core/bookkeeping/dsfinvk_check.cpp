@@ -160,7 +160,8 @@ struct TseLog {
     uint64_t counter = 0;
     int64_t seconds = 0;
     std::string fraction;
-    std::string processType, processData, clientId, file;  // Finish logs only
+    uint64_t ordinal = 0;     // of its record in the audit report: file, client, processType
+    std::string processData;  // the start, for messages
     size_t processDataHash = 0, signatureHash = 0;
     LogVerdict verdict = LogVerdict::Unreadable;
     bool booked = false;
@@ -266,6 +267,9 @@ private:
     std::deque<TseLog> tseLogs_;  // Finish logs
     std::deque<TseStart> tseStarts_;
     AuditSummary tseSummary_;
+    std::optional<AuditReport> tseReport_;  // kept until matching is done: the logs' records
+
+    const LogRecord& recordOf(const TseLog& log) const;
 };
 
 void Check::addFinding(Severity severity, std::string code, std::string message, std::vector<std::string> transactions)
@@ -736,15 +740,13 @@ void Check::readTseExport()
         log.seconds = message.logTime.seconds;
         log.fraction = message.logTime.fraction;
         log.verdict = record.verdict;
-        log.processType = message.text("processType");
+        log.ordinal = record.ordinal;
         log.processData = message.text("processData");
         log.processDataHash = hashOf(log.processData);
         if (log.processData.size() > SHOWN_PROCESS_DATA) log.processData.resize(SHOWN_PROCESS_DATA + 1);
         log.processData.shrink_to_fit();
-        log.clientId = message.text("clientId");
         log.signatureHash = hashOf(std::string_view(reinterpret_cast<const char*>(message.signatureValue.data()),
                                                     message.signatureValue.size()));
-        log.file = record.file;
         std::lock_guard<std::mutex> lock(tseLock_);
         log.serial = serials_.emplace(serial, static_cast<uint32_t>(serials_.size())).first->second;
         tseLogs_.push_back(std::move(log));
@@ -752,10 +754,21 @@ void Check::readTseExport()
     AuditOutcome outcome = auditExport(audit);
     if (!outcome.report) throw std::runtime_error(outcome.error);
     tseSummary_ = outcome.report->summary;
+    tseReport_ = std::move(outcome.report);
+}
+
+const LogRecord& Check::recordOf(const TseLog& log) const
+{
+    static const LogRecord none;
+    const auto& logs = tseReport_->logs;
+    const auto found = std::lower_bound(logs.begin(), logs.end(), log.ordinal,
+                                        [](const LogRecord& r, uint64_t ordinal) { return r.ordinal < ordinal; });
+    return found != logs.end() && found->ordinal == log.ordinal ? *found : none;
 }
 
 void Check::compare(BookedTransaction& booked, const RowExtra& extra, const TseLog& finish)
 {
+    const LogRecord& record = recordOf(finish);
     std::vector<std::string> details;
     const auto differ = [&](const char* name, std::string detail) {
         booked.differences.emplace_back(name);
@@ -764,7 +777,7 @@ void Check::compare(BookedTransaction& booked, const RowExtra& extra, const TseL
     if (booked.signatureCounter && *booked.signatureCounter != finish.counter) {
         differ("signatureCounter", std::to_string(*booked.signatureCounter) + " against the TSE's " + std::to_string(finish.counter));
     }
-    if (booked.processType != finish.processType) differ("processType", shown(booked.processType) + " against the TSE's " + shown(finish.processType));
+    if (booked.processType != record.processType) differ("processType", shown(booked.processType) + " against the TSE's " + shown(record.processType));
     if (!extra.processData.empty() && extra.processDataHash != finish.processDataHash) {
         differ("processData", shown(extra.processData) + " against the TSE's " + shown(finish.processData));
     }
@@ -781,7 +794,7 @@ void Check::compare(BookedTransaction& booked, const RowExtra& extra, const TseL
         return;
     }
     booked.match = MatchState::Differs;
-    std::string message = booked.label() + " differs from the TSE's Finish log " + finish.file + ":";
+    std::string message = booked.label() + " differs from the TSE's Finish log " + record.file + ":";
     for (size_t i = 0; i < details.size(); ++i) message += (i ? "; " : " ") + details[i];
     addFinding(Severity::Error, "transaction-differs", message, {booked.label()});
 }
@@ -864,11 +877,11 @@ void Check::match()
                 t.differences.emplace_back("signature");
                 addFinding(Severity::Error, "unsigned-but-signed",
                            t.label() + " is booked as a TSE failure (" + t.failure + "), but the TSE signed transaction " +
-                               std::to_string(*t.transactionNumber) + " in " + log.file,
+                               std::to_string(*t.transactionNumber) + " in " + recordOf(log).file,
                            {t.label()});
                 continue;
             }
-            if (t.clientId.empty() || t.verdict != RowVerdict::Valid) t.clientId = t.clientId.empty() ? log.clientId : t.clientId;
+            if (t.clientId.empty()) t.clientId = std::string(recordOf(log).clientId);
             compare(t, extra, log);
             const auto start = starts.find(key);
             if (start != starts.end() && t.startSeconds &&
@@ -907,14 +920,15 @@ void Check::match()
     report_.transactions.reserve(report_.transactions.size() + unbooked.size());
     for (const size_t i : unbooked) {
         const TseLog& log = tseLogs_[i];
+        const LogRecord& record = recordOf(log);
         BookedTransaction t;
         t.row = false;
-        t.file = log.file;
-        t.clientId = log.clientId;
+        t.file = record.file;
+        t.clientId = std::string(record.clientId);
         t.serialNumber = serialNames[log.serial];
         t.transactionNumber = log.transaction;
         t.signatureCounter = log.counter;
-        t.processType = log.processType;
+        t.processType = std::string(record.processType);
         t.logSeconds = log.seconds;
         t.logFraction = log.fraction;
         t.verdict = log.verdict == LogVerdict::Valid ? RowVerdict::Valid
@@ -926,7 +940,7 @@ void Check::match()
             t.match = MatchState::Unbooked;
             t.reason = "the TSE signed this sale and the bookkeeping does not hold it";
             addFinding(Severity::Error, "transaction-unbooked",
-                       "transaction " + std::to_string(log.transaction) + " (" + log.file + ", processData " +
+                       "transaction " + std::to_string(log.transaction) + " (" + record.file + ", processData " +
                            shown(log.processData) + ") was signed by the TSE but is missing from the bookkeeping",
                        {t.label()});
         } else {
@@ -1029,6 +1043,7 @@ BookkeepingOutcome Check::run()
             return {std::nullopt, error.what()};
         }
         match();
+        tseReport_.reset();
     }
     finish();
     return {std::move(report_), {}};
