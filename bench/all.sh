@@ -8,3 +8,4 @@ cd "$(dirname "${BASH_SOURCE[0]}")"
 ./audit.sh
 ./receipts.sh
 ./pictures.sh
+./dsfinvk.sh

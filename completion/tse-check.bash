@@ -6,6 +6,7 @@ declare -gA _tse_check_subcommand_options=(
     [to-qr]="--cert --start-time --help"
     [verify]="--cert --json --jobs --help"
     [audit]="--cert --trust --json --csv --html --strict --jobs --progress --no-progress --help"
+    [dsfinvk]="--tse --cert --trust --json --csv --html --strict --jobs --progress --no-progress --help"
     [receipt]="--from --image --json --explain --time-window --jobs --help"
 )
 _tse_check_options="--help --version"

@@ -14,7 +14,7 @@ cd "$REPO_ROOT" || exit 1
 # tests read; time for bench/pictures.sh.
 BUILD_PACKAGES=(g++ make cmake pkg-config libssl-dev libgtest-dev libcli11-dev nlohmann-json3-dev
                 libarchive-dev libzxing-dev libzbar-dev libvips-dev libstb-dev libpoppler-cpp-dev
-                libqrencode-dev libbenchmark-dev man-db bsdextrautils dpkg-dev gzip
+                libqrencode-dev libbenchmark-dev libpugixml-dev man-db bsdextrautils dpkg-dev gzip
                 zbar-tools libheif-examples webp imagemagick time)
 
 # The fuzz targets (fuzz/targets.txt, which fuzz/CMakeLists.txt reads too).
@@ -43,6 +43,10 @@ SAMPLE_QR=samples/demo-receipt-qr-code.txt
 SAMPLE_PICTURE=samples/demo-receipt.png
 # A real export, kept with the test data.
 REAL_EXPORT=tests/data/real-exports/logMessages1.tar
+# The bookkeeping (DSFinV-K) of a real cloud TSE's 51 sales, derived from
+# its export by make-dsfinvk, and that export.
+SAMPLE_DSFINVK=samples/demo-dsfinvk.zip
+SAMPLE_DSFINVK_TSE=tests/data/real-exports/2021-09-30_63641_TSE.tar
 
 log() {
     printf '\n==> %s\n' "$*"

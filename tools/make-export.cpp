@@ -43,6 +43,7 @@ struct Options {
     std::string format = "tar";
     uint64_t splitSize = 0;
     std::string defect;
+    std::string client = "KASSE-01";
     uint64_t firstCounter = 1;
     unsigned jobs = tse::defaultJobs();
 };
@@ -58,6 +59,7 @@ struct PlannedLog {
     int64_t nameSeconds = 0;
     std::string nameSuffix;
     const tse::Signer* signer = nullptr;
+    std::string client = "KASSE-01";
     bool ecsdsa = false;  // names a recognised algorithm this system does not verify
 };
 
@@ -107,7 +109,7 @@ std::string fileName(const PlannedLog& log, tse::TimeFormat format)
 {
     std::string name = prefix(format) + "_" + timeText(format, log.nameSeconds) + "_Sig-" + std::to_string(log.counter);
     if (log.type == tse::LogType::Transaction) {
-        name += "_Log-Tra_No-" + std::to_string(log.transaction) + "_" + log.operation + "_Client-KASSE-01";
+        name += "_Log-Tra_No-" + std::to_string(log.transaction) + "_" + log.operation + "_Client-" + log.client;
     } else if (log.type == tse::LogType::System) {
         name += "_Log-Sys_" + log.operation;
     } else {
@@ -121,7 +123,7 @@ Bytes certifiedData(const PlannedLog& log)
     if (log.type == tse::LogType::Transaction) {
         tse::TransactionData data;
         data.operationType = log.operation + "Transaction";
-        data.clientId = "KASSE-01";
+        data.clientId = log.client;
         data.processData = Bytes(log.processData.begin(), log.processData.end());
         data.processType = "Kassenbeleg-V1";
         data.transactionNumber = log.transaction;
@@ -161,6 +163,7 @@ std::vector<PlannedLog> plan(const Options& options, const tse::Signer& signer)
         log.counter = counter++;
         log.seconds = log.nameSeconds = seconds++;
         log.signer = &signer;
+        log.client = options.client;
         logs.push_back(log);
     };
     add(tse::LogType::Audit, "", 0);
@@ -334,6 +337,7 @@ int main(int argc, char** argv)
     app.add_option("--split", options.splitSize, "Split the archive into X.001, X.002, ... of this many bytes");
     app.add_option("--defect", options.defect, "Plant one defect: the audit finding's code")
         ->check(CLI::IsMember(DEFECTS));
+    app.add_option("--client", options.client, "Client ID of the transactions (default KASSE-01)");
     app.add_option("--first-counter", options.firstCounter, "Signature counter of the first log");
     app.add_option("--jobs,-j", options.jobs, "Threads to sign with")->check(CLI::Range(1u, 1024u));
     CLI11_PARSE(app, argc, argv);

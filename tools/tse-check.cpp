@@ -50,6 +50,7 @@ int main(int argc, char** argv)
         tsecheck::addToQrCommand(app),
         tsecheck::addVerifyCommand(app),
         tsecheck::addAuditCommand(app),
+        tsecheck::addDsfinvkCommand(app),
     };
 
     try {

@@ -20,6 +20,7 @@ Command addReceiptCommand(CLI::App& parent);
 Command addToQrCommand(CLI::App& parent);
 Command addVerifyCommand(CLI::App& parent);
 Command addAuditCommand(CLI::App& parent);
+Command addDsfinvkCommand(CLI::App& parent);
 
 }  // namespace tsecheck
 

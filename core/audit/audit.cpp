@@ -444,6 +444,7 @@ void AuditRun::process(WorkItem&& item, WorkerMemory& memory)
         LogJudgement judgement = judgeLog(message, nullptr);
         record.verdict = judgement.verdict;
         record.reason = std::move(judgement.reason);
+        if (options_.inspect) options_.inspect(message, record);
         return keep(std::move(record), texts);
     }
     if (fastVerifier(*key)) {
@@ -468,6 +469,7 @@ void AuditRun::settle(LogRecord&& record, const RecordTexts& texts, const LogMes
     LogJudgement judgement = judgeVerification(message, std::move(verification));
     record.verdict = judgement.verdict;
     record.reason = std::move(judgement.reason);
+    if (options_.inspect) options_.inspect(message, record);
     keep(std::move(record), texts);
 }
 

@@ -27,6 +27,10 @@ struct AuditOptions {
     size_t maxMemberSize = 16u << 20;
     // Called from the reading thread, often; keep it cheap.
     std::function<void(const AuditProgress&)> progress;
+    // Called on the verifying threads with every log that parses, once it
+    // is judged, for checks that need more of a log than its record keeps
+    // (the bookkeeping check compares processData and signatures).
+    std::function<void(const LogMessage&, const LogRecord&)> inspect;
 };
 
 struct AuditOutcome {

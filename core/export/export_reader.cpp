@@ -177,6 +177,7 @@ ExportRead readArchive(const ExportSource& source, size_t limit, const MemberVis
     ArchivePtr a(archive_read_new());
     archive_read_support_filter_all(a.get());
     archive_read_support_format_tar(a.get());
+    if (source.zip) archive_read_support_format_zip(a.get());
     std::vector<const char*> names;
     for (const std::string& path : source.paths) names.push_back(path.c_str());
     names.push_back(nullptr);

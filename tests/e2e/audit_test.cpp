@@ -15,6 +15,7 @@
 #include <nlohmann/json.hpp>
 
 #include "fixtures.h"
+#include "text.h"
 
 namespace {
 
@@ -391,11 +392,13 @@ TEST(Audit, ReportsReadBackWhole)
     const json report = audit({loose}).report;
     const auto rows = parseCsv(fixtures::run(fixtures::tseCheckPath(), {"audit", "--csv", "-", loose}).out);
     ASSERT_EQ(rows.size(), report["logs"].size() + 1);
+    // Reports escape a backslash as two, so that the name can be restored.
+    const std::string shown = tse::escapeText(odd);
     size_t found = 0;
     for (size_t i = 0; i < report["logs"].size(); ++i) {
         const std::string file = report["logs"][i]["file"];
         EXPECT_EQ(rows[i + 1][0], file);
-        found += file.size() >= odd.size() && file.compare(file.size() - odd.size(), odd.size(), odd) == 0;
+        found += file.size() >= shown.size() && file.compare(file.size() - shown.size(), shown.size(), shown) == 0;
     }
     EXPECT_EQ(found, 1u) << odd;
 }

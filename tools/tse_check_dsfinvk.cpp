@@ -1,0 +1,299 @@
+// tse-check dsfinvk: checks the register's bookkeeping (a DSFinV-K export)
+// by itself and against the TSE export, and reports for people,
+// spreadsheets and programs.
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "dsfinvk_check.h"
+#include "tse_check_commands.h"
+#include "tse_check_output.h"
+#include "tse_check_support.h"
+
+namespace tsecheck {
+namespace {
+
+using nlohmann::json;
+
+constexpr size_t SHOWN_PER_CODE = 3;
+// Where writeJson puts the transactions; findings have "transactions" too.
+constexpr const char* TRANSACTIONS_PLACE = "(transactions)";
+
+struct DsfinvkCommandOptions {
+    tse::BookkeepingOptions check;
+    std::string jsonPath, csvPath;
+    bool progress = isatty(STDERR_FILENO) != 0;
+};
+
+json textOrNull(std::string_view text)
+{
+    return text.empty() ? json(nullptr) : json(text);
+}
+
+template <typename T>
+json valueOrNull(const std::optional<T>& value)
+{
+    return value ? json(*value) : json(nullptr);
+}
+
+json transactionJson(const tse::BookedTransaction& t)
+{
+    return {{"bonId", textOrNull(t.bonId)},
+            {"kasseId", textOrNull(t.kasseId)},
+            {"closing", textOrNull(t.closing)},
+            {"closingTime", textOrNull(t.closingTime)},
+            {"file", textOrNull(t.file)},
+            {"clientId", textOrNull(t.clientId)},
+            {"clientIdSource", textOrNull(t.clientIdSource)},
+            {"serialNumber", textOrNull(t.serialNumber)},
+            {"transactionNumber", valueOrNull(t.transactionNumber)},
+            {"signatureCounter", valueOrNull(t.signatureCounter)},
+            {"processType", textOrNull(t.processType)},
+            {"logTime", textOrNull(t.logTime())},
+            {"startTime", t.startSeconds ? json(tse::isoSeconds(*t.startSeconds)) : json(nullptr)},
+            {"verdict", tse::rowVerdictName(t.verdict)},
+            {"match", t.match ? json(tse::matchStateName(*t.match)) : json(nullptr)},
+            {"differences", t.differences},
+            {"form", t.form ? json(tse::describeForm(*t.form)) : json(nullptr)},
+            {"localTime", t.localTime},
+            {"failure", textOrNull(t.failure)},
+            {"reason", textOrNull(t.reason)}};
+}
+
+// Everything but the transactions, which are streamed one by one: a
+// document of a hundred thousand of them built in memory would take
+// hundreds of MiB.
+json reportJson(const tse::BookkeepingReport& report)
+{
+    const tse::BookkeepingSummary& s = report.summary;
+    json document = {{"dsfinvk", report.dsfinvk},
+                     {"tse", report.tseGiven ? json(report.tse) : json(nullptr)},
+                     {"summary",
+                      {{"rows", s.rows},
+                       {"valid", s.valid},
+                       {"invalid", s.invalid},
+                       {"unsigned", s.unsigned_},
+                       {"unverifiable", s.unverifiable},
+                       {"matched", s.matched},
+                       {"differs", s.differs},
+                       {"unbooked", s.unbooked},
+                       {"unknown", s.unknown},
+                       {"outside", s.outside},
+                       {"errors", s.errors},
+                       {"warnings", s.warnings},
+                       {"closings", s.closings},
+                       {"tseLogs", report.tseGiven ? json(s.tseLogs) : json(nullptr)},
+                       {"tseFinishLogs", report.tseGiven ? json(s.tseFinishLogs) : json(nullptr)}}},
+                     {"tses", json::array()},
+                     {"tables", report.tablesRead},
+                     {"transactions", TRANSACTIONS_PLACE},
+                     {"findings", json::array()}};
+    for (const tse::BookedTse& t : report.tses) {
+        document["tses"].push_back({{"serialNumber", t.serialNumber},
+                                    {"declaredSerial", t.declaredSerial},
+                                    {"algorithm", t.algorithm},
+                                    {"timeFormat", t.timeFormat},
+                                    {"encoding", t.encoding},
+                                    {"curve", textOrNull(t.curve)},
+                                    {"certificate", t.certificate},
+                                    {"keyProblem", textOrNull(t.keyProblem)},
+                                    {"rows", t.rows}});
+    }
+    for (const tse::BookkeepingFinding& f : report.findings) {
+        document["findings"].push_back({{"severity", tse::severityName(f.severity)},
+                                        {"code", f.code},
+                                        {"message", f.message},
+                                        {"transactions", f.transactions}});
+    }
+    return document;
+}
+
+std::string dump(const json& value)
+{
+    return value.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+void writeJson(std::ostream& out, const tse::BookkeepingReport& report)
+{
+    const std::string whole = reportJson(report).dump(2, ' ', false, json::error_handler_t::replace);
+    const std::string marker = "\"transactions\": \"" + std::string(TRANSACTIONS_PLACE) + "\"";
+    const size_t at = whole.find(marker);
+    out << whole.substr(0, at) << "\"transactions\": [";
+    for (size_t i = 0; i < report.transactions.size(); ++i) {
+        out << (i ? ",\n    " : "\n    ") << dump(transactionJson(report.transactions[i]));
+    }
+    out << (report.transactions.empty() ? "]" : "\n  ]") << whole.substr(at + marker.size()) << '\n';
+}
+
+std::string csvField(const std::string& text)
+{
+    if (text.find_first_of(",\"\n\r") == std::string::npos) return text;
+    std::string quoted = "\"";
+    for (char c : text) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
+    return quoted + "\"";
+}
+
+void writeCsv(std::ostream& out, const tse::BookkeepingReport& report)
+{
+    out << "bonId,kasseId,closing,clientId,serialNumber,transactionNumber,signatureCounter,processType,logTime,"
+           "verdict,match,differences,reason,file\n";
+    for (const tse::BookedTransaction& t : report.transactions) {
+        std::string differences;
+        for (const std::string& d : t.differences) differences += (differences.empty() ? "" : " ") + d;
+        const std::vector<std::string> fields{
+            t.bonId, t.kasseId, t.closing, t.clientId, t.serialNumber,
+            t.transactionNumber ? std::to_string(*t.transactionNumber) : "",
+            t.signatureCounter ? std::to_string(*t.signatureCounter) : "", t.processType, t.logTime(),
+            std::string(tse::rowVerdictName(t.verdict)), t.match ? std::string(tse::matchStateName(*t.match)) : "",
+            differences, t.reason, t.file};
+        for (size_t i = 0; i < fields.size(); ++i) out << (i ? "," : "") << csvField(fields[i]);
+        out << '\n';
+    }
+}
+
+void writeTo(const std::string& path, const std::function<void(std::ostream&)>& write)
+{
+    if (path == "-") return write(std::cout);
+    std::ofstream file(path, std::ios::binary);
+    if (!file) refuse(EXIT_BAD_INPUT, "Cannot write " + path);
+    write(file);
+    if (!file.flush()) refuse(EXIT_BAD_INPUT, "Cannot write " + path);
+}
+
+void printSummary(std::ostream& out, const tse::BookkeepingReport& report, bool strict)
+{
+    const tse::BookkeepingSummary& s = report.summary;
+    const char* verdict = s.errors ? "FAILED" : (s.warnings ? "PASSED WITH WARNINGS" : "PASSED");
+    out << verdict << ": " << s.rows << " rows in " << s.closings << " closings, " << s.errors << " errors, "
+        << s.warnings << " warnings" << (strict ? " (strict)" : "") << "\n\n";
+    std::vector<std::vector<std::string>> rows = {
+        {"Signatures", "rows", "valid", "invalid", "unsigned", "unverifiable"},
+        {"", std::to_string(s.rows), std::to_string(s.valid), std::to_string(s.invalid), std::to_string(s.unsigned_),
+         std::to_string(s.unverifiable)}};
+    printAligned(out, rows);
+    if (report.tseGiven) {
+        out << '\n';
+        printAligned(out, {{"Against the TSE", "matched", "differs", "unbooked", "unknown", "outside"},
+                           {"", std::to_string(s.matched), std::to_string(s.differs), std::to_string(s.unbooked),
+                            std::to_string(s.unknown), std::to_string(s.outside)}});
+        out << "TSE export: " << s.tseLogs << " logs, " << s.tseFinishLogs << " finished transactions";
+        if (s.tseInvalidLogs) out << ", " << s.tseInvalidLogs << " invalid logs (see tse-check audit)";
+        out << '\n';
+    } else {
+        out << "No TSE export given (--tse): the rows are checked from the bookkeeping alone.\n";
+    }
+    out << "\nFindings:\n";
+    std::map<std::pair<std::string, std::string>, std::vector<const tse::BookkeepingFinding*>> byCode;
+    for (const tse::BookkeepingFinding& f : report.findings) {
+        byCode[{std::string(tse::severityName(f.severity)), f.code}].push_back(&f);
+    }
+    if (byCode.empty()) out << "  none\n";
+    for (const auto& [key, findings] : byCode) {
+        out << "  " << key.first << "  " << key.second << " (" << findings.size() << ")\n";
+        for (size_t i = 0; i < findings.size() && i < SHOWN_PER_CODE; ++i) out << "    " << findings[i]->message << '\n';
+        if (findings.size() > SHOWN_PER_CODE) out << "    ... " << findings.size() - SHOWN_PER_CODE << " more\n";
+    }
+    out << "\nTSEs in tse.csv:\n";
+    std::vector<std::vector<std::string>> tses;
+    for (const tse::BookedTse& t : report.tses) {
+        tses.push_back({"  " + (t.serialNumber.size() > 16 ? t.serialNumber.substr(0, 16) + "..." : t.serialNumber),
+                        t.curve.empty() ? "-" : t.curve, t.algorithm, t.timeFormat,
+                        std::to_string(t.rows) + " rows" + (t.keyProblem.empty() ? "" : " (" + t.keyProblem + ")")});
+    }
+    if (tses.empty()) out << "  none\n";
+    printAligned(out, tses);
+    std::map<std::string, size_t> sources;
+    for (const tse::BookedTransaction& t : report.transactions) {
+        if (t.row && t.verdict == tse::RowVerdict::Valid) ++sources[std::string(t.clientIdSource)];
+    }
+    if (!sources.empty()) {
+        out << "\nClient ID signed:";
+        for (const auto& [source, count] : sources) out << " " << source << " (" << count << " rows)";
+        out << '\n';
+    }
+    out.flush();
+}
+
+// One line on standard error, redrawn in place.
+class ProgressLine {
+public:
+    void update(const tse::BookkeepingProgress& p)
+    {
+        const auto now = std::chrono::steady_clock::now();
+        if (now - last_ < std::chrono::milliseconds(200)) return;
+        last_ = now;
+        const bool rows = p.stage == "bookkeeping";
+        std::fprintf(stderr, "\r%s: %llu of %llu %s   ", rows ? "bookkeeping" : "TSE export",
+                     static_cast<unsigned long long>(rows ? p.done : p.done >> 20),
+                     static_cast<unsigned long long>(rows ? p.total : p.total >> 20), rows ? "rows" : "MiB");
+        drawn_ = true;
+    }
+    ~ProgressLine()
+    {
+        if (drawn_) std::fprintf(stderr, "\r%60s\r", "");
+    }
+
+private:
+    std::chrono::steady_clock::time_point last_ = std::chrono::steady_clock::now();
+    bool drawn_ = false;
+};
+
+int dsfinvkCommand(DsfinvkCommandOptions& options)
+{
+    std::unique_ptr<ProgressLine> line;
+    if (options.progress) {
+        line = std::make_unique<ProgressLine>();
+        options.check.progress = [&line](const tse::BookkeepingProgress& p) { line->update(p); };
+    }
+    tse::BookkeepingOutcome outcome = tse::checkBookkeeping(options.check);
+    line.reset();
+    if (!outcome.report) refuse(EXIT_BAD_INPUT, "Cannot check the bookkeeping: " + outcome.error);
+    const tse::BookkeepingReport& report = *outcome.report;
+    if (!options.jsonPath.empty()) writeTo(options.jsonPath, [&](std::ostream& out) { writeJson(out, report); });
+    if (!options.csvPath.empty()) writeTo(options.csvPath, [&](std::ostream& out) { writeCsv(out, report); });
+    if (options.jsonPath != "-" && options.csvPath != "-") printSummary(std::cout, report, options.check.strict);
+    return report.summary.errors ? EXIT_NOT_VERIFIED : EXIT_OK;
+}
+
+}  // namespace
+
+Command addDsfinvkCommand(CLI::App& parent)
+{
+    auto options = std::make_shared<DsfinvkCommandOptions>();
+    CLI::App* app = parent.add_subcommand(
+        "dsfinvk", "Check a DSFinV-K bookkeeping export: every row's TSE signature, and against the TSE export");
+    app->footer("DSFINVK is a DSFinV-K export as a folder, a ZIP or a TAR archive (plain or compressed); several are\n"
+                "read as one. EXPORT is a TSE export as audit reads it.\n"
+                "Exit status: 0 no error findings, 1 error findings, 2 usage or an export that cannot be read.");
+    app->add_option("DSFINVK", options->check.dsfinvk, "DSFinV-K exports: folders, ZIP or TAR archives")
+        ->required()
+        ->type_name("PATH...");
+    app->add_option("--tse", options->check.tse, "TSE export to match against (TAR, split TAR, folder, log files)")
+        ->type_name("EXPORT");
+    app->add_option("--cert", options->check.certificateFiles, "Further TSE certificate (PEM or DER); repeatable")
+        ->type_name("FILE")
+        ->allow_extra_args(false);
+    app->add_option("--trust", options->check.trustDirectories, "Directory of trusted root certificates")
+        ->type_name("DIR")
+        ->allow_extra_args(false);
+    app->add_option("--json", options->jsonPath, "Write the report as JSON (- for standard output)")->type_name("FILE");
+    app->add_option("--csv", options->csvPath, "Write one row per transaction as CSV (- for standard output)")
+        ->type_name("FILE");
+    app->add_flag("--strict", options->check.strict, "Count warnings as errors");
+    app->add_option("--jobs,-j", options->check.jobs, "Threads to verify with (default: every core)")
+        ->check(CLI::Range(1u, 1024u));
+    app->add_flag("--progress,!--no-progress", options->progress,
+                  "Show progress on standard error (default: when it is a terminal)");
+    return Command{app, [options] { return dsfinvkCommand(*options); }};
+}
+
+}  // namespace tsecheck
