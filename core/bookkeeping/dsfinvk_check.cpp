@@ -269,7 +269,7 @@ private:
     AuditSummary tseSummary_;
     std::optional<AuditReport> tseReport_;  // kept until matching is done: the logs' records
 
-    const LogRecord& recordOf(const TseLog& log) const;
+    LogRecord recordOf(const TseLog& log) const;
 };
 
 void Check::addFinding(Severity severity, std::string code, std::string message, std::vector<std::string> transactions)
@@ -466,13 +466,13 @@ void Check::decodeTses()
     for (TseEntry& entry : tses_) {
         BookedTse& shown = entry.shown;
         ReceiptKeys keys = receiptKeys(entry.keyText);
-        if (keys.key.key) {
-            entry.key = keys.key.key;
+        if (keys.key.ok()) {
+            entry.key = *keys.key;
             entry.otherKeys = std::move(keys.otherKeys);
             shown.serialNumber = toHex(entry.key->serialNumber());
             shown.curve = std::string(entry.key->curveInfo().displayName);
         } else {
-            shown.keyProblem = entry.keyText.empty() ? "TSE_PUBLIC_KEY is empty" : "TSE_PUBLIC_KEY is no usable key: " + keys.key.error;
+            shown.keyProblem = entry.keyText.empty() ? "TSE_PUBLIC_KEY is empty" : "TSE_PUBLIC_KEY is no usable key: " + keys.key.message();
             const std::optional<Bytes> serial = declaredSerial(shown.declaredSerial);
             shown.serialNumber = serial ? toHex(*serial) : shown.declaredSerial;
             entry.problem = shown.keyProblem;
@@ -582,7 +582,7 @@ void Check::verifyRow(const Row& row, BookedTransaction& out, RowExtra& extra)
     if (clients.empty()) return void(out.reason = "neither a terminal, the register nor Z_KASSE_ID names the client");
     out.clientId = clients.front().second;
 
-    Receipt receipt;
+    Receipt receipt(ReceiptFields{}, *entry->key, entry->otherKeys);
     receipt.version = "V0";
     receipt.processType = row.processType;
     receipt.processData = row.processData;
@@ -594,8 +594,6 @@ void Check::verifyRow(const Row& row, BookedTransaction& out, RowExtra& extra)
     receipt.algorithmText = entry->shown.algorithm;
     receipt.signatureReadings = readings;
     receipt.signatureText = row.signature;
-    receipt.key = *entry->key;
-    receipt.otherKeys = entry->otherKeys;
     // The label is a hint: TSEs labelled utcTime sign with seconds, some
     // labels are misspelt. The others are tried with the likeliest client.
     std::vector<ReceiptTimeFormat> formats = {entry->format.value_or(ReceiptTimeFormat::UnixTime)};
@@ -757,13 +755,17 @@ void Check::readTseExport()
     tseReport_ = std::move(outcome.report);
 }
 
-const LogRecord& Check::recordOf(const TseLog& log) const
+LogRecord Check::recordOf(const TseLog& log) const
 {
-    static const LogRecord none;
-    const auto& logs = tseReport_->logs;
-    const auto found = std::lower_bound(logs.begin(), logs.end(), log.ordinal,
-                                        [](const LogRecord& r, uint64_t ordinal) { return r.ordinal < ordinal; });
-    return found != logs.end() && found->ordinal == log.ordinal ? *found : none;
+    // The table is in ordinal order; a log dropped as a copy has no record.
+    const LogTable& logs = tseReport_->logs;
+    size_t low = 0, high = logs.size();
+    while (low < high) {
+        const size_t middle = low + (high - low) / 2;
+        if (logs.row(middle).ordinal < log.ordinal) low = middle + 1;
+        else high = middle;
+    }
+    return low < logs.size() && logs.row(low).ordinal == log.ordinal ? logs[low] : LogRecord{};
 }
 
 void Check::compare(BookedTransaction& booked, const RowExtra& extra, const TseLog& finish)
