@@ -96,6 +96,13 @@ build_dir() {
         shift
     done
 
+    # A compiler cache, where the machine has one, makes a second run of the
+    # same sources cheap; paths are taken relative to the checkout, so a
+    # fresh clone elsewhere finds what an earlier one compiled.
+    if command -v ccache >/dev/null 2>&1; then
+        export CCACHE_BASEDIR="$REPO_ROOT" CCACHE_NOHASHDIR=true
+        cmake_args+=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+    fi
     log "Configuring $dir ${cmake_args[*]}"
     cmake -S . -B "$dir" "${cmake_args[@]}" || return 1
 
