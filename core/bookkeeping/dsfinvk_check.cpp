@@ -58,21 +58,7 @@ std::string lower(std::string_view text)
 
 std::string shown(std::string_view value)
 {
-    const std::string escaped = escapeText(ByteView(value.substr(0, SHOWN_PROCESS_DATA)));
-    return "\"" + escaped + (value.size() > SHOWN_PROCESS_DATA ? "...\"" : "\"");
-}
-
-std::optional<uint64_t> wholeNumber(std::string_view text)
-{
-    if (text.empty() || text.size() > 20) return std::nullopt;
-    uint64_t value = 0;
-    for (const char c : text) {
-        if (c < '0' || c > '9') return std::nullopt;
-        const auto digit = static_cast<uint64_t>(c - '0');
-        if (value > (UINT64_MAX - digit) / 10) return std::nullopt;
-        value = value * 10 + digit;
-    }
-    return value;
+    return quoted(value, SHOWN_PROCESS_DATA);
 }
 
 size_t hashOf(std::string_view text)
@@ -376,7 +362,7 @@ void Check::readTable(const std::string& label, std::string_view table, ByteView
             const uint32_t closing = closingOf(r, h, vatColumns_);
             BonAmounts& bon = amounts_[std::to_string(closing) + SEP + field(r, vatColumns_(h, "BON_ID"))];
             bon.vatRows = true;
-            const std::optional<uint64_t> key = wholeNumber(field(r, vatColumns_(h, "UST_SCHLUESSEL")));
+            const std::optional<uint64_t> key = parseDecimal(field(r, vatColumns_(h, "UST_SCHLUESSEL")));
             const std::optional<int64_t> amount = parseAmount(field(r, vatColumns_(h, "BON_BRUTTO")),
                                                               dialect.decimalSymbol, dialect.digitGroupingSymbol);
             if (key && *key >= 1 && *key <= 5 && amount) bon.vat[*key - 1] += *amount;
@@ -519,8 +505,8 @@ void Check::verifyRow(const Row& row, BookedTransaction& out, RowExtra& extra)
     out.closingTime = closing.created;
     out.processType = row.processType;
     out.failure = row.failure;
-    out.transactionNumber = wholeNumber(row.tanr);
-    out.signatureCounter = wholeNumber(row.counter);
+    out.transactionNumber = parseDecimal(row.tanr);
+    out.signatureCounter = parseDecimal(row.counter);
     if (std::optional<IsoTime> start = parseIsoTime(row.start)) {
         out.startSeconds = start->hadZone ? start->seconds : germanLocalToUtc(start->seconds);
     }
