@@ -231,7 +231,10 @@ ExportRead readArchive(const ExportSource& source, size_t limit, const MemberVis
         if (status == ARCHIVE_EOF) {
             // The TAR reader takes a stream that stops at a member boundary
             // for a proper end; only the marker's zero blocks tell them apart.
-            if (archive_filter_bytes(a.get(), 0) == position && members > 0) {
+            // A ZIP ends with its central directory instead, which its reader
+            // checks itself.
+            const bool tar = (archive_format(a.get()) & ARCHIVE_FORMAT_BASE_MASK) == ARCHIVE_FORMAT_TAR;
+            if (tar && archive_filter_bytes(a.get(), 0) == position && members > 0) {
                 return cut("ends without the TAR end-of-archive marker: " + readSoFar(position) +
                            "; any members after it are missing");
             }
