@@ -31,7 +31,6 @@ constexpr size_t BATCH_SIZE = 32;
 constexpr size_t QUEUE_CAPACITY = 2048 / BATCH_SIZE;
 // Logs whose certificate comes later in the export wait in memory up to
 // this many bytes; beyond it they are read a second time at the end.
-constexpr size_t MAX_PENDING_BYTES = 16u << 20;
 constexpr size_t ITEM_OVERHEAD = 160;  // what a queued item costs beside its bytes
 constexpr size_t MAX_CERTIFICATE_FILE = 1u << 20;
 // Keys that get tables of their own (each up to KeyVerifier::MAX_TABLE_BYTES);
@@ -431,7 +430,7 @@ void AuditRun::process(WorkItem&& item, WorkerMemory& memory)
         ExclusiveLock<SharedMutex> lock(keysLock_);
         if (auto found = keys_.find(serial); found != keys_.end()) {
             key = found->second;
-        } else if (pendingBytes_ + pendingCost(item) <= MAX_PENDING_BYTES) {
+        } else if (pendingBytes_ + pendingCost(item) <= options_.maxPendingBytes) {
             pendingBytes_ += pendingCost(item);
             pending_[serial].push_back(std::move(item));
             return;

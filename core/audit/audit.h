@@ -25,6 +25,10 @@ struct AuditOptions {
     unsigned jobs = defaultJobs();
     bool strict = false;  // warnings count as errors
     size_t maxMemberSize = 16u << 20;
+    // Logs that come before their TSE's certificate wait in memory up to
+    // this many bytes; the rest are read a second time once every
+    // certificate is known.
+    size_t maxPendingBytes = 16u << 20;
     // Called from the reading thread, often; keep it cheap.
     std::function<void(const AuditProgress&)> progress;
     // Called on the verifying threads with every log that parses, once it

@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "audit.h"
 #include "fixtures.h"
 #include "text.h"
 
@@ -404,3 +405,22 @@ TEST(Audit, ReportsReadBackWhole)
 }
 
 }  // namespace
+
+// An export whose certificate comes last: with no room for the logs that
+// wait for it, each is read a second time, and every verdict stays.
+TEST(Audit, LogsBeforeTheirCertificateAreReadAgainWhenTheyCannotWait)
+{
+    const std::string tar = REAL + "TSE_Export_685e1812-79a4-4c8c-9a07-9e93a019efa7_202109171015.tar";
+    std::vector<std::pair<std::string, tse::LogVerdict>> verdicts[2];
+    for (const size_t room : {size_t{16} << 20, size_t{0}}) {
+        tse::AuditOptions options;
+        options.exports = {tar};
+        options.jobs = 2;
+        options.maxPendingBytes = room;
+        const tse::AuditOutcome outcome = tse::auditExport(options);
+        ASSERT_TRUE(outcome.report) << outcome.error;
+        EXPECT_EQ(outcome.report->summary.valid, 155u);
+        for (const tse::LogRecord& log : outcome.report->logs) verdicts[room == 0].emplace_back(log.file, log.verdict);
+    }
+    EXPECT_EQ(verdicts[0], verdicts[1]);
+}
