@@ -16,6 +16,7 @@
 
 #include "dsfinvk_check.h"
 #include "tse_check_commands.h"
+#include "tse_check_html.h"
 #include "tse_check_output.h"
 #include "tse_check_support.h"
 
@@ -30,7 +31,7 @@ constexpr const char* TRANSACTIONS_PLACE = "(transactions)";
 
 struct DsfinvkCommandOptions {
     tse::BookkeepingOptions check;
-    std::string jsonPath, csvPath;
+    std::string jsonPath, csvPath, htmlPath;
     bool progress = isatty(STDERR_FILENO) != 0;
 };
 
@@ -117,14 +118,19 @@ json reportJson(const tse::BookkeepingReport& report)
     return document;
 }
 
-std::string dump(const json& value)
+// Every text from the input is escaped the way all reports escape it, so
+// that bytes that are no UTF-8 stay recoverable.
+std::string dump(json value)
 {
+    makeJsonSafe(value);
     return value.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
 void writeJson(std::ostream& out, const tse::BookkeepingReport& report)
 {
-    const std::string whole = reportJson(report).dump(2, ' ', false, json::error_handler_t::replace);
+    json document = reportJson(report);
+    makeJsonSafe(document);
+    const std::string whole = document.dump(2, ' ', false, json::error_handler_t::replace);
     const std::string marker = "\"transactions\": \"" + std::string(TRANSACTIONS_PLACE) + "\"";
     const size_t at = whole.find(marker);
     out << whole.substr(0, at) << "\"transactions\": [";
@@ -134,13 +140,6 @@ void writeJson(std::ostream& out, const tse::BookkeepingReport& report)
     out << (report.transactions.empty() ? "]" : "\n  ]") << whole.substr(at + marker.size()) << '\n';
 }
 
-std::string csvField(const std::string& text)
-{
-    if (text.find_first_of(",\"\n\r") == std::string::npos) return text;
-    std::string quoted = "\"";
-    for (char c : text) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
-    return quoted + "\"";
-}
 
 void writeCsv(std::ostream& out, const tse::BookkeepingReport& report)
 {
@@ -155,7 +154,7 @@ void writeCsv(std::ostream& out, const tse::BookkeepingReport& report)
             t.signatureCounter ? std::to_string(*t.signatureCounter) : "", t.processType, t.logTime(),
             std::string(tse::rowVerdictName(t.verdict)), t.match ? std::string(tse::matchStateName(*t.match)) : "",
             differences, t.reason, t.file};
-        for (size_t i = 0; i < fields.size(); ++i) out << (i ? "," : "") << csvField(fields[i]);
+        for (size_t i = 0; i < fields.size(); ++i) out << (i ? "," : "") << csvCell(fields[i]);
         out << '\n';
     }
 }
@@ -254,13 +253,23 @@ int dsfinvkCommand(DsfinvkCommandOptions& options)
         line = std::make_unique<ProgressLine>();
         options.check.progress = [&line](const tse::BookkeepingProgress& p) { line->update(p); };
     }
+    const int toStandardOutput = (options.jsonPath == "-") + (options.csvPath == "-") + (options.htmlPath == "-");
+    if (toStandardOutput > 1) {
+        refuse(EXIT_BAD_INPUT, "--json, --csv and --html cannot share standard output; write all but one to files\n"
+                               "Run with --help for more information.");
+    }
     tse::BookkeepingOutcome outcome = tse::checkBookkeeping(options.check);
     line.reset();
     if (!outcome.report) refuse(EXIT_BAD_INPUT, "Cannot check the bookkeeping: " + outcome.error);
     const tse::BookkeepingReport& report = *outcome.report;
     if (!options.jsonPath.empty()) writeTo(options.jsonPath, [&](std::ostream& out) { writeJson(out, report); });
     if (!options.csvPath.empty()) writeTo(options.csvPath, [&](std::ostream& out) { writeCsv(out, report); });
-    if (options.jsonPath != "-" && options.csvPath != "-") printSummary(std::cout, report, options.check.strict);
+    if (!options.htmlPath.empty()) {
+        HtmlContext context{options.check.dsfinvk, options.check.strict};
+        context.inputs.insert(context.inputs.end(), options.check.tse.begin(), options.check.tse.end());
+        writeTo(options.htmlPath, [&](std::ostream& out) { writeBookkeepingHtml(out, report, context); });
+    }
+    if (toStandardOutput == 0) printSummary(std::cout, report, options.check.strict);
     return report.summary.errors ? EXIT_NOT_VERIFIED : EXIT_OK;
 }
 
@@ -287,6 +296,9 @@ Command addDsfinvkCommand(CLI::App& parent)
         ->allow_extra_args(false);
     app->add_option("--json", options->jsonPath, "Write the report as JSON (- for standard output)")->type_name("FILE");
     app->add_option("--csv", options->csvPath, "Write one row per transaction as CSV (- for standard output)")
+        ->type_name("FILE");
+    app->add_option("--html", options->htmlPath,
+                    "Write a self-contained HTML report for people (- for standard output)")
         ->type_name("FILE");
     app->add_flag("--strict", options->check.strict, "Count warnings as errors");
     app->add_option("--jobs,-j", options->check.jobs, "Threads to verify with (default: every core)")

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "audit_report.h"
+#include "dsfinvk_report.h"
 #include "report_page.h"
 
 namespace tsecheck {
@@ -19,6 +20,7 @@ struct HtmlContext {
 };
 
 void writeAuditHtml(std::ostream& out, const tse::AuditReport& report, const HtmlContext& context);
+void writeBookkeepingHtml(std::ostream& out, const tse::BookkeepingReport& bookkeeping, const HtmlContext& context);
 
 // A further report, such as the bookkeeping check's, is one more function
 // like writeAuditHtml in its own tools/tse_check_<name>_html.cpp:

@@ -285,3 +285,45 @@ TEST(HtmlReport, ToStandardOutputWithRelativeNames)
 }
 
 }  // namespace
+
+// The bookkeeping report: planted defects are in the page and the printout
+// as the JSON report has them, and a hostile client ID stays text.
+TEST(BrowserReport, BookkeepingWithPlantedDefects)
+{
+    Browser browser;
+    REQUIRE_BROWSER(browser);
+    fixtures::TempDir dir;
+    const std::string tools = fs::path(fixtures::tseCheckPath()).parent_path().string();
+    const std::string tse = dir.path("tse.tar");
+    const fixtures::RunResult exported = fixtures::run(
+        makeExportPath(), {"-o", tse, "-n", "20", "--curve", "secp256r1", "--client", "<script>document.title='RAN'</script>"});
+    ASSERT_EQ(exported.status, 0) << exported.err;
+    struct Case {
+        std::string defect, code;
+    };
+    for (const Case& c : std::vector<Case>{{"row-dropped", "transaction-unbooked"}, {"amount-edited", "signature-invalid"}}) {
+        const std::string books = dir.path(c.defect);
+        const fixtures::RunResult made =
+            fixtures::run(tools + "/make-dsfinvk", {"--tse", tse, "--out", books, "--defect", c.defect});
+        ASSERT_EQ(made.status, 0) << made.err;
+        const std::string page = dir.path(c.defect + ".html"), data = dir.path(c.defect + ".json");
+        const fixtures::RunResult checked = fixtures::run(
+            fixtures::tseCheckPath(), {"dsfinvk", "--no-progress", "--json", data, "--html", page, books, "--tse", tse});
+        EXPECT_EQ(checked.status, 1) << checked.err;
+        const json report = json::parse(fileText(data));
+        ASSERT_EQ(codesOf(report).count(c.code), 1u) << c.defect;
+        const json& s = report["summary"];
+        const std::string counts = thousands(s["rows"]) + " rows in " + thousands(s["closings"]) + " closings, " +
+                                   thousands(s["errors"]) + " errors, " + thousands(s["warnings"]) + " warnings";
+        for (const std::string& text : {browser.dom(dir, page), browser.printedText(dir, page)}) {
+            EXPECT_NE(text.find("FAILED"), std::string::npos) << c.defect;
+            EXPECT_NE(text.find(counts), std::string::npos) << c.defect << ": " << counts;
+            for (const std::string& code : codesOf(report)) EXPECT_NE(text.find(code), std::string::npos) << code;
+        }
+        const std::string dom = browser.dom(dir, page);
+        EXPECT_EQ(dom.find("RAN</title>"), std::string::npos);
+        EXPECT_EQ(dom.find("<script"), std::string::npos);
+        EXPECT_NE(dom.find("&lt;script&gt;document.title='RAN'&lt;/script&gt;"), std::string::npos);
+        browser.screenshot(dir, page, "report-bookkeeping-" + c.defect);
+    }
+}

@@ -1,0 +1,143 @@
+// The report of `tse-check dsfinvk --html`: the bookkeeping against its TSE
+// export, for people. It says what the text summary says, shows the sales
+// per day on both sides, and lists every transaction.
+
+#include <algorithm>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "dsfinvk_report.h"
+#include "svg_chart.h"
+#include "tse_check_html.h"
+
+namespace tsecheck {
+namespace {
+
+std::string count(size_t n, const std::string& what)
+{
+    return report::formatNumber(static_cast<double>(n)) + " " + what;
+}
+
+std::vector<report::FindingGroup> findingGroups(const tse::BookkeepingReport& bookkeeping)
+{
+    std::vector<report::FindingEntry> entries;
+    for (const tse::BookkeepingFinding& f : bookkeeping.findings) {
+        entries.push_back({f.severity == tse::Severity::Error, f.code, f.message, &f.transactions});
+    }
+    return report::groupFindings(entries);
+}
+
+// Sales per day as the bookkeeping books them and as the TSE signed them,
+// side by side, with the ones only one side knows as bars of their own.
+void perDayChart(report::ReportPage& page, const tse::BookkeepingReport& bookkeeping)
+{
+    std::optional<int64_t> first, last;
+    for (const tse::BookedTransaction& t : bookkeeping.transactions) {
+        if (!t.logSeconds) continue;
+        first = std::min(first.value_or(*t.logSeconds), *t.logSeconds);
+        last = std::max(last.value_or(*t.logSeconds), *t.logSeconds);
+    }
+    if (!first) return;
+    const report::DayBuckets buckets(*first, *last);
+    const size_t bars = buckets.size();
+    report::BarChart chart;
+    chart.title = "Transactions per " + buckets.unit();
+    chart.yLabel = "transactions";
+    chart.stacked = false;
+    chart.layers = {{"in the bookkeeping", std::vector<double>(bars)},
+                    {"signed in the TSE export", std::vector<double>(bars)},
+                    {"unbooked (signed, not booked)", std::vector<double>(bars)},
+                    {"unknown (booked, not signed)", std::vector<double>(bars)}};
+    size_t booked = 0, signedByTse = 0, unbooked = 0, unknown = 0;
+    for (const tse::BookedTransaction& t : bookkeeping.transactions) {
+        if (!t.logSeconds) continue;
+        const size_t bar = buckets.of(*t.logSeconds);
+        const bool inTse = t.match && *t.match != tse::MatchState::Unknown && *t.match != tse::MatchState::Outside;
+        if (t.row) chart.layers[0].values[bar] += 1, ++booked;
+        if (inTse || (t.match && *t.match == tse::MatchState::Outside && !t.row)) {
+            chart.layers[1].values[bar] += 1, ++signedByTse;
+        }
+        if (t.match == tse::MatchState::Unbooked) chart.layers[2].values[bar] += 1, ++unbooked;
+        if (t.match == tse::MatchState::Unknown) chart.layers[3].values[bar] += 1, ++unknown;
+    }
+    if (!bookkeeping.tseGiven) chart.layers.resize(1);
+    for (size_t b = 0; b < bars; ++b) chart.categories.push_back(buckets.label(b));
+    chart.description = count(booked, "transactions in the bookkeeping") +
+                        (bookkeeping.tseGiven ? ", " + count(signedByTse, "signed in the TSE export") + ", " +
+                                                    count(unbooked, "unbooked") + ", " + count(unknown, "unknown")
+                                              : std::string()) +
+                        ", from " + chart.categories.front() + " to " + chart.categories.back() + ".";
+    page.figure(report::barChart(chart, "bookkeeping-per-day"), chart.description);
+}
+
+}  // namespace
+
+void writeBookkeepingHtml(std::ostream& out, const tse::BookkeepingReport& bookkeeping, const HtmlContext& context)
+{
+    const tse::BookkeepingSummary& s = bookkeeping.summary;
+    const report::Verdict verdict = s.errors     ? report::Verdict::Failed
+                                    : s.warnings ? report::Verdict::PassedWithWarnings
+                                                 : report::Verdict::Passed;
+    report::PageHead head = pageHead("DSFinV-K bookkeeping against its TSE", verdict,
+                                     count(s.rows, "rows") + " in " + count(s.closings, "closings") + ", " +
+                                         count(s.errors, "errors") + ", " + count(s.warnings, "warnings") +
+                                         (context.strict ? " (strict)" : ""),
+                                     context);
+    head.facts = {{"Signatures", count(s.valid, "valid") + ", " + count(s.invalid, "invalid") + ", " +
+                                     count(s.unsigned_, "unsigned") + ", " + count(s.unverifiable, "unverifiable")}};
+    if (bookkeeping.tseGiven) {
+        head.facts.push_back({"Against the TSE", count(s.matched, "matched") + ", " + count(s.differs, "differ") + ", " +
+                                                     count(s.unbooked, "unbooked") + ", " + count(s.unknown, "unknown") +
+                                                     ", " + count(s.outside, "outside")});
+        head.facts.push_back({"TSE export", count(s.tseLogs, "logs") + ", " +
+                                                count(s.tseFinishLogs, "finished transactions")});
+    }
+    report::ReportPage page(out, head);
+
+    std::vector<std::vector<std::string>> tses{{"TSE serial number", "Curve", "Algorithm", "Time format", "Rows"}};
+    for (const tse::BookedTse& t : bookkeeping.tses) {
+        tses.push_back({t.serialNumber, t.curve.empty() ? "-" : t.curve, t.algorithm, t.timeFormat,
+                        report::formatNumber(static_cast<double>(t.rows))});
+    }
+    page.smallTable(tses, "TSEs in tse.csv");
+
+    page.beginSection("Findings", "findings");
+    page.findings(findingGroups(bookkeeping));
+    page.endSection();
+
+    page.beginSection("Charts", "charts");
+    perDayChart(page, bookkeeping);
+    page.endSection();
+
+    page.beginSection("Transactions", "transactions");
+    report::Table table;
+    table.caption = "Every transaction, as in the CSV report";
+    table.columns = {"bonId", "kasseId", "closing", "clientId", "serialNumber", "transactionNumber",
+                     "signatureCounter", "processType", "logTime", "verdict", "match", "differences", "reason", "file"};
+    table.rows = bookkeeping.transactions.size();
+    table.cells = [&](size_t i, std::vector<std::string>& cells) {
+        const tse::BookedTransaction& t = bookkeeping.transactions[i];
+        std::string differences;
+        for (const std::string& d : t.differences) differences += (differences.empty() ? "" : " ") + d;
+        cells = {t.bonId,
+                 t.kasseId,
+                 t.closing,
+                 t.clientId,
+                 t.serialNumber,
+                 t.transactionNumber ? std::to_string(*t.transactionNumber) : "",
+                 t.signatureCounter ? std::to_string(*t.signatureCounter) : "",
+                 t.processType,
+                 t.logTime(),
+                 std::string(tse::rowVerdictName(t.verdict)),
+                 t.match ? std::string(tse::matchStateName(*t.match)) : "",
+                 differences,
+                 t.reason,
+                 t.file};
+    };
+    page.table(table);
+    page.endSection();
+    page.finish();
+}
+
+}  // namespace tsecheck
