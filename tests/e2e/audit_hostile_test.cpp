@@ -259,21 +259,6 @@ std::string unescape(const std::string& text)
     return out;
 }
 
-std::vector<std::vector<std::string>> parseCsv(const std::string& text)
-{
-    std::vector<std::vector<std::string>> rows(1, std::vector<std::string>(1));
-    bool quoted = false;
-    for (size_t i = 0; i < text.size(); ++i) {
-        const char c = text[i];
-        if (quoted && c == '"' && i + 1 < text.size() && text[i + 1] == '"') rows.back().back() += text[++i];
-        else if (c == '"') quoted = !quoted;
-        else if (!quoted && c == ',') rows.back().emplace_back();
-        else if (!quoted && c == '\n') rows.emplace_back(1);
-        else rows.back().back() += c;
-    }
-    if (rows.back().size() == 1 && rows.back()[0].empty()) rows.pop_back();
-    return rows;
-}
 
 // Logs of every type whose every text field holds bytes that are no UTF-8,
 // terminal escapes and formula starts, under member names that do too:
@@ -342,7 +327,7 @@ TEST(AuditHostile, HostileTextInEveryField)
         EXPECT_EQ(output.find("\xC2\x9B"), std::string::npos);
         EXPECT_EQ(output.find('\r'), std::string::npos);
     }
-    const auto rows = parseCsv(csv.out);
+    const auto rows = fixtures::parseCsv(csv.out);
     ASSERT_EQ(rows.size(), counter + 1);
     for (const auto& row : rows) {
         ASSERT_EQ(row.size(), rows[0].size());

@@ -302,27 +302,12 @@ TEST(Audit, HostileMembers)
     }
 }
 
-std::vector<std::vector<std::string>> parseCsv(const std::string& text)
-{
-    std::vector<std::vector<std::string>> rows(1, std::vector<std::string>(1));
-    bool quoted = false;
-    for (size_t i = 0; i < text.size(); ++i) {
-        const char c = text[i];
-        if (quoted && c == '"' && i + 1 < text.size() && text[i + 1] == '"') rows.back().back() += text[++i];
-        else if (c == '"') quoted = !quoted;
-        else if (!quoted && c == ',') rows.back().emplace_back();
-        else if (!quoted && c == '\n') rows.emplace_back(1);
-        else rows.back().back() += c;
-    }
-    if (rows.back().size() == 1 && rows.back()[0].empty()) rows.pop_back();
-    return rows;
-}
 
 TEST(Audit, CsvMatchesJson)
 {
     const std::string tar = REAL + "6e6c6a42-5c8d-4a9c-9572-26c10619d020.tar";
     const json report = audit({tar}).report;
-    const auto rows = parseCsv(fixtures::run(fixtures::tseCheckPath(), {"audit", "--csv", "-", tar}).out);
+    const auto rows = fixtures::parseCsv(fixtures::run(fixtures::tseCheckPath(), {"audit", "--csv", "-", tar}).out);
     ASSERT_EQ(rows.size(), 11u);
     const std::vector<std::string> header{"file", "type", "verdict", "signatureCounter", "logTime", "transactionNumber",
                                           "operationType", "clientId", "processType", "serialNumber",
@@ -391,7 +376,7 @@ TEST(Audit, ReportsReadBackWhole)
         break;
     }
     const json report = audit({loose}).report;
-    const auto rows = parseCsv(fixtures::run(fixtures::tseCheckPath(), {"audit", "--csv", "-", loose}).out);
+    const auto rows = fixtures::parseCsv(fixtures::run(fixtures::tseCheckPath(), {"audit", "--csv", "-", loose}).out);
     ASSERT_EQ(rows.size(), report["logs"].size() + 1);
     // Reports escape a backslash as two, so that the name can be restored.
     const std::string shown = tse::escapeText(odd);

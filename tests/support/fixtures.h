@@ -116,6 +116,10 @@ std::string verifierPath();
 std::string unpackRealExport(const TempDir& dir, const std::string& name);
 std::string tseCheckPath();
 
+// The rows of a CSV text as a spreadsheet reads them: quoted cells may hold
+// commas, doubled quotes and line ends.
+std::vector<std::vector<std::string>> parseCsv(const std::string& text);
+
 }  // namespace fixtures
 
 #endif
