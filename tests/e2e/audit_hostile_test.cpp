@@ -94,24 +94,6 @@ std::string compressed(const std::string& data, int (*addFilter)(archive*))
     return std::string(buffer.data(), used);
 }
 
-void writeTar(const std::string& path, const std::vector<std::pair<std::string, std::string>>& members)
-{
-    archive* a = archive_write_new();
-    archive_write_set_format_pax_restricted(a);
-    archive_write_open_filename(a, path.c_str());
-    for (const auto& [name, data] : members) {
-        archive_entry* entry = archive_entry_new();
-        archive_entry_set_pathname(entry, name.c_str());
-        archive_entry_set_size(entry, static_cast<la_int64_t>(data.size()));
-        archive_entry_set_filetype(entry, AE_IFREG);
-        archive_entry_set_perm(entry, 0644);
-        archive_write_header(a, entry);
-        archive_write_data(a, data.data(), data.size());
-        archive_entry_free(entry);
-    }
-    archive_write_close(a);
-    archive_write_free(a);
-}
 
 // An export cut anywhere before its end is never a passed audit: the error
 // finding export-truncated says how far it was read, exit status 1.
@@ -213,7 +195,7 @@ TEST(AuditHostile, EmptyExportsAreRefused)
     fixtures::TempDir dir;
     fs::create_directory(dir.path("empty"));
     const std::string zeros(10240, '\0');
-    writeTar(dir.path("nested.tar"), {{"inner.tar", fileText(REAL + "logMessages1.tar")}});
+    fixtures::writeTar(dir.path("nested.tar"), {{"inner.tar", fileText(REAL + "logMessages1.tar")}});
     const std::vector<std::string> empty{"/dev/zero",
                                          dir.path("empty"),
                                          dir.write("zero.tar", zeros),
@@ -303,7 +285,7 @@ TEST(AuditHostile, HostileTextInEveryField)
         sign(tse::LogType::Audit, {}, tse::Bytes{0x30, 0x00});
     }
     const std::string tar = dir.path("hostile.tar");
-    writeTar(tar, members);
+    fixtures::writeTar(tar, members);
 
     const Audit a = audit({"--cert", certificate, tar});
     ASSERT_FALSE(a.report.is_discarded()) << a.err;

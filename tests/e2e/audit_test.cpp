@@ -233,24 +233,6 @@ TEST(Audit, LogNamesWhereTheyCount)
     }
 }
 
-void writeTar(const std::string& path, const std::vector<std::pair<std::string, std::string>>& members)
-{
-    archive* a = archive_write_new();
-    archive_write_set_format_pax_restricted(a);
-    archive_write_open_filename(a, path.c_str());
-    for (const auto& [name, data] : members) {
-        archive_entry* entry = archive_entry_new();
-        archive_entry_set_pathname(entry, name.c_str());
-        archive_entry_set_size(entry, static_cast<la_int64_t>(data.size()));
-        archive_entry_set_filetype(entry, AE_IFREG);
-        archive_entry_set_perm(entry, 0644);
-        archive_write_header(a, entry);
-        archive_write_data(a, data.data(), data.size());
-        archive_entry_free(entry);
-    }
-    archive_write_close(a);
-    archive_write_free(a);
-}
 
 std::string fileText(const std::string& path)
 {
@@ -276,7 +258,7 @@ TEST(Audit, HostileMembers)
     members.push_back({"Unixt_1_Sig-902_Log-Aud.log", std::string(20u << 20, 'x')});
     members.push_back({"../escape.log", someLog});
     members.push_back({"/etc/absolute.log", someLog});
-    writeTar(dir.path("hostile.tar"), members);
+    fixtures::writeTar(dir.path("hostile.tar"), members);
 
     const Audit a = audit({dir.path("hostile.tar")});
     EXPECT_EQ(a.status, 1);

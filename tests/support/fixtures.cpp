@@ -1,5 +1,8 @@
 #include "fixtures.h"
 
+#include <archive.h>
+#include <archive_entry.h>
+
 #include <fcntl.h>
 #include <chrono>
 #include <csignal>
@@ -392,6 +395,25 @@ std::vector<std::vector<std::string>> parseCsv(const std::string& text)
     }
     if (rows.back().size() == 1 && rows.back()[0].empty()) rows.pop_back();
     return rows;
+}
+
+void writeTar(const std::string& path, const std::vector<std::pair<std::string, std::string>>& members)
+{
+    archive* a = archive_write_new();
+    archive_write_set_format_pax_restricted(a);
+    archive_write_open_filename(a, path.c_str());
+    for (const auto& [name, data] : members) {
+        archive_entry* entry = archive_entry_new();
+        archive_entry_set_pathname(entry, name.c_str());
+        archive_entry_set_size(entry, static_cast<la_int64_t>(data.size()));
+        archive_entry_set_filetype(entry, AE_IFREG);
+        archive_entry_set_perm(entry, 0644);
+        archive_write_header(a, entry);
+        archive_write_data(a, data.data(), data.size());
+        archive_entry_free(entry);
+    }
+    archive_write_close(a);
+    archive_write_free(a);
 }
 
 }  // namespace fixtures

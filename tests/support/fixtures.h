@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "myutils.h"
@@ -115,6 +116,9 @@ std::string verifierPath();
 // new directory below dir; returns that directory.
 std::string unpackRealExport(const TempDir& dir, const std::string& name);
 std::string tseCheckPath();
+
+// A plain TAR archive of the given members (name, contents), in order.
+void writeTar(const std::string& path, const std::vector<std::pair<std::string, std::string>>& members);
 
 // The rows of a CSV text as a spreadsheet reads them: quoted cells may hold
 // commas, doubled quotes and line ends.
