@@ -2,17 +2,32 @@
 #define TSE_CORE_OPENSSL_PTR_H
 
 #include <memory>
+#include <new>
 #include <string>
 
 #include <openssl/bio.h>
 #include <openssl/bn.h>
 #include <openssl/ec.h>
 #include <openssl/ecdsa.h>
+#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/x509.h>
 #include <openssl/x509_vfy.h>
 
 namespace tse {
+
+// After a libcrypto call failed: when it failed for want of memory, that
+// says nothing about the input, so it must not become a verdict on it.
+inline void throwIfOutOfMemory()
+{
+    for (unsigned long code = ERR_peek_error(); code != 0; code = ERR_peek_error()) {
+        ERR_get_error();
+        if (ERR_GET_REASON(code) == ERR_GET_REASON(ERR_R_MALLOC_FAILURE)) {
+            ERR_clear_error();
+            throw std::bad_alloc();
+        }
+    }
+}
 
 // Owners of libcrypto objects, so that every way out of a function releases
 // what it made.

@@ -51,15 +51,16 @@ Bytes uncompressedPoint(const EC_GROUP* group, const EC_POINT* point)
 EvpPkeyPtr keyOnCurve(ByteView point, const CurveInfo& info)
 {
     EcGroupPtr group(EC_GROUP_new_by_curve_name(info.nid));
-    if (!group) return nullptr;
-    EcPointPtr decoded(EC_POINT_new(group.get()));
-    if (!decoded || EC_POINT_oct2point(group.get(), decoded.get(), point.data(), point.size(), nullptr) != 1 ||
+    EcPointPtr decoded(group ? EC_POINT_new(group.get()) : nullptr);
+    if (!decoded) throw std::bad_alloc();
+    if (EC_POINT_oct2point(group.get(), decoded.get(), point.data(), point.size(), nullptr) != 1 ||
         EC_POINT_is_at_infinity(group.get(), decoded.get()) == 1 ||
         EC_POINT_is_on_curve(group.get(), decoded.get(), nullptr) != 1) {
+        throwIfOutOfMemory();
         return nullptr;
     }
     Bytes octets = uncompressedPoint(group.get(), decoded.get());
-    if (octets.empty()) return nullptr;
+    if (octets.empty()) throw std::bad_alloc();
     std::string groupName = OBJ_nid2sn(info.nid);
     const OSSL_PARAM params[] = {
         OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME, groupName.data(), 0),
@@ -69,11 +70,15 @@ EvpPkeyPtr keyOnCurve(ByteView point, const CurveInfo& info)
     EVP_PKEY* made = nullptr;
     if (!context || EVP_PKEY_fromdata_init(context.get()) != 1 ||
         EVP_PKEY_fromdata(context.get(), &made, EVP_PKEY_PUBLIC_KEY, const_cast<OSSL_PARAM*>(params)) != 1) {
+        throwIfOutOfMemory();
         return nullptr;
     }
     EvpPkeyPtr key(made);
     EvpPkeyCtxPtr check(EVP_PKEY_CTX_new_from_pkey(nullptr, key.get(), nullptr));
-    if (!check || EVP_PKEY_public_check(check.get()) != 1) return nullptr;
+    if (!check || EVP_PKEY_public_check(check.get()) != 1) {
+        throwIfOutOfMemory();
+        return nullptr;
+    }
     return key;
 }
 

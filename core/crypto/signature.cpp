@@ -2,6 +2,7 @@
 
 #include <openssl/err.h>
 
+#include <new>
 #include <stdexcept>
 #include <string>
 
@@ -61,13 +62,15 @@ std::optional<DecodedSignature> DecodedSignature::plain(const PublicKey& key, By
     EcdsaSigPtr object(ECDSA_SIG_new());
     BignumPtr r(BN_bin2bn(signature.data(), static_cast<int>(half), nullptr));
     BignumPtr s(BN_bin2bn(signature.data() + half, static_cast<int>(half), nullptr));
-    if (!object || !r || !s || ECDSA_SIG_set0(object.get(), r.get(), s.get()) != 1) return std::nullopt;
+    // Any r and s of the right size make a signature object; failing here
+    // is libcrypto out of memory, not a verdict on the signature.
+    if (!object || !r || !s || ECDSA_SIG_set0(object.get(), r.get(), s.get()) != 1) throw std::bad_alloc();
     // The signature object owns them now.
     static_cast<void>(r.release());
     static_cast<void>(s.release());
     DecodedSignature out;
     out.der_ = derOf(object.get());
-    if (!out.der_) return std::nullopt;
+    if (!out.der_) throw std::bad_alloc();
     return out;
 }
 
