@@ -84,34 +84,41 @@ struct TseLogs {
 void counterFindings(std::string_view serial, const TseLogs& logs, const std::set<uint64_t>& extraCounters,
                      Findings& out)
 {
-    std::set<uint64_t> present(extraCounters);
+    // The logs come sorted by counter, so the counters present are those
+    // and the few extra ones merged in order; no set of a million counters.
+    std::vector<std::pair<uint64_t, uint64_t>> gaps;
+    uint64_t missing = 0;
+    std::optional<uint64_t> first, last;
+    const auto present = [&](uint64_t counter) {
+        if (last && counter > *last + 1) {
+            gaps.emplace_back(*last + 1, counter - 1);
+            missing += counter - *last - 1;
+        }
+        if (!first) first = counter;
+        if (!last || counter > *last) last = counter;
+    };
+    auto extra = extraCounters.begin();
     for (size_t i = 0; i < logs.size(); ++i) {
-        present.insert(logs.row(i).counter);
+        const uint64_t counter = logs.row(i).counter;
+        for (; extra != extraCounters.end() && *extra <= counter; ++extra) present(*extra);
+        present(counter);
         size_t j = i;
-        while (j + 1 < logs.size() && logs.row(j + 1).counter == logs.row(i).counter) ++j;
+        while (j + 1 < logs.size() && logs.row(j + 1).counter == counter) ++j;
         if (j > i) {
             std::vector<std::string> files;
             for (size_t k = i; k <= j; ++k) files.push_back(logs.file(k));
             out.add(Severity::Error, "counter-duplicate",
                     shortSerial(serial) + ": " + std::to_string(j - i + 1) + " different logs carry signature counter " +
-                        std::to_string(logs.row(i).counter),
+                        std::to_string(counter),
                     std::move(files));
             i = j;
         }
     }
-    std::vector<std::pair<uint64_t, uint64_t>> gaps;
-    uint64_t missing = 0;
-    for (auto it = present.begin(); it != present.end(); ++it) {
-        auto next = std::next(it);
-        if (next != present.end() && *next > *it + 1) {
-            gaps.emplace_back(*it + 1, *next - 1);
-            missing += *next - *it - 1;
-        }
-    }
+    for (; extra != extraCounters.end(); ++extra) present(*extra);
     if (gaps.empty()) return;
     out.add(Severity::Warning, "counter-gap",
             shortSerial(serial) + ": " + std::to_string(missing) + " signature counters missing between " +
-                std::to_string(*present.begin()) + " and " + std::to_string(*present.rbegin()) + ": " +
+                std::to_string(*first) + " and " + std::to_string(*last) + ": " +
                 counterRanges(gaps, MAX_RANGES_SHOWN),
             {});
 }
@@ -135,42 +142,54 @@ void timeFindings(const TseLogs& logs, Findings& out)
     }
 }
 
-struct TransactionLogs {
-    std::vector<size_t> logs;  // positions in TseLogs
-    bool start = false, finish = false;
-};
-
 // Transactions at the export's edges are left alone: those that started
 // before it (no Start, numbered below every Start seen) and those still
-// open at its end (no Finish, numbered above every Finish seen).
+// open at its end (no Finish, numbered above every Finish seen). The logs
+// are sorted by transaction number as positions, not gathered in a map of
+// lists: a busy year holds hundreds of thousands of transactions.
 void transactionFindings(std::string_view serial, const TseLogs& logs, Findings& out)
 {
-    std::map<uint64_t, TransactionLogs> transactions;
+    std::vector<size_t> positions;
     for (size_t i = 0; i < logs.size(); ++i) {
         const LogTable::Row& row = logs.row(i);
-        if (row.type != static_cast<uint8_t>(LogType::Transaction) || !(row.present & LogTable::Row::HAS_TRANSACTION)) {
-            continue;
+        if (row.type == static_cast<uint8_t>(LogType::Transaction) && (row.present & LogTable::Row::HAS_TRANSACTION)) {
+            positions.push_back(i);
         }
-        TransactionLogs& t = transactions[row.transactionNumber];
-        t.logs.push_back(i);
-        const std::string_view operation = logs.table.text(row.operation);
-        t.start |= isOperation(operation, "start");
-        t.finish |= isOperation(operation, "finish");
     }
+    const auto number = [&](size_t i) { return logs.row(i).transactionNumber; };
+    std::stable_sort(positions.begin(), positions.end(), [&](size_t a, size_t b) { return number(a) < number(b); });
+    struct Span {
+        size_t begin, end;
+        bool start, finish;
+    };
+    const auto spanAt = [&](size_t begin) {
+        Span span{begin, begin, false, false};
+        for (; span.end < positions.size() && number(positions[span.end]) == number(positions[begin]); ++span.end) {
+            const std::string_view operation = logs.table.text(logs.row(positions[span.end]).operation);
+            span.start |= isOperation(operation, "start");
+            span.finish |= isOperation(operation, "finish");
+        }
+        return span;
+    };
     std::optional<uint64_t> firstStarted, lastFinished;
-    for (const auto& [number, t] : transactions) {
-        if (t.start && !firstStarted) firstStarted = number;
-        if (t.finish) lastFinished = number;
+    for (size_t i = 0; i < positions.size();) {
+        const Span span = spanAt(i);
+        if (span.start && !firstStarted) firstStarted = number(positions[i]);
+        if (span.finish) lastFinished = number(positions[i]);
+        i = span.end;
     }
-    for (auto& [number, t] : transactions) {
+    for (size_t i = 0; i < positions.size();) {
+        const Span span = spanAt(i);
+        i = span.end;
+        const uint64_t transaction = number(positions[span.begin]);
         std::string problem;
-        if (!t.start && firstStarted && number > *firstStarted) problem = "has no Start";
-        else if (t.start && !t.finish && lastFinished && number < *lastFinished) problem = "has a Start but no Finish";
+        if (!span.start && firstStarted && transaction > *firstStarted) problem = "has no Start";
+        else if (span.start && !span.finish && lastFinished && transaction < *lastFinished) problem = "has a Start but no Finish";
         if (problem.empty()) continue;
         std::vector<std::string> files;
-        for (const size_t i : t.logs) files.push_back(logs.file(i));
+        for (size_t k = span.begin; k < span.end; ++k) files.push_back(logs.file(positions[k]));
         out.add(Severity::Warning, "transaction-incomplete",
-                shortSerial(serial) + ": transaction " + std::to_string(number) + " " + problem, std::move(files));
+                shortSerial(serial) + ": transaction " + std::to_string(transaction) + " " + problem, std::move(files));
     }
 }
 

@@ -85,6 +85,13 @@ TEST(AuditRules, TransactionsOpenAtTheExportsEdgesAreNoFinding)
     EXPECT_TRUE(findings({tx(1, 3, "Update"), tx(2, 3, "Finish"), tx(3, 4, "Start"), tx(4, 4, "Finish")},
                          "transaction-incomplete")
                     .empty());
+    // Transactions run side by side: their logs interleave by counter.
+    const std::vector<std::string> interleaved =
+        findings({tx(1, 5, "Start"), tx(2, 6, "Start"), tx(3, 7, "Start"), tx(4, 7, "Finish"), tx(5, 5, "Finish"),
+                  tx(6, 8, "Start"), tx(7, 8, "Finish")},
+                 "transaction-incomplete");
+    ASSERT_EQ(interleaved.size(), 1u);
+    EXPECT_NE(interleaved[0].find("transaction 6 has a Start but no Finish"), std::string::npos) << interleaved[0];
 }
 
 TEST(AuditRules, CountersOfUnreadableLogsCloseGapsOnlyWithOneTse)
@@ -98,6 +105,11 @@ TEST(AuditRules, CountersOfUnreadableLogsCloseGapsOnlyWithOneTse)
     } cases[] = {
         {"one TSE, the unreadable log fills the gap", {{1}, {2}, unreadable, {4}}, 0, ""},
         {"one TSE, a real gap", {{1}, {2}, {4}}, 1, "1 signature counters missing between 1 and 4: 3"},
+        {"one TSE, an unreadable log beyond the last widens the range",
+         {{1}, {2}, {Log{7, 0, tse::LogType::Transaction, "", std::nullopt, nullptr}}, {4}},
+         1,
+         "3 signature counters missing between 1 and 7: 3, 5-6"},
+        {"one TSE, a counter twice and a gap", {{1}, {2}, {2}, {5}}, 1, "2 signature counters missing between 1 and 5: 3-4"},
         {"two TSEs, the unreadable log is neither's",
          {{1}, {2}, unreadable, {4}, {Log{1, 0, tse::LogType::Transaction, "", std::nullopt, TSE_B}}},
          1,
