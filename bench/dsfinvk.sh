@@ -16,7 +16,7 @@ trap 'rm -rf "$WORK"' EXIT
 CORES="$(nproc)"
 echo "machine: $CORES cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2- | sed 's/^ //')"
 
-"$BUILD/make-export" -o "$WORK/tse.tar" -n "$TRANSACTIONS" --curve brainpoolP384r1
+"$BUILD/make-export" -o "$WORK/tse.tar" -n "$TRANSACTIONS" --curve brainpoolP384r1 -j "$CORES"
 "$BUILD/make-dsfinvk" --tse "$WORK/tse.tar" --out "$WORK/dsfinvk"
 /usr/bin/time -f '%e %M' -o "$WORK/time" \
     "$BUILD/tse-check" dsfinvk --no-progress --json "$WORK/report.json" "$WORK/dsfinvk" --tse "$WORK/tse.tar" >/dev/null

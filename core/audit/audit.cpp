@@ -98,12 +98,8 @@ struct RecordTexts {
     std::string operation, clientId, processType;
 };
 
-// A TSE's key and, once enough of its logs have come by, the tables that
-// check them fast.
-struct KeyEntry {
-    explicit KeyEntry(const PublicKey& publicKey) : key(publicKey) {}
-
-    PublicKey key;
+// Once enough of a TSE's logs have come by, the tables that check them fast.
+struct KeyTables {
     std::atomic<size_t> logs{0};
     std::once_flag built;
     std::shared_ptr<const KeyVerifier> verifier;  // written once, inside `built`
@@ -118,7 +114,7 @@ struct Deferred {
     RecordTexts texts;
     std::string serial, algorithm;
     LogMessage message;
-    std::shared_ptr<KeyEntry> key;
+    std::shared_ptr<KeyTables> tables;
 };
 
 // What a verifying thread remembers from its last log: consecutive logs
@@ -213,7 +209,7 @@ private:
     bool firstSighting(ByteView data);
     void work();
     void process(WorkItem&& item, WorkerMemory& memory);
-    const KeyVerifier* fastVerifier(KeyEntry& entry);
+    const KeyVerifier* fastVerifier(const PublicKey& key, KeyTables& tables);
     void settle(LogRecord&& record, const RecordTexts& texts, const LogMessage& message,
                 Verification verification);
     void settleDeferred(WorkerMemory& memory);
@@ -237,7 +233,7 @@ private:
     // thread, which adds keys, and the workers, which look them up. The
     // audit's entries carry the tables built for a key with many logs.
     SharedMutex keysLock_;
-    std::unordered_map<std::string, std::shared_ptr<KeyEntry>> keys_ TSE_GUARDED_BY(keysLock_);  // by raw serial
+    BasicKeyIndex<std::shared_ptr<KeyTables>> keys_ TSE_GUARDED_BY(keysLock_);
     std::atomic<size_t> keysWithTables_{0};
     std::unordered_map<std::string, std::vector<WorkItem>> pending_ TSE_GUARDED_BY(keysLock_);
     size_t pendingBytes_ TSE_GUARDED_BY(keysLock_) = 0;
@@ -271,7 +267,7 @@ void AuditRun::addKey(const Certificate& certificate)
     std::vector<WorkItem> waiting;
     {
         ExclusiveLock<SharedMutex> lock(keysLock_);
-        keys_.emplace(serial, std::make_shared<KeyEntry>(key));
+        keys_.add(key, {}, std::make_shared<KeyTables>());
         auto found = pending_.find(serial);
         if (found != pending_.end()) {
             waiting = std::move(found->second);
@@ -420,19 +416,19 @@ void AuditRun::process(WorkItem&& item, WorkerMemory& memory)
     // the TSE's, and a name that does not follow its pattern is a finding.
     if (name) record.nameProblem = nameMismatch(*name, message);
     else if (!item.standalone) record.nameProblem = "the name does not follow the TSE's naming pattern";
-    const std::string serial(message.serialNumber.begin(), message.serialNumber.end());
-    std::shared_ptr<KeyEntry> key;
+    std::optional<PublicKey> key;
+    std::shared_ptr<KeyTables> tables;
     {
         SharedLock lock(keysLock_);
-        if (auto found = keys_.find(serial); found != keys_.end()) key = found->second;
+        if (const auto* found = keys_.find(message.serialNumber)) key = found->key, tables = found->extra;
     }
     if (!key && !finalPass_) {
         ExclusiveLock<SharedMutex> lock(keysLock_);
-        if (auto found = keys_.find(serial); found != keys_.end()) {
-            key = found->second;
+        if (const auto* found = keys_.find(message.serialNumber)) {
+            key = found->key, tables = found->extra;
         } else if (pendingBytes_ + pendingCost(item) <= options_.maxPendingBytes) {
             pendingBytes_ += pendingCost(item);
-            pending_[serial].push_back(std::move(item));
+            pending_[std::string(message.serialNumber.begin(), message.serialNumber.end())].push_back(std::move(item));
             return;
         } else {
             deferred_.insert(item.ordinal);
@@ -446,18 +442,18 @@ void AuditRun::process(WorkItem&& item, WorkerMemory& memory)
         if (options_.inspect) options_.inspect(message, record);
         return keep(std::move(record), texts);
     }
-    if (fastVerifier(*key)) {
+    if (fastVerifier(*key, *tables)) {
         Deferred waiting;
         waiting.serial = std::string(texts.serialNumber);
         waiting.algorithm = std::string(texts.algorithm);
         waiting.record = std::move(record);
         waiting.texts = std::move(texts);
         waiting.message = std::move(*parse.message);
-        waiting.key = std::move(key);
+        waiting.tables = std::move(tables);
         memory.deferred.push_back(std::move(waiting));
         return;
     }
-    settle(std::move(record), texts, message, verifyLog(message, key->key));
+    settle(std::move(record), texts, message, verifyLog(message, *key));
 }
 
 // Whichever path checked the signature, the log is judged in one place, as
@@ -479,17 +475,17 @@ void AuditRun::settleDeferred(WorkerMemory& memory)
     std::vector<bool> done(waiting.size(), false);
     for (size_t first = 0; first < waiting.size(); ++first) {
         if (done[first]) continue;
-        KeyEntry* entry = waiting[first].key.get();
+        KeyTables* tables = waiting[first].tables.get();
         std::vector<size_t> group;
         std::vector<const LogMessage*> messages;
         for (size_t i = first; i < waiting.size(); ++i) {
-            if (!done[i] && waiting[i].key.get() == entry) {
+            if (!done[i] && waiting[i].tables.get() == tables) {
                 group.push_back(i);
                 messages.push_back(&waiting[i].message);
                 done[i] = true;
             }
         }
-        const std::vector<Verification> verifications = verifyLogs(messages, *entry->verifier, memory.verifyScratch());
+        const std::vector<Verification> verifications = verifyLogs(messages, *tables->verifier, memory.verifyScratch());
         for (size_t k = 0; k < group.size(); ++k) {
             Deferred& d = waiting[group[k]];
             d.texts.serialNumber = d.serial;
@@ -503,19 +499,19 @@ void AuditRun::settleDeferred(WorkerMemory& memory)
 // The many logs of one TSE are checked through tables of its key, built by
 // the first thread that sees the key's logs pass the curve's threshold (the
 // others wait for it, which is less than a hundred signatures take).
-const KeyVerifier* AuditRun::fastVerifier(KeyEntry& entry)
+const KeyVerifier* AuditRun::fastVerifier(const PublicKey& key, KeyTables& tables)
 {
-    const size_t seen = ++entry.logs;
-    if (!entry.ready.load(std::memory_order_acquire) && seen >= KeyVerifier::minSignatures(entry.key.curve())) {
-        std::call_once(entry.built, [&] {
+    const size_t seen = ++tables.logs;
+    if (!tables.ready.load(std::memory_order_acquire) && seen >= KeyVerifier::minSignatures(key.curve())) {
+        std::call_once(tables.built, [&] {
             if (++keysWithTables_ <= MAX_KEYS_WITH_TABLES) {
-                auto verifier = std::make_shared<const KeyVerifier>(entry.key, seen);
-                if (verifier->usesTables()) entry.verifier = std::move(verifier);
+                auto verifier = std::make_shared<const KeyVerifier>(key, seen);
+                if (verifier->usesTables()) tables.verifier = std::move(verifier);
             }
-            entry.ready.store(true, std::memory_order_release);
+            tables.ready.store(true, std::memory_order_release);
         });
     }
-    return entry.ready.load(std::memory_order_acquire) ? entry.verifier.get() : nullptr;
+    return tables.ready.load(std::memory_order_acquire) ? tables.verifier.get() : nullptr;
 }
 
 void AuditRun::work()

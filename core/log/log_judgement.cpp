@@ -4,14 +4,6 @@
 #include "log_verify.h"
 
 namespace tse {
-namespace {
-
-std::string serialKey(ByteView serialNumber)
-{
-    return std::string(serialNumber.begin(), serialNumber.end());
-}
-
-}  // namespace
 
 std::string_view logVerdictName(LogVerdict verdict)
 {
@@ -22,17 +14,6 @@ std::string_view logVerdictName(LogVerdict verdict)
     case LogVerdict::Unreadable: return "unreadable";
     }
     return "";
-}
-
-bool KeyIndex::add(const PublicKey& key, std::string source)
-{
-    return entries_.emplace(serialKey(key.serialNumber()), Entry{key, std::move(source)}).second;
-}
-
-const KeyIndex::Entry* KeyIndex::find(ByteView serialNumber) const
-{
-    const auto found = entries_.find(serialKey(serialNumber));
-    return found == entries_.end() ? nullptr : &found->second;
 }
 
 LogJudgement unreadableLog(const LogParse& parse)

@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
+#include <variant>
 
 #include "bytes.h"
 #include "log_message.h"
@@ -25,23 +27,38 @@ struct LogJudgement {
 };
 
 // The keys at hand, found by the serial number a log names (the SHA-256 of
-// the key's point). The first key added for a serial number stays.
-class KeyIndex {
+// the key's point). The first key added for a serial number stays. An entry
+// may carry what its user keeps per key (the audit keeps there the tables
+// that check the key's many logs fast), so that there is one lookup.
+template <typename Extra = std::monostate>
+class BasicKeyIndex {
 public:
     struct Entry {
         PublicKey key;
         std::string source;  // the file it came from
+        Extra extra;
     };
 
     // False when a key of that serial number is known already.
-    bool add(const PublicKey& key, std::string source);
-    // nullptr when no key has that serial number.
-    const Entry* find(ByteView serialNumber) const;
+    bool add(const PublicKey& key, std::string source, Extra extra = Extra())
+    {
+        return entries_.emplace(serialKey(key.serialNumber()), Entry{key, std::move(source), std::move(extra)}).second;
+    }
+    // nullptr when no key has that serial number. Entries never move, so
+    // the pointer stays good while keys are added.
+    const Entry* find(ByteView serialNumber) const
+    {
+        const auto found = entries_.find(serialKey(serialNumber));
+        return found == entries_.end() ? nullptr : &found->second;
+    }
     size_t size() const { return entries_.size(); }
 
 private:
+    static std::string serialKey(ByteView serialNumber) { return std::string(serialNumber.begin(), serialNumber.end()); }
+
     std::unordered_map<std::string, Entry> entries_;  // by the raw serial number
 };
+using KeyIndex = BasicKeyIndex<>;
 
 // A log whose bytes do not parse: the parser's words and where it stopped.
 LogJudgement unreadableLog(const LogParse& parse);
