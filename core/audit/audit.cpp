@@ -522,12 +522,13 @@ void AuditRun::work()
             // A log that cannot be checked (libcrypto out of memory, say) is
             // no invalid signature; it is reported as not checked.
             LogRecord failed;
-            failed.file = escapeText(item.name);
             failed.source = item.source;
             failed.ordinal = item.ordinal;
+            std::string name = item.name;
             try {
                 process(std::move(item), memory);
             } catch (const std::exception& error) {
+                failed.file = escapeText(name);
                 failed.reason = std::string("could not be checked: ") + error.what();
                 keep(std::move(failed));
             }

@@ -35,6 +35,10 @@ size_t utf8Length(ByteView value, size_t i)
 // the escaping reversible; without, text escaped before passes unchanged.
 std::string escape(ByteView value, bool backslash)
 {
+    // Nearly every text is printable ASCII throughout and comes back as it
+    // is; an audit escapes several texts of every log.
+    const auto plain = [&](uint8_t c) { return c >= 0x20 && c < 0x7F && !(c == '\\' && backslash); };
+    if (std::all_of(value.begin(), value.end(), plain)) return std::string(value.begin(), value.end());
     std::string out;
     out.reserve(value.size());
     for (size_t i = 0; i < value.size();) {

@@ -1,6 +1,9 @@
 #include "key_verifier.h"
 
+#include <algorithm>
 #include <array>
+#include <cstdint>
+#include <optional>
 #include <vector>
 
 #include <openssl/err.h>
@@ -14,9 +17,12 @@ namespace {
 
 // Signatures whose inversions of s share one BN_mod_inverse.
 constexpr size_t BLOCK = 64;
-// Signed radix-256 digits run from -127 to 128, so a window needs the
-// multiples 1..128 of its base point; the sign costs a negation.
-constexpr int HALF = 128;
+// Signed digits of w bits run from 1 - 2^(w-1) to 2^(w-1), so a window
+// needs the multiples 1..2^(w-1) of its base point; the sign costs a
+// negation. Each bit more halves the additions' growth per bit of the
+// scalar and doubles the table; the widths are chosen per key to fit
+// MAX_TABLE_BYTES.
+constexpr unsigned MIN_DIGIT_BITS = 8, MAX_DIGIT_BITS = 12;
 // A hash value given as such may be as long as the largest order; only the
 // order's length of it counts.
 constexpr size_t MAX_PREHASHED = 1024;
@@ -38,17 +44,26 @@ EcPointPtr newPoint(const EC_GROUP* group)
     return point;
 }
 
-// The signed digits of a scalar below the order, least significant first:
-// digit i stands for digit·256^i, and the digits sum to the scalar.
-void signedDigits(const unsigned char* bigEndian, size_t size, int* digits)
+// The signed digits of a scalar below the order (big-endian bytes), least
+// significant first: digit i stands for digit·2^(bits·i), the digits sum
+// to the scalar, and the last one is the carry out of the others.
+void signedDigits(const unsigned char* bigEndian, size_t size, unsigned bits, int* digits, size_t count)
 {
+    const int full = 1 << bits, half = full >> 1;
     int carry = 0;
-    for (size_t i = 0; i < size; ++i) {
-        const int value = bigEndian[size - 1 - i] + carry;
-        carry = value > HALF ? 1 : 0;
-        digits[i] = value - (carry << 8);
+    for (size_t i = 0; i + 1 < count; ++i) {
+        // Three bytes hold any `bits` bits that start within the first.
+        const size_t bit = i * bits;
+        uint32_t window = 0;
+        for (size_t k = 0; k < 3; ++k) {
+            const size_t byte = bit / 8 + k;
+            if (byte < size) window |= uint32_t{bigEndian[size - 1 - byte]} << (8 * k);
+        }
+        const int value = static_cast<int>((window >> (bit % 8)) & static_cast<uint32_t>(full - 1)) + carry;
+        carry = value > half ? 1 : 0;
+        digits[i] = value - carry * full;
     }
-    digits[size] = carry;
+    digits[count - 1] = carry;
 }
 
 // OpenSSL 3 marks the batch conversion to affine points deprecated without
@@ -87,20 +102,44 @@ bool verifyPrehashed(const PublicKey& key, ByteView digest, ByteView signature)
 
 }  // namespace
 
+// The multiples of one base point P that signed digits of `bits` bits ask
+// for: window i holds d·2^(bits·i)·P for d = 1..entries[i], at
+// offsets[i] + d - 1.
+struct Comb {
+    unsigned bits = MIN_DIGIT_BITS;
+    std::vector<size_t> offsets, entries;
+    std::vector<EcPointPtr> points;
+
+    // The windows of a scalar of orderBits bits. The top ones hold small
+    // digits only: the last the carry, the one below it what bits remain.
+    Comb(unsigned digitBits, int orderBits) : bits(digitBits)
+    {
+        const size_t scalarBits = static_cast<size_t>(orderBits);
+        const size_t windows = (scalarBits + bits - 1) / bits + 1;
+        const size_t half = size_t{1} << (bits - 1);
+        for (size_t i = 0; i < windows; ++i) {
+            size_t count = half;
+            if (i == windows - 1) count = 1;
+            else if (i == windows - 2) count = std::min(half, size_t{1} << (scalarBits - bits * i));
+            offsets.push_back(i == 0 ? 0 : offsets.back() + entries.back());
+            entries.push_back(count);
+        }
+    }
+    size_t windows() const { return entries.size(); }
+    size_t size() const { return offsets.back() + entries.back(); }
+    const EC_POINT* entry(size_t window, int digit) const
+    {
+        return points[offsets[window] + static_cast<size_t>(digit) - 1].get();
+    }
+};
+
 struct KeyVerifier::Tables {
     EcGroupPtr group;
     BignumPtr order;
     size_t orderBytes = 0;
     int orderBits = 0;
-    // Window i holds d·256^i·P for d = 1..entries[i], at offsets[i] + d - 1.
-    std::vector<size_t> offsets, entries;
-    std::vector<EcPointPtr> g, q;
+    std::optional<Comb> g, q;
     size_t bytes = 0;
-
-    const EC_POINT* entry(const std::vector<EcPointPtr>& table, size_t window, int digit) const
-    {
-        return table[offsets[window] + static_cast<size_t>(digit) - 1].get();
-    }
 };
 
 struct VerifyScratch::State {
@@ -196,28 +235,32 @@ KeyVerifier::KeyVerifier(const PublicKey& key, size_t expectedSignatures, Path p
     tables->orderBits = BN_num_bits(tables->order.get());
     tables->orderBytes = static_cast<size_t>(BN_num_bytes(tables->order.get()));
 
-    // The top windows of a scalar below the order hold small digits only:
-    // the byte below the top one at most its value in the order plus a
-    // carry, the one past the top a carry.
-    const size_t windows = tables->orderBytes + 1;
-    std::vector<unsigned char> orderBytes(tables->orderBytes);
-    BN_bn2binpad(tables->order.get(), orderBytes.data(), static_cast<int>(orderBytes.size()));
-    for (size_t i = 0; i < windows; ++i) {
-        size_t count = HALF;
-        if (i == windows - 1) count = 1;
-        else if (i == windows - 2) count = std::min<size_t>(HALF, size_t{orderBytes[0]} + 1);
-        tables->offsets.push_back(i == 0 ? 0 : tables->offsets.back() + tables->entries.back());
-        tables->entries.push_back(count);
+    // An EC_POINT with three numbers of the field's size, and what the
+    // allocator adds to each of the four allocations.
+    const size_t words = (key.curveInfo().fieldSize + 7) / 8;
+    const size_t perPoint = 64 + 3 * (32 + 16 * ((words * 8 + 8 + 15) / 16));
+    // Digits as wide as the bound allows, G's first: it takes part in every
+    // signature as much as Q does, and widening one by a bit at a time keeps
+    // the two within one bit of each other.
+    unsigned bitsG = MIN_DIGIT_BITS, bitsQ = MIN_DIGIT_BITS;
+    const auto bytesFor = [&](unsigned g, unsigned q) {
+        return (Comb(g, tables->orderBits).size() + Comb(q, tables->orderBits).size()) * perPoint;
+    };
+    for (bool grew = true; grew;) {
+        grew = false;
+        if (bitsG < MAX_DIGIT_BITS && bytesFor(bitsG + 1, bitsQ) <= MAX_TABLE_BYTES) ++bitsG, grew = true;
+        if (bitsQ < bitsG && bytesFor(bitsG, bitsQ + 1) <= MAX_TABLE_BYTES) ++bitsQ, grew = true;
     }
-    const size_t total = tables->offsets.back() + tables->entries.back();
+    tables->bytes = bytesFor(bitsG, bitsQ);
+    if (tables->bytes > MAX_TABLE_BYTES) return;
 
-    const auto build = [&](const EC_POINT* base, std::vector<EcPointPtr>& out) {
+    const auto build = [&](const EC_POINT* base, Comb& comb) {
         std::vector<EcPointPtr> work;
-        work.reserve(total);
+        work.reserve(comb.size());
         EcPointPtr window(EC_POINT_dup(base, group));
         if (!window) return false;
-        for (size_t i = 0; i < windows; ++i) {
-            for (size_t d = 1; d <= tables->entries[i]; ++d) {
+        for (size_t i = 0; i < comb.windows(); ++i) {
+            for (size_t d = 1; d <= comb.entries[i]; ++d) {
                 EcPointPtr point(d == 1 ? EC_POINT_dup(window.get(), group) : EC_POINT_new(group));
                 if (!point) return false;
                 if (d > 1 && EC_POINT_add(group, point.get(), work.back().get(), window.get(), ctx.get()) != 1) {
@@ -225,7 +268,7 @@ KeyVerifier::KeyVerifier(const PublicKey& key, size_t expectedSignatures, Path p
                 }
                 work.push_back(std::move(point));
             }
-            for (int k = 0; k < 8 && i + 1 < windows; ++k) {
+            for (unsigned k = 0; k < comb.bits && i + 1 < comb.windows(); ++k) {
                 if (EC_POINT_dbl(group, window.get(), window.get(), ctx.get()) != 1) return false;
             }
         }
@@ -235,24 +278,20 @@ KeyVerifier::KeyVerifier(const PublicKey& key, size_t expectedSignatures, Path p
         if (makeAffine(group, raw.size(), raw.data(), ctx.get()) != 1) return false;
         // Copies of the affine points take no more memory than they need;
         // the results of the field arithmetic keep room for twice as much.
-        out.reserve(work.size());
+        comb.points.reserve(work.size());
         for (EcPointPtr& point : work) {
-            out.emplace_back(EC_POINT_dup(point.get(), group));
-            if (!out.back()) return false;
+            comb.points.emplace_back(EC_POINT_dup(point.get(), group));
+            if (!comb.points.back()) return false;
             point.reset();
         }
         return true;
     };
-    if (!build(EC_GROUP_get0_generator(group), tables->g) || !build(keyPoint, tables->q)) {
+    tables->g.emplace(bitsG, tables->orderBits);
+    tables->q.emplace(bitsQ, tables->orderBits);
+    if (!build(EC_GROUP_get0_generator(group), *tables->g) || !build(keyPoint, *tables->q)) {
         ERR_clear_error();
         return;
     }
-    // An EC_POINT with three numbers of the field's size, and what the
-    // allocator adds to each of the four allocations.
-    const size_t words = (key.curveInfo().fieldSize + 7) / 8;
-    const size_t perPoint = 64 + 3 * (32 + 16 * ((words * 8 + 8 + 15) / 16));
-    tables->bytes = 2 * total * perPoint;
-    if (tables->bytes > MAX_TABLE_BYTES) return;
     tables_ = std::move(tables);
 }
 
@@ -361,9 +400,11 @@ void KeyVerifier::verifyBlock(const SignatureCheck* checks, size_t count, bool* 
     }
 
     const size_t scalarBytes = t.orderBytes;
+    const Comb& g = *t.g;
+    const Comb& q = *t.q;
     st.bytes.resize(scalarBytes);
-    st.digits1.resize(scalarBytes + 1);
-    st.digits2.resize(scalarBytes + 1);
+    st.digits1.resize(g.windows());
+    st.digits2.resize(q.windows());
     std::array<EC_POINT*, BLOCK> sums{};
     std::array<size_t, BLOCK> owner{};
     size_t sumCount = 0;
@@ -374,15 +415,15 @@ void KeyVerifier::verifyBlock(const SignatureCheck* checks, size_t count, bool* 
         BIGNUM* u2 = st.u2.get();
         if (!BN_mod_mul(u1, u1, w, order, ctx) || !BN_mod_mul(u2, st.r[i].get(), w, order, ctx)) continue;
         if (BN_bn2binpad(u1, st.bytes.data(), static_cast<int>(scalarBytes)) < 0) continue;
-        signedDigits(st.bytes.data(), scalarBytes, st.digits1.data());
+        signedDigits(st.bytes.data(), scalarBytes, g.bits, st.digits1.data(), g.windows());
         if (BN_bn2binpad(u2, st.bytes.data(), static_cast<int>(scalarBytes)) < 0) continue;
-        signedDigits(st.bytes.data(), scalarBytes, st.digits2.data());
+        signedDigits(st.bytes.data(), scalarBytes, q.bits, st.digits2.data(), q.windows());
 
         EC_POINT* sum = st.sums[i].get();
         bool empty = true, failed = false;
-        const auto add = [&](const std::vector<EcPointPtr>& table, size_t window, int digit) {
+        const auto add = [&](const Comb& comb, size_t window, int digit) {
             if (digit == 0 || failed) return;
-            const EC_POINT* point = t.entry(table, window, digit < 0 ? -digit : digit);
+            const EC_POINT* point = comb.entry(window, digit < 0 ? -digit : digit);
             if (empty) {
                 failed = EC_POINT_copy(sum, point) != 1 || (digit < 0 && EC_POINT_invert(group, sum, ctx) != 1);
                 empty = false;
@@ -394,10 +435,8 @@ void KeyVerifier::verifyBlock(const SignatureCheck* checks, size_t count, bool* 
             failed = failed || EC_POINT_add(group, sum, sum, point, ctx) != 1;
             if (digit < 0) failed = failed || EC_POINT_invert(group, sum, ctx) != 1;
         };
-        for (size_t window = 0; window <= scalarBytes; ++window) {
-            add(t.g, window, st.digits1[window]);
-            add(t.q, window, st.digits2[window]);
-        }
+        for (size_t window = 0; window < g.windows(); ++window) add(g, window, st.digits1[window]);
+        for (size_t window = 0; window < q.windows(); ++window) add(q, window, st.digits2[window]);
         // Both scalars zero, or a sum that lands on the point at infinity:
         // no x to compare, so no valid signature.
         if (failed || empty || EC_POINT_is_at_infinity(group, sum)) continue;
