@@ -33,9 +33,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     // An exact-size copy, so that any read past the end is caught.
     const std::vector<uint8_t> input(data, data + size);
-    const tse::LogParse parse = tse::parseLogMessage(input);
-    if (!parse.message) return 0;
-    const tse::LogMessage& message = *parse.message;
+    const tse::Result<tse::LogMessage> parse = tse::parseLogMessage(input);
+    if (!parse) return 0;
+    const tse::LogMessage& message = *parse;
     size_t shown = message.logTime.iso().size() + message.operation().size();
     for (const tse::LogField& field : message.certifiedData) {
         shown += field.text ? tse::escapeText(field.value).size() : tse::toHex(field.value).size();

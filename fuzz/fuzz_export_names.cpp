@@ -18,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     tse::unsafeMemberName(name);
     tse::parseLogName(name);
     tse::certificateNameSerial(name);
-    const tse::InfoParse info = tse::parseInfoCsv(input);
-    if (!info.info && info.error.empty()) std::abort();
+    const tse::Result<tse::InfoCsv> info = tse::parseInfoCsv(input);
+    if (!info && info.message().empty()) std::abort();
     return 0;
 }

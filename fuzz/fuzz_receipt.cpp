@@ -11,13 +11,13 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     const std::string text(reinterpret_cast<const char*>(data), size);
-    const tse::ReceiptParse parse = tse::parseReceiptText(text);
+    const tse::Result<tse::Receipt> parse = tse::parseReceiptText(text);
     // Every refusal and every failed verification must tell the user why.
-    if (!parse.receipt) {
-        if (parse.error.empty()) std::abort();
+    if (!parse) {
+        if (parse.message().empty()) std::abort();
         return 0;
     }
-    const tse::ReceiptVerification verification = tse::verifyReceipt(*parse.receipt);
+    const tse::ReceiptVerification verification = tse::verifyReceipt(*parse);
     if (!verification.valid() && verification.reason.empty()) std::abort();
     return 0;
 }

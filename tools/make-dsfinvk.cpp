@@ -121,11 +121,11 @@ void readTse(const Options& options, std::vector<Sale>& sales, std::map<std::str
     const tse::ExportGrouping grouping = tse::groupExportPaths(options.tse);
     if (!grouping.error.empty()) throw std::runtime_error(grouping.error);
     for (const tse::ExportSource& source : grouping.sources) {
-        const tse::ExportRead read = tse::readExportSource(source, 16u << 20, [&](tse::ExportMember&& member) {
+        const tse::Result<tse::ExportRead> read = tse::readExportSource(source, 16u << 20, [&](tse::ExportMember&& member) {
             if (!member.contents) return;
             const tse::MemberKind kind = tse::classifyMember(member.name);
             if (kind == tse::MemberKind::Certificate) {
-                for (const tse::Certificate& certificate : tse::loadCertificates(*member.contents).certificates) {
+                for (const tse::Certificate& certificate : tse::loadCertificates(*member.contents).value_or({})) {
                     if (!certificate.key()) continue;
                     TseKey key;
                     key.keyBase64 = tse::toBase64(options.spkiKey ? der(encodeKey, certificate.key()->evpKey())
@@ -136,9 +136,9 @@ void readTse(const Options& options, std::vector<Sale>& sales, std::map<std::str
                 return;
             }
             if (kind != tse::MemberKind::Log) return;
-            const tse::LogParse parse = tse::parseLogMessage(*member.contents);
-            if (!parse.message || parse.message->type != tse::LogType::Transaction) return;
-            const tse::LogMessage& m = *parse.message;
+            const tse::Result<tse::LogMessage> parse = tse::parseLogMessage(*member.contents);
+            if (!parse || parse->type != tse::LogType::Transaction) return;
+            const tse::LogMessage& m = *parse;
             const std::optional<uint64_t> number = m.transactionNumber();
             if (!number) return;
             std::string operation = m.operation();
@@ -160,7 +160,7 @@ void readTse(const Options& options, std::vector<Sale>& sales, std::map<std::str
             sale.timeFormat = timeFormatName(m.logTime);
             sales.push_back(std::move(sale));
         });
-        if (!read.opened) throw std::runtime_error(read.error);
+        if (!read) throw std::runtime_error(read.message());
     }
     for (Sale& sale : sales) {
         const auto start = starts.find({sale.serial, sale.transaction});
@@ -274,9 +274,9 @@ size_t middle(const std::vector<Sale>& sales, bool receipt)
 
 int run(const Options& options)
 {
-    const tse::FileRead indexFile = tse::readFileBounded(options.index, tse::MAX_INDEX_XML);
-    if (!indexFile.contents) throw std::runtime_error(options.index + " " + indexFile.error);
-    const tse::IndexParse index = tse::parseIndexXml(*indexFile.contents);
+    const tse::Result<tse::Bytes> indexFile = tse::readFileBounded(options.index, tse::MAX_INDEX_XML);
+    if (!indexFile) throw std::runtime_error(options.index + " " + indexFile.message());
+    const tse::IndexParse index = tse::parseIndexXml(*indexFile);
     if (!index.error.empty()) throw std::runtime_error(options.index + " " + index.error);
 
     std::vector<Sale> all;
@@ -471,7 +471,7 @@ int run(const Options& options)
         }
     }
     std::map<std::string, std::string>& files = writer.files();
-    files["index.xml"] = std::string(indexFile.contents->begin(), indexFile.contents->end());
+    files["index.xml"] = std::string(indexFile->begin(), indexFile->end());
     writeFiles(options, files);
     return 0;
 }

@@ -325,10 +325,10 @@ int auditCommand(AuditCommandOptions& options)
         refuse(EXIT_BAD_INPUT, "--json, --csv and --html cannot share standard output; write all but one to files\n"
                                "Run with --help for more information.");
     }
-    tse::AuditOutcome outcome = tse::auditExport(options.audit);
+    const tse::Result<tse::AuditReport> outcome = tse::auditExport(options.audit);
     bar.reset();
-    if (!outcome.report) refuse(EXIT_BAD_INPUT, "Cannot audit: " + tse::escapeUnsafe(outcome.error));
-    const tse::AuditReport& report = *outcome.report;
+    if (!outcome) refuse(EXIT_BAD_INPUT, "Cannot audit: " + tse::escapeUnsafe(outcome.message()));
+    const tse::AuditReport& report = *outcome;
     if (!options.jsonPath.empty()) {
         writeTo(options.jsonPath, [&](std::ostream& out) { writeJson(out, report, options.audit.jobs); });
     }

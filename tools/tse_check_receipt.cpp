@@ -70,9 +70,9 @@ public:
     {
         const bool standardInput = path == "-";
         const std::string name = standardInput ? "stdin" : path;
-        tse::FileRead read = tse::readFileBounded(standardInput ? "/dev/stdin" : path, MAX_RECEIPT_LIST_SIZE);
-        if (!read.contents) return report("Receipt list " + name + " " + read.error);
-        const std::string text = tse::ByteView(*read.contents).text();
+        const tse::Result<tse::Bytes> read = tse::readFileBounded(standardInput ? "/dev/stdin" : path, MAX_RECEIPT_LIST_SIZE);
+        if (!read) return report("Receipt list " + name + " " + read.message());
+        const std::string text = tse::ByteView(*read).text();
         size_t lineNumber = 0;
         for (size_t start = 0; start < text.size();) {
             size_t end = text.find('\n', start);
@@ -98,12 +98,12 @@ public:
             const bool standardInput = paths[i] == "-";
             Scanned& out = scanned[i];
             out.name = standardInput ? "stdin" : paths[i];
-            const tse::FileRead read = tse::readFileBounded(standardInput ? "/dev/stdin" : paths[i], MAX_PICTURE_SIZE);
-            if (!read.contents) {
-                out.error = "Picture " + out.name + " " + read.error;
+            const tse::Result<tse::Bytes> read = tse::readFileBounded(standardInput ? "/dev/stdin" : paths[i], MAX_PICTURE_SIZE);
+            if (!read) {
+                out.error = "Picture " + out.name + " " + read.message();
                 return;
             }
-            out.scan = tse::scanImage(*read.contents);
+            out.scan = tse::scanImage(*read);
             if (!out.scan.error.empty()) out.error = "Picture " + out.name + " cannot be read: " + out.scan.error;
             else if (out.scan.codes.empty()) out.error = "Picture " + out.name + " holds no QR code";
         });
@@ -148,12 +148,12 @@ ReceiptResult parseOne(const ReceiptInput& input, tse::KeyCache& keys)
 {
     ReceiptResult result;
     result.input = input;
-    tse::ReceiptParse parse = tse::parseReceiptText(input.text, &keys);
-    if (!parse.receipt) {
-        result.verification = {tse::Verdict::Malformed, parse.error, {}, {}};
+    tse::Result<tse::Receipt> parse = tse::parseReceiptText(input.text, &keys);
+    if (!parse) {
+        result.verification = {tse::Verdict::Malformed, parse.message(), {}, {}};
         return result;
     }
-    result.receipt = std::move(parse.receipt);
+    result.receipt = std::move(parse).take();
     return result;
 }
 

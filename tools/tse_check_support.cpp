@@ -11,32 +11,28 @@ void refuse(int status, const std::string& reason)
 
 Bytes readInputFile(const std::string& path, const std::string& what, size_t maxSize)
 {
-    tse::FileRead read = tse::readFileBounded(path, maxSize);
-    if (!read.contents) {
-        refuse(EXIT_BAD_INPUT, what + " " + path + " " + read.error);
-    }
-    return std::move(*read.contents);
+    tse::Result<Bytes> read = tse::readFileBounded(path, maxSize);
+    if (!read) refuse(EXIT_BAD_INPUT, what + " " + path + " " + read.message());
+    return std::move(read).value();
 }
 
 tse::LogMessage readLogFile(const std::string& path)
 {
     const Bytes data = readInputFile(path, "Log file", MAX_LOG_SIZE);
-    tse::LogParse parse = tse::parseLogMessage(data);
-    if (!parse.message) {
-        refuse(EXIT_BAD_INPUT, "Log file " + path + " cannot be read as a log message: " + parse.error +
-                                   " (at byte " + std::to_string(parse.errorOffset) + ")");
+    tse::Result<tse::LogMessage> parse = tse::parseLogMessage(data);
+    if (!parse) {
+        refuse(EXIT_BAD_INPUT, "Log file " + path + " cannot be read as a log message: " + parse.message() +
+                                   " (at byte " + std::to_string(parse.error().offset.value_or(0)) + ")");
     }
-    return std::move(*parse.message);
+    return std::move(parse).value();
 }
 
 std::vector<tse::Certificate> readCertificateFile(const std::string& path)
 {
     const Bytes data = readInputFile(path, "Certificate", MAX_CERTIFICATE_SIZE);
-    tse::CertificateLoad load = tse::loadCertificates(data);
-    if (load.certificates.empty()) {
-        refuse(EXIT_BAD_INPUT, "Certificate " + path + " holds no certificate: " + load.error);
-    }
-    return std::move(load.certificates);
+    tse::Result<std::vector<tse::Certificate>> load = tse::loadCertificates(data);
+    if (!load) refuse(EXIT_BAD_INPUT, "Certificate " + path + " holds no certificate: " + load.message());
+    return std::move(load).value();
 }
 
 }  // namespace tsecheck

@@ -35,7 +35,7 @@ tse::PublicKey keyOfTse(const std::vector<tse::Certificate>& certificates, const
     std::string unusable;
     for (const tse::Certificate& certificate : certificates) {
         if (!certificate.key()) {
-            unusable = certificate.keyError();
+            unusable = certificate.key().message();
         } else if (certificate.key()->serialNumber() == message.serialNumber) {
             return *certificate.key();
         }
@@ -129,8 +129,8 @@ std::string joinFields(const std::vector<NamedField>& fields)
 // would give a receipt that never verifies.
 bool receiptRebuilds(const std::string& qrText)
 {
-    const tse::ReceiptParse parse = tse::parseReceiptText(qrText);
-    return parse.receipt && tse::verifyReceipt(*parse.receipt).valid();
+    const tse::Result<tse::Receipt> parse = tse::parseReceiptText(qrText);
+    return parse && tse::verifyReceipt(*parse).valid();
 }
 
 // The verifier's own QR code mode rebuilds one encoding (a log time of four

@@ -53,16 +53,16 @@ using tse::KeyIndex;
 
 void addCertificates(KeyIndex& index, const std::string& path, bool refuseUnreadable)
 {
-    tse::FileRead read = tse::readFileBounded(path, MAX_CERTIFICATE_SIZE);
-    if (!read.contents) {
-        if (refuseUnreadable) refuse(EXIT_BAD_INPUT, "Certificate " + path + " " + read.error);
+    const tse::Result<tse::Bytes> read = tse::readFileBounded(path, MAX_CERTIFICATE_SIZE);
+    if (!read) {
+        if (refuseUnreadable) refuse(EXIT_BAD_INPUT, "Certificate " + path + " " + read.message());
         return;
     }
-    tse::CertificateLoad load = tse::loadCertificates(*read.contents);
-    if (load.certificates.empty() && refuseUnreadable) {
-        refuse(EXIT_BAD_INPUT, "Certificate " + path + " holds no certificate: " + load.error);
+    const tse::Result<std::vector<tse::Certificate>> load = tse::loadCertificates(*read);
+    if (!load && refuseUnreadable) {
+        refuse(EXIT_BAD_INPUT, "Certificate " + path + " holds no certificate: " + load.message());
     }
-    for (const tse::Certificate& certificate : load.certificates) {
+    for (const tse::Certificate& certificate : load.value_or({})) {
         if (certificate.key()) {
             index.add(*certificate.key(), path);
         }
@@ -93,17 +93,17 @@ LogResult verifyOne(const std::string& path, const KeyIndex& keys)
 {
     LogResult result;
     result.file = path;
-    tse::FileRead read = tse::readFileBounded(path, MAX_LOG_SIZE);
-    if (!read.contents) {
-        result.judgement.reason = "the file " + read.error;
+    const tse::Result<tse::Bytes> read = tse::readFileBounded(path, MAX_LOG_SIZE);
+    if (!read) {
+        result.judgement.reason = "the file " + read.message();
         return result;
     }
-    tse::LogParse parse = tse::parseLogMessage(*read.contents);
-    if (!parse.message) {
-        result.judgement = tse::unreadableLog(parse);
+    tse::Result<tse::LogMessage> parse = tse::parseLogMessage(*read);
+    if (!parse) {
+        result.judgement = tse::unreadableLog(parse.error());
         return result;
     }
-    result.message = std::move(parse.message);
+    result.message = std::move(parse).take();
     const KeyIndex::Entry* key = keys.find(result.message->serialNumber);
     if (key != nullptr) result.certificate = key->source;
     result.judgement = tse::judgeLog(*result.message, key ? &key->key : nullptr);

@@ -195,7 +195,7 @@ class AuditRun {
 public:
     explicit AuditRun(const AuditOptions& options) : options_(options) { report_.exports = options.exports; }
 
-    AuditOutcome run();
+    Result<AuditReport> run();
 
 private:
     std::string loadGivenCertificates();
@@ -280,13 +280,13 @@ void AuditRun::addKey(const Certificate& certificate)
 
 void AuditRun::addCertificates(const std::string& file, ByteView data, bool trusted, bool given)
 {
-    CertificateLoad load = loadCertificates(data);
-    if (load.certificates.empty()) {
-        addFinding(Severity::Warning, "unexpected-member", file + " holds no certificate: " + load.error, {file});
+    const Result<std::vector<Certificate>> load = loadCertificates(data);
+    if (!load) {
+        addFinding(Severity::Warning, "unexpected-member", file + " holds no certificate: " + load.message(), {file});
         return;
     }
-    if (!given) checkCertificateName(file, load.certificates);
-    for (const Certificate& certificate : load.certificates) {
+    if (!given) checkCertificateName(file, *load);
+    for (const Certificate& certificate : *load) {
         // A file may repeat one certificate many times: it is one certificate.
         if (trusted) {
             pool_.add(certificate, true);
@@ -309,7 +309,7 @@ void AuditRun::addCertificates(const std::string& file, ByteView data, bool trus
         record.notBefore = certificate.notBefore();
         record.notAfter = certificate.notAfter();
         record.curve = certificate.curveName();
-        record.keyProblem = certificate.keyError();
+        record.keyProblem = certificate.key().message();
         record.given = given;
         report_.certificates.push_back(std::move(record));
         certificates_.push_back(certificate);
@@ -334,10 +334,10 @@ void AuditRun::checkCertificateName(const std::string& file, const std::vector<C
 std::string AuditRun::loadGivenCertificates()
 {
     for (const std::string& path : options_.certificateFiles) {
-        FileRead read = readFileBounded(path, MAX_CERTIFICATE_FILE);
-        if (!read.contents) return "the certificate " + path + " " + read.error;
-        if (loadCertificates(*read.contents).certificates.empty()) return "the certificate " + path + " holds no certificate";
-        addCertificates(path, *read.contents, false, true);
+        const Result<Bytes> read = readFileBounded(path, MAX_CERTIFICATE_FILE);
+        if (!read) return "the certificate " + path + " " + read.message();
+        if (!loadCertificates(*read)) return "the certificate " + path + " holds no certificate";
+        addCertificates(path, *read, false, true);
     }
     namespace fs = std::filesystem;
     for (const std::string& directory : options_.trustDirectories) {
@@ -345,9 +345,9 @@ std::string AuditRun::loadGivenCertificates()
         if (!fs::is_directory(directory, error)) return "the trust directory " + directory + " is not a directory";
         for (const auto& entry : fs::directory_iterator(directory, error)) {
             if (!entry.is_regular_file(error)) continue;
-            FileRead read = readFileBounded(entry.path().string(), MAX_CERTIFICATE_FILE);
-            if (read.contents && !loadCertificates(*read.contents).certificates.empty()) {
-                addCertificates(entry.path().string(), *read.contents, true, true);
+            const Result<Bytes> read = readFileBounded(entry.path().string(), MAX_CERTIFICATE_FILE);
+            if (read && loadCertificates(*read)) {
+                addCertificates(entry.path().string(), *read, true, true);
             }
         }
     }
@@ -373,8 +373,8 @@ void AuditRun::loadCertificatesBesideLogs()
             if (given.count(path) || classifyMember(path) != MemberKind::Certificate || !entry.is_regular_file(error)) {
                 continue;
             }
-            FileRead read = readFileBounded(path, MAX_CERTIFICATE_FILE);
-            if (read.contents && firstSighting(*read.contents)) addCertificates(path, *read.contents, false, false);
+            const Result<Bytes> read = readFileBounded(path, MAX_CERTIFICATE_FILE);
+            if (read && firstSighting(*read)) addCertificates(path, *read, false, false);
         }
     }
 }
@@ -403,13 +403,13 @@ void AuditRun::process(WorkItem&& item, WorkerMemory& memory)
     record.source = item.source;
     record.ordinal = item.ordinal;
     const std::optional<LogName> name = parseLogName(item.name);
-    LogParse parse = parseLogMessage(item.bytes);
-    if (!parse.message) {
+    Result<LogMessage> parse = parseLogMessage(item.bytes);
+    if (!parse) {
         if (name) record.type = name->type, record.counter = name->counter;
-        record.reason = unreadableLog(parse).reason;
+        record.reason = unreadableLog(parse.error()).reason;
         return keep(std::move(record));
     }
-    const LogMessage& message = *parse.message;
+    const LogMessage& message = *parse;
     RecordTexts texts;
     fillFromMessage(record, texts, message, memory);
     // A file given by itself may be named anything; in an export the name is
@@ -448,7 +448,7 @@ void AuditRun::process(WorkItem&& item, WorkerMemory& memory)
         waiting.algorithm = std::string(texts.algorithm);
         waiting.record = std::move(record);
         waiting.texts = std::move(texts);
-        waiting.message = std::move(*parse.message);
+        waiting.message = std::move(parse).value();
         waiting.tables = std::move(tables);
         memory.deferred.push_back(std::move(waiting));
         return;
@@ -603,13 +603,14 @@ void AuditRun::visit(ExportMember&& member)
     // Every export shows its own info.csv, even one identical to another's.
     if (kind == MemberKind::Info) {
         AuditedExport& audited = report_.audited[current_];
-        InfoParse parse = parseInfoCsv(*member.contents);
-        if (parse.info) {
-            escapeInfo(*parse.info);
-            if (!report_.info) report_.info = parse.info;
-            if (!audited.info) audited.info = std::move(parse.info);
+        Result<InfoCsv> parse = parseInfoCsv(*member.contents);
+        if (parse) {
+            InfoCsv info = std::move(parse).value();
+            escapeInfo(info);
+            if (!report_.info) report_.info = info;
+            if (!audited.info) audited.info = std::move(info);
         } else {
-            audited.infoProblem = shown + ": " + escapeUnsafe(parse.error);
+            audited.infoProblem = shown + ": " + escapeUnsafe(parse.message());
             if (report_.infoProblem.empty()) report_.infoProblem = audited.infoProblem;
         }
         return;
@@ -647,17 +648,16 @@ std::string AuditRun::readAll()
             ExclusiveLock<Mutex> lock(resultsLock_);
             currentLabel_ = labels_.emplace_back(escapeText(source.label()));
         }
-        const ExportRead read = readExportSource(
+        const Result<ExportRead> read = readExportSource(
             source, options_.maxMemberSize, [&](ExportMember&& member) { visit(std::move(member)); },
             [&](uint64_t bytes) {
                 if (options_.progress) options_.progress(AuditProgress{logsDone_, bytesBefore_ + bytes, bytesTotal_});
             });
         bytesBefore_ += sourceSize(source);
-        if (!read.opened) failure = read.error;
-        else if (!read.error.empty() && !finalPass_) {
+        if (!read) failure = read.message();
+        else if (read->truncation && !finalPass_) {
             const std::string label(currentLabel_);
-            addFinding(Severity::Error, read.truncated ? "export-truncated" : "log-unreadable", escapeUnsafe(read.error),
-                       {label}, label);
+            addFinding(Severity::Error, "export-truncated", escapeUnsafe(*read->truncation), {label}, label);
         }
     }
     flushBatch();
@@ -756,12 +756,12 @@ void AuditRun::finish()
     }
 }
 
-AuditOutcome AuditRun::run()
+Result<AuditReport> AuditRun::run()
 {
     queue_ = std::make_unique<WorkQueue<Batch>>(QUEUE_CAPACITY);
-    if (std::string error = loadGivenCertificates(); !error.empty()) return AuditOutcome{std::nullopt, error};
+    if (std::string error = loadGivenCertificates(); !error.empty()) return Error{error, {}};
     loadCertificatesBesideLogs();
-    if (std::string error = readAll(); !error.empty()) return AuditOutcome{std::nullopt, error};
+    if (std::string error = readAll(); !error.empty()) return Error{error, {}};
     // Every certificate is known now, so nothing waits any longer.
     finalPass_ = true;
     processWaiting();
@@ -771,7 +771,7 @@ AuditOutcome AuditRun::run()
         deferred = !deferred_.empty();
     }
     if (deferred) {
-        if (std::string error = readAll(); !error.empty()) return AuditOutcome{std::nullopt, error};
+        if (std::string error = readAll(); !error.empty()) return Error{error, {}};
     }
     finish();
     // Nothing to audit is no passed audit; a cut archive with nothing left
@@ -781,14 +781,14 @@ AuditOutcome AuditRun::run()
     if (report_.logs.empty() && !truncated) {
         std::string names;
         for (const std::string& path : options_.exports) names += (names.empty() ? "" : ", ") + escapeText(path);
-        return AuditOutcome{std::nullopt, "no log messages found in " + names};
+        return Error{"no log messages found in " + names, {}};
     }
-    return AuditOutcome{std::move(report_), {}};
+    return std::move(report_);
 }
 
 }  // namespace
 
-AuditOutcome auditExport(const AuditOptions& options)
+Result<AuditReport> auditExport(const AuditOptions& options)
 {
     AuditRun run(options);
     return run.run();

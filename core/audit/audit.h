@@ -10,6 +10,7 @@
 
 #include "audit_report.h"
 #include "parallel.h"
+#include "result.h"
 
 namespace tse {
 
@@ -37,14 +38,11 @@ struct AuditOptions {
     std::function<void(const LogMessage&, const LogRecord&)> inspect;
 };
 
-struct AuditOutcome {
-    std::optional<AuditReport> report;
-    std::string error;  // an export or given certificate that cannot be opened at all
-};
-
 // Reads every export once, verifies each log on `jobs` threads while the
-// next members are read, and applies the integrity rules.
-AuditOutcome auditExport(const AuditOptions& options);
+// next members are read, and applies the integrity rules. An error when an
+// export or a given certificate cannot be opened at all, or no export
+// holds a log.
+Result<AuditReport> auditExport(const AuditOptions& options);
 
 }  // namespace tse
 

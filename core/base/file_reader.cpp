@@ -10,9 +10,9 @@
 namespace tse {
 namespace {
 
-FileRead fail(std::string error)
+Result<Bytes> fail(std::string error)
 {
-    return FileRead{std::nullopt, std::move(error)};
+    return Error{std::move(error), std::nullopt};
 }
 
 class FileDescriptor {
@@ -38,7 +38,7 @@ std::string openError(int error)
 
 }  // namespace
 
-FileRead readFileBounded(const std::string& path, size_t maxSize)
+Result<Bytes> readFileBounded(const std::string& path, size_t maxSize)
 {
     FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (file.get() < 0) return fail(openError(errno));
@@ -60,7 +60,7 @@ FileRead readFileBounded(const std::string& path, size_t maxSize)
         contents.insert(contents.end(), chunk, chunk + got);
         if (contents.size() > maxSize) return fail("is larger than " + std::to_string(maxSize) + " bytes");
     }
-    return FileRead{std::move(contents), {}};
+    return contents;
 }
 
 }  // namespace tse

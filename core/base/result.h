@@ -12,6 +12,8 @@ namespace tse {
 // Why something could not be had, in words a user understands; for input
 // that could not be read, also the byte at which reading stopped.
 struct Error {
+    Error(std::string words, std::optional<size_t> at = std::nullopt) : message(std::move(words)), offset(at) {}  // NOLINT
+
     std::string message;
     std::optional<size_t> offset;
 };
@@ -42,6 +44,9 @@ public:
         static const std::string none;
         return ok() ? none : error().message;
     }
+
+    // The value, or the fallback when there is none.
+    T value_or(T fallback) const& { return ok() ? value() : std::move(fallback); }
 
     // The value, or nullopt, for code that keeps it for later.
     std::optional<T> take() && { return ok() ? std::optional<T>(std::move(*this).value()) : std::nullopt; }

@@ -399,7 +399,7 @@ std::string Check::readExport(const ExportSource& source)
 {
     std::optional<IndexParse> index;
     std::string indexProblem = "has no index.xml";
-    const ExportRead first = readExportSource(source, MAX_INDEX_XML, [&](ExportMember&& member) {
+    const Result<ExportRead> first = readExportSource(source, MAX_INDEX_XML, [&](ExportMember&& member) {
         if (!equalsIgnoringCase(baseName(member.name), "index.xml") || index) return;
         if (!member.contents) {
             indexProblem = "has an index.xml that " + member.error;
@@ -409,7 +409,7 @@ std::string Check::readExport(const ExportSource& source)
         if (parse.error.empty()) index = std::move(parse);
         else indexProblem = "has an index.xml that " + parse.error;
     });
-    if (!first.opened) return first.error;
+    if (!first) return first.message();
     if (!index) {
         addFinding(Severity::Warning, "index-missing",
                    source.label() + " " + indexProblem + "; its tables are read in the standard dialect (UTF-8, \";\", "
@@ -417,7 +417,7 @@ std::string Check::readExport(const ExportSource& source)
                    {});
     }
     std::set<std::string> present;
-    const ExportRead second = readExportSource(source, options_.maxTableSize, [&](ExportMember&& member) {
+    const Result<ExportRead> second = readExportSource(source, options_.maxTableSize, [&](ExportMember&& member) {
         const std::string table = lower(baseName(member.name));
         const TableDescription* description = index ? findTable(index->tables, table) : nullptr;
         const bool known = description != nullptr ||
@@ -432,8 +432,8 @@ std::string Check::readExport(const ExportSource& source)
         tablesSeen_.insert(table);
         readTable(label, table, *member.contents, description);
     });
-    if (!second.opened) return second.error;
-    if (!second.error.empty()) addFinding(Severity::Error, "csv-malformed", second.error, {});
+    if (!second) return second.message();
+    if (second->truncation) addFinding(Severity::Error, "csv-malformed", *second->truncation, {});
     std::vector<std::string> expected;
     if (index) {
         for (const TableDescription& table : index->tables) expected.push_back(lower(baseName(table.url)));
@@ -482,11 +482,11 @@ void Check::decodeTses()
         if (entry.certificateText.empty()) continue;
         shown.certificate = true;
         const std::optional<Bytes> der = fromBase64(entry.certificateText);
-        const CertificateLoad load = der ? loadCertificates(*der) : CertificateLoad{};
-        if (load.certificates.empty()) {
+        const std::vector<Certificate> certificates = der ? loadCertificates(*der).value_or({}) : std::vector<Certificate>{};
+        if (certificates.empty()) {
             addFinding(Severity::Error, "certificate-mismatch",
                        "tse.csv: TSE " + shown.serialNumber + ": TSE_ZERTIFIKAT_I and II hold no certificate", {});
-        } else if (!load.certificates.front().key() || load.certificates.front().key()->point() != entry.key->point()) {
+        } else if (!certificates.front().key() || certificates.front().key()->point() != entry.key->point()) {
             addFinding(Severity::Error, "certificate-mismatch",
                        "tse.csv: TSE " + shown.serialNumber +
                            ": the certificate in TSE_ZERTIFIKAT_I and II holds another key than TSE_PUBLIC_KEY",
@@ -735,10 +735,10 @@ void Check::readTseExport()
         log.serial = serials_.emplace(serial, static_cast<uint32_t>(serials_.size())).first->second;
         tseLogs_.push_back(std::move(log));
     };
-    AuditOutcome outcome = auditExport(audit);
-    if (!outcome.report) throw std::runtime_error(outcome.error);
-    tseSummary_ = outcome.report->summary;
-    tseReport_ = std::move(outcome.report);
+    Result<AuditReport> outcome = auditExport(audit);
+    if (!outcome) throw std::runtime_error(outcome.message());
+    tseSummary_ = outcome->summary;
+    tseReport_ = std::move(outcome).take();
 }
 
 LogRecord Check::recordOf(const TseLog& log) const

@@ -37,16 +37,16 @@ bool looksLikePem(ByteView data)
     return head.find("-----BEGIN") != std::string::npos;
 }
 
+KeyResult keyOf(X509* certificate)
+{
+    EvpPkeyPtr evp(X509_get_pubkey(certificate));
+    ERR_clear_error();  // a key type libcrypto cannot decode leaves a reason behind
+    return PublicKey::fromEvp(evp.get());
+}
+
 }  // namespace
 
-Certificate::Certificate(X509* owned) : x509_(owned, X509_free)
-{
-    EvpPkeyPtr evp(X509_get_pubkey(owned));
-    ERR_clear_error();  // a key type libcrypto cannot decode leaves a reason behind
-    KeyResult key = PublicKey::fromEvp(evp.get());
-    keyError_ = key.message();
-    key_ = std::move(key).take();
-}
+Certificate::Certificate(X509* owned) : x509_(owned, X509_free), key_(keyOf(owned)) {}
 
 std::string Certificate::subject() const
 {
@@ -95,33 +95,29 @@ Bytes Certificate::der() const
     return der;
 }
 
-CertificateLoad loadCertificates(ByteView data)
+Result<std::vector<Certificate>> loadCertificates(ByteView data)
 {
-    CertificateLoad load;
-    if (data.size() > static_cast<size_t>(INT32_MAX)) {
-        load.error = "the file is too large for a certificate";
-        return load;
-    }
+    if (data.size() > static_cast<size_t>(INT32_MAX)) return Error{"the file is too large for a certificate", {}};
+    std::vector<Certificate> certificates;
     if (looksLikePem(data)) {
         BioPtr bio(BIO_new_mem_buf(data.data(), static_cast<int>(data.size())));
         while (bio) {
             X509* certificate = PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr);
             if (certificate == nullptr) break;
-            load.certificates.emplace_back(certificate);
+            certificates.emplace_back(certificate);
         }
         ERR_clear_error();
-        if (load.certificates.empty()) load.error = "the PEM text holds no certificate";
-        return load;
+        if (certificates.empty()) return Error{"the PEM text holds no certificate", {}};
+        return certificates;
     }
     const unsigned char* cursor = data.data();
     X509* certificate = d2i_X509(nullptr, &cursor, static_cast<long>(data.size()));
     if (certificate == nullptr) {
         ERR_clear_error();
-        load.error = "the data is neither a PEM nor a DER certificate";
-        return load;
+        return Error{"the data is neither a PEM nor a DER certificate", {}};
     }
-    load.certificates.emplace_back(certificate);
-    return load;
+    certificates.emplace_back(certificate);
+    return certificates;
 }
 
 }  // namespace tse

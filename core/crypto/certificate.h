@@ -11,6 +11,7 @@
 
 #include "bytes.h"
 #include "public_key.h"
+#include "result.h"
 
 namespace tse {
 
@@ -27,28 +28,22 @@ public:
     std::optional<int64_t> notBefore() const;
     std::optional<int64_t> notAfter() const;
     bool selfIssued() const;
-    // The key when it is an EC key on a supported curve; otherwise keyError
-    // says why not.
-    const std::optional<PublicKey>& key() const { return key_; }
-    const std::string& keyError() const { return keyError_; }
+    // The key when it is an EC key on a supported curve; otherwise the
+    // error says why not.
+    const KeyResult& key() const { return key_; }
     // The curve's name as OpenSSL knows it even when unsupported ("" if none).
     std::string curveName() const;
     Bytes der() const;
 
 private:
     std::shared_ptr<X509> x509_;
-    std::optional<PublicKey> key_;
-    std::string keyError_;
-};
-
-struct CertificateLoad {
-    std::vector<Certificate> certificates;
-    std::string error;  // set when none could be read
+    KeyResult key_;
 };
 
 // Every certificate in the data: all PEM blocks of a (multi-certificate) PEM
-// text, or one DER certificate, whatever the file's name suggests.
-CertificateLoad loadCertificates(ByteView data);
+// text, or one DER certificate, whatever the file's name suggests; an error
+// when there is none, never an empty list.
+Result<std::vector<Certificate>> loadCertificates(ByteView data);
 
 }  // namespace tse
 

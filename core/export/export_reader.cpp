@@ -171,8 +171,8 @@ std::string compressedStreamProblem(const ExportSource& source, uint64_t tarByte
     return {};
 }
 
-ExportRead readArchive(const ExportSource& source, size_t limit, const MemberVisitor& visit,
-                       const ByteProgress& progress)
+Result<ExportRead> readArchive(const ExportSource& source, size_t limit, const MemberVisitor& visit,
+                               const ByteProgress& progress)
 {
     ArchivePtr a(archive_read_new());
     archive_read_support_filter_all(a.get());
@@ -185,19 +185,17 @@ ExportRead readArchive(const ExportSource& source, size_t limit, const MemberVis
     const std::string split = splitProblem(source);
     // A compressed file that breaks off before the first member fails as it
     // is opened, or at its first header; a cut file, not a foreign one.
-    const auto unopened = [&](const std::string& reason) {
+    const auto unopened = [&](const std::string& reason) -> Result<ExportRead> {
         const std::string compression = compressionOf(source.paths.front());
-        if (compression.empty() && split.empty() && sourceSize(source) == 0) {
-            result.opened = true;  // an empty file: an export without members
-            return result;
-        }
+        // An empty file: an export without members.
+        if (compression.empty() && split.empty() && sourceSize(source) == 0) return result;
         if (compression.empty() && split.empty()) {
-            result.error = source.label() + (reason.empty() ? " is not a TAR archive: " : " cannot be opened as a TAR archive: ") +
-                           archiveError(a.get());
-            return result;
+            return Error{source.label() +
+                             (reason.empty() ? " is not a TAR archive: " : " cannot be opened as a TAR archive: ") +
+                             archiveError(a.get()),
+                         {}};
         }
-        result.opened = result.truncated = true;
-        result.error = source.label() + (compression.empty() ? " breaks off before its first member: "
+        result.truncation = source.label() + (compression.empty() ? " breaks off before its first member: "
                                                              : "'s " + compression + " stream ends early or is damaged "
                                                                "before its first member: ") +
                        archiveError(a.get()) + (split.empty() ? "" : "; " + split);
@@ -219,9 +217,7 @@ ExportRead readArchive(const ExportSource& source, size_t limit, const MemberVis
         base.empty() ? std::string() : "; the part " + partName(base, static_cast<int>(source.paths.size()) + 1) +
                                            " that would follow " + source.paths.back() + " is probably missing";
     const auto cut = [&](std::string what) {
-        result.opened = true;
-        result.truncated = true;
-        result.error = source.label() + " " + what + (split.empty() ? afterLast : "; " + split);
+        result.truncation = source.label() + " " + what + (split.empty() ? afterLast : "; " + split);
         return result;
     };
     while (true) {
@@ -276,12 +272,11 @@ ExportRead readArchive(const ExportSource& source, size_t limit, const MemberVis
         const std::string problem = compressedStreamProblem(source, static_cast<uint64_t>(archive_filter_bytes(a.get(), 0)));
         if (!problem.empty()) return cut(problem + "; its TAR content was read to the end-of-archive marker");
     }
-    result.opened = true;
     return result;
 }
 
-ExportRead readDirectory(const ExportSource& source, size_t limit, const MemberVisitor& visit,
-                         const ByteProgress& progress)
+Result<ExportRead> readDirectory(const ExportSource& source, size_t limit, const MemberVisitor& visit,
+                                 const ByteProgress& progress)
 {
     const fs::path root(source.paths.front());
     std::vector<fs::path> files;
@@ -289,34 +284,34 @@ ExportRead readDirectory(const ExportSource& source, size_t limit, const MemberV
     for (fs::recursive_directory_iterator it(root, error), end; !error && it != end; it.increment(error)) {
         if (it->is_regular_file(error)) files.push_back(it->path());
     }
-    if (error) return ExportRead{false, source.label() + " cannot be listed: " + error.message()};
+    if (error) return Error{source.label() + " cannot be listed: " + error.message(), {}};
     std::sort(files.begin(), files.end());
     uint64_t done = 0;
     for (const fs::path& file : files) {
         ExportMember member;
         member.name = file.lexically_relative(root).generic_string();
         member.source = source.label();
-        FileRead read = readFileBounded(file.string(), limit);
-        if (read.contents) done += read.contents->size();
-        member.contents = std::move(read.contents);
-        member.error = read.error;
+        Result<Bytes> read = readFileBounded(file.string(), limit);
+        if (read) done += read->size();
+        member.error = read.message();
+        member.contents = std::move(read).take();
         visit(std::move(member));
         if (progress) progress(done);
     }
-    return ExportRead{true, {}};
+    return ExportRead{files.size(), std::nullopt};
 }
 
-ExportRead readSingleFile(const ExportSource& source, size_t limit, const MemberVisitor& visit)
+Result<ExportRead> readSingleFile(const ExportSource& source, size_t limit, const MemberVisitor& visit)
 {
     ExportMember member;
     member.name = source.label();
     member.source = source.label();
     member.standalone = true;
-    FileRead read = readFileBounded(member.name, limit);
-    member.contents = std::move(read.contents);
-    member.error = read.error;
+    Result<Bytes> read = readFileBounded(member.name, limit);
+    member.error = read.message();
+    member.contents = std::move(read).take();
     visit(std::move(member));
-    return ExportRead{true, {}};
+    return ExportRead{1, std::nullopt};
 }
 
 }  // namespace
@@ -373,15 +368,15 @@ uint64_t sourceSize(const ExportSource& source)
     return total;
 }
 
-ExportRead readExportSource(const ExportSource& source, size_t maxMemberSize, const MemberVisitor& visit,
-                            const ByteProgress& progress)
+Result<ExportRead> readExportSource(const ExportSource& source, size_t maxMemberSize, const MemberVisitor& visit,
+                                    const ByteProgress& progress)
 {
     switch (source.kind) {
     case ExportSource::Kind::Archive: return readArchive(source, maxMemberSize, visit, progress);
     case ExportSource::Kind::Directory: return readDirectory(source, maxMemberSize, visit, progress);
     case ExportSource::Kind::File: return readSingleFile(source, maxMemberSize, visit);
     }
-    return ExportRead{};
+    return Error{source.label() + " is of no kind an export comes in", {}};
 }
 
 }  // namespace tse

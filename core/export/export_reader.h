@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "bytes.h"
+#include "result.h"
 
 namespace tse {
 
@@ -42,14 +43,15 @@ ExportGrouping groupExportPaths(const std::vector<std::string>& paths);
 // The bytes on disk that reading the source will go through, for progress.
 uint64_t sourceSize(const ExportSource& source);
 
+// How reading a source that could be opened went. One that cannot be
+// opened at all (no export) is an error instead.
 struct ExportRead {
-    bool opened = false;  // false: not an export at all (see error)
-    std::string error;    // also set when an archive breaks off part way
-    // The archive ends before its end: no end-of-archive marker, cut inside
-    // a member, a split part missing or short, or a compressed stream that
-    // stops early. `error` then says what was read up to where.
-    bool truncated = false;
     size_t members = 0;  // regular members handed to the visitor
+    // Set when the archive ends before its end: no end-of-archive marker,
+    // cut inside a member, a split part missing or short, or a compressed
+    // stream that stops early; it says what was read up to where. The
+    // members before the break were handed on all the same.
+    std::optional<std::string> truncation;
 };
 
 using MemberVisitor = std::function<void(ExportMember&&)>;
@@ -58,8 +60,8 @@ using ByteProgress = std::function<void(uint64_t bytesDone)>;
 // Hands each regular member to the visitor in archive order, plain or
 // compressed (gzip, bzip2, xz); directory entries are skipped. A member
 // above maxMemberSize arrives without contents, and is never held whole.
-ExportRead readExportSource(const ExportSource& source, size_t maxMemberSize, const MemberVisitor& visit,
-                            const ByteProgress& progress = {});
+Result<ExportRead> readExportSource(const ExportSource& source, size_t maxMemberSize, const MemberVisitor& visit,
+                                    const ByteProgress& progress = {});
 
 }  // namespace tse
 

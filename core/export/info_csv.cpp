@@ -80,22 +80,22 @@ std::optional<InfoRecord> record(const std::vector<std::string>& fields, std::st
 
 }  // namespace
 
-InfoParse parseInfoCsv(ByteView data)
+Result<InfoCsv> parseInfoCsv(ByteView data)
 {
     const std::string_view text(reinterpret_cast<const char*>(data.data()), data.size());
     InfoCsv info;
     std::string error;
     for (size_t at = 0; at < text.size();) {
         const auto fields = csvLine(text, at, error);
-        if (!fields) return InfoParse{std::nullopt, error};
+        if (!fields) return Error{error, {}};
         const auto line = record(*fields, error);
-        if (!line) return InfoParse{std::nullopt, error};
+        if (!line) return Error{error, {}};
         if (line->empty()) continue;
         if (line->front().first == "component") info.perComponent = true;
         info.records.push_back(*line);
     }
-    if (info.records.empty()) return InfoParse{std::nullopt, "it holds no \"name:\",value pairs"};
-    return InfoParse{info, {}};
+    if (info.records.empty()) return Error{"it holds no \"name:\",value pairs", {}};
+    return info;
 }
 
 }  // namespace tse

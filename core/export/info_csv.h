@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "bytes.h"
+#include "result.h"
 
 namespace tse {
 
@@ -21,13 +22,8 @@ struct InfoCsv {
     std::vector<InfoRecord> records;  // in file order, empty lines left out
 };
 
-struct InfoParse {
-    std::optional<InfoCsv> info;
-    std::string error;
-};
-
 // Quoted or bare fields, LF or CRLF, with or without a final line end.
-InfoParse parseInfoCsv(ByteView data);
+Result<InfoCsv> parseInfoCsv(ByteView data);
 
 }  // namespace tse
 

@@ -16,9 +16,10 @@ std::string_view logVerdictName(LogVerdict verdict)
     return "";
 }
 
-LogJudgement unreadableLog(const LogParse& parse)
+LogJudgement unreadableLog(const Error& error)
 {
-    return LogJudgement{LogVerdict::Unreadable, parse.error + " (at byte " + std::to_string(parse.errorOffset) + ")"};
+    return LogJudgement{LogVerdict::Unreadable,
+                        error.message + " (at byte " + std::to_string(error.offset.value_or(0)) + ")"};
 }
 
 LogJudgement judgeLog(const LogMessage& message, const PublicKey* key)

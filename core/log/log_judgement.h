@@ -61,7 +61,7 @@ private:
 using KeyIndex = BasicKeyIndex<>;
 
 // A log whose bytes do not parse: the parser's words and where it stopped.
-LogJudgement unreadableLog(const LogParse& parse);
+LogJudgement unreadableLog(const Error& error);
 
 // Judges a readable log against the key its serial number names, or
 // nullptr when no such key is at hand.

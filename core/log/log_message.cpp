@@ -238,12 +238,12 @@ std::optional<uint64_t> LogMessage::transactionNumber() const
     return unsignedValue(element, "transactionNumber");
 }
 
-LogParse parseLogMessage(ByteView data)
+Result<LogMessage> parseLogMessage(ByteView data)
 {
     try {
-        return LogParse{readMessage(data), {}, 0};
+        return readMessage(data);
     } catch (const ParseError& error) {
-        return LogParse{std::nullopt, error.what(), error.offset()};
+        return Error{error.what(), error.offset()};
     }
 }
 

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "bytes.h"
-#include "text.h"
 #include "log_time.h"
+#include "result.h"
 #include "text.h"  // escapeText, which every user of log texts needs
 
 namespace tse {
@@ -64,14 +64,9 @@ struct LogMessage {
     std::optional<uint64_t> transactionNumber() const;
 };
 
-struct LogParse {
-    std::optional<LogMessage> message;
-    std::string error;        // in words, when message is empty
-    size_t errorOffset = 0;   // the byte at which reading stopped
-};
-
-// Reads a message; never reads outside the view and never throws.
-LogParse parseLogMessage(ByteView data);
+// Reads a message; never reads outside the view and never throws. The
+// error says in words what is wrong and at which byte reading stopped.
+Result<LogMessage> parseLogMessage(ByteView data);
 
 }  // namespace tse
 

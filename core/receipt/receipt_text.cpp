@@ -215,20 +215,20 @@ std::string_view trimReceiptText(std::string_view text)
     return text;
 }
 
-ReceiptParse parseReceiptText(std::string_view text, KeyCache* keys)
+Result<Receipt> parseReceiptText(std::string_view text, KeyCache* keys)
 {
     text = trimReceiptText(text);
-    if (text.empty()) return ReceiptParse{std::nullopt, "the text is empty"};
+    if (text.empty()) return Error{"the text is empty", {}};
     const std::vector<std::string_view> fields = splitFields(text);
     if (fields.size() != FIELD_COUNT) {
-        return ReceiptParse{std::nullopt, "the text has " + std::to_string(fields.size()) +
+        return Error{"the text has " + std::to_string(fields.size()) +
                                               " fields separated by \";\"; a receipt has 12"};
     }
     ReceiptFields read;
     std::optional<ReceiptKeys> found;
     FieldReader reader(fields);
-    if (!reader.read(read, keys, found)) return ReceiptParse{std::nullopt, reader.error};
-    return ReceiptParse{Receipt(std::move(read), *found->key, std::move(found->otherKeys)), {}};
+    if (!reader.read(read, keys, found)) return Error{reader.error, {}};
+    return Receipt(std::move(read), *found->key, std::move(found->otherKeys));
 }
 
 }  // namespace tse

@@ -12,6 +12,7 @@
 
 #include "algorithms.h"
 #include "bytes.h"
+#include "result.h"
 #include "log_time.h"
 #include "public_key.h"
 
@@ -66,11 +67,6 @@ struct Receipt : ReceiptFields {
     std::vector<PublicKey> otherKeys;
 };
 
-struct ReceiptParse {
-    std::optional<Receipt> receipt;
-    std::string error;  // names the field and what it should hold
-};
-
 // Decoded public keys by their base64 text. Checking that a point lies on a
 // curve costs as much as a verification, and a batch of receipts from one
 // TSE carries the same key thousands of times. Safe to share among threads.
@@ -94,7 +90,7 @@ private:
 // of the receipt.
 std::string_view trimReceiptText(std::string_view text);
 
-ReceiptParse parseReceiptText(std::string_view text, KeyCache* keys = nullptr);
+Result<Receipt> parseReceiptText(std::string_view text, KeyCache* keys = nullptr);
 
 }  // namespace tse
 

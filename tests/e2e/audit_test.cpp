@@ -384,10 +384,10 @@ TEST(Audit, LogsBeforeTheirCertificateAreReadAgainWhenTheyCannotWait)
         options.exports = {tar};
         options.jobs = 2;
         options.maxPendingBytes = room;
-        const tse::AuditOutcome outcome = tse::auditExport(options);
-        ASSERT_TRUE(outcome.report) << outcome.error;
-        EXPECT_EQ(outcome.report->summary.valid, 155u);
-        for (const tse::LogRecord& log : outcome.report->logs) verdicts[room == 0].emplace_back(log.file, log.verdict);
+        const tse::Result<tse::AuditReport> outcome = tse::auditExport(options);
+        ASSERT_TRUE(outcome) << outcome.message();
+        EXPECT_EQ(outcome->summary.valid, 155u);
+        for (const tse::LogRecord& log : outcome->logs) verdicts[room == 0].emplace_back(log.file, log.verdict);
     }
     EXPECT_EQ(verdicts[0], verdicts[1]);
 }

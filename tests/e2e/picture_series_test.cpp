@@ -55,10 +55,10 @@ std::vector<std::string> realReceiptTexts(const fixtures::TempDir& dir)
         int taken = 0;
         for (const std::string& log : finishLogs) {
             if (taken == 4) break;
-            const tse::FileRead file = tse::readFileBounded(log, 1 << 20);
-            const tse::LogParse parse = tse::parseLogMessage(file.contents.value_or(tse::Bytes{}));
-            if (!parse.message) continue;
-            const auto qr = run(tseCheckPath(), {"to-qr", "--cert", certificates[tse::toHex(parse.message->serialNumber)], log});
+            const tse::Result<tse::LogMessage> parse =
+                tse::parseLogMessage(tse::readFileBounded(log, 1 << 20).value_or(tse::Bytes{}));
+            if (!parse) continue;
+            const auto qr = run(tseCheckPath(), {"to-qr", "--cert", certificates[tse::toHex(parse->serialNumber)], log});
             if (qr.status != 0) continue;
             texts.push_back(qr.out.substr(0, qr.out.find('\n')));
             ++taken;

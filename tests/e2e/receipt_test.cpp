@@ -27,9 +27,9 @@ std::string upper(std::string text)
 
 std::string serialOf(const std::string& logPath)
 {
-    const tse::FileRead file = tse::readFileBounded(logPath, 1 << 20);
-    const tse::LogParse parse = tse::parseLogMessage(file.contents.value_or(tse::Bytes{}));
-    return parse.message ? tse::toHex(parse.message->serialNumber) : "";
+    const tse::Result<tse::LogMessage> parse =
+        tse::parseLogMessage(tse::readFileBounded(logPath, 1 << 20).value_or(tse::Bytes{}));
+    return parse ? tse::toHex(parse->serialNumber) : "";
 }
 
 struct RealReceipt {

@@ -80,7 +80,7 @@ struct Tse {
 
     std::string serial() const { return tse::toHex(signer.publicKey().serialNumber()); }
     std::string pem() const { return signer.selfSignedCertificatePem("TSE", 1600000000, 3650); }
-    Bytes der() const { return tse::loadCertificates(pem()).certificates.at(0).der(); }
+    Bytes der() const { return tse::loadCertificates(pem()).value().at(0).der(); }
     Bytes log(tse::LogContent content = transaction()) const
     {
         content.serialNumber = signer.publicKey().serialNumber();

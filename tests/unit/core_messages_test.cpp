@@ -50,9 +50,9 @@ Bytes signedLog(const tse::Signer& signer, tse::Hash hash, tse::LogContent conte
 
 tse::LogMessage parsed(const Bytes& log)
 {
-    tse::LogParse parse = tse::parseLogMessage(log);
-    if (!parse.message) throw std::runtime_error(parse.error + " @" + std::to_string(parse.errorOffset));
-    return *parse.message;
+    tse::Result<tse::LogMessage> parse = tse::parseLogMessage(log);
+    if (!parse) throw std::runtime_error(parse.message() + " @" + std::to_string(parse.error().offset.value_or(0)));
+    return std::move(parse).value();
 }
 
 TEST(CoreMessages, EachVerdictSaysWhy)
@@ -188,10 +188,10 @@ TEST(CoreMessages, NumbersReadBackWhole)
         const auto at = std::search(wider.begin(), wider.end(), nine.begin(), nine.end());
         ASSERT_NE(at, wider.end());
         at[2] = 0x01;
-        EXPECT_NE(tse::parseLogMessage(wider).error.find("wider than 64 bits"), std::string::npos);
+        EXPECT_NE(tse::parseLogMessage(wider).message().find("wider than 64 bits"), std::string::npos);
     }
     content.logTime = tse::derUnsigned(0x02, UINT64_MAX);
-    EXPECT_NE(tse::parseLogMessage(signedLog(signer, tse::Hash::Sha256, content)).error.find("beyond any calendar"),
+    EXPECT_NE(tse::parseLogMessage(signedLog(signer, tse::Hash::Sha256, content)).message().find("beyond any calendar"),
               std::string::npos);
 }
 
@@ -207,21 +207,21 @@ TEST(CoreMessages, EveryTruncationIsAClearError)
                              signedLog(signer, tse::Hash::Sha256, audit)}) {
         for (size_t size = 0; size < log.size(); ++size) {
             const Bytes cut(log.begin(), log.begin() + static_cast<long>(size));  // exact size for ASan
-            const tse::LogParse parse = tse::parseLogMessage(cut);
-            EXPECT_FALSE(parse.message) << size;
-            EXPECT_FALSE(parse.error.empty()) << size;
-            EXPECT_LE(parse.errorOffset, size);
+            const tse::Result<tse::LogMessage> parse = tse::parseLogMessage(cut);
+            ASSERT_FALSE(parse) << size;
+            EXPECT_FALSE(parse.message().empty()) << size;
+            ASSERT_TRUE(parse.error().offset) << size;
+            EXPECT_LE(*parse.error().offset, size);
         }
         Bytes longer = log;
         longer.push_back(0);
-        EXPECT_NE(tse::parseLogMessage(longer).error.find("1 octets follow"), std::string::npos);
+        EXPECT_NE(tse::parseLogMessage(longer).message().find("1 octets follow"), std::string::npos);
     }
 }
 
 tse::KeyResult keyOf(const tse::Certificate& certificate)
 {
-    if (certificate.key()) return *certificate.key();
-    return tse::Error{certificate.keyError(), std::nullopt};
+    return certificate.key();
 }
 
 // 02 or 03 for an even or odd Y, then X.
@@ -240,15 +240,15 @@ TEST(CoreKeys, EveryEncodingGivesTheTseKey)
         const tse::Signer signer(curve.curve);
         const tse::PublicKey& key = signer.publicKey();
         const std::string pem = signer.selfSignedCertificatePem("TSE", 1600000000, 365);
-        const Bytes der = tse::loadCertificates(pem).certificates.at(0).der();
+        const Bytes der = tse::loadCertificates(pem).value().at(0).der();
         unsigned char* spki = nullptr;
         const int spkiSize = i2d_PUBKEY(key.evpKey(), &spki);
         const Bytes spkiDer(spki, spki + spkiSize);
         OPENSSL_free(spki);
         const std::string spkiPem = "-----BEGIN PUBLIC KEY-----\n" + tse::toBase64(spkiDer) + "\n-----END PUBLIC KEY-----\n";
         const tse::KeyResult results[] = {
-            keyOf(tse::loadCertificates(pem).certificates.at(0)),
-            keyOf(tse::loadCertificates(der).certificates.at(0)),
+            keyOf(tse::loadCertificates(pem).value().at(0)),
+            keyOf(tse::loadCertificates(der).value().at(0)),
             tse::keyFromPoint(key.point()),
             tse::keyFromPoint(compressedPoint(key), curve.curve),
             tse::keyFromAnyEncoding(spkiDer),
@@ -294,7 +294,7 @@ TEST(CoreKeys, AmbiguousOrForeignKeysAreRefused)
     EXPECT_EQ(compressedPoint(*unique), *onSecpOnly);
     Bytes offCurve = tse::Signer(tse::Curve::Secp384r1).publicKey().point();
     offCurve.back() ^= 1;
-    const tse::Certificate rsa = tse::loadCertificates(fixtures::rsaCertificatePem()).certificates.at(0);
+    const tse::Certificate rsa = tse::loadCertificates(fixtures::rsaCertificatePem()).value().at(0);
     const std::pair<tse::KeyResult, std::string> refused[] = {
         {tse::keyFromPoint(Bytes(10, 4)), "a public key point of 10 bytes starting with 0x04 fits no supported curve"},
         {tse::keyFromPoint(offCurve), "the point lies on none of the supported curves of its size"},

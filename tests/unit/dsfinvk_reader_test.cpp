@@ -109,9 +109,9 @@ TEST(DsfinvkCsv, DeclaredLengthsAndDialect)
 
 TEST(DsfinvkIndex, OfficialDescription)
 {
-    const tse::FileRead file = tse::readFileBounded(DATA + "index.xml", tse::MAX_INDEX_XML);
-    ASSERT_TRUE(file.contents) << file.error;
-    const tse::IndexParse index = tse::parseIndexXml(*file.contents);
+    const tse::Result<tse::Bytes> file = tse::readFileBounded(DATA + "index.xml", tse::MAX_INDEX_XML);
+    ASSERT_TRUE(file) << file.message();
+    const tse::IndexParse index = tse::parseIndexXml(*file);
     ASSERT_TRUE(index.error.empty()) << index.error;
     EXPECT_EQ(index.tables.size(), 20u);
     const tse::TableDescription* rows = tse::findTable(index.tables, "export/TRANSACTIONS_TSE.csv");

@@ -55,29 +55,29 @@ TEST(ExportNames, MemberKindsAndUnsafeNames)
 TEST(InfoCsv, BothFormsAndQuoting)
 {
     const auto single = tse::parseInfoCsv(std::string("\"description:\", Applause Cafe 35, \"manufacturer:\",\"a \"\"b\"\", c\",\"version:\",0.1.0"));
-    ASSERT_TRUE(single.info) << single.error;
-    EXPECT_FALSE(single.info->perComponent);
-    EXPECT_EQ(single.info->records.at(0), (tse::InfoRecord{{"description", "Applause Cafe 35"},
+    ASSERT_TRUE(single) << single.message();
+    EXPECT_FALSE(single->perComponent);
+    EXPECT_EQ(single->records.at(0), (tse::InfoRecord{{"description", "Applause Cafe 35"},
                                                           {"manufacturer", "a \"b\", c"},
                                                           {"version", "0.1.0"}}));
     const auto components = tse::parseInfoCsv(std::string(
         "\"component:\",\"device\",\"manufacturer:\",\"M\",\"model:\",\"X\",\"version:\",\"1\",\"certification-id:\",\"C\"\r\n"
         "\"description:\",\"d\",,,,,,,,\n"));
-    ASSERT_TRUE(components.info) << components.error;
-    EXPECT_TRUE(components.info->perComponent);
-    EXPECT_EQ(components.info->records.size(), 2u);
-    EXPECT_EQ(components.info->records[1], (tse::InfoRecord{{"description", "d"}}));
-    for (const char* bad : {"\"description:,x", "loose,\"version:\",1", ""}) EXPECT_FALSE(tse::parseInfoCsv(std::string(bad)).info) << bad;
+    ASSERT_TRUE(components) << components.message();
+    EXPECT_TRUE(components->perComponent);
+    EXPECT_EQ(components->records.size(), 2u);
+    EXPECT_EQ(components->records[1], (tse::InfoRecord{{"description", "d"}}));
+    for (const char* bad : {"\"description:,x", "loose,\"version:\",1", ""}) EXPECT_FALSE(tse::parseInfoCsv(std::string(bad))) << bad;
 }
 
 TEST(CertificateChain, SelfSignedRootsAndTampering)
 {
     const tse::Signer signer(tse::Curve::BrainpoolP384r1);
     const std::string pem = signer.selfSignedCertificatePem("Root", 1600000000, 3650);
-    const tse::Certificate root = tse::loadCertificates(pem).certificates.at(0);
+    const tse::Certificate root = tse::loadCertificates(pem).value().at(0);
     tse::Bytes tampered = root.der();
     tampered[tampered.size() - 5] ^= 0x01;  // inside the signature
-    const tse::Certificate broken = tse::loadCertificates(tampered).certificates.at(0);
+    const tse::Certificate broken = tse::loadCertificates(tampered).value().at(0);
 
     tse::CertificatePool pool;
     pool.add(root, false);

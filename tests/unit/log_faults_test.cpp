@@ -59,7 +59,7 @@ struct Parts {
 
 TEST(LogFaults, EachFaultIsRefusedAndNamed)
 {
-    ASSERT_TRUE(tse::parseLogMessage(Parts{}.encoded()).message) << tse::parseLogMessage(Parts{}.encoded()).error;
+    ASSERT_TRUE(tse::parseLogMessage(Parts{}.encoded())) << tse::parseLogMessage(Parts{}.encoded()).message();
     // processData in chunks, as D-Trust writes it, with a chunk of another
     // tag among them.
     Bytes foreignChunk = {0xA2, 0x80};
@@ -99,9 +99,9 @@ TEST(LogFaults, EachFaultIsRefusedAndNamed)
     for (const Case& c : cases) {
         Parts parts;
         c.change(parts, foreignChunk);
-        const tse::LogParse parse = tse::parseLogMessage(parts.encoded());
-        EXPECT_FALSE(parse.message) << c.name;
-        EXPECT_NE(parse.error.find(c.error), std::string::npos) << c.name << ": " << parse.error;
+        const tse::Result<tse::LogMessage> parse = tse::parseLogMessage(parts.encoded());
+        EXPECT_FALSE(parse) << c.name;
+        EXPECT_NE(parse.message().find(c.error), std::string::npos) << c.name << ": " << parse.message();
     }
 }
 
@@ -137,10 +137,9 @@ TEST(LogFaults, AChainHoldsOnlyWhereTheIssuerSigned)
 {
     const tse::Signer ca(tse::Curve::Secp256r1), impostor(tse::Curve::Secp256r1), device(tse::Curve::Secp256r1);
     const tse::Certificate caCertificate =
-        tse::loadCertificates(ca.selfSignedCertificatePem("CA", 1600000000, 3650)).certificates.at(0);
+        tse::loadCertificates(ca.selfSignedCertificatePem("CA", 1600000000, 3650)).value().at(0);
     const auto issuedBy = [&](const tse::Signer& issuer) {
-        return tse::loadCertificates(device.issuedCertificatePem("TSE", issuer, "CA", 1600000000, 3650))
-            .certificates.at(0);
+        return tse::loadCertificates(device.issuedCertificatePem("TSE", issuer, "CA", 1600000000, 3650)).value().at(0);
     };
     tse::CertificatePool pool;
     pool.add(caCertificate, true);

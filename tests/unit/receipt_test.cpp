@@ -67,9 +67,9 @@ std::string joined(const std::vector<std::string>& fields)
 
 tse::ReceiptVerification verified(const std::string& text)
 {
-    const tse::ReceiptParse parse = tse::parseReceiptText(text);
-    if (!parse.receipt) return {tse::Verdict::Malformed, parse.error, {}, {}};
-    return tse::verifyReceipt(*parse.receipt);
+    const tse::Result<tse::Receipt> parse = tse::parseReceiptText(text);
+    if (!parse) return {tse::Verdict::Malformed, parse.message(), {}, {}};
+    return tse::verifyReceipt(*parse);
 }
 
 TEST(Receipt, VerifiesEveryCurveAndHashAndRejectsAnotherCounter)
@@ -171,11 +171,11 @@ TEST(Receipt, VerifiesEveryKeySignatureAndMessageShape)
         for (const Bytes& key : {point, compressed(point), subjectPublicKeyInfo(signer.publicKey())}) {
             std::vector<std::string> fields = receiptFields(signer, {});
             fields[KEY] = tse::toBase64(key);
-            const tse::ReceiptParse parse = tse::parseReceiptText(joined(fields));
-            ASSERT_TRUE(parse.receipt) << name << ": " << parse.error;
-            const tse::ReceiptVerification result = tse::verifyReceipt(*parse.receipt);
+            const tse::Result<tse::Receipt> parse = tse::parseReceiptText(joined(fields));
+            ASSERT_TRUE(parse) << name << ": " << parse.message();
+            const tse::ReceiptVerification result = tse::verifyReceipt(*parse);
             EXPECT_TRUE(result.valid()) << name;
-            EXPECT_EQ(result.heldKey.value_or(parse.receipt->key).curve(), curve) << name << " key of " << key.size();
+            EXPECT_EQ(result.heldKey.value_or(parse->key).curve(), curve) << name << " key of " << key.size();
         }
         std::vector<std::string> fields = receiptFields(signer, {});
         const Bytes plain = *tse::fromBase64(fields[SIGNATURE]);
@@ -214,10 +214,10 @@ TEST(Receipt, VerifiesDerSignaturesUnderAPlainLabel)
     const tse::Signer signer(Curve::BrainpoolP256r1);
     std::vector<std::string> fields = receiptFields(signer, {});
     // Sign the same message again, DER-encoded: rebuild it from a valid receipt's fields.
-    const tse::ReceiptParse parse = tse::parseReceiptText(joined(fields));
-    ASSERT_TRUE(parse.receipt);
-    Bytes message = tse::signedPrefix(*parse.receipt, {});
-    tse::append(message, tse::logTimeElement(tse::TimeEncoding::MinimalInteger, parse.receipt->logTime.time.seconds, ""));
+    const tse::Result<tse::Receipt> parse = tse::parseReceiptText(joined(fields));
+    ASSERT_TRUE(parse);
+    Bytes message = tse::signedPrefix(*parse, {});
+    tse::append(message, tse::logTimeElement(tse::TimeEncoding::MinimalInteger, parse->logTime.time.seconds, ""));
     fields[SIGNATURE] = tse::toBase64(signer.signDer(Hash::Sha256, message));
     const tse::ReceiptVerification result = verified(joined(fields));
     EXPECT_TRUE(result.valid()) << result.reason;
@@ -301,10 +301,10 @@ TEST(ReceiptExplain, FindsEachPlantedChange)
     for (const auto& c : cases) {
         std::vector<std::string> fields = receiptFields(signer, c.signedFields);
         c.print(fields);
-        const tse::ReceiptParse parse = tse::parseReceiptText(joined(fields));
-        ASSERT_TRUE(parse.receipt) << c.kind << ": " << parse.error;
-        ASSERT_EQ(tse::verifyReceipt(*parse.receipt).verdict, tse::Verdict::Invalid) << c.kind;
-        const tse::Explanation e = tse::explainReceipt(*parse.receipt);
+        const tse::Result<tse::Receipt> parse = tse::parseReceiptText(joined(fields));
+        ASSERT_TRUE(parse) << c.kind << ": " << parse.message();
+        ASSERT_EQ(tse::verifyReceipt(*parse).verdict, tse::Verdict::Invalid) << c.kind;
+        const tse::Explanation e = tse::explainReceipt(*parse);
         EXPECT_TRUE(e.found) << c.kind << ": " << e.sentence;
         EXPECT_EQ(e.field, c.field) << c.kind;
         EXPECT_EQ(e.signedValue, c.signedValue) << c.kind;
@@ -317,9 +317,9 @@ TEST(ReceiptExplain, RandomSignatureIsExplainedByNothing)
     const tse::Signer signer(Curve::Secp256r1);
     std::vector<std::string> fields = receiptFields(signer, {});
     fields[SIGNATURE] = tse::toBase64(signer.signPlain(Hash::Sha256, tse::ByteView(std::string("other data"))));
-    const tse::ReceiptParse parse = tse::parseReceiptText(joined(fields));
-    ASSERT_TRUE(parse.receipt);
-    const tse::Explanation e = tse::explainReceipt(*parse.receipt, {600, tse::defaultJobs()});
+    const tse::Result<tse::Receipt> parse = tse::parseReceiptText(joined(fields));
+    ASSERT_TRUE(parse);
+    const tse::Explanation e = tse::explainReceipt(*parse, {600, tse::defaultJobs()});
     EXPECT_FALSE(e.found) << e.sentence;
     EXPECT_NE(e.sentence.find("no change explains the failure; tried: "), std::string::npos) << e.sentence;
     EXPECT_NE(e.sentence.find("log time off by up to 600 s"), std::string::npos) << e.sentence;
