@@ -118,9 +118,9 @@ std::string timeFormatName(const tse::LogTime& time)
 void readTse(const Options& options, std::vector<Sale>& sales, std::map<std::string, TseKey>& keys)
 {
     std::map<std::pair<std::string, uint64_t>, int64_t> starts;
-    const tse::ExportGrouping grouping = tse::groupExportPaths(options.tse);
-    if (!grouping.error.empty()) throw std::runtime_error(grouping.error);
-    for (const tse::ExportSource& source : grouping.sources) {
+    const tse::Result<std::vector<tse::ExportSource>> grouping = tse::groupExportPaths(options.tse);
+    if (!grouping) throw std::runtime_error(grouping.message());
+    for (const tse::ExportSource& source : *grouping) {
         const tse::Result<tse::ExportRead> read = tse::readExportSource(source, 16u << 20, [&](tse::ExportMember&& member) {
             if (!member.contents) return;
             const tse::MemberKind kind = tse::classifyMember(member.name);
@@ -276,8 +276,8 @@ int run(const Options& options)
 {
     const tse::Result<tse::Bytes> indexFile = tse::readFileBounded(options.index, tse::MAX_INDEX_XML);
     if (!indexFile) throw std::runtime_error(options.index + " " + indexFile.message());
-    const tse::IndexParse index = tse::parseIndexXml(*indexFile);
-    if (!index.error.empty()) throw std::runtime_error(options.index + " " + index.error);
+    const tse::Result<std::vector<tse::TableDescription>> index = tse::parseIndexXml(*indexFile);
+    if (!index) throw std::runtime_error(options.index + " " + index.message());
 
     std::vector<Sale> all;
     std::map<std::string, TseKey> keys;
@@ -314,7 +314,7 @@ int run(const Options& options)
         sales.insert(sales.begin() + static_cast<long>(target) + 1, extra);
     }
 
-    Writer writer(index.tables, options.defect == "old-column" ? "TSE_TA_VORGANGSDATEN" : "",
+    Writer writer(*index, options.defect == "old-column" ? "TSE_TA_VORGANGSDATEN" : "",
                   options.defect == "malformed-line" ? "Kunde \"Nord" : "");
     struct ClosingState {
         std::string kasseId, created, number;

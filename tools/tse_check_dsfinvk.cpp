@@ -258,10 +258,10 @@ int dsfinvkCommand(DsfinvkCommandOptions& options)
         refuse(EXIT_BAD_INPUT, "--json, --csv and --html cannot share standard output; write all but one to files\n"
                                "Run with --help for more information.");
     }
-    tse::BookkeepingOutcome outcome = tse::checkBookkeeping(options.check);
+    const tse::Result<tse::BookkeepingReport> outcome = tse::checkBookkeeping(options.check);
     line.reset();
-    if (!outcome.report) refuse(EXIT_BAD_INPUT, "Cannot check the bookkeeping: " + outcome.error);
-    const tse::BookkeepingReport& report = *outcome.report;
+    if (!outcome) refuse(EXIT_BAD_INPUT, "Cannot check the bookkeeping: " + outcome.message());
+    const tse::BookkeepingReport& report = *outcome;
     if (!options.jsonPath.empty()) writeTo(options.jsonPath, [&](std::ostream& out) { writeJson(out, report); });
     if (!options.csvPath.empty()) writeTo(options.csvPath, [&](std::ostream& out) { writeCsv(out, report); });
     if (!options.htmlPath.empty()) {

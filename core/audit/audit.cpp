@@ -361,7 +361,7 @@ void AuditRun::loadCertificatesBesideLogs()
 {
     namespace fs = std::filesystem;
     std::set<std::string> directories, given(options_.exports.begin(), options_.exports.end());
-    for (const ExportSource& source : groupExportPaths(options_.exports).sources) {
+    for (const ExportSource& source : groupExportPaths(options_.exports).value_or({})) {
         if (source.kind == ExportSource::Kind::File && classifyMember(source.label()) == MemberKind::Log) {
             directories.insert(fs::path(source.label()).parent_path().string());
         }
@@ -630,14 +630,15 @@ std::string AuditRun::readAll()
     queue_ = std::make_unique<WorkQueue<Batch>>(QUEUE_CAPACITY);
     std::vector<std::thread> workers;
     if (std::string failure = startWorkers(workers); !failure.empty()) return failure;
-    const ExportGrouping grouping = groupExportPaths(options_.exports);
-    std::string failure = grouping.error;
+    const Result<std::vector<ExportSource>> grouping = groupExportPaths(options_.exports);
+    std::string failure = grouping.message();
+    const std::vector<ExportSource> sources = grouping.value_or({});
     bytesTotal_ = 0;
-    for (const ExportSource& source : grouping.sources) bytesTotal_ += sourceSize(source);
+    for (const ExportSource& source : sources) bytesTotal_ += sourceSize(source);
     bytesBefore_ = 0;
     if (!finalPass_) report_.audited.clear();
-    for (size_t index = 0; index < grouping.sources.size(); ++index) {
-        const ExportSource& source = grouping.sources[index];
+    for (size_t index = 0; index < sources.size(); ++index) {
+        const ExportSource& source = sources[index];
         if (!failure.empty()) break;
         if (!finalPass_) {
             report_.audited.push_back(
@@ -705,7 +706,7 @@ void AuditRun::dropCopies()
     std::vector<std::unordered_set<Digest, DigestHash>> seen(groups.size());
     std::unordered_set<uint64_t> copies;
     uint64_t ordinal = 0;
-    for (const ExportSource& source : groupExportPaths(options_.exports).sources) {
+    for (const ExportSource& source : groupExportPaths(options_.exports).value_or({})) {
         readExportSource(source, options_.maxMemberSize, [&](ExportMember&& member) {
             auto found = groupOf.find(++ordinal);
             if (found == groupOf.end() || !member.contents) return;

@@ -211,7 +211,7 @@ public:
         report_.tseGiven = !options.tse.empty();
     }
 
-    BookkeepingOutcome run();
+    Result<BookkeepingReport> run();
 
 private:
     std::string readExport(const ExportSource& source);
@@ -397,7 +397,7 @@ void Check::readTable(const std::string& label, std::string_view table, ByteView
 // then the tables one at a time, so that only one file is ever in memory.
 std::string Check::readExport(const ExportSource& source)
 {
-    std::optional<IndexParse> index;
+    std::optional<std::vector<TableDescription>> index;
     std::string indexProblem = "has no index.xml";
     const Result<ExportRead> first = readExportSource(source, MAX_INDEX_XML, [&](ExportMember&& member) {
         if (!equalsIgnoringCase(baseName(member.name), "index.xml") || index) return;
@@ -405,9 +405,9 @@ std::string Check::readExport(const ExportSource& source)
             indexProblem = "has an index.xml that " + member.error;
             return;
         }
-        IndexParse parse = parseIndexXml(*member.contents);
-        if (parse.error.empty()) index = std::move(parse);
-        else indexProblem = "has an index.xml that " + parse.error;
+        Result<std::vector<TableDescription>> parse = parseIndexXml(*member.contents);
+        if (parse) index = std::move(parse).value();
+        else indexProblem = "has an index.xml that " + parse.message();
     });
     if (!first) return first.message();
     if (!index) {
@@ -419,7 +419,7 @@ std::string Check::readExport(const ExportSource& source)
     std::set<std::string> present;
     const Result<ExportRead> second = readExportSource(source, options_.maxTableSize, [&](ExportMember&& member) {
         const std::string table = lower(baseName(member.name));
-        const TableDescription* description = index ? findTable(index->tables, table) : nullptr;
+        const TableDescription* description = index ? findTable(*index, table) : nullptr;
         const bool known = description != nullptr ||
                            std::find(STANDARD_TABLES.begin(), STANDARD_TABLES.end(), table) != STANDARD_TABLES.end();
         if (!known) return;
@@ -436,7 +436,7 @@ std::string Check::readExport(const ExportSource& source)
     if (second->truncation) addFinding(Severity::Error, "csv-malformed", *second->truncation, {});
     std::vector<std::string> expected;
     if (index) {
-        for (const TableDescription& table : index->tables) expected.push_back(lower(baseName(table.url)));
+        for (const TableDescription& table : *index) expected.push_back(lower(baseName(table.url)));
     } else {
         expected.assign(STANDARD_TABLES.begin(), STANDARD_TABLES.end());
     }
@@ -997,17 +997,17 @@ void Check::finish()
     }
 }
 
-BookkeepingOutcome Check::run()
+Result<BookkeepingReport> Check::run()
 {
-    ExportGrouping grouping = groupExportPaths(options_.dsfinvk);
-    if (!grouping.error.empty()) return {std::nullopt, grouping.error};
-    for (ExportSource& source : grouping.sources) {
+    Result<std::vector<ExportSource>> grouping = groupExportPaths(options_.dsfinvk);
+    if (!grouping) return grouping.error();
+    for (ExportSource& source : std::move(grouping).value()) {
         source.zip = true;
-        if (std::string error = readExport(source); !error.empty()) return {std::nullopt, error};
+        if (std::string error = readExport(source); !error.empty()) return Error{error};
     }
     for (const std::string_view table : {ROWS_TABLE, TSE_TABLE}) {
         if (!tablesSeen_.count(std::string(table))) {
-            return {std::nullopt, "the bookkeeping export has no " + std::string(table) + ", so there is nothing to check"};
+            return Error{"the bookkeeping export has no " + std::string(table) + ", so there is nothing to check"};
         }
     }
     decodeTses();
@@ -1028,13 +1028,13 @@ BookkeepingOutcome Check::run()
         try {
             readTseExport();
         } catch (const std::exception& error) {
-            return {std::nullopt, error.what()};
+            return Error{error.what()};
         }
         match();
         tseReport_.reset();
     }
     finish();
-    return {std::move(report_), {}};
+    return std::move(report_);
 }
 
 }  // namespace
@@ -1128,7 +1128,7 @@ std::optional<ReceiptAmounts> parseReceiptAmounts(std::string_view processData)
     return out;
 }
 
-BookkeepingOutcome checkBookkeeping(const BookkeepingOptions& options)
+Result<BookkeepingReport> checkBookkeeping(const BookkeepingOptions& options)
 {
     Check check(options);
     return check.run();

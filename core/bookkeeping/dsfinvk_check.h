@@ -11,6 +11,7 @@
 
 #include "dsfinvk_report.h"
 #include "parallel.h"
+#include "result.h"
 
 namespace tse {
 
@@ -31,15 +32,11 @@ struct BookkeepingOptions {
     std::function<void(const BookkeepingProgress&)> progress;
 };
 
-struct BookkeepingOutcome {
-    std::optional<BookkeepingReport> report;
-    std::string error;  // an export that cannot be read, or one without its TSE tables
-};
-
 // Reads the bookkeeping export, verifies every signed row from its own data
 // with the receipt rebuild, and, given a TSE export, matches the two by
 // (TSE serial number, transaction number).
-BookkeepingOutcome checkBookkeeping(const BookkeepingOptions& options);
+// An error for an export that cannot be read, or one without its TSE tables.
+Result<BookkeepingReport> checkBookkeeping(const BookkeepingOptions& options);
 
 // The UTC seconds of a wall-clock time in Germany (CET, CEST from the last
 // Sunday of March to the last Sunday of October, 01:00 UTC each).

@@ -44,25 +44,19 @@ CsvDialect dialectOf(const pugi::xml_node& table)
 
 }  // namespace
 
-IndexParse parseIndexXml(ByteView data)
+Result<std::vector<TableDescription>> parseIndexXml(ByteView data)
 {
-    IndexParse out;
-    if (data.size() > MAX_INDEX_XML) {
-        out.error = "is larger than " + std::to_string(MAX_INDEX_XML >> 20) + " MiB";
-        return out;
-    }
+    if (data.size() > MAX_INDEX_XML) return Error{"is larger than " + std::to_string(MAX_INDEX_XML >> 20) + " MiB"};
     pugi::xml_document document;
     const pugi::xml_parse_result parsed = document.load_buffer(data.data(), data.size(), pugi::parse_default);
     if (!parsed) {
-        out.error = std::string("is no XML document: ") + parsed.description() + " at byte " +
-                    std::to_string(parsed.offset);
-        return out;
+        return Error{std::string("is no XML document: ") + parsed.description() + " at byte " +
+                         std::to_string(parsed.offset),
+                     static_cast<size_t>(parsed.offset)};
     }
     const pugi::xml_node dataSet = document.child("DataSet");
-    if (!dataSet) {
-        out.error = "has no DataSet element";
-        return out;
-    }
+    if (!dataSet) return Error{"has no DataSet element"};
+    std::vector<TableDescription> tables;
     for (const pugi::xml_node media : dataSet.children("Media")) {
         for (const pugi::xml_node table : media.children("Table")) {
             const pugi::xml_node variable = table.child("VariableLength");
@@ -79,11 +73,11 @@ IndexParse parseIndexXml(ByteView data)
                 entry.maxLength = static_cast<size_t>(std::strtoul(column.child_value("MaxLength"), nullptr, 10));
                 if (!entry.name.empty()) description.columns.push_back(std::move(entry));
             }
-            out.tables.push_back(std::move(description));
+            tables.push_back(std::move(description));
         }
     }
-    if (out.tables.empty()) out.error = "describes no table of variable length";
-    return out;
+    if (tables.empty()) return Error{"describes no table of variable length"};
+    return tables;
 }
 
 const TableDescription* findTable(const std::vector<TableDescription>& tables, std::string_view fileName)

@@ -7,6 +7,7 @@
 
 #include "bytes.h"
 #include "dsfinvk_csv.h"
+#include "result.h"
 
 namespace tse {
 
@@ -18,16 +19,13 @@ struct TableDescription {
     std::vector<CsvColumn> columns;
 };
 
-struct IndexParse {
-    std::vector<TableDescription> tables;
-    std::string error;  // why the description cannot be used; tables is then empty
-};
-
 // index.xml is read by a real XML parser; its document type refers to a DTD
 // that is never fetched. Inputs above this size are refused.
 constexpr size_t MAX_INDEX_XML = 4u << 20;
 
-IndexParse parseIndexXml(ByteView data);
+// The tables described, never none; the error says why the description
+// cannot be used.
+Result<std::vector<TableDescription>> parseIndexXml(ByteView data);
 
 // The table whose URL names this file (by its last path part, regardless of
 // case), or nullptr.

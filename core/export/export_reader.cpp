@@ -321,18 +321,15 @@ std::string ExportSource::label() const
     return paths.empty() ? std::string() : paths.front();
 }
 
-ExportGrouping groupExportPaths(const std::vector<std::string>& paths)
+Result<std::vector<ExportSource>> groupExportPaths(const std::vector<std::string>& paths)
 {
-    ExportGrouping grouping;
+    std::vector<ExportSource> sources;
     std::set<std::string> taken;
     for (const std::string& path : paths) {
         if (taken.count(path)) continue;
         std::error_code error;
         const fs::file_status status = fs::status(path, error);
-        if (!fs::exists(status)) {
-            grouping.error = path + " does not exist";
-            return grouping;
-        }
+        if (!fs::exists(status)) return Error{path + " does not exist"};
         ExportSource source;
         source.paths = {path};
         const std::string base = splitBase(path);
@@ -345,9 +342,9 @@ ExportGrouping groupExportPaths(const std::vector<std::string>& paths)
             source.kind = ExportSource::Kind::Archive;
         }
         taken.insert(source.paths.begin(), source.paths.end());
-        grouping.sources.push_back(std::move(source));
+        sources.push_back(std::move(source));
     }
-    return grouping;
+    return sources;
 }
 
 uint64_t sourceSize(const ExportSource& source)

@@ -34,11 +34,8 @@ struct ExportSource {
     std::string label() const;  // the first path, as the user gave it
 };
 
-struct ExportGrouping {
-    std::vector<ExportSource> sources;
-    std::string error;  // names the first path that does not exist
-};
-ExportGrouping groupExportPaths(const std::vector<std::string>& paths);
+// The error names the first path that does not exist.
+Result<std::vector<ExportSource>> groupExportPaths(const std::vector<std::string>& paths);
 
 // The bytes on disk that reading the source will go through, for progress.
 uint64_t sourceSize(const ExportSource& source);

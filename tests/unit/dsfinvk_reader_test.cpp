@@ -111,10 +111,10 @@ TEST(DsfinvkIndex, OfficialDescription)
 {
     const tse::Result<tse::Bytes> file = tse::readFileBounded(DATA + "index.xml", tse::MAX_INDEX_XML);
     ASSERT_TRUE(file) << file.message();
-    const tse::IndexParse index = tse::parseIndexXml(*file);
-    ASSERT_TRUE(index.error.empty()) << index.error;
-    EXPECT_EQ(index.tables.size(), 20u);
-    const tse::TableDescription* rows = tse::findTable(index.tables, "export/TRANSACTIONS_TSE.csv");
+    const tse::Result<std::vector<tse::TableDescription>> index = tse::parseIndexXml(*file);
+    ASSERT_TRUE(index) << index.message();
+    EXPECT_EQ(index->size(), 20u);
+    const tse::TableDescription* rows = tse::findTable(*index, "export/TRANSACTIONS_TSE.csv");
     ASSERT_NE(rows, nullptr);
     EXPECT_EQ(rows->name, "TSE_Transaktionen");
     EXPECT_EQ(rows->dialect.encoding, tse::CsvEncoding::Utf8);
@@ -131,17 +131,25 @@ TEST(DsfinvkIndex, OfficialDescription)
                              "<DecimalSymbol>.</DecimalSymbol><DigitGroupingSymbol>,</DigitGroupingSymbol>"
                              "<VariableLength><ColumnDelimiter>&#x9;</ColumnDelimiter><VariableColumn><Name>A</Name>"
                              "<AlphaNumeric/><MaxLength>5</MaxLength></VariableColumn></VariableLength></Table></Media></DataSet>";
-    const tse::IndexParse parsed = tse::parseIndexXml(tse::ByteView(ansi));
-    ASSERT_EQ(parsed.tables.size(), 1u);
-    EXPECT_EQ(parsed.tables[0].dialect.encoding, tse::CsvEncoding::Windows1252);  // the document type's default
-    EXPECT_EQ(parsed.tables[0].dialect.columnDelimiter, '\t');
-    EXPECT_EQ(parsed.tables[0].dialect.decimalSymbol, '.');
-    EXPECT_FALSE(parsed.tables[0].dialect.headerLine);
+    const tse::Result<std::vector<tse::TableDescription>> parsed = tse::parseIndexXml(tse::ByteView(ansi));
+    ASSERT_TRUE(parsed) << parsed.message();
+    ASSERT_EQ(parsed->size(), 1u);
+    const tse::CsvDialect& dialect = parsed->front().dialect;
+    EXPECT_EQ(dialect.encoding, tse::CsvEncoding::Windows1252);  // the document type's default
+    EXPECT_EQ(dialect.columnDelimiter, '\t');
+    EXPECT_EQ(dialect.decimalSymbol, '.');
+    EXPECT_FALSE(dialect.headerLine);
 
-    for (const std::string broken : {"", "<DataSet><Media>", "<Other/>", "<DataSet/>"}) {
-        const tse::IndexParse bad = tse::parseIndexXml(tse::ByteView(broken));
-        EXPECT_TRUE(bad.tables.empty());
-        EXPECT_FALSE(bad.error.empty()) << broken;
+    // Broken XML says where it broke; a document of the wrong kind cannot.
+    const struct {
+        std::string text;
+        bool offset;
+    } broken[] = {{"", true}, {"<DataSet><Media>", true}, {"<Other/>", false}, {"<DataSet/>", false}};
+    for (const auto& b : broken) {
+        const tse::Result<std::vector<tse::TableDescription>> bad = tse::parseIndexXml(tse::ByteView(b.text));
+        ASSERT_FALSE(bad) << b.text;
+        EXPECT_FALSE(bad.message().empty()) << b.text;
+        EXPECT_EQ(bad.error().offset.has_value(), b.offset) << b.text;
     }
 }
 
