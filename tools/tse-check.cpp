@@ -12,6 +12,7 @@
 #endif
 
 #include "tse_check_commands.h"
+#include "tse_check_pdf.h"
 #include "parallel.h"
 #include "tse_check_support.h"
 
@@ -42,6 +43,7 @@ int runGuarded(const std::function<int()>& command)
 
 int main(int argc, char** argv)
 {
+    if (argc == 2 && std::string(argv[1]) == tsecheck::RENDER_PDF_WORD) return tsecheck::renderPdfChild();
 #if defined(__GLIBC__)
     // glibc gives every thread that allocates an arena of its own, each
     // reserving 64 MiB of address space, up to eight per core. With many

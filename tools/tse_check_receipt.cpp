@@ -18,6 +18,7 @@
 #include "receipt_text.h"
 #include "receipt_verify.h"
 #include "tse_check_commands.h"
+#include "tse_check_pdf.h"
 #include "tse_check_output.h"
 #include "tse_check_support.h"
 
@@ -103,7 +104,7 @@ public:
                 out.error = "Picture " + out.name + " " + read.message();
                 return;
             }
-            out.scan = tse::scanImage(*read);
+            out.scan = tse::scanImage(*read, renderPdfOutOfProcess);
             if (!out.scan.error.empty()) out.error = "Picture " + out.name + " cannot be read: " + out.scan.error;
             else if (out.scan.codes.empty()) out.error = "Picture " + out.name + " holds no QR code";
         });

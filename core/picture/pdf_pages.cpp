@@ -54,8 +54,7 @@ GreyImage greyCopy(const poppler::image& rendered)
 
 }  // namespace
 
-std::string renderPdfPages(ByteView data,
-                           const std::function<void(int page, int pages, const GreyImage&)>& onPage)
+std::string renderPdfPages(ByteView data, const PdfPageHandler& onPage)
 {
     silencePoppler();
     if (data.size() > static_cast<size_t>(INT_MAX)) {

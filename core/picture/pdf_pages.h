@@ -22,13 +22,22 @@ constexpr double pdfRenderDpi = 300.0;
 constexpr int64_t maxPageRenderPixels = 9'000'000;
 constexpr int64_t maxPdfRenderPixels = 200'000'000;
 
-// Renders every page of the PDF in grey and hands each to onPage with its
-// 1-based number and the number of pages. Returns an error text when the data is no PDF poppler can
-// open (or has too many pages); empty when every page was rendered. A page
-// that cannot be rendered is reported as an error as well, after the pages
-// before it were handed on.
-std::string renderPdfPages(ByteView data,
-                           const std::function<void(int page, int pages, const GreyImage&)>& onPage);
+// Is handed each rendered page with its 1-based number and the number of
+// pages.
+using PdfPageHandler = std::function<void(int page, int pages, const GreyImage&)>;
+
+// Renders every page of the PDF in grey and hands each to onPage. Returns an
+// error text when the data is no PDF poppler can open (or has too many
+// pages); empty when every page was rendered. A page that cannot be
+// rendered is reported as an error as well, after the pages before it were
+// handed on.
+std::string renderPdfPages(ByteView data, const PdfPageHandler& onPage);
+
+// Renders as renderPdfPages does, somewhere else. Poppler decodes a page's
+// streams whole before any bound of ours applies, and a small stream may
+// inflate to gigabytes; a program can render in a process of its own under
+// limits of memory and time, which the core leaves to it.
+using PdfRenderer = std::function<std::string(ByteView data, const PdfPageHandler& onPage)>;
 
 }  // namespace tse
 

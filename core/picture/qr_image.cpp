@@ -32,14 +32,15 @@ void addCodes(ImageScan& scan, int page, const GreyImage& image, int64_t workLim
 
 }  // namespace
 
-ImageScan scanImage(ByteView data)
+ImageScan scanImage(ByteView data, const PdfRenderer& renderPdf)
 {
     ImageScan scan;
     if (isPdf(data)) {
         scan.format = "PDF";
-        scan.error = renderPdfPages(data, [&scan](int page, int pages, const GreyImage& image) {
+        const PdfPageHandler onPage = [&scan](int page, int pages, const GreyImage& image) {
             addCodes(scan, page, image, maxReadWork / std::max(pages, 1));
-        });
+        };
+        scan.error = renderPdf ? renderPdf(data, onPage) : renderPdfPages(data, onPage);
         return scan;
     }
     const RasterDecode decoded = decodeRaster(data);

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "bytes.h"
+#include "pdf_pages.h"
 #include "qr_reader.h"
 
 namespace tse {
@@ -27,8 +28,8 @@ struct ImageScan {
 
 // Reads every QR code in a picture (PNG, JPEG, WebP, HEIC/HEIF, TIFF, GIF,
 // BMP) or on every page of a PDF, told apart by their content, not their
-// name.
-ImageScan scanImage(ByteView data);
+// name. A PDF is rendered by renderPdf when one is given, else here.
+ImageScan scanImage(ByteView data, const PdfRenderer& renderPdf = {});
 
 }  // namespace tse
 

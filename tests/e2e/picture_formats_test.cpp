@@ -207,8 +207,9 @@ Bytes claimingSize(Bytes picture, uint32_t width, uint32_t height)
     return picture;
 }
 
-// A PDF of the given number of blank pages of size points square.
-std::string blankPdf(int pages, int size)
+// A PDF of the objects given after the catalog (object 1) and the page
+// tree (object 2), whose pages are objects 3 to 2 + pages.
+std::string pdfOf(int pages, const std::vector<std::string>& objects)
 {
     std::string pdf = "%PDF-1.4\n";
     std::vector<size_t> offsets;
@@ -220,10 +221,7 @@ std::string blankPdf(int pages, int size)
     std::string kids;
     for (int i = 0; i < pages; ++i) kids += std::to_string(3 + i) + " 0 R ";
     object("<< /Type /Pages /Kids [" + kids + "] /Count " + std::to_string(pages) + " >>");
-    for (int i = 0; i < pages; ++i) {
-        object("<< /Type /Page /Parent 2 0 R /MediaBox [0 0 " + std::to_string(size) + " " + std::to_string(size) +
-               "] >>");
-    }
+    for (const std::string& body : objects) object(body);
     const size_t xref = pdf.size();
     pdf += "xref\n0 " + std::to_string(offsets.size() + 1) + "\n0000000000 65535 f \n";
     for (size_t offset : offsets) {
@@ -233,6 +231,83 @@ std::string blankPdf(int pages, int size)
     }
     return pdf + "trailer\n<< /Size " + std::to_string(offsets.size() + 1) + " /Root 1 0 R >>\nstartxref\n" +
            std::to_string(xref) + "\n%%EOF\n";
+}
+
+std::string streamObject(const std::string& dictionary, const std::string& data)
+{
+    return "<< /Length " + std::to_string(data.size()) + " " + dictionary + " >>\nstream\n" + data + "\nendstream";
+}
+
+// The given number of blank pages of size points square.
+std::string blankPdf(int pages, int size)
+{
+    std::vector<std::string> objects;
+    for (int i = 0; i < pages; ++i) {
+        objects.push_back("<< /Type /Page /Parent 2 0 R /MediaBox [0 0 " + std::to_string(size) + " " +
+                          std::to_string(size) + "] >>");
+    }
+    return pdfOf(pages, objects);
+}
+
+// One page whose content draws a form that draws the next form ten times,
+// nine forms deep: a billion rectangles from two kilobytes.
+std::string nestedFormsPdf()
+{
+    constexpr int depth = 9;
+    std::vector<std::string> objects = {
+        "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 200 200] /Contents 4 0 R /Resources << /XObject << /F 5 0 R >> >> >>",
+        streamObject("", "/F Do")};
+    for (int level = 0; level < depth; ++level) {
+        const std::string form = "/Type /XObject /Subtype /Form /BBox [0 0 200 200]";
+        if (level + 1 == depth) {
+            objects.push_back(streamObject(form, "0 0 1 1 re f"));
+        } else {
+            std::string draws;
+            for (int i = 0; i < 10; ++i) draws += "/F Do ";
+            objects.push_back(streamObject(
+                form + " /Resources << /XObject << /F " + std::to_string(6 + level) + " 0 R >> >>", draws));
+        }
+    }
+    return pdfOf(1, objects);
+}
+
+// A zlib stream of `count` spaces, written as one block of fixed codes: a
+// literal space, then copies of 258 bytes from one back (13 bits each).
+std::string spacesDeflated(uint64_t count)
+{
+    std::string out = "\x78\x01";
+    uint32_t bits = 0;
+    int used = 0;
+    const auto put = [&](uint32_t value, int length) {  // least significant bit first
+        bits |= value << used;
+        for (used += length; used >= 8; used -= 8, bits >>= 8) out += static_cast<char>(bits & 0xFF);
+    };
+    // Huffman codes go most significant bit first.
+    const auto code = [&](uint32_t value, int length) {
+        for (int i = length - 1; i >= 0; --i) put((value >> i) & 1, 1);
+    };
+    put(1, 1);             // the last block
+    put(1, 2);             // fixed codes
+    code(0x30 + ' ', 8);   // the literal
+    const uint64_t copies = (count - 1) / 258;
+    for (uint64_t i = 0; i < copies; ++i) {
+        code(0xC0 + 5, 8);  // length 258
+        code(0, 5);         // distance 1
+    }
+    code(0, 7);  // end of block
+    if (used > 0) put(0, 8 - used);
+    const uint64_t n = 1 + copies * 258;
+    const uint64_t a = (1 + 32 * n) % 65521, b = (n + 32 * (n % 65521) * ((n + 1) % 65521) % 65521 * 32761) % 65521;
+    const uint32_t adler = static_cast<uint32_t>(b << 16 | a);
+    for (int shift = 24; shift >= 0; shift -= 8) out += static_cast<char>((adler >> shift) & 0xFF);
+    return out;
+}
+
+// One page whose 14 MB content stream inflates to 2 GiB of spaces.
+std::string inflatingPdf()
+{
+    return pdfOf(1, {"<< /Type /Page /Parent 2 0 R /MediaBox [0 0 200 200] /Contents 4 0 R >>",
+                     streamObject("/Filter /FlateDecode", spacesDeflated(uint64_t{2} << 30))});
 }
 
 // Inputs made to cost memory or time, and a format not read: each is
@@ -259,6 +334,10 @@ TEST(PictureFormats, HugeClaimsAndPagesAreBounded)
         {"huge-page.pdf", blankPdf(1, 14400), 2, "holds no QR code"},
         {"50-huge-pages.pdf", blankPdf(50, 14400), 2, "holds no QR code"},
         {"200-pages.pdf", blankPdf(200, 14400), 2, "the PDF has 200 pages, more than the 50 read from one file"},
+        // Poppler draws and inflates all of a page before any bound of ours
+        // applies: the renderer's own process runs out of time instead.
+        {"nested-forms.pdf", nestedFormsPdf(), 2, "page 1 of the PDF could not be rendered within its processor time"},
+        {"inflating.pdf", inflatingPdf(), 2, "page 1 of the PDF could not be rendered within its processor time"},
         // libvips could read it, but a drawing is no photo of a receipt.
         {"drawing.svg", "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"9\" height=\"9\"><rect width=\"9\" height=\"9\"/></svg>",
          2, "not a picture tse-check reads (PNG, JPEG, WebP, HEIC/HEIF, TIFF, GIF, BMP or PDF)"},
