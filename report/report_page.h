@@ -6,6 +6,7 @@
 // read on screen and printed on A4. What a report says comes from the
 // command that judged; this only lays it out.
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -69,6 +70,22 @@ public:
     size_t of(int64_t seconds) const;        // the bar of a time
     std::string label(size_t bucket) const;  // its first day, "2023-11-14"
     std::string unit() const;                // "day", "week", "30 days"
+
+    // The buckets from the earliest to the latest time that seconds(item)
+    // gives (an optional), or none when no item has a time.
+    template <typename Items, typename Seconds>
+    static std::optional<DayBuckets> spanning(const Items& items, Seconds seconds)
+    {
+        std::optional<int64_t> first, last;
+        for (const auto& item : items) {
+            const std::optional<int64_t> at = seconds(item);
+            if (!at) continue;
+            first = std::min(first.value_or(*at), *at);
+            last = std::max(last.value_or(*at), *at);
+        }
+        if (!first) return std::nullopt;
+        return DayBuckets(*first, *last);
+    }
 
 private:
     int64_t firstDay_ = 0, width_ = 1;

@@ -197,14 +197,10 @@ void counterCharts(report::ReportPage& page, const std::vector<TseLogs>& groups)
 
 void logsPerDayChart(report::ReportPage& page, const tse::AuditReport& report)
 {
-    std::optional<int64_t> first, last;
-    for (const tse::LogRecord& log : report.logs) {
-        if (!log.seconds) continue;
-        first = std::min(first.value_or(*log.seconds), *log.seconds);
-        last = std::max(last.value_or(*log.seconds), *log.seconds);
-    }
-    if (!first) return;
-    const report::DayBuckets buckets(*first, *last);
+    const std::optional<report::DayBuckets> span =
+        report::DayBuckets::spanning(report.logs, [](const tse::LogRecord& log) { return log.seconds; });
+    if (!span) return;
+    const report::DayBuckets& buckets = *span;
     const size_t bars = buckets.size();
     const std::string unit = buckets.unit();
     report::BarChart chart;

@@ -32,14 +32,10 @@ std::vector<report::FindingGroup> findingGroups(const tse::BookkeepingReport& bo
 // side by side, with the ones only one side knows as bars of their own.
 void perDayChart(report::ReportPage& page, const tse::BookkeepingReport& bookkeeping)
 {
-    std::optional<int64_t> first, last;
-    for (const tse::BookedTransaction& t : bookkeeping.transactions) {
-        if (!t.logSeconds) continue;
-        first = std::min(first.value_or(*t.logSeconds), *t.logSeconds);
-        last = std::max(last.value_or(*t.logSeconds), *t.logSeconds);
-    }
-    if (!first) return;
-    const report::DayBuckets buckets(*first, *last);
+    const std::optional<report::DayBuckets> span = report::DayBuckets::spanning(
+        bookkeeping.transactions, [](const tse::BookedTransaction& t) { return t.logSeconds; });
+    if (!span) return;
+    const report::DayBuckets& buckets = *span;
     const size_t bars = buckets.size();
     report::BarChart chart;
     chart.title = "Transactions per " + buckets.unit();
