@@ -188,12 +188,13 @@ struct VerifyScratch::State {
 VerifyScratch::VerifyScratch() : state_(std::make_unique<State>()) {}
 VerifyScratch::~VerifyScratch() = default;
 
-// Measured with `key-verifier speed` (bench/): the tables check five to six
-// times as many signatures per second as ECDSA_do_verify on the brainpool
-// curves and secp384r1, about 1.5 times on secp521r1 and about as many on
-// secp256r1, where libcrypto has code of its own for x86-64. Building them
-// costs 15 to 80 ms, what 50 to 100 signatures cost on the slow curves and
-// well over a thousand on the fast ones.
+// Measured with `key-verifier speed` (bench/): the tables check five to
+// seven times as many signatures per second as libcrypto on the brainpool
+// curves and secp384r1, about twice as many on secp521r1 and 1.2 to 1.3
+// times on secp256r1, where libcrypto has code of its own for x86-64.
+// Building them costs 40 to 120 ms, what the tables save over 60 to 100
+// signatures on the slow curves, some 400 on secp521r1 and nearly 4,000 on
+// secp256r1.
 bool KeyVerifier::tablesPayOff(Curve curve)
 {
     (void)curve;
