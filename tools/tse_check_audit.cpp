@@ -21,6 +21,7 @@
 #include "text.h"
 #include "tse_check_html.h"
 #include "tse_check_commands.h"
+#include "tse_check_jobs.h"
 #include "tse_check_output.h"
 #include "tse_check_support.h"
 
@@ -325,25 +326,34 @@ int auditCommand(AuditCommandOptions& options)
         refuse(EXIT_BAD_INPUT, "--json, --csv and --html cannot share standard output; write all but one to files\n"
                                "Run with --help for more information.");
     }
-    const tse::Result<tse::AuditReport> outcome = tse::auditExport(options.audit);
+    const tse::AuditReport report = runAudit(options.audit);
     bar.reset();
-    if (!outcome) refuse(EXIT_BAD_INPUT, "Cannot audit: " + tse::escapeUnsafe(outcome.message()));
-    const tse::AuditReport& report = *outcome;
-    if (!options.jsonPath.empty()) {
-        writeTo(options.jsonPath, [&](std::ostream& out) { writeJson(out, report, options.audit.jobs); });
-    }
-    if (!options.csvPath.empty()) writeTo(options.csvPath, [&](std::ostream& out) { writeCsv(out, report); });
-    if (!options.htmlPath.empty()) {
-        HtmlContext context{options.audit.exports, options.audit.strict};
-        context.inputs.insert(context.inputs.end(), options.audit.certificateFiles.begin(),
-                              options.audit.certificateFiles.end());
-        writeTo(options.htmlPath, [&](std::ostream& out) { writeAuditHtml(out, report, context); });
-    }
-    if (toStandardOutput == 0) printSummary(std::cout, report, options.audit.strict);
-    return report.summary.errors ? EXIT_NOT_VERIFIED : EXIT_OK;
+    return writeAuditDocuments(report, options.audit, {options.jsonPath, options.csvPath, options.htmlPath},
+                               toStandardOutput == 0 ? &std::cout : nullptr);
 }
 
 }  // namespace
+
+tse::AuditReport runAudit(const tse::AuditOptions& options)
+{
+    tse::Result<tse::AuditReport> outcome = tse::auditExport(options);
+    if (!outcome) refuse(EXIT_BAD_INPUT, "Cannot audit: " + tse::escapeUnsafe(outcome.message()));
+    return std::move(outcome).value();
+}
+
+int writeAuditDocuments(const tse::AuditReport& report, const tse::AuditOptions& options, const DocumentPaths& paths,
+                        std::ostream* summary)
+{
+    if (!paths.json.empty()) writeTo(paths.json, [&](std::ostream& out) { writeJson(out, report, options.jobs); });
+    if (!paths.csv.empty()) writeTo(paths.csv, [&](std::ostream& out) { writeCsv(out, report); });
+    if (!paths.html.empty()) {
+        HtmlContext context{options.exports, options.strict};
+        context.inputs.insert(context.inputs.end(), options.certificateFiles.begin(), options.certificateFiles.end());
+        writeTo(paths.html, [&](std::ostream& out) { writeAuditHtml(out, report, context); });
+    }
+    if (summary) printSummary(*summary, report, options.strict);
+    return report.summary.errors ? EXIT_NOT_VERIFIED : EXIT_OK;
+}
 
 Command addAuditCommand(CLI::App& parent)
 {

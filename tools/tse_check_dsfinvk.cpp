@@ -16,6 +16,7 @@
 
 #include "dsfinvk_check.h"
 #include "tse_check_commands.h"
+#include "tse_check_jobs.h"
 #include "tse_check_html.h"
 #include "tse_check_output.h"
 #include "tse_check_support.h"
@@ -258,22 +259,34 @@ int dsfinvkCommand(DsfinvkCommandOptions& options)
         refuse(EXIT_BAD_INPUT, "--json, --csv and --html cannot share standard output; write all but one to files\n"
                                "Run with --help for more information.");
     }
-    const tse::Result<tse::BookkeepingReport> outcome = tse::checkBookkeeping(options.check);
+    const tse::BookkeepingReport report = runBookkeeping(options.check);
     line.reset();
-    if (!outcome) refuse(EXIT_BAD_INPUT, "Cannot check the bookkeeping: " + outcome.message());
-    const tse::BookkeepingReport& report = *outcome;
-    if (!options.jsonPath.empty()) writeTo(options.jsonPath, [&](std::ostream& out) { writeJson(out, report); });
-    if (!options.csvPath.empty()) writeTo(options.csvPath, [&](std::ostream& out) { writeCsv(out, report); });
-    if (!options.htmlPath.empty()) {
-        HtmlContext context{options.check.dsfinvk, options.check.strict};
-        context.inputs.insert(context.inputs.end(), options.check.tse.begin(), options.check.tse.end());
-        writeTo(options.htmlPath, [&](std::ostream& out) { writeBookkeepingHtml(out, report, context); });
-    }
-    if (toStandardOutput == 0) printSummary(std::cout, report, options.check.strict);
-    return report.summary.errors ? EXIT_NOT_VERIFIED : EXIT_OK;
+    return writeBookkeepingDocuments(report, options.check, {options.jsonPath, options.csvPath, options.htmlPath},
+                                     toStandardOutput == 0 ? &std::cout : nullptr);
 }
 
 }  // namespace
+
+tse::BookkeepingReport runBookkeeping(const tse::BookkeepingOptions& options)
+{
+    tse::Result<tse::BookkeepingReport> outcome = tse::checkBookkeeping(options);
+    if (!outcome) refuse(EXIT_BAD_INPUT, "Cannot check the bookkeeping: " + outcome.message());
+    return std::move(outcome).value();
+}
+
+int writeBookkeepingDocuments(const tse::BookkeepingReport& report, const tse::BookkeepingOptions& options,
+                              const DocumentPaths& paths, std::ostream* summary)
+{
+    if (!paths.json.empty()) writeTo(paths.json, [&](std::ostream& out) { writeJson(out, report); });
+    if (!paths.csv.empty()) writeTo(paths.csv, [&](std::ostream& out) { writeCsv(out, report); });
+    if (!paths.html.empty()) {
+        HtmlContext context{options.dsfinvk, options.strict};
+        context.inputs.insert(context.inputs.end(), options.tse.begin(), options.tse.end());
+        writeTo(paths.html, [&](std::ostream& out) { writeBookkeepingHtml(out, report, context); });
+    }
+    if (summary) printSummary(*summary, report, options.strict);
+    return report.summary.errors ? EXIT_NOT_VERIFIED : EXIT_OK;
+}
 
 Command addDsfinvkCommand(CLI::App& parent)
 {

@@ -1,6 +1,7 @@
 // tse-check receipt: verifies receipt QR code texts given as arguments, in
 // files or in pictures, and on request finds out why one does not verify.
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <iostream>
 #include <memory>
@@ -18,6 +19,7 @@
 #include "receipt_text.h"
 #include "receipt_verify.h"
 #include "tse_check_commands.h"
+#include "tse_check_jobs.h"
 #include "tse_check_pdf.h"
 #include "tse_check_output.h"
 #include "tse_check_support.h"
@@ -29,16 +31,6 @@ namespace {
 // image does not. Photographs and scanned PDFs of receipts are far smaller.
 constexpr size_t MAX_RECEIPT_LIST_SIZE = 64u << 20;
 constexpr size_t MAX_PICTURE_SIZE = 64u << 20;
-
-struct ReceiptOptions {
-    std::vector<std::string> texts;
-    std::vector<std::string> lists;
-    std::vector<std::string> pictures;
-    bool json = false;
-    bool explain = false;
-    int64_t timeWindow = 7200;
-    unsigned jobs = tse::defaultJobs();
-};
 
 struct ReceiptInput {
     std::string source;
@@ -60,7 +52,7 @@ struct ReceiptResult {
 class InputCollector {
 public:
     std::vector<ReceiptInput> inputs;
-    bool failed = false;
+    std::vector<std::string> errors;
 
     void addTexts(const std::vector<std::string>& texts)
     {
@@ -87,15 +79,18 @@ public:
 
     // "-" is one picture on standard input, as a camera program writes it.
     // Pictures are read side by side, their codes listed in the order given.
-    void addPictures(const std::vector<std::string>& paths, unsigned jobs)
+    void addPictures(const ReceiptOptions& options)
     {
+        const std::vector<std::string>& paths = options.pictures;
         struct Scanned {
             std::string name;
             std::string error;
             tse::ImageScan scan;
         };
         std::vector<Scanned> scanned(paths.size());
-        tse::parallelFor(paths.size(), jobs, [&](size_t i) {
+        std::atomic<uint64_t> done{0};
+        tse::parallelFor(paths.size(), options.jobs, [&](size_t i) {
+            if (options.cancel && options.cancel->load()) return;
             const bool standardInput = paths[i] == "-";
             Scanned& out = scanned[i];
             out.name = standardInput ? "stdin" : paths[i];
@@ -107,6 +102,7 @@ public:
             out.scan = tse::scanImage(*read, renderPdfOutOfProcess);
             if (!out.scan.error.empty()) out.error = "Picture " + out.name + " cannot be read: " + out.scan.error;
             else if (out.scan.codes.empty()) out.error = "Picture " + out.name + " holds no QR code";
+            if (options.progress) options.progress(++done, paths.size());
         });
         for (const Scanned& picture : scanned) {
             if (!picture.error.empty()) {
@@ -121,11 +117,7 @@ public:
     }
 
 private:
-    void report(const std::string& line)
-    {
-        std::cerr << "[ERROR] " << line << std::endl;
-        failed = true;
-    }
+    void report(const std::string& line) { errors.push_back("[ERROR] " + line); }
 
     // "scan.pdf page 2 code 3": the code's number counts on its page, and
     // only when the page holds more than one.
@@ -282,7 +274,30 @@ int exitStatus(const std::vector<ReceiptResult>& results, bool inputFailed)
     return status;
 }
 
-int receiptCommand(const ReceiptOptions& options)
+struct CheckedBatch {
+    std::vector<ReceiptResult> results;
+    std::vector<std::string> errors;
+};
+
+void explainInvalid(std::vector<ReceiptResult>& results, const ReceiptOptions& options)
+{
+    // One explanation at a time, each on every core, all within the
+    // batch's work bound.
+    tse::ExplainOptions explainOptions;
+    explainOptions.timeWindow = options.timeWindow;
+    explainOptions.jobs = options.jobs;
+    std::vector<ReceiptResult*> invalid;
+    std::vector<const tse::Receipt*> receipts;
+    for (ReceiptResult& r : results) {
+        if (r.verification.verdict != tse::Verdict::Invalid) continue;
+        invalid.push_back(&r);
+        receipts.push_back(&*r.receipt);
+    }
+    std::vector<tse::Explanation> explanations = tse::explainReceipts(receipts, explainOptions);
+    for (size_t i = 0; i < invalid.size(); ++i) invalid[i]->explanation = std::move(explanations[i]);
+}
+
+CheckedBatch checkBatch(const ReceiptOptions& options)
 {
     if (options.texts.empty() && options.lists.empty() && options.pictures.empty()) {
         refuse(EXIT_BAD_INPUT, "No receipt given: pass QR code texts, --from FILE or --image FILE");
@@ -294,10 +309,11 @@ int receiptCommand(const ReceiptOptions& options)
     InputCollector collector;
     collector.addTexts(options.texts);
     for (const std::string& path : options.lists) collector.addList(path);
-    collector.addPictures(options.pictures, options.jobs);
+    collector.addPictures(options);
 
     tse::KeyCache keys;
-    std::vector<ReceiptResult> results(collector.inputs.size());
+    CheckedBatch batch{std::vector<ReceiptResult>(collector.inputs.size()), std::move(collector.errors)};
+    std::vector<ReceiptResult>& results = batch.results;
     tse::parallelFor(results.size(), options.jobs,
                      [&](size_t i) { results[i] = parseOne(collector.inputs[i], keys); });
     // A batch of one TSE's receipts is checked through tables of its key.
@@ -313,38 +329,39 @@ int receiptCommand(const ReceiptOptions& options)
             verifyOne(results[i], verifiers, scratch);
         }
     });
-    // One explanation at a time, each on every core, all within the
-    // batch's work bound.
-    if (options.explain) {
-        tse::ExplainOptions explainOptions;
-        explainOptions.timeWindow = options.timeWindow;
-        explainOptions.jobs = options.jobs;
-        std::vector<ReceiptResult*> invalid;
-        std::vector<const tse::Receipt*> receipts;
-        for (ReceiptResult& r : results) {
-            if (r.verification.verdict != tse::Verdict::Invalid) continue;
-            invalid.push_back(&r);
-            receipts.push_back(&*r.receipt);
-        }
-        std::vector<tse::Explanation> explanations = tse::explainReceipts(receipts, explainOptions);
-        for (size_t i = 0; i < invalid.size(); ++i) invalid[i]->explanation = std::move(explanations[i]);
-    }
+    if (options.explain && !(options.cancel && options.cancel->load())) explainInvalid(results, options);
+    return batch;
+}
 
+int receiptCommand(const ReceiptOptions& options)
+{
+    const CheckedBatch batch = checkBatch(options);
+    for (const std::string& line : batch.errors) std::cerr << line << '\n';
+    std::cerr.flush();
     if (options.json) {
         nlohmann::json document = nlohmann::json::array();
-        for (const ReceiptResult& r : results) document.push_back(toJson(r, options.explain));
+        for (const ReceiptResult& r : batch.results) document.push_back(toJson(r, options.explain));
         makeJsonSafe(document);
         std::cout << document.dump(2) << std::endl;
     } else {
         std::vector<std::vector<std::string>> rows;
-        rows.reserve(results.size());
-        for (const ReceiptResult& r : results) rows.push_back(textColumns(r));
+        rows.reserve(batch.results.size());
+        for (const ReceiptResult& r : batch.results) rows.push_back(textColumns(r));
         printAligned(std::cout, rows);
     }
-    return exitStatus(results, collector.failed);
+    return exitStatus(batch.results, !batch.errors.empty());
 }
 
 }  // namespace
+
+ReceiptBatch checkReceipts(const ReceiptOptions& options)
+{
+    const CheckedBatch batch = checkBatch(options);
+    ReceiptBatch out{nlohmann::json::array(), batch.errors, exitStatus(batch.results, !batch.errors.empty())};
+    for (const ReceiptResult& r : batch.results) out.document.push_back(toJson(r, options.explain));
+    makeJsonSafe(out.document);
+    return out;
+}
 
 Command addReceiptCommand(CLI::App& parent)
 {

@@ -204,6 +204,7 @@ private:
     void addKey(const Certificate& certificate);
     void checkCertificateName(const std::string& file, const std::vector<Certificate>& certificates);
     std::string readAll();
+    Result<ExportRead> readCancellable(const ExportSource& source);
     void visit(ExportMember&& member);
     void visitLog(ExportMember&& member);
     bool firstSighting(ByteView data);
@@ -649,11 +650,7 @@ std::string AuditRun::readAll()
             ExclusiveLock<Mutex> lock(resultsLock_);
             currentLabel_ = labels_.emplace_back(escapeText(source.label()));
         }
-        const Result<ExportRead> read = readExportSource(
-            source, options_.maxMemberSize, [&](ExportMember&& member) { visit(std::move(member)); },
-            [&](uint64_t bytes) {
-                if (options_.progress) options_.progress(AuditProgress{logsDone_, bytesBefore_ + bytes, bytesTotal_});
-            });
+        const Result<ExportRead> read = readCancellable(source);
         bytesBefore_ += sourceSize(source);
         if (!read) failure = read.message();
         else if (read->truncation && !finalPass_) {
@@ -665,6 +662,26 @@ std::string AuditRun::readAll()
     queue_->close();
     for (std::thread& worker : workers) worker.join();
     return failure;
+}
+
+// A cancelled audit stops reading at the next member; the workers still
+// finish what was queued before it, so that every thread ends in order.
+Result<ExportRead> AuditRun::readCancellable(const ExportSource& source)
+{
+    struct Stop {};
+    try {
+        return readExportSource(
+            source, options_.maxMemberSize,
+            [&](ExportMember&& member) {
+                if (options_.cancel && options_.cancel->load()) throw Stop{};
+                visit(std::move(member));
+            },
+            [&](uint64_t bytes) {
+                if (options_.progress) options_.progress(AuditProgress{logsDone_, bytesBefore_ + bytes, bytesTotal_});
+            });
+    } catch (const Stop&) {
+        return Error{AUDIT_CANCELLED};
+    }
 }
 
 // As many verifying threads as asked for and the system grants: a system
@@ -774,6 +791,7 @@ Result<AuditReport> AuditRun::run()
     if (deferred) {
         if (std::string error = readAll(); !error.empty()) return Error{error, {}};
     }
+    if (options_.cancel && options_.cancel->load()) return Error{AUDIT_CANCELLED};
     finish();
     // Nothing to audit is no passed audit; a cut archive with nothing left
     // in it still gets its report, which says where it was cut.

@@ -1,6 +1,7 @@
 #ifndef TSE_CORE_AUDIT_H
 #define TSE_CORE_AUDIT_H
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -36,7 +37,12 @@ struct AuditOptions {
     // is judged, for checks that need more of a log than its record keeps
     // (the bookkeeping check compares processData and signatures).
     std::function<void(const LogMessage&, const LogRecord&)> inspect;
+    // Set by another thread to stop the audit before the next member; it
+    // then ends with AUDIT_CANCELLED as its error. Null: it runs to its end.
+    const std::atomic<bool>* cancel = nullptr;
 };
+
+inline constexpr const char* AUDIT_CANCELLED = "the check was cancelled";
 
 // Reads every export once, verifies each log on `jobs` threads while the
 // next members are read, and applies the integrity rules. An error when an

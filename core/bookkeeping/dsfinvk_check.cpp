@@ -229,6 +229,7 @@ private:
     void compare(BookedTransaction& booked, const RowExtra& extra, const TseLog& finish);
     void finish();
     void addFinding(Severity severity, std::string code, std::string message, std::vector<std::string> transactions);
+    bool cancelled() const { return options_.cancel && options_.cancel->load(); }
 
     const BookkeepingOptions& options_;
     BookkeepingReport report_;
@@ -671,6 +672,7 @@ void Check::verifyRows()
     extras_.resize(rows_.size());
     std::atomic<uint64_t> done{0};
     parallelFor(rows_.size(), options_.jobs, [&](size_t i) {
+        if (cancelled()) return;
         verifyRow(rows_[i], report_.transactions[i], extras_[i]);
         checkAmounts(rows_[i], report_.transactions[i]);
         const uint64_t now = ++done;
@@ -698,6 +700,7 @@ void Check::readTseExport()
     audit.certificateFiles = options_.certificateFiles;
     audit.trustDirectories = options_.trustDirectories;
     audit.jobs = options_.jobs;
+    audit.cancel = options_.cancel;
     if (options_.progress) {
         audit.progress = [this](const AuditProgress& p) {
             options_.progress(BookkeepingProgress{"tse", p.bytesDone, p.bytesTotal});
@@ -1012,6 +1015,7 @@ Result<BookkeepingReport> Check::run()
     }
     decodeTses();
     verifyRows();
+    if (cancelled()) return Error{AUDIT_CANCELLED};
     // What only the rows needed goes before the TSE export comes in.
     rows_ = std::vector<Row>();
     amounts_ = std::unordered_map<std::string, BonAmounts>();

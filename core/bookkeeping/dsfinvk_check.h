@@ -1,6 +1,7 @@
 #ifndef TSE_CORE_DSFINVK_CHECK_H
 #define TSE_CORE_DSFINVK_CHECK_H
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -30,6 +31,9 @@ struct BookkeepingOptions {
     size_t maxTableSize = 256u << 20;  // a CSV file above this is refused (a million rows stay below)
     // Called often from the reading thread; keep it cheap.
     std::function<void(const BookkeepingProgress&)> progress;
+    // Set by another thread to stop the check between rows and members; it
+    // then ends with AUDIT_CANCELLED as its error. Null: it runs to its end.
+    const std::atomic<bool>* cancel = nullptr;
 };
 
 // Reads the bookkeeping export, verifies every signed row from its own data
