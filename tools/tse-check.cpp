@@ -66,6 +66,7 @@ int main(int argc, char** argv)
         tsecheck::addVerifyCommand(app),
         tsecheck::addAuditCommand(app),
         tsecheck::addDsfinvkCommand(app),
+        tsecheck::addServeCommand(app),
     };
 
     try {

@@ -21,6 +21,7 @@ Command addToQrCommand(CLI::App& parent);
 Command addVerifyCommand(CLI::App& parent);
 Command addAuditCommand(CLI::App& parent);
 Command addDsfinvkCommand(CLI::App& parent);
+Command addServeCommand(CLI::App& parent);
 
 }  // namespace tsecheck
 
