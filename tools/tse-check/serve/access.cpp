@@ -100,9 +100,12 @@ Access AccessPolicy::judge(const AccessRequest& request) const
     if (!knownHost(request.host)) return Access::ForeignHost;
     const std::string_view bearer = request.authorization.substr(0, 7) == "Bearer " ? request.authorization.substr(7) : "";
     const bool reading = request.method == "GET" || request.method == "HEAD";
+    const bool presented = !bearer.empty() || !request.queryToken.empty();
     const bool given = (!bearer.empty() && tokenMatches(bearer)) ||
                        (!request.queryToken.empty() && tokenMatches(request.queryToken));
     const bool cookie = !request.cookieToken.empty() && tokenMatches(request.cookieToken);
+    // A wrong token is refused as such, wherever the server listens.
+    if (presented && !given) return Access::NoToken;
     if (tokenForReading_ && !given && !cookie) return Access::NoToken;
     if (reading || given) return Access::Allowed;
     return !request.formToken.empty() && sameSecret(request.formToken, formToken_) ? Access::Allowed

@@ -6,7 +6,7 @@
 // or of an upload, would hold one of its threads for ever. Every second
 // this looks at the server's connected sockets and shuts down those that
 // have shown no activity (a finished request, ACTIVE_BYTES of an upload
-// or a download) for IDLE_LIMIT; the library then closes them itself.
+// or a download) for the idle limit; the library then closes them itself.
 
 #include <chrono>
 #include <condition_variable>

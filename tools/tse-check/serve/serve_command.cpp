@@ -100,7 +100,7 @@ struct Settings {
     ListenAddress address;
     uint64_t maxUpload = 0;
     unsigned jobs = 1;
-    std::chrono::milliseconds keep{0};
+    std::chrono::milliseconds keep{0}, idle{0};
     std::string token;
 };
 
@@ -118,6 +118,10 @@ Settings settingsOf(const ServeOptions& options)
         refuse(EXIT_BAD_INPUT, "--keep takes minutes from 0 to 10080 (seven days)");
     }
     settings.keep = std::chrono::milliseconds(std::llround(options.keepMinutes * 60000));
+    if (!(options.idleSeconds >= 1) || options.idleSeconds > 3600) {
+        refuse(EXIT_BAD_INPUT, "--idle-timeout takes seconds from 1 to 3600");
+    }
+    settings.idle = std::chrono::milliseconds(std::llround(options.idleSeconds * 1000));
     if (!options.token.empty() && options.token.size() < 16) {
         refuse(EXIT_BAD_INPUT, "--token takes at least 16 characters, so that it cannot be guessed");
     }
@@ -132,7 +136,7 @@ int serveCommand(const ServeOptions& options)
     waitForStopSignal();
     ServeFolder folder;
     JobBoard board(folder.path(), settings.jobs, settings.jobs * WAITING_PER_SLOT, settings.keep, jobRunner(log));
-    ConnectionWatch watch(IDLE_LIMIT);
+    ConnectionWatch watch(settings.idle);
     AccessPolicy access(settings.token, randomToken(), {}, !settings.address.loopback);
     ServerContext context{access, board, watch, settings.maxUpload, std::string("tse-check ") + TSE_CHECK_VERSION, log};
     HttpServer http(context);
@@ -174,6 +178,10 @@ Command addServeCommand(CLI::App& parent)
         ->check(CLI::Range(1u, 256u));
     app->add_option("--keep", options->keepMinutes, "Minutes a finished job's results are kept (default 60)")
         ->type_name("MINUTES");
+    app->add_option("--idle-timeout", options->idleSeconds,
+                    "Seconds after which a connection that sends no request, or an upload that stalls, is closed "
+                    "(default 30)")
+        ->type_name("SECONDS");
     return Command{app, [options] { return serveCommand(*options); }};
 }
 

@@ -26,9 +26,9 @@ constexpr size_t MAX_FIELDS = 20000;
 // Jobs that may wait for a free slot, per slot, before new ones get 503.
 constexpr size_t WAITING_PER_SLOT = 4;
 // A connection that gets no request, or an upload that gets less than
-// ACTIVE_BYTES, within this time is closed: slow or stalled clients must
-// not hold the server's threads.
-constexpr std::chrono::seconds IDLE_LIMIT{30};
+// ACTIVE_BYTES, within --idle-timeout is closed: slow or stalled clients
+// must not hold the server's threads.
+constexpr double DEFAULT_IDLE_SECONDS = 30;
 constexpr uint64_t ACTIVE_BYTES = 64 * 1024;
 // Threads that answer requests; jobs run on threads of their own.
 constexpr int REQUEST_THREADS = 16;
@@ -55,6 +55,7 @@ struct ServeOptions {
     std::string maxUpload = "4GiB";
     unsigned jobs = 0;  // 0: the number of cores
     double keepMinutes = DEFAULT_KEEP_MINUTES;
+    double idleSeconds = DEFAULT_IDLE_SECONDS;
 };
 
 }  // namespace tsecheck::serve

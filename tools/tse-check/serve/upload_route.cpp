@@ -59,6 +59,17 @@ std::string problemOf(const UploadFolder& upload, JobKind kind, const JobInput& 
     return {};
 }
 
+// A client that does not wait for "100 Continue" sends its body before it
+// reads the refusal; a small body is read and dropped so that the client
+// gets the answer instead of a reset connection.
+void drain(const httplib::ContentReader& reader)
+{
+    constexpr uint64_t LIMIT = 16u << 20;
+    uint64_t read = 0;
+    reader([](const httplib::MultipartFormData&) { return true; },
+           [&read](const char*, size_t size) { return (read += size) <= LIMIT; });
+}
+
 }  // namespace
 
 std::shared_ptr<Job> acceptUpload(const httplib::Request& request, httplib::Response& response,
@@ -75,6 +86,7 @@ std::shared_ptr<Job> acceptUpload(const httplib::Request& request, httplib::Resp
     }
     std::shared_ptr<Job> job = context.jobs.reserve();
     if (!job) {
+        drain(reader);
         response.set_header("Retry-After", "30");
         answerError(request, response, 503, "the server is busy: every place in its queue is taken; try again later");
         return nullptr;
