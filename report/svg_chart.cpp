@@ -128,15 +128,23 @@ void axes(std::string& out, const Scale& x, const Scale& y, const std::vector<Ti
                num(at) + "\" class=\"grid\"/>";
         svgText(out, LEFT - 6, at + 4, tick.label, "text-anchor=\"end\"");
     }
+    double labelled = -WIDTH;  // where the last label drawn ends
+    size_t drawn = 0;
     for (const Tick& tick : xTicks) {
         if (!inside(x, tick.value)) continue;
         const double at = x.at(tick.value);
         out += "<line x1=\"" + num(at) + "\" x2=\"" + num(at) + "\" y1=\"" + num(top) + "\" y2=\"" + num(bottom) +
                "\" class=\"grid\"/>";
-        // A label that would stick out of the picture keeps to its edge.
+        // A label that would stick out of the picture keeps to its edge;
+        // one that would overlap the label before it is left out.
         const double half = 3.2 * static_cast<double>(tick.label.size());
         const char* anchor = at - half < 2 ? "start" : at + half > WIDTH - 2 ? "end" : "middle";
-        svgText(out, at, bottom + 16, tick.label, std::string("text-anchor=\"") + anchor + "\"");
+        const double start = anchor[0] == 's' ? at : anchor[0] == 'e' ? at - 2 * half : at - half;
+        if (start < labelled + 8) continue;
+        labelled = start + 2 * half;
+        // On a narrow screen the labels grow and every second one goes (.alt).
+        svgText(out, at, bottom + 16, tick.label,
+                std::string("text-anchor=\"") + anchor + "\"" + (drawn++ % 2 ? " class=\"alt\"" : ""));
     }
     out += "<path d=\"M" + num(LEFT) + "," + num(top) + "V" + num(bottom) + "H" + num(LEFT + PLOT_WIDTH) +
            "\" class=\"frame\"/>";

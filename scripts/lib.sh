@@ -11,19 +11,23 @@ cd "$REPO_ROOT" || exit 1
 # dependencies of the Debian package; zbar-tools (zbarimg, the scanner the
 # picture series is measured against), libheif-examples, webp and
 # imagemagick to write the HEIC, WebP, TIFF, GIF and BMP pictures the
-# tests read; time for bench/pictures.sh.
+# tests read; time for bench/pictures.sh; libcpp-httplib-dev, the HTTP
+# server of tse-check serve (and its tests' client); curl for scripts/demo
+# and bench/serve.sh.
 BUILD_PACKAGES=(g++ make cmake pkg-config libssl-dev libgtest-dev libcli11-dev nlohmann-json3-dev
                 libarchive-dev libzxing-dev libzbar-dev libvips-dev libstb-dev libpoppler-cpp-dev
-                libqrencode-dev libbenchmark-dev libpugixml-dev man-db bsdextrautils dpkg-dev gzip
-                zbar-tools libheif-examples webp imagemagick time)
+                libqrencode-dev libcpp-httplib-dev libbenchmark-dev libpugixml-dev man-db bsdextrautils dpkg-dev gzip
+                zbar-tools libheif-examples webp imagemagick time curl)
 
 # The fuzz targets (fuzz/targets.txt, which fuzz/CMakeLists.txt reads too).
 mapfile -t FUZZ_TARGETS < <(grep -E '^[a-z_0-9]+$' fuzz/targets.txt)
 
 # What the tests of the HTML report run: headless Chromium renders, prints
-# and photographs the report, pdftotext reads the printout back. Without
-# them those tests are reported as skipped.
-BROWSER_PACKAGES=(chromium poppler-utils)
+# and photographs the report, pdftotext reads the printout back; Selenium
+# (Debian's Python, /usr/bin/python3) drives chromium-driver through the
+# pages of tse-check serve. Without them those tests are reported as
+# skipped.
+BROWSER_PACKAGES=(chromium poppler-utils chromium-driver python3-selenium)
 
 # Parallel build jobs.
 JOBS="${JOBS:-2}"
