@@ -8,6 +8,7 @@ declare -gA _tse_check_subcommand_options=(
     [audit]="--cert --trust --json --csv --html --strict --jobs --progress --no-progress --help"
     [dsfinvk]="--tse --cert --trust --json --csv --html --strict --jobs --progress --no-progress --help"
     [receipt]="--from --image --json --explain --time-window --jobs --help"
+    [serve]="--listen --token --max-upload --jobs --keep --idle-timeout --help"
 )
 _tse_check_options="--help --version"
 
