@@ -140,16 +140,56 @@ verify_samples() {
     return "$failures"
 }
 
-# chromium_shot HTML PNG [WIDTH,HEIGHT]: the first screen of a page as a
-# picture, from headless Chromium with a new empty profile and nothing that
-# reaches the network.
+# chromium_shot HTML|URL PNG [WIDTH,HEIGHT [SCALE]]: the first screen of a
+# page (a file, or an address of a loopback server) as a picture, from
+# headless Chromium with a new empty profile and nothing that reaches the
+# network.
 chromium_shot() {
-    local page="$1" png="$2" size="${3:-1000,1400}" profile status=0
+    local page="$1" png="$2" size="${3:-1000,1400}" scale="${4:-1}" profile status=0
     profile=$(mktemp -d)
+    [[ "$page" == http://127.0.0.1:* ]] || page="file://$(realpath "$page")"
     chromium --headless --no-sandbox --disable-gpu --disable-quic --no-first-run \
         --disable-background-networking --disable-component-update --disable-sync \
-        --user-data-dir="$profile" --hide-scrollbars --window-size="$size" \
-        --screenshot="$(realpath -m "$png")" "file://$(realpath "$page")" >/dev/null 2>&1 || status=$?
+        --user-data-dir="$profile" --hide-scrollbars --window-size="$size" --force-device-scale-factor="$scale" \
+        --screenshot="$(realpath -m "$png")" "$page" >/dev/null 2>&1 || status=$?
     rm -rf "$profile"
     return "$status"
+}
+
+# serve_start DIR [OPTION...]: starts build/tse-check serve on a free port of
+# 127.0.0.1 with its files in DIR, and sets SERVE_URL, SERVE_TOKEN and
+# SERVE_PID once it answers.
+serve_start() {
+    local dir="$1" i
+    shift
+    mkdir -p "$dir/tmp"
+    TMPDIR="$dir/tmp" build/tse-check serve --listen 127.0.0.1:0 "$@" >"$dir/serve.out" 2>"$dir/serve.log" &
+    SERVE_PID=$!
+    for i in $(seq 100); do
+        SERVE_URL=$(grep -o 'http://127.0.0.1:[0-9]*' "$dir/serve.out" 2>/dev/null || true)
+        [ -n "$SERVE_URL" ] && break
+        sleep 0.1
+    done
+    [ -n "$SERVE_URL" ] || { kill "$SERVE_PID" 2>/dev/null; die "tse-check serve did not start: $(cat "$dir/serve.log")"; }
+    SERVE_TOKEN=$(sed -n 's/^API token (Authorization: Bearer): //p' "$dir/serve.out")
+}
+
+# serve_stop: SIGTERM to the server serve_start started, and its exit status.
+serve_stop() {
+    local status=0
+    kill -TERM "$SERVE_PID" 2>/dev/null || true
+    wait "$SERVE_PID" || status=$?
+    return "$status"
+}
+
+# serve_wait ID [SECONDS]: polls the job until it is over (at most SECONDS,
+# default 600) and prints its status without the result.
+serve_wait() {
+    local id="$1" limit="${2:-600}" status start=$SECONDS
+    while :; do
+        status=$(curl -sf "$SERVE_URL/api/jobs/$id?result=none") || return 1
+        case "$status" in *'"state":"queued"'* | *'"state":"running"'*) ;; *) printf '%s\n' "$status"; return 0 ;; esac
+        [ $((SECONDS - start)) -lt "$limit" ] || return 1
+        sleep 0.1
+    done
 }

@@ -44,6 +44,8 @@ void runAuditJob(Job& job)
     std::ostringstream summary;
     {
         const tse::AuditReport report = runAudit(options);
+        progress.logs = report.summary.logs;
+        progress.done = progress.total.load();
         job.outcome.exitStatus = writeAuditDocuments(report, options, documentsOf(job, "audit"), &summary);
     }
     job.outcome.summaries.push_back(summary.str());
