@@ -9,3 +9,4 @@ cd "$(dirname "${BASH_SOURCE[0]}")"
 ./receipts.sh
 ./pictures.sh
 ./dsfinvk.sh
+./serve.sh

@@ -39,6 +39,9 @@ MAIN_BUILD_ARGS=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_TESTING=ON
 # The picture of a real export's report that the README shows
 # (scripts/make-screenshot writes it).
 REPORT_SCREENSHOT=docs/report.png
+# The pages of tse-check serve on a desktop and on a phone.
+SERVE_DESKTOP_SCREENSHOT=docs/serve-desktop.png
+SERVE_PHONE_SCREENSHOT=docs/serve-phone.png
 
 # The bundled samples (scripts/make-samples writes them).
 SAMPLE_CERT=samples/demo-tse-certificate.pem
