@@ -207,7 +207,7 @@ TEST(ServeSecurity, AnyOtherAddressNeedsTheToken)
 }
 
 // Reads until the server closes the connection; how long that took.
-double secondsUntilClosed(int port, const std::string& trickle, double limit)
+double secondsUntilClosed(int port, const std::string& start, const std::string& trickle, double limit)
 {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
@@ -217,12 +217,15 @@ double secondsUntilClosed(int port, const std::string& trickle, double limit)
     if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) return -1;
     timeval wait{0, 200000};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-    const auto start = std::chrono::steady_clock::now();
-    const auto elapsed = [&] { return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(); };
+    const auto begun = std::chrono::steady_clock::now();
+    const auto elapsed = [&] { return std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count(); };
+    if (!start.empty() && send(fd, start.data(), start.size(), MSG_NOSIGNAL) < 0) return close(fd), elapsed();
     size_t sent = 0;
     char buffer[256];
+    // A short text trickles in byte by byte; a long one floods.
+    const size_t step = trickle.size() > 1000 ? trickle.size() : 1;
     while (elapsed() < limit) {
-        if (!trickle.empty() && send(fd, &trickle[sent++ % trickle.size()], 1, MSG_NOSIGNAL) < 0) break;
+        if (!trickle.empty() && send(fd, trickle.data() + (sent++ * step) % trickle.size(), step, MSG_NOSIGNAL) < 0) break;
         const ssize_t got = recv(fd, buffer, sizeof buffer, 0);
         if (got == 0 || (got < 0 && errno != EAGAIN && errno != EWOULDBLOCK)) break;
     }
@@ -236,12 +239,16 @@ TEST(ServeSecurity, SlowAndStalledClientsAreCut)
     ASSERT_TRUE(served.server.started()) << served.server.log();
     const int port = served.server.port();
     // Silent; a header that never ends; a body announced and never sent.
-    EXPECT_LT(secondsUntilClosed(port, "", 20), 8);
-    EXPECT_LT(secondsUntilClosed(port, "GET / HTTP/1.1\r\nX-Slow: aaaaaaaaaaaaaaaaaaaaaaaaaaaaa", 20), 8);
+    EXPECT_LT(secondsUntilClosed(port, "", "", 20), 8);
+    EXPECT_LT(secondsUntilClosed(port, "GET / HTTP/1.1\r\n", "X-Slow: aaaaaaaaaaaaaaaaaaaaaaaaaaaaa", 20), 8);
     const std::string post = "POST /api/receipt HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) +
                              "\r\nAuthorization: Bearer " + served.server.token() +
                              "\r\nContent-Type: multipart/form-data; boundary=b\r\nContent-Length: 100000000\r\n\r\n";
-    EXPECT_LT(secondsUntilClosed(port, post, 30), 12);
+    EXPECT_LT(secondsUntilClosed(port, post, "", 30), 12);
+    EXPECT_LT(secondsUntilClosed(port, post, "--b\r\nContent-Disposition: form-data; name=\"text\"\r\n\r\nV0;", 30), 12);
+    // Headers without end, as fast as the socket takes them: cut at 64 KiB.
+    const std::string header = "X-Flood: " + std::string(8000, 'a') + "\r\n";
+    EXPECT_LT(secondsUntilClosed(port, "GET / HTTP/1.1\r\n", header + header + header + header, 20), 2);
     httplib::Client client = served.client();
     EXPECT_EQ(client.Get("/api/health")->status, 200);
 }

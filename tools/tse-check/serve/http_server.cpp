@@ -4,6 +4,8 @@
 
 #include <chrono>
 
+#include "guarded_connection.h"
+
 #include "text.h"
 
 namespace tsecheck::serve {
@@ -45,7 +47,7 @@ bool welcomeWithToken(const httplib::Request& request, httplib::Response& respon
 httplib::Server::HandlerResponse checkAccess(const httplib::Request& request, httplib::Response& response,
                                              ServerContext& context)
 {
-    context.watch.touch(peerName(request.remote_addr, request.remote_port));
+    GuardedServer::headersRead();
     const std::string cookie = cookieValue(request, COOKIE), token = request.get_param_value("token");
     const std::string form = request.has_param("form") ? request.get_param_value("form")
                                                         : request.get_header_value("X-Form-Token");
@@ -72,10 +74,11 @@ httplib::Server::HandlerResponse checkAccess(const httplib::Request& request, ht
 }  // namespace
 
 struct HttpServer::Library {
-    httplib::Server server;
+    explicit Library(std::chrono::milliseconds idle) : server(idle) {}
+    GuardedServer server;
 };
 
-HttpServer::HttpServer(ServerContext& context) : library_(std::make_unique<Library>()), context_(context)
+HttpServer::HttpServer(ServerContext& context) : library_(std::make_unique<Library>(context.idle)), context_(context)
 {
     httplib::Server& server = library_->server;
     server.new_task_queue = [] { return new httplib::ThreadPool(REQUEST_THREADS); };
@@ -105,7 +108,6 @@ HttpServer::HttpServer(ServerContext& context) : library_(std::make_unique<Libra
         answerError(request, response, 500, "the server failed on this request");
     });
     server.set_logger([this](const httplib::Request& request, const httplib::Response& response) {
-        context_.watch.touch(peerName(request.remote_addr, request.remote_port));
         // The path only: a query may hold the token.
         context_.log(request.remote_addr + " " + request.method + " " + tse::escapeText(request.path) + " " +
                      std::to_string(response.status));

@@ -3,7 +3,7 @@
 
 // The HTTP side of `tse-check serve`: cpp-httplib with the access checks
 // in front of every route, the security headers on every answer, one log
-// line per request and the watch on stalled connections.
+// line per request, and connections read through a guarded stream.
 
 #include <memory>
 #include <string>

@@ -23,17 +23,16 @@ struct Part {
 
 // Sends the parts one block at a time, so that a result of hundreds of
 // MiB is never held in memory; each block counts as activity.
-void sendParts(httplib::Response& response, std::vector<Part> parts, ServerContext& context, const std::string& peer)
+void sendParts(httplib::Response& response, std::vector<Part> parts)
 {
     uint64_t total = 0;
     for (const Part& part : parts) total += part.file.empty() ? part.text.size() : part.size;
     auto state = std::make_shared<std::pair<std::vector<Part>, std::ifstream>>(std::move(parts), std::ifstream());
     auto index = std::make_shared<size_t>(0);
     response.set_content_provider(static_cast<size_t>(total), "application/json",
-        [state, index, &context, peer](size_t, size_t, httplib::DataSink& sink) {
+        [state, index](size_t, size_t, httplib::DataSink& sink) {
             std::vector<Part>& all = state->first;
             std::ifstream& in = state->second;
-            context.watch.touch(peer);
             for (; *index < all.size(); ++*index) {
                 Part& part = all[*index];
                 if (part.file.empty()) {
@@ -51,7 +50,7 @@ void sendParts(httplib::Response& response, std::vector<Part> parts, ServerConte
         });
 }
 
-void answerStatus(const httplib::Request& request, httplib::Response& response, ServerContext& context, const Job& job,
+void answerStatus(const httplib::Request& request, httplib::Response& response, const Job& job,
                   int status)
 {
     response.status = status;
@@ -70,7 +69,7 @@ void answerStatus(const httplib::Request& request, httplib::Response& response, 
         text.clear();
     }
     parts.push_back({"}\n", {}, 0});
-    sendParts(response, std::move(parts), context, peerName(request.remote_addr, request.remote_port));
+    sendParts(response, std::move(parts));
 }
 
 void startJob(const httplib::Request& request, httplib::Response& response, const httplib::ContentReader& reader,
@@ -79,7 +78,7 @@ void startJob(const httplib::Request& request, httplib::Response& response, cons
     const std::shared_ptr<Job> job = acceptUpload(request, response, reader, context, kind);
     if (!job) return;
     response.set_header("Location", "/api/jobs/" + job->id);
-    answerStatus(request, response, context, *job, 202);
+    answerStatus(request, response, *job, 202);
 }
 
 std::shared_ptr<Job> jobOf(const httplib::Request& request, httplib::Response& response, ServerContext& context)
@@ -105,7 +104,7 @@ void sendDocument(const httplib::Request& request, httplib::Response& response, 
     std::error_code error;
     const std::string path = job->documentPath(name);
     std::vector<Part> parts{{{}, path, std::filesystem::file_size(path, error)}};
-    sendParts(response, std::move(parts), context, peerName(request.remote_addr, request.remote_port));
+    sendParts(response, std::move(parts));
     response.set_header("Content-Type", type);
     if (request.has_param("download")) response.set_header("Content-Disposition", "attachment; filename=\"" + name + "\"");
     setSecurityHeaders(response, request.matches[3] == "html" ? Content::Report : Content::Data);
@@ -130,14 +129,14 @@ void registerApiRoutes(httplib::Server& server, ServerContext& context)
         });
     }
     server.Get(std::string("/api/jobs/") + JOB_ID, [&context](const httplib::Request& request, httplib::Response& response) {
-        if (const std::shared_ptr<Job> job = jobOf(request, response, context)) answerStatus(request, response, context, *job, 200);
+        if (const std::shared_ptr<Job> job = jobOf(request, response, context)) answerStatus(request, response, *job, 200);
     });
     server.Delete(std::string("/api/jobs/") + JOB_ID, [&context](const httplib::Request& request, httplib::Response& response) {
         const std::shared_ptr<Job> job = jobOf(request, response, context);
         if (!job) return;
         job->cancel = true;
         context.log("job " + job->id + ": cancel asked");
-        answerStatus(request, response, context, *job, 202);
+        answerStatus(request, response, *job, 202);
     });
     server.Get(std::string("/jobs/") + JOB_ID + "/(audit|dsfinvk|receipt)\\.(json|csv|html)",
                [&context](const httplib::Request& request, httplib::Response& response) {

@@ -136,9 +136,8 @@ int serveCommand(const ServeOptions& options)
     waitForStopSignal();
     ServeFolder folder;
     JobBoard board(folder.path(), settings.jobs, settings.jobs * WAITING_PER_SLOT, settings.keep, jobRunner(log));
-    ConnectionWatch watch(settings.idle);
     AccessPolicy access(settings.token, randomToken(), {}, !settings.address.loopback);
-    ServerContext context{access, board, watch, settings.maxUpload, std::string("tse-check ") + TSE_CHECK_VERSION, log};
+    ServerContext context{access, board, settings.idle, settings.maxUpload, std::string("tse-check ") + TSE_CHECK_VERSION, log};
     HttpServer http(context);
     const int port = http.bind(settings.address.host, settings.address.port);
     if (port < 0) {
@@ -146,7 +145,6 @@ int serveCommand(const ServeOptions& options)
                                    ": the port is taken or the address is not this machine's");
     }
     access.setHosts(servedHosts(settings.address.host, port));
-    watch.start(port);
     std::thread listener([&http] { http.run(); });
     announce(settings.address, port, access);
     char byte = 0;
@@ -155,7 +153,6 @@ int serveCommand(const ServeOptions& options)
     log("stopping: cancelling the jobs and deleting their files");
     http.stop();
     listener.join();
-    watch.stop();
     board.shutdown();
     return EXIT_OK;
 }

@@ -25,9 +25,9 @@ constexpr size_t MAX_FIELD_BYTES = size_t{4} << 20;
 constexpr size_t MAX_FIELDS = 20000;
 // Jobs that may wait for a free slot, per slot, before new ones get 503.
 constexpr size_t WAITING_PER_SLOT = 4;
-// A connection that gets no request, or an upload that gets less than
-// ACTIVE_BYTES, within --idle-timeout is closed: slow or stalled clients
-// must not hold the server's threads.
+// A request whose headers are not complete, or whose body or answer moves
+// less than ACTIVE_BYTES, within --idle-timeout ends its connection: slow
+// or stalled clients must not hold the server's threads.
 constexpr double DEFAULT_IDLE_SECONDS = 30;
 constexpr uint64_t ACTIVE_BYTES = 64 * 1024;
 // Threads that answer requests; jobs run on threads of their own.

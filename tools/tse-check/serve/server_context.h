@@ -3,13 +3,13 @@
 
 // What every route of the server shares.
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 
 #include "access.h"
-#include "connection_watch.h"
 #include "jobs.h"
 
 namespace httplib {
@@ -24,7 +24,7 @@ namespace tsecheck::serve {
 struct ServerContext {
     AccessPolicy& access;
     JobBoard& jobs;
-    ConnectionWatch& watch;
+    std::chrono::milliseconds idle;  // --idle-timeout
     uint64_t maxUpload;
     std::string version;  // "tse-check 0.3.0"
     // One line on standard error, for the log of requests and jobs.

@@ -92,17 +92,9 @@ std::shared_ptr<Job> acceptUpload(const httplib::Request& request, httplib::Resp
         return nullptr;
     }
     UploadFolder upload(job->folder + "/in", context.maxUpload);
-    const std::string peer = peerName(request.remote_addr, request.remote_port);
-    uint64_t unseen = 0;
     const bool read = reader(
         [&](const httplib::MultipartFormData& part) { return upload.begin(part.name, part.filename); },
-        [&](const char* data, size_t size) {
-            if ((unseen += size) >= ACTIVE_BYTES) {
-                context.watch.touch(peer);
-                unseen = 0;
-            }
-            return upload.append(data, size);
-        });
+        [&](const char* data, size_t size) { return upload.append(data, size); });
     const bool complete = upload.finish() && read;
     JobInput& input = job->input;
     input.kind = kind;
