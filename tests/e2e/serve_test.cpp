@@ -206,6 +206,30 @@ TEST(ServeSecurity, AnyOtherAddressNeedsTheToken)
     EXPECT_EQ(client.Get("/api/health", {{"Authorization", "Bearer " + server.token()}})->status, 200);
 }
 
+TEST(ServeSecurity, RefusesWhatItCannotServe)
+{
+    Served running;
+    ASSERT_TRUE(running.server.started());
+    const std::string taken = "127.0.0.1:" + std::to_string(running.server.port());
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases{
+        {{"--listen", "example.com:8146"}, "takes an address"},
+        {{"--listen", "127.0.0.1:70000"}, "no port number"},
+        {{"--listen", taken}, "Cannot listen on " + taken},
+        {{"--token", "short"}, "at least 16 characters"},
+        {{"--max-upload", "4X"}, "--max-upload"},
+        {{"--keep", "-1"}, "--keep"},
+        {{"--idle-timeout", "0"}, "--idle-timeout"},
+    };
+    for (const auto& [options, words] : cases) {
+        std::vector<std::string> arguments{"serve"};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        const fixtures::RunResult run = fixtures::run(fixtures::tseCheckPath(), arguments, {}, {20, 0});
+        EXPECT_EQ(run.status, 2) << options.back();
+        EXPECT_NE(run.err.find(words), std::string::npos) << run.err;
+        EXPECT_EQ(run.out, "") << options.back();
+    }
+}
+
 // Reads until the server closes the connection; how long that took.
 double secondsUntilClosed(int port, const std::string& start, const std::string& trickle, double limit)
 {

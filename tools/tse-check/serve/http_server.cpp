@@ -82,6 +82,13 @@ HttpServer::HttpServer(ServerContext& context) : library_(std::make_unique<Libra
 {
     httplib::Server& server = library_->server;
     server.new_task_queue = [] { return new httplib::ThreadPool(REQUEST_THREADS); };
+    // The library's default, SO_REUSEPORT, would let a second server (or
+    // any program of the same user) listen on the same port beside it and
+    // take some of its connections; a port in use is refused instead.
+    server.set_socket_options([](socket_t sock) {
+        const int yes = 1;
+        setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    });
     server.set_read_timeout(10);
     server.set_write_timeout(10);
     server.set_keep_alive_timeout(5);
