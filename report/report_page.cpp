@@ -48,7 +48,7 @@ details summary{cursor:pointer;font-weight:600}.print-only{display:none}
 footer{margin-top:2rem;font-size:12px;color:#555}
 @media screen and (max-width:40rem){body{margin:.8rem auto;padding:0 .6rem;overflow-wrap:anywhere}.verdict{font-size:1.35rem}
 table{display:block;max-width:100%;overflow-x:auto}th{white-space:normal}table.facts th{width:auto}
-table.logs td,table.logs th{overflow-wrap:normal;white-space:nowrap}
+th,td{overflow-wrap:break-word}td.hash{overflow-wrap:anywhere}table.logs td,table.logs th{overflow-wrap:normal;white-space:nowrap}
 svg .axis text{font-size:17px}svg text.alt{display:none}}
 @page{size:A4;margin:14mm 12mm 16mm;@bottom-right{content:"Page " counter(page) " of " counter(pages);font-size:9pt}}
 @media print{body{max-width:none;margin:0;padding:0;font-size:11pt}section{break-before:page}
