@@ -373,9 +373,14 @@ void Check::readTable(const std::string& label, std::string_view table, ByteView
             BonAmounts& bon = amounts_[std::to_string(closing) + SEP + field(r, paymentColumns_(h, "BON_ID"))];
             bon.paymentRows = true;
             const bool cash = field(r, paymentColumns_(h, "ZAHLART_TYP")) == "Bar";
-            const std::optional<int64_t> amount = parseAmount(field(r, paymentColumns_(h, "ZAHLWAEH_BETRAG")),
-                                                              dialect.decimalSymbol, dialect.digitGroupingSymbol);
-            if (amount) bon.payments[{cash, normalCurrency(field(r, paymentColumns_(h, "ZAHLWAEH_CODE")))}] += *amount;
+            const std::string currency = normalCurrency(field(r, paymentColumns_(h, "ZAHLWAEH_CODE")));
+            // processData names a foreign payment in its own currency and
+            // every other in the base currency, which BASISWAEH_BETRAG holds
+            // (ZAHLWAEH_BETRAG stands in only where a writer left that empty).
+            const std::string& base = field(r, paymentColumns_(h, "BASISWAEH_BETRAG"));
+            const std::string& text = currency.empty() && !base.empty() ? base : field(r, paymentColumns_(h, "ZAHLWAEH_BETRAG"));
+            const std::optional<int64_t> amount = parseAmount(text, dialect.decimalSymbol, dialect.digitGroupingSymbol);
+            if (amount) bon.payments[{cash, currency}] += *amount;
         };
     } else {
         return;  // read only for its presence
