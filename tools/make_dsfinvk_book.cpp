@@ -3,6 +3,8 @@
 // cashpointclosing.csv row gives.
 #include <algorithm>
 #include <limits>
+#include <stdexcept>
+#include <string>
 
 #include "make_dsfinvk_book.h"
 
@@ -56,6 +58,21 @@ size_t closingFor(Book& book, std::map<std::string, OpenClosing>& open, std::map
     return next.index;
 }
 
+// Where each part begins: after an even share of the sales, moved on to
+// the next German business day, so that every part holds whole days and
+// its closings cover all the sales of their time.
+std::vector<size_t> partStarts(const std::vector<Sale>& sales, size_t parts)
+{
+    std::vector<size_t> starts{0};
+    for (size_t k = 1; k < parts; ++k) {
+        size_t at = std::max(starts.back(), sales.size() * k / parts);
+        while (at > 0 && at < sales.size() && germanDay(sales[at].seconds) == germanDay(sales[at - 1].seconds)) ++at;
+        starts.push_back(at);
+    }
+    starts.push_back(sales.size());
+    return starts;
+}
+
 }  // namespace
 
 Book planBook(const std::vector<Sale>& sales, const std::map<std::string, TseInfo>& keys, const PlanOptions& options)
@@ -65,10 +82,15 @@ Book planBook(const std::vector<Sale>& sales, const std::map<std::string, TseInf
     assignRegisters(sales, options.terminals, registerOf, book);
     std::map<std::string, OpenClosing> open;
     std::map<std::string, uint64_t> closingNumbers, bonNumbers;
+    const std::vector<size_t> starts = partStarts(sales, options.parts);
+    if (starts[options.part] == starts[options.part - 1]) {
+        throw std::runtime_error("part " + std::to_string(options.part) + " of " + std::to_string(options.parts) +
+                                 " holds no sales: they fall on too few business days for so many parts");
+    }
     size_t part = 1;
     for (size_t i = 0; i < sales.size(); ++i) {
         const Sale& sale = sales[i];
-        while (i >= sales.size() * part / options.parts) ++part;
+        while (i >= starts[part]) ++part;
         uint64_t& last = book.lastTransaction[sale.serial];
         last = std::max(last, sale.transaction);
         const std::string& kasse = registerOf[sale.clientId];

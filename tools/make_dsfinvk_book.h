@@ -131,7 +131,7 @@ struct PlanOptions {
 
 // The closings of part `part` of `parts` of the sales (sorted by time): one
 // per register and German business day, numbered on over the earlier parts,
-// one receipt per sale.
+// one receipt per sale. A part holds whole business days.
 Book planBook(const std::vector<Sale>& sales, const std::map<std::string, TseInfo>& keys, const PlanOptions& options);
 
 // The receipt of a sale: its type, VAT keys, lines and payments as the
