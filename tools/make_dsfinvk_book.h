@@ -101,6 +101,7 @@ struct Closing {
     int64_t created = 0;  // Z_ERSTELLUNG, UTC seconds
     int64_t day = 0;      // the German business day, days since 1970-01-01
     std::vector<Receipt> receipts;
+    std::vector<std::string> tses;  // the serials of its TSEs: TSE_ID 1, 2, ...
     std::map<int, int64_t> rates;  // a key's rate where vat.csv says another than the law
     ClosingTotals totals;
 };

@@ -114,29 +114,16 @@ std::string isoText(int64_t seconds)
     return time.iso();
 }
 
-// The TSEs a closing's rows name, in the order of their first row: TSE_ID 1, 2, ...
-std::vector<std::string> tsesOf(const Closing& closing)
+std::string tseId(const Closing& closing, const std::string& serial)
 {
-    std::vector<std::string> serials;
-    for (const Receipt& receipt : closing.receipts) {
-        for (const TseRow& row : receipt.tse) {
-            if (std::find(serials.begin(), serials.end(), row.serial) == serials.end()) serials.push_back(row.serial);
-        }
-    }
-    return serials;
-}
-
-std::string tseId(const std::vector<std::string>& serials, const std::string& serial)
-{
-    return std::to_string(std::find(serials.begin(), serials.end(), serial) - serials.begin() + 1);
+    return std::to_string(std::find(closing.tses.begin(), closing.tses.end(), serial) - closing.tses.begin() + 1);
 }
 
 void writeTse(Tables& out, const Book& book, const Closing& closing)
 {
-    const std::vector<std::string> serials = tsesOf(closing);
-    for (size_t i = 0; i < serials.size(); ++i) {
-        const TseInfo& tse = book.tses.at(serials[i]);
-        std::string serial = serials[i];
+    for (size_t i = 0; i < closing.tses.size(); ++i) {
+        const TseInfo& tse = book.tses.at(closing.tses[i]);
+        std::string serial = closing.tses[i];
         if (serial == book.falseSerial) serial[0] = serial[0] == '0' ? '1' : '0';
         const std::string& certificate = tse.certificateBase64;
         out.add("tse.csv", with(closingKey(closing),
@@ -173,20 +160,14 @@ void writeMasterData(Tables& out, const Book& book, const Closing& closing)
     writeTse(out, book, closing);
 }
 
-// vat.csv: the keys 1 to 7 and every other key the closing uses, each at
-// the rate it has on the closing's business day.
+// vat.csv: the register's keys, 1 to 7 and its own for what processData
+// leaves out, each at the rate it has on the closing's business day.
 void writeVat(Tables& out, const Closing& closing)
 {
-    std::map<int, bool> keys;
-    for (int key = 1; key <= 7; ++key) keys[key] = true;
-    for (const Receipt& receipt : closing.receipts) {
-        for (const KeyGross& k : receipt.keys) keys[k.key] = true;
-        for (const Line& line : receipt.lines) keys[line.key] = true;
-    }
-    for (const auto& entry : keys) {
-        out.add("vat.csv", with(closingKey(closing), {{"UST_SCHLUESSEL", std::to_string(entry.first)},
-                                                      {"UST_SATZ", cents(rateOf(closing, entry.first))},
-                                                      {"UST_BESCHR", vatDescription(entry.first)}}));
+    for (const int key : {1, 2, 3, 4, 5, 6, 7, DIFFERENCE_KEY}) {
+        out.add("vat.csv", with(closingKey(closing), {{"UST_SCHLUESSEL", std::to_string(key)},
+                                                      {"UST_SATZ", cents(rateOf(closing, key))},
+                                                      {"UST_BESCHR", vatDescription(key)}}));
     }
 }
 
@@ -232,10 +213,10 @@ void writeHead(Tables& out, const Book& book, const Closing& closing, const Rece
     }
 }
 
-void writeTseRows(Tables& out, const Closing& closing, const Receipt& receipt, const std::vector<std::string>& serials)
+void writeTseRows(Tables& out, const Closing& closing, const Receipt& receipt)
 {
     for (const TseRow& row : receipt.tse) {
-        out.add("transactions_tse.csv", with(receiptKey(closing, receipt), {{"TSE_ID", tseId(serials, row.serial)},
+        out.add("transactions_tse.csv", with(receiptKey(closing, receipt), {{"TSE_ID", tseId(closing, row.serial)},
                                                                             {"TSE_TANR", row.number},
                                                                             {"TSE_TA_START", row.start},
                                                                             {"TSE_TA_ENDE", row.end},
@@ -364,13 +345,12 @@ std::map<std::string, std::string> writeTables(const Book& book, const std::vect
 {
     Tables out(tables, book);
     for (const Closing& closing : book.closings) {
-        const std::vector<std::string> serials = tsesOf(closing);
         writeClosing(out, closing);
         writeMasterData(out, book, closing);
         writeVat(out, closing);
         for (const Receipt& receipt : closing.receipts) {
             writeHead(out, book, closing, receipt);
-            writeTseRows(out, closing, receipt, serials);
+            writeTseRows(out, closing, receipt);
             writeReceiptVat(out, book, closing, receipt);
             writeLines(out, book, closing, receipt);
             writePayments(out, closing, receipt);
