@@ -52,6 +52,7 @@ struct Options {
     std::string defect;
     std::vector<std::string> variants;
     std::string part = "1/1";
+    size_t lines = 0;
     bool spkiKey = false;
     bool terminals = false;
 };
@@ -184,6 +185,7 @@ PlanOptions planOptions(const Options& options)
 {
     PlanOptions plan;
     plan.terminals = options.terminals;
+    plan.lines = options.lines;
     const size_t slash = options.part.find('/');
     try {
         if (slash == std::string::npos) throw std::invalid_argument("no slash");
@@ -269,7 +271,9 @@ int main(int argc, char** argv)
                    "no-cashless-currency-row (no base-currency row in cash_per_currency.csv without cash), "
                    "vat-from-lines (line net to the cent, a receipt's net the sum of its lines')")
         ->check(CLI::IsMember(variantNames));
-    app.add_option("--part", options.part, "Only part K of N of the sales, e.g. 1/2 (consecutive periods)");
+    app.add_option("--part", options.part, "Only part K of N of the sales, e.g. 1/2 (consecutive periods of whole days)");
+    app.add_option("--lines", options.lines, "Line items a sale, spread over its VAT keys (default: one to three a key)")
+        ->check(CLI::Range(size_t{1}, size_t{1000}));
     app.add_flag("--spki-key", options.spkiKey, "Write TSE_PUBLIC_KEY as SubjectPublicKeyInfo instead of the raw point");
     app.add_flag("--terminals", options.terminals, "One register; every client ID a terminal of it (slaves.csv)");
     app.add_flag_callback(

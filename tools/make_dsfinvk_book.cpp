@@ -98,7 +98,7 @@ Book planBook(const std::vector<Sale>& sales, const std::map<std::string, TseInf
         const uint64_t bon = ++bonNumbers[kasse];
         if (index == NOT_IN_PART) continue;
         Closing& closing = book.closings[index];
-        Receipt receipt = receiptOf(sale, bon);
+        Receipt receipt = receiptOf(sale, bon, options.lines);
         if (options.terminals) receipt.terminal = book.terminals[sale.clientId];
         closing.created = std::max(closing.created, receipt.end + 1);
         if (std::find(closing.tses.begin(), closing.tses.end(), sale.serial) == closing.tses.end()) closing.tses.push_back(sale.serial);

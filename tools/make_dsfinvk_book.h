@@ -128,6 +128,7 @@ struct Book {
 struct PlanOptions {
     size_t part = 1, parts = 1;
     bool terminals = false;
+    size_t lines = 0;  // line items a receipt, 0: one to three a VAT key
 };
 
 // The closings of part `part` of `parts` of the sales (sorted by time): one
@@ -136,8 +137,9 @@ struct PlanOptions {
 Book planBook(const std::vector<Sale>& sales, const std::map<std::string, TseInfo>& keys, const PlanOptions& options);
 
 // The receipt of a sale: its type, VAT keys, lines and payments as the
-// signed processData gives them.
-Receipt receiptOf(const Sale& sale, uint64_t bon);
+// signed processData gives them; `lines` line items in all, or when 0 one
+// to three a key.
+Receipt receiptOf(const Sale& sale, uint64_t bon, size_t lines = 0);
 TseRow tseRowOf(const Sale& sale);
 
 // cashpointclosing.csv's view of every closing, from its receipts.

@@ -69,11 +69,13 @@ Line itemLine(int key, int64_t gross, int64_t quantity, std::string text)
 }
 
 // One to three line items per key (quantities 1 and 2, so that the unit
-// prices stay exact in five decimals), now and then a free extra, and one
-// line for the difference key.
-void addLines(Receipt& receipt)
+// prices stay exact in five decimals) and now and then a free extra, or
+// `lines` items in all spread over the keys; one line for the difference key.
+void addLines(Receipt& receipt, size_t lines)
 {
     const uint64_t seed = receipt.bon;
+    const int64_t keys = std::count_if(receipt.keys.begin(), receipt.keys.end(), [](const KeyGross& k) { return k.key != DIFFERENCE_KEY; });
+    int64_t index = 0;
     for (const KeyGross& k : receipt.keys) {
         if (k.key == DIFFERENCE_KEY) {
             Line line = itemLine(k.key, k.gross * LINE_UNITS_PER_CENT, ONE, "Nicht in der processData");
@@ -81,7 +83,10 @@ void addLines(Receipt& receipt)
             receipt.lines.push_back(line);
             continue;
         }
-        const int64_t count = std::llabs(k.gross) < 3 ? 1 : 1 + static_cast<int64_t>((seed + static_cast<uint64_t>(k.key)) % 3);
+        const int64_t wanted = static_cast<int64_t>(lines);
+        const int64_t count = wanted ? std::max<int64_t>(1, wanted / keys + (index++ < wanted % keys ? 1 : 0))
+                              : std::llabs(k.gross) < 3 ? 1
+                                                          : 1 + static_cast<int64_t>((seed + static_cast<uint64_t>(k.key)) % 3);
         const int64_t part = k.gross / count;
         for (int64_t i = 0; i < count; ++i) {
             const int64_t cents = i + 1 < count ? part : k.gross - part * (count - 1);
@@ -89,7 +94,8 @@ void addLines(Receipt& receipt)
             receipt.lines.push_back(itemLine(k.key, cents * LINE_UNITS_PER_CENT, quantity,
                                              "Artikel " + std::to_string(k.key) + "." + std::to_string(i + 1)));
         }
-        if (&k == &receipt.keys.front() && seed % 5 == 0 && k.gross != 0) receipt.lines.push_back(itemLine(k.key, 0, ONE, "Zugabe"));
+        const bool extra = !wanted && &k == &receipt.keys.front() && seed % 5 == 0 && k.gross != 0;
+        if (extra) receipt.lines.push_back(itemLine(k.key, 0, ONE, "Zugabe"));
     }
 }
 
@@ -157,7 +163,7 @@ void completeSale(Receipt& receipt)
 }
 
 // Kassenbeleg-V1: "Vorgangstyp^gross per rate^payments".
-void bookReceipt(Receipt& receipt, const Sale& sale)
+void bookReceipt(Receipt& receipt, const Sale& sale, size_t lines)
 {
     const std::string kind = sale.processData.substr(0, sale.processData.find('^'));
     receipt.type = isReceiptType(kind) ? kind : "Beleg";
@@ -170,7 +176,7 @@ void bookReceipt(Receipt& receipt, const Sale& sale)
         if (!takesNoPayment(receipt.type)) receipt.payments = paymentsOf(*amounts, sale);
     }
     if (receipt.type == "Beleg") completeSale(receipt);
-    addLines(receipt);
+    addLines(receipt, lines);
 }
 
 // A decimal with at most `decimals` places and a dot, in units of them.
@@ -242,11 +248,11 @@ void bookOrder(Receipt& receipt, const std::string& data)
 // ORDER and OTHER of a cloud TSE): the register's amounts are not known and
 // none are invented, so a RECEIPT is a sale of nothing and an ORDER an order
 // without lines.
-void bookOther(Receipt& receipt, const std::string& processType)
+void bookOther(Receipt& receipt, const std::string& processType, size_t lines)
 {
     if (processType == "RECEIPT") {
         completeSale(receipt);
-        addLines(receipt);
+        addLines(receipt, lines);
     } else if (processType == "ORDER") {
         receipt.type = "AVBestellung";
     } else {
@@ -276,16 +282,16 @@ TseRow tseRowOf(const Sale& sale)
     return row;
 }
 
-Receipt receiptOf(const Sale& sale, uint64_t bon)
+Receipt receiptOf(const Sale& sale, uint64_t bon, size_t lines)
 {
     Receipt receipt;
     receipt.bon = bon;
     receipt.start = sale.startSeconds.value_or(sale.seconds);
     receipt.end = sale.seconds;
     receipt.tse.push_back(tseRowOf(sale));
-    if (sale.processType == "Kassenbeleg-V1") bookReceipt(receipt, sale);
+    if (sale.processType == "Kassenbeleg-V1") bookReceipt(receipt, sale, lines);
     else if (sale.processType == "Bestellung-V1") bookOrder(receipt, sale.processData);
-    else bookOther(receipt, sale.processType);
+    else bookOther(receipt, sale.processType, lines);
     return receipt;
 }
 

@@ -20,12 +20,20 @@ constexpr size_t CERTIFICATE_PART = 1000;  // TSE_ZERTIFIKAT_I holds the first 1
 
 using Fields = std::vector<std::pair<std::string_view, std::string>>;
 
-std::string csvValue(const std::string& value, bool bare)
+// The value as a field: in quotes, doubled inside, where it holds a
+// delimiter, a quote or a line break.
+void appendField(std::string& text, const std::string& value, bool bare)
 {
-    if (bare || value.find_first_of(";\"\r\n") == std::string::npos) return value;
-    std::string quoted = "\"";
-    for (const char c : value) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
-    return quoted + "\"";
+    if (bare || value.find_first_of(";\"\r\n") == std::string::npos) {
+        text += value;
+        return;
+    }
+    text += '"';
+    for (const char c : value) {
+        if (c == '"') text += '"';
+        text += c;
+    }
+    text += '"';
 }
 
 // Each table's text, row by row in its declared columns.
@@ -55,8 +63,8 @@ public:
             for (const auto& field : fields) {
                 if (field.first == table->second.columns[i]) value = &field.second;
             }
-            const bool bare = !book_.bareValue.empty() && *value == book_.bareValue;
-            text += (i ? ";" : "") + csvValue(*value, bare);
+            if (i) text += ';';
+            appendField(text, *value, !book_.bareValue.empty() && *value == book_.bareValue);
         }
         text += "\r\n";
     }
