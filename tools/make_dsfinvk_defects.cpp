@@ -2,6 +2,7 @@
 // what its finding is about. They go into the middle of the bookkeeping,
 // away from the edges where periods begin and end, except those that are
 // about the edges.
+#include <algorithm>
 #include <stdexcept>
 #include <string>
 
@@ -43,6 +44,14 @@ bool isSigned(const Receipt& receipt)
 bool signedReceipt(const Receipt& receipt)
 {
     return isSigned(receipt) && receipt.tse.front().processType == "Kassenbeleg-V1";
+}
+
+// A signed sale paid in the base currency, so that its amounts say something.
+bool paidSale(const Receipt& receipt)
+{
+    if (!signedReceipt(receipt) || receipt.type != "Beleg" || receipt.keys.front().key == DIFFERENCE_KEY) return false;
+    return std::any_of(receipt.payments.begin(), receipt.payments.end(),
+                       [](const Payment& p) { return p.currency.empty() && p.type != "Keine"; });
 }
 
 bool anyReceipt(const Receipt&)
@@ -150,14 +159,7 @@ void malformedLine(Book& book)
 // The receipt is booked with a euro more than the TSE signed, everywhere.
 void amountsDiffer(Book& book)
 {
-    const Fits paid = [](const Receipt& r) {
-        if (!signedReceipt(r) || r.type != "Beleg" || r.keys.front().key == DIFFERENCE_KEY) return false;
-        for (const Payment& p : r.payments) {
-            if (p.currency.empty() && p.type != "Keine") return true;
-        }
-        return false;
-    };
-    Receipt& receipt = receiptAt(book, middleOf(book, paid, "paid Kassenbeleg-V1 sale"));
+    Receipt& receipt = receiptAt(book, middleOf(book, paidSale, "paid Kassenbeleg-V1 sale"));
     KeyGross& key = receipt.keys.front();
     key.gross += 100;
     for (Line& line : receipt.lines) {
@@ -235,7 +237,7 @@ void vatRateWrong(Book& book)
 // the TSE did sign; the receipt keeps its times and amounts.
 void unsignedButSigned(Book& book)
 {
-    unsign(receiptAt(book, middleOf(book, signedReceipt, "Kassenbeleg-V1 receipt")).tse.front(), false);
+    unsign(receiptAt(book, middleOf(book, paidSale, "paid Kassenbeleg-V1 sale")).tse.front(), false);
 }
 
 // A sale the TSE never saw, booked as a TSE failure the moment the TSE
