@@ -426,7 +426,7 @@ TEST(DsfinvkGenerator, EachPlantChangesOnlyWhatItIsNamedFor)
         {"extra-row", renumbered, {}},  // the copy is of a receipt of nothing
         {"old-column", tseRows, {"header"}},
         {"wrong-serial", {"tse.csv"}, {}},
-        {"malformed-line", {"transactions.csv"}, {"unreadable"}},
+        {"malformed-line", {}, {"unreadable"}},  // the rows that read are those of the clean bookkeeping
         {"amounts-differ", closingModule, {"signed-amounts"}},
         {"reference-missing", {"references.csv"}, {"reference"}},
         {"receipt-sum-differs", {"lines.csv", "lines_vat.csv", "businesscases.csv"}, {"receipt-sum"}},
@@ -460,21 +460,22 @@ TEST(DsfinvkGenerator, EachPlantChangesOnlyWhatItIsNamedFor)
 
     fixtures::TempDir dir;
     make("make-dsfinvk", {"--tse", CLOUD, "--out", dir.path("clean")});
+    const Books clean = readBooks(dir.path("clean"));
     for (const Plant& plant : plants) {
         SCOPED_TRACE(plant.defect);
         const std::string out = dir.path(plant.defect);
         make("make-dsfinvk", {"--tse", CLOUD, "--out", out, "--defect", plant.defect});
+        const Books planted = readBooks(out);
         std::set<std::string> changed;
-        for (const auto& entry : fs::directory_iterator(out)) {
-            const std::string name = entry.path().filename().string();
-            if (slurp(entry.path().string()) != slurp(dir.path("clean") + "/" + name)) changed.insert(name);
+        for (const auto& [file, rows] : planted.tables) {
+            if (rows != clean[file]) changed.insert(file);
         }
         if (plant.defect == "closing-gap") {
             EXPECT_GT(changed.size(), renumbered.size());
         } else {
             EXPECT_EQ(changed, plant.changed);
         }
-        EXPECT_EQ(problems(readBooks(out)), plant.problems);
+        EXPECT_EQ(problems(planted), plant.problems);
     }
 }
 
