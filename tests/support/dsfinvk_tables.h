@@ -28,6 +28,7 @@ public:
     size_t removeIf(const std::function<bool(const std::vector<std::string>&)>& pick);
     // The index of the first row whose column holds the value; throws when none does.
     size_t find(const std::string& column, const std::string& value) const;
+    const std::string& path() const { return path_; }
 
 private:
     std::string path_;
