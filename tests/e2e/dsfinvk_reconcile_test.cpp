@@ -316,6 +316,9 @@ TEST(DsfinvkReconcile, TablesThatCannotBeReadAreErrors)
          unread},
         {"TSE_TANR renamed", [](Case& c) { renameColumn(c, "TSE_TANR", "TSE_TA_NR"); }, unread},
         // Split at its commas, processData holding JSON also has lines that cannot be read.
+        {"no transactions.csv", [](Case& c) { fs::remove(c.books + "/transactions.csv"); }, {"required-table-missing"}},
+        {"no cashpointclosing.csv", [](Case& c) { fs::remove(c.books + "/cashpointclosing.csv"); },
+         {"required-table-missing"}},
         {"index.xml declares a comma", [](Case& c) { declareDelimiter(c, "transactions_tse.csv", ','); }, unread, true,
          false, false},
     });

@@ -82,4 +82,17 @@ TEST(FindingCatalogue, TheManPageListsExactlyItsCodes)
     }
 }
 
+// Each code is a finding some end-to-end test expects from a planted fault.
+TEST(FindingCatalogue, EveryCodeIsExpectedBySomeTest)
+{
+    std::string tests;
+    for (const char* file : {"audit_test.cpp", "audit_hostile_test.cpp", "dsfinvk_test.cpp", "dsfinvk_reconcile_test.cpp",
+                             "dsfinvk_intake_test.cpp", "tse_check_test.cpp"}) {
+        tests += slurp(ROOT + "tests/e2e/" + file);
+    }
+    for (const tse::FindingInfo& info : tse::findingCatalogue()) {
+        EXPECT_NE(tests.find("\"" + std::string(info.name) + "\""), std::string::npos) << info.name << " is expected by no test";
+    }
+}
+
 }  // namespace
