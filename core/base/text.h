@@ -24,6 +24,13 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b);
 // the original bytes can be recovered from it.
 std::string escapeText(ByteView value);
 
+// Characters that change how the text around them is shown without being
+// seen themselves: the bidirectional controls (U+202A to U+202E, U+2066 to
+// U+2069, the marks U+200E, U+200F, U+061C), zero-width ones, the line and
+// paragraph separators and the byte order mark. An amount shown after
+// U+202E reads backwards; they are escaped wherever controls are.
+bool invisibleFormat(uint32_t code);
+
 // The same escapes without the one for the backslash, for messages that
 // embed values escaped already: escaping them again changes nothing. The
 // last guard before text reaches a terminal or a JSON document.
