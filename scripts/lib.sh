@@ -76,11 +76,13 @@ die() {
 # require_packages PKG...: installs those of the given Debian packages that
 # are not installed yet. Nothing is downloaded when all are present.
 require_packages() {
-    local missing=() pkg
+    local missing=() installed
+    # One query for all of them; a package dpkg does not know is missing too.
+    installed=" $(dpkg-query -W -f='${db:Status-Status} ${Package}\n' "$@" 2>/dev/null |
+                  awk '$1 == "installed" { printf "%s ", $2 }')"
+    local pkg
     for pkg in "$@"; do
-        if [ "$(dpkg-query -W -f='${db:Status-Status}' "$pkg" 2>/dev/null)" != "installed" ]; then
-            missing+=("$pkg")
-        fi
+        [[ "$installed" == *" ${pkg%%:*} "* ]] || missing+=("$pkg")
     done
     [ "${#missing[@]}" -eq 0 ] && return 0
 
