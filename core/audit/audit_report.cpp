@@ -140,9 +140,4 @@ std::optional<LogTime> LogRecord::logTime() const
     return time;
 }
 
-std::string_view severityName(Severity severity)
-{
-    return severity == Severity::Error ? "error" : "warning";
-}
-
 }  // namespace tse
