@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <cstdint>
 #include <filesystem>
 #include <map>
 #include <string>
@@ -37,10 +38,10 @@ struct RealReceipt {
     std::string text;
 };
 
-// The QR code texts of every real Finish log that a receipt can stand for:
-// two cloud TSEs on P-256 (unixTime and utcTime) and D-Trust's secp384r1
-// with indefinite-length processData.
-std::vector<RealReceipt> realReceipts(const fixtures::TempDir& dir)
+// The QR code texts of every real Finish log that a receipt can stand for
+// (or of the first `limit` of them): two cloud TSEs on P-256 (unixTime and
+// utcTime) and D-Trust's secp384r1 with indefinite-length processData.
+std::vector<RealReceipt> realReceipts(const fixtures::TempDir& dir, size_t limit = SIZE_MAX)
 {
     std::vector<std::pair<std::string, std::string>> logs;  // log, certificate
     for (const char* name : {"2021-09-30_63641_TSE", "TSE_Export_685e1812-79a4-4c8c-9a07-9e93a019efa7_202109171015",
@@ -57,6 +58,7 @@ std::vector<RealReceipt> realReceipts(const fixtures::TempDir& dir)
     }
     std::vector<RealReceipt> out;
     for (const auto& [log, certificate] : logs) {
+        if (out.size() == limit) break;
         const auto qr = run(tseCheckPath(), {"to-qr", "--cert", certificate, log});
         EXPECT_EQ(qr.status, 0) << log << ": " << qr.err;
         out.push_back({log, qr.out.substr(0, qr.out.find('\n'))});
@@ -125,7 +127,7 @@ TEST(Receipt, ToQrStillRefusesALogWithAdditionalExternalData)
 TEST(Receipt, ReportsEachReceiptWithItsSourceAndTheWorstStatus)
 {
     fixtures::TempDir unpacked;
-    const std::vector<RealReceipt> receipts = realReceipts(unpacked);
+    const std::vector<RealReceipt> receipts = realReceipts(unpacked, 1);
     const std::string good = receipts.front().text;
     std::string late = good;
     const size_t logTime = [&] {

@@ -325,4 +325,44 @@ TEST(ReceiptExplain, RandomSignatureIsExplainedByNothing)
     EXPECT_NE(e.sentence.find("log time off by up to 600 s"), std::string::npos) << e.sentence;
 }
 
+// A batch within a bound of its own: each receipt that nothing explains is
+// cut short at an even share of what is left, the last as much as the
+// first, and a receipt a cheap change explains among them is explained.
+TEST(ReceiptExplain, ABatchSharesItsBoundEvenly)
+{
+    const tse::Signer signer(Curve::Secp256r1);
+    std::vector<tse::Receipt> receipts;
+    for (uint64_t n = 1; n <= 4; ++n) {
+        Signed s;
+        s.transactionNumber = n;
+        std::vector<std::string> fields = receiptFields(signer, s);
+        if (n == 2) {
+            fields[TYPE] = "KASSENBELEG-V1";
+        } else {
+            fields[DATA] = "Beleg^9.57_0.00_0.00_0.00_0.00^9.57:Bar";  // nothing explains it
+        }
+        tse::Result<tse::Receipt> parse = tse::parseReceiptText(joined(fields));
+        ASSERT_TRUE(parse) << parse.message();
+        receipts.push_back(std::move(parse).value());
+    }
+    std::vector<const tse::Receipt*> batch;
+    for (const tse::Receipt& r : receipts) batch.push_back(&r);
+    constexpr uint64_t BOUND = 6000;
+    const std::vector<tse::Explanation> explained = tse::explainReceipts(batch, {}, BOUND);
+    ASSERT_EQ(explained.size(), 4u);
+    EXPECT_TRUE(explained[1].found) << explained[1].sentence;
+    EXPECT_EQ(explained[1].field, "processType");
+    uint64_t left = BOUND;
+    for (size_t i = 0; i < explained.size(); ++i) {
+        const uint64_t share = left / (explained.size() - i);
+        if (i != 1) {
+            EXPECT_FALSE(explained[i].found) << i;
+            EXPECT_TRUE(explained[i].cutShort) << i;
+            EXPECT_LE(explained[i].checks, share) << i;
+            EXPECT_GE(explained[i].checks, share / 2) << i;
+        }
+        left -= explained[i].checks;
+    }
+}
+
 }  // namespace
