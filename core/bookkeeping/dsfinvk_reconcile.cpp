@@ -12,7 +12,6 @@
 namespace tse {
 namespace {
 
-constexpr int64_t TIME_TOLERANCE = 1;      // exporters round log times instead of cutting them
 constexpr int64_t RECEIPT_TOLERANCE = 60;  // a receipt's own clock against the TSE's
 constexpr size_t SHOWN_PROCESS_DATA = 80;
 constexpr int64_t DAY = 86400;
