@@ -565,10 +565,10 @@ void AuditRun::visitLog(ExportMember&& member)
             record.type = name->type;
             if (!member.special) record.counter = name->counter;
         }
-        record.reason = "the member " + member.error;
+        record.reason = "the member " + member.contents.error().message;
         return keep(std::move(record));
     }
-    queueItem(WorkItem{ordinal_, std::move(member.name), std::move(*member.contents), member.standalone, currentLabel_});
+    queueItem(WorkItem{ordinal_, std::move(member.name), std::move(member.contents).value(), member.standalone, currentLabel_});
 }
 
 void AuditRun::visit(ExportMember&& member)
@@ -581,8 +581,8 @@ void AuditRun::visit(ExportMember&& member)
             wanted = deferred_.count(ordinal_) > 0;
         }
         if (wanted && member.contents) {
-            queueItem(
-                WorkItem{ordinal_, std::move(member.name), std::move(*member.contents), member.standalone, currentLabel_});
+            queueItem(WorkItem{ordinal_, std::move(member.name), std::move(member.contents).value(), member.standalone,
+                               currentLabel_});
         }
         return;
     }
@@ -598,7 +598,8 @@ void AuditRun::visit(ExportMember&& member)
     const MemberKind kind = classifyMember(member.name);
     if (kind == MemberKind::Log) return visitLog(std::move(member));
     if (!member.contents) {
-        return addFinding(Severity::Warning, "unexpected-member", shown + " " + member.error, {shown}, source);
+        return addFinding(Severity::Warning, "unexpected-member", shown + " " + member.contents.error().message, {shown},
+                          source);
     }
     // Every export shows its own info.csv, even one identical to another's.
     if (kind == MemberKind::Info) {

@@ -402,7 +402,7 @@ std::string Check::readExport(const ExportSource& source)
     const Result<ExportRead> first = readExportSource(source, MAX_INDEX_XML, [&](ExportMember&& member) {
         if (!equalsIgnoringCase(baseName(member.name), "index.xml") || index) return;
         if (!member.contents) {
-            indexProblem = "has an index.xml that " + member.error;
+            indexProblem = "has an index.xml that " + member.contents.error().message;
             return;
         }
         Result<std::vector<TableDescription>> parse = parseIndexXml(*member.contents);
@@ -425,7 +425,7 @@ std::string Check::readExport(const ExportSource& source)
         if (!known) return;
         const std::string label = source.label() + ":" + member.name;
         if (!member.contents) {
-            addFinding(Severity::Error, "csv-malformed", label + " " + member.error, {});
+            addFinding(Severity::Error, "csv-malformed", label + " " + member.contents.error().message, {});
             return;
         }
         present.insert(table);

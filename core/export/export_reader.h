@@ -16,10 +16,11 @@ namespace tse {
 // A member of a TSE export that is never unpacked to disk: the bytes stay
 // in memory only as long as the visitor keeps them.
 struct ExportMember {
-    std::string name;    // as in the archive, relative to the directory, or the path given
-    std::string source;  // the archive, directory or file it came from
-    std::optional<Bytes> contents;
-    std::string error;   // why there are no contents: too large, truncated, ...
+    std::string name;  // as in the archive, relative to the directory, or the path given
+    // The bytes, or why there are none, in words that follow the member's
+    // name: "is larger than 16 MiB", "is cut off after ...", "is not a
+    // regular file".
+    Result<Bytes> contents = Error{"was not read"};
     bool standalone = false;  // a file given by itself, not a member of an archive or directory
     bool special = false;     // a link, device or FIFO in an archive: never read
 };
