@@ -1,5 +1,9 @@
 #include "export_reader.h"
 
+#include <clocale>
+#include <cwchar>
+#include <locale.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
@@ -14,6 +18,7 @@
 
 #include "export_names.h"
 #include "file_reader.h"
+#include "text.h"
 
 namespace tse {
 namespace {
@@ -173,6 +178,63 @@ std::string compressedStreamProblem(const ExportSource& source, uint64_t tarByte
     return {};
 }
 
+// libarchive converts the names an archive declares as UTF-8 (a ZIP's flag,
+// a pax header) into the thread's character set, and in the C locale loses
+// every name with a letter outside ASCII. While a source is read, its
+// thread works in UTF-8; the locale it had comes back after.
+class Utf8Names {
+public:
+    Utf8Names()
+    {
+        const locale_t current = uselocale(static_cast<locale_t>(nullptr));
+        const locale_t base = duplocale(current);
+        if (base == static_cast<locale_t>(nullptr)) return;
+        utf8_ = newlocale(LC_CTYPE_MASK, "C.UTF-8", base);
+        if (utf8_ == static_cast<locale_t>(nullptr)) {
+            freelocale(base);
+            return;
+        }
+        previous_ = uselocale(utf8_);
+    }
+    ~Utf8Names()
+    {
+        if (utf8_ == static_cast<locale_t>(nullptr)) return;
+        uselocale(previous_);
+        freelocale(utf8_);
+    }
+    Utf8Names(const Utf8Names&) = delete;
+    Utf8Names& operator=(const Utf8Names&) = delete;
+
+private:
+    locale_t utf8_ = static_cast<locale_t>(nullptr);
+    locale_t previous_ = static_cast<locale_t>(nullptr);
+};
+
+// In the UTF-8 locale above. Names are nearly always ASCII; only the others
+// are checked in full.
+bool isUtf8(const char* text)
+{
+    const char* c = text;
+    while (*c != 0 && static_cast<unsigned char>(*c) < 0x80) ++c;
+    if (*c == 0) return true;
+    std::mbstate_t state{};
+    const char* rest = c;
+    return std::mbsrtowcs(nullptr, &rest, 0, &state) != static_cast<size_t>(-1);
+}
+
+// Why an entry's bytes are not read, in the words that follow its name;
+// nullopt for a regular file.
+std::optional<std::string> notReadable(archive_entry* entry)
+{
+    if (const char* target = archive_entry_hardlink(entry)) return "is a hard link to " + escapeText(std::string_view(target));
+    if (archive_entry_filetype(entry) == AE_IFLNK) {
+        const char* target = archive_entry_symlink(entry);
+        return "is a symbolic link to " + escapeText(std::string_view(target ? target : ""));
+    }
+    if (archive_entry_filetype(entry) != AE_IFREG) return "is not a regular file";
+    return std::nullopt;
+}
+
 ArchivePtr openArchive(const ExportSource& source, bool& opened)
 {
     ArchivePtr a(archive_read_new());
@@ -298,11 +360,16 @@ std::optional<ExportRead> ArchivePass::visitEntry(archive_entry* entry, la_int64
     ExportMember member;
     const char* name = archive_entry_pathname(entry);
     member.name = name ? name : "";
+    member.nameIsUtf8 = name == nullptr || isUtf8(name);
     bool intact = true;
-    if (archive_entry_filetype(entry) != AE_IFREG) {
-        member.contents = Error{"is not a regular file"};
+    if (std::optional<std::string> reason = notReadable(entry)) {
+        member.contents = Error{std::move(*reason)};
         member.special = true;
         intact = archive_read_data_skip(a_.get()) >= ARCHIVE_WARN;
+    } else if (archive_entry_is_data_encrypted(entry)) {
+        member.contents = Error{"is encrypted"};
+        intact = archive_read_data_skip(a_.get()) >= ARCHIVE_WARN;
+        ++result_.members;
     } else {
         member.contents = readMemberData(a_.get(), entry, limit_, intact);
         ++result_.members;
@@ -354,6 +421,7 @@ Result<ExportRead> readDirectory(const ExportSource& source, size_t limit, const
     for (const fs::path& file : files) {
         ExportMember member;
         member.name = file.lexically_relative(root).generic_string();
+        member.nameIsUtf8 = isUtf8(member.name.c_str());
         member.contents = readFileBounded(file.string(), limit);
         if (member.contents) done += member.contents->size();
         visit(std::move(member));
@@ -366,6 +434,7 @@ Result<ExportRead> readSingleFile(const ExportSource& source, size_t limit, cons
 {
     ExportMember member;
     member.name = source.label();
+    member.nameIsUtf8 = isUtf8(member.name.c_str());
     member.standalone = true;
     member.contents = readFileBounded(member.name, limit);
     visit(std::move(member));
@@ -426,6 +495,7 @@ uint64_t sourceSize(const ExportSource& source)
 Result<ExportRead> readExportSource(const ExportSource& source, size_t maxMemberSize, const MemberVisitor& visit,
                                     const ByteProgress& progress)
 {
+    const Utf8Names utf8;
     switch (source.kind) {
     case ExportSource::Kind::Archive: return readArchive(source, maxMemberSize, visit, progress);
     case ExportSource::Kind::Directory: return readDirectory(source, maxMemberSize, visit, progress);
