@@ -156,15 +156,16 @@ void AuditRun::visit(ExportMember&& member)
     }
     // A path the user gave is used as given; only names from inside an
     // export could lead somewhere they should not.
+    const bool unsafe = !member.standalone && unsafeMemberName(member.name);
+    const MemberKind kind = classifyMember(member.name);
+    if (kind == MemberKind::Log && !unsafe) return visitLog(std::move(member));
     const std::string shown = escapeText(member.name);
     const std::string source(currentLabel_);
-    if (!member.standalone && unsafeMemberName(member.name)) {
+    if (unsafe) {
         return addFinding(Severity::Warning, "unexpected-member",
                           "the member name " + shown + " in " + source + " leads outside the export; it was not used",
                           {shown}, source);
     }
-    const MemberKind kind = classifyMember(member.name);
-    if (kind == MemberKind::Log) return visitLog(std::move(member));
     if (!member.contents) {
         return addFinding(Severity::Warning, "unexpected-member", shown + " " + member.contents.error().message,
                           {shown}, source);

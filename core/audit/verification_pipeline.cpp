@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <mutex>
 #include <optional>
+#include <unordered_set>
 
 #include "algorithms.h"
 #include "export_names.h"
@@ -28,12 +29,6 @@ size_t heldCost(const LogItem& item)
     return item.bytes.size() + item.name.size() + ITEM_OVERHEAD;
 }
 
-std::string_view algorithmName(const LogMessage& message)
-{
-    const SignatureAlgorithm* algorithm = algorithmByOid(message.signatureAlgorithmOid);
-    return algorithm ? std::string_view(algorithm->name) : std::string_view(message.signatureAlgorithmOid);
-}
-
 }  // namespace
 
 // Once enough of a TSE's logs have come by, the tables that check them fast.
@@ -44,33 +39,39 @@ struct KeyTables {
     std::atomic<bool> ready{false};
 };
 
-// The texts of a record before they are pooled in the log table.
+// The texts of a record before they are pooled in the log table. The views
+// stay good as long as the thread's memory.
 struct RecordTexts {
-    std::string_view serialNumber;  // the worker's memory of it
-    std::string_view algorithm;     // the table's name, or the message's OID text
+    std::string_view serialNumber;
+    std::string_view algorithm;  // the table's name, or the message's OID text
     std::string operation, clientId, processType;
 };
 
 namespace {
 
 // A log checked through its key's tables waits for the rest of its batch,
-// so that the inversions are shared. The texts' views are set again when it
-// is settled: they point into the strings beside them, which move with it.
+// so that the inversions are shared.
 struct BatchedLog {
     LogRecord record;
     RecordTexts texts;
-    std::string serial, algorithm;
     LogMessage message;
     std::shared_ptr<KeyTables> tables;
 };
 
 }  // namespace
 
-// What a verifying thread remembers from its last log: consecutive logs
-// nearly always come from one TSE, so its serial number is spelt out once.
+// What a verifying thread keeps from log to log: its rows, merged into the
+// pipeline's table when it ends, and what consecutive logs, which nearly
+// always come from one TSE, share.
 struct WorkerMemory {
-    Bytes serial;
-    std::string serialHex;
+    LogTable logs;
+    uint64_t done = 0;  // rows not yet counted in logsDone_
+    std::unordered_map<std::string, std::string> serialTexts;  // raw serial number -> hex
+    std::unordered_set<std::string> oidTexts;  // algorithms no table names
+    Bytes lastSerial;
+    std::string_view lastSerialText;
+    Bytes keySerial;  // of the key found last
+    std::optional<FoundKey> key;
     std::unique_ptr<VerifyScratch> scratch;  // made when first needed
     std::vector<BatchedLog> batched;
 
@@ -80,22 +81,47 @@ struct WorkerMemory {
         return *scratch;
     }
 
-    const std::string& hexOf(const Bytes& raw)
+    std::string_view serialText(const Bytes& raw)
     {
-        if (raw != serial) serial = raw, serialHex = toHex(raw);
-        return serialHex;
+        if (raw != lastSerial || lastSerialText.empty()) {
+            std::string& hex = serialTexts[std::string(raw.begin(), raw.end())];
+            if (hex.empty()) hex = toHex(raw);
+            lastSerial = raw;
+            lastSerialText = hex;
+        }
+        return lastSerialText;
+    }
+
+    std::string_view algorithmText(const LogMessage& message)
+    {
+        if (const SignatureAlgorithm* algorithm = algorithmByOid(message.signatureAlgorithmOid)) {
+            return algorithm->name;
+        }
+        return *oidTexts.insert(message.signatureAlgorithmOid).first;
+    }
+
+    void keep(LogRecord&& record, const RecordTexts* texts)
+    {
+        if (texts) {
+            record.serialNumber = texts->serialNumber;
+            record.algorithm = texts->algorithm;
+            record.operation = texts->operation;
+            record.clientId = texts->clientId;
+            record.processType = texts->processType;
+        }
+        logs.push_back(record);
+        ++done;
     }
 };
 
 namespace {
 
-void fillFromMessage(LogRecord& record, RecordTexts& texts, const LogMessage& message,
-                     WorkerMemory& memory)
+void fillFromMessage(LogRecord& record, RecordTexts& texts, const LogMessage& message, WorkerMemory& memory)
 {
     record.type = message.type;
     record.counter = message.signatureCounter;
-    texts.serialNumber = memory.hexOf(message.serialNumber);
-    texts.algorithm = algorithmName(message);
+    texts.serialNumber = memory.serialText(message.serialNumber);
+    texts.algorithm = memory.algorithmText(message);
     record.seconds = message.logTime.seconds;
     record.fraction = message.logTime.fraction;
     record.timeFormat = message.logTime.format;
@@ -171,7 +197,9 @@ void VerificationPipeline::endPass()
 
 void VerificationPipeline::keepUnread(LogRecord&& record)
 {
-    keep(std::move(record), nullptr);
+    ExclusiveLock<Mutex> lock(logsLock_);
+    logs_.push_back(record);
+    ++logsDone_;
 }
 
 void VerificationPipeline::verifyHeld()
@@ -189,7 +217,9 @@ void VerificationPipeline::verifyHeld()
     parallelFor(waiting.size(), options_.jobs, [&](size_t i) {
         WorkerMemory memory;
         checkGuarded(std::move(waiting[i]), memory);
-        settleBatch(memory);
+        finishBatch(memory);
+        ExclusiveLock<Mutex> lock(logsLock_);
+        logs_.append(std::move(memory.logs));
     });
 }
 
@@ -216,28 +246,36 @@ void VerificationPipeline::work()
     WorkerMemory memory;
     while (std::optional<std::vector<LogItem>> batch = queue_->pop()) {
         for (LogItem& item : *batch) checkGuarded(std::move(item), memory);
-        settleBatch(memory);
+        finishBatch(memory);
     }
+    ExclusiveLock<Mutex> lock(logsLock_);
+    logs_.append(std::move(memory.logs));
+}
+
+void VerificationPipeline::finishBatch(WorkerMemory& memory)
+{
+    settleBatch(memory);
+    logsDone_ += memory.done;
+    memory.done = 0;
 }
 
 // A log that cannot be checked (libcrypto out of memory, say) is no invalid
 // signature; it is reported as not checked.
 void VerificationPipeline::checkGuarded(LogItem&& item, WorkerMemory& memory)
 {
-    LogRecord failed;
-    failed.source = item.source;
-    failed.ordinal = item.ordinal;
-    std::string name = item.name;
     try {
-        check(std::move(item), memory);
+        check(item, memory);
     } catch (const std::exception& error) {
-        failed.file = escapeText(name);
+        LogRecord failed;
+        failed.source = item.source;
+        failed.ordinal = item.ordinal;
+        failed.file = escapeText(item.name);
         failed.reason = std::string("could not be checked: ") + error.what();
-        keep(std::move(failed), nullptr);
+        memory.keep(std::move(failed), nullptr);
     }
 }
 
-void VerificationPipeline::check(LogItem&& item, WorkerMemory& memory)
+void VerificationPipeline::check(LogItem& item, WorkerMemory& memory)
 {
     LogRecord record;
     record.file = escapeText(item.name);
@@ -248,7 +286,7 @@ void VerificationPipeline::check(LogItem&& item, WorkerMemory& memory)
     if (!parse) {
         if (name) record.type = name->type, record.counter = name->counter;
         record.reason = unreadableLog(parse.error()).reason;
-        return keep(std::move(record), nullptr);
+        return memory.keep(std::move(record), nullptr);
     }
     const LogMessage& message = *parse;
     RecordTexts texts;
@@ -257,45 +295,49 @@ void VerificationPipeline::check(LogItem&& item, WorkerMemory& memory)
     // the TSE's, and a name that does not follow its pattern is a finding.
     if (name) record.nameProblem = nameMismatch(*name, message);
     else if (!item.standalone) record.nameProblem = "the name does not follow the TSE's naming pattern";
-    const std::optional<KeyFound> found = findKey(message.serialNumber, item);
+    const FoundKey* found = findKey(message.serialNumber, item, memory);
     if (!found) return;
     if (!found->key) {
         LogJudgement judgement = judgeLog(message, nullptr);
         record.verdict = judgement.verdict;
         record.reason = std::move(judgement.reason);
         if (options_.inspect) options_.inspect(message, record);
-        return keep(std::move(record), &texts);
+        return memory.keep(std::move(record), &texts);
     }
     if (fastVerifier(*found->key, *found->tables)) {
-        BatchedLog batched;
-        batched.serial = std::string(texts.serialNumber);
-        batched.algorithm = std::string(texts.algorithm);
-        batched.record = std::move(record);
-        batched.texts = std::move(texts);
-        batched.message = std::move(parse).value();
-        batched.tables = found->tables;
-        memory.batched.push_back(std::move(batched));
+        memory.batched.push_back(
+            BatchedLog{std::move(record), std::move(texts), std::move(parse).value(), found->tables});
         return;
     }
-    settle(std::move(record), texts, message, verifyLog(message, *found->key));
+    settle(std::move(record), texts, message, verifyLog(message, *found->key), memory);
 }
 
-std::optional<VerificationPipeline::KeyFound> VerificationPipeline::findKey(const Bytes& serial, LogItem& item)
+// Consecutive logs nearly always come from one TSE, whose key is then found
+// without the lock. Keys are never replaced, so a key found stays right.
+const FoundKey* VerificationPipeline::findKey(const Bytes& serial, LogItem& item, WorkerMemory& memory)
 {
+    if (memory.key && serial == memory.keySerial) return &*memory.key;
     {
         SharedLock lock(keysLock_);
-        if (const auto* entry = keys_.find(serial)) return KeyFound{&entry->key, entry->extra};
+        if (const auto* entry = keys_.find(serial)) {
+            memory.keySerial = serial;
+            return &memory.key.emplace(FoundKey{&entry->key, entry->extra});
+        }
     }
-    if (allKeysKnown_) return KeyFound{};
+    static const FoundKey none;
+    if (allKeysKnown_) return &none;
     ExclusiveLock<SharedMutex> lock(keysLock_);
-    if (const auto* entry = keys_.find(serial)) return KeyFound{&entry->key, entry->extra};
+    if (const auto* entry = keys_.find(serial)) {
+        memory.keySerial = serial;
+        return &memory.key.emplace(FoundKey{&entry->key, entry->extra});
+    }
     if (heldBytes_ + heldCost(item) <= options_.maxPendingBytes) {
         heldBytes_ += heldCost(item);
         held_[std::string(serial.begin(), serial.end())].push_back(std::move(item));
     } else {
         reread_.insert(item.ordinal);
     }
-    return std::nullopt;
+    return nullptr;
 }
 
 // The many logs of one TSE are checked through tables of its key, built by
@@ -303,6 +345,8 @@ std::optional<VerificationPipeline::KeyFound> VerificationPipeline::findKey(cons
 // others wait for it, which is less than a hundred signatures take).
 const KeyVerifier* VerificationPipeline::fastVerifier(const PublicKey& key, KeyTables& tables)
 {
+    // Once decided, the threads need not count (and share a cache line) any more.
+    if (tables.ready.load(std::memory_order_acquire)) return tables.verifier.get();
     const size_t seen = ++tables.logs;
     if (!tables.ready.load(std::memory_order_acquire) && seen >= KeyVerifier::minSignatures(key.curve())) {
         std::call_once(tables.built, [&] {
@@ -319,13 +363,13 @@ const KeyVerifier* VerificationPipeline::fastVerifier(const PublicKey& key, KeyT
 // Whichever path checked the signature, the log is judged in one place, as
 // verify judges it.
 void VerificationPipeline::settle(LogRecord&& record, const RecordTexts& texts, const LogMessage& message,
-                                  Verification verification)
+                                  Verification verification, WorkerMemory& memory)
 {
     LogJudgement judgement = judgeVerification(message, std::move(verification));
     record.verdict = judgement.verdict;
     record.reason = std::move(judgement.reason);
     if (options_.inspect) options_.inspect(message, record);
-    keep(std::move(record), &texts);
+    memory.keep(std::move(record), &texts);
 }
 
 // The batched logs, key by key, through their verifiers.
@@ -333,11 +377,13 @@ void VerificationPipeline::settleBatch(WorkerMemory& memory)
 {
     std::vector<BatchedLog>& waiting = memory.batched;
     std::vector<bool> done(waiting.size(), false);
+    std::vector<size_t> group;
+    std::vector<const LogMessage*> messages;
     for (size_t first = 0; first < waiting.size(); ++first) {
         if (done[first]) continue;
         KeyTables* tables = waiting[first].tables.get();
-        std::vector<size_t> group;
-        std::vector<const LogMessage*> messages;
+        group.clear();
+        messages.clear();
         for (size_t i = first; i < waiting.size(); ++i) {
             if (!done[i] && waiting[i].tables.get() == tables) {
                 group.push_back(i);
@@ -349,26 +395,10 @@ void VerificationPipeline::settleBatch(WorkerMemory& memory)
             verifyLogs(messages, *tables->verifier, memory.verifyScratch());
         for (size_t k = 0; k < group.size(); ++k) {
             BatchedLog& log = waiting[group[k]];
-            log.texts.serialNumber = log.serial;
-            log.texts.algorithm = log.algorithm;
-            settle(std::move(log.record), log.texts, log.message, verifications[k]);
+            settle(std::move(log.record), log.texts, log.message, verifications[k], memory);
         }
     }
     waiting.clear();
-}
-
-void VerificationPipeline::keep(LogRecord&& record, const RecordTexts* texts)
-{
-    ExclusiveLock<Mutex> lock(logsLock_);
-    if (texts) {
-        record.serialNumber = texts->serialNumber;
-        record.algorithm = texts->algorithm;
-        record.operation = texts->operation;
-        record.clientId = texts->clientId;
-        record.processType = texts->processType;
-    }
-    logs_.push_back(record);
-    ++logsDone_;
 }
 
 }  // namespace tse

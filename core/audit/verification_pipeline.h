@@ -34,6 +34,13 @@ struct KeyTables;
 struct RecordTexts;
 struct WorkerMemory;
 
+// A log's TSE key as the pipeline found it; no key when none has its
+// serial number.
+struct FoundKey {
+    const PublicKey* key = nullptr;  // in the key index, whose entries never move
+    std::shared_ptr<KeyTables> tables;
+};
+
 // Parses, verifies and judges the logs that the reading thread hands over,
 // on `jobs` threads while the reading goes on, and keeps a row for each.
 //
@@ -70,22 +77,17 @@ public:
     LogTable takeLogs() TSE_EXCLUDES(logsLock_);
 
 private:
-    struct KeyFound {
-        const PublicKey* key = nullptr;
-        std::shared_ptr<KeyTables> tables;
-    };
-
     void work() TSE_EXCLUDES(keysLock_, logsLock_);
-    void checkGuarded(LogItem&& item, WorkerMemory& memory) TSE_EXCLUDES(keysLock_, logsLock_);
-    void check(LogItem&& item, WorkerMemory& memory) TSE_EXCLUDES(keysLock_, logsLock_);
-    // The key of the log's TSE; nullopt when the log is held or noted to be
-    // read again instead.
-    std::optional<KeyFound> findKey(const Bytes& serial, LogItem& item) TSE_EXCLUDES(keysLock_);
+    void checkGuarded(LogItem&& item, WorkerMemory& memory) TSE_EXCLUDES(keysLock_);
+    void check(LogItem& item, WorkerMemory& memory) TSE_EXCLUDES(keysLock_);
+    // The key of the log's TSE; nullptr when the log is held, or noted to
+    // be read again, instead.
+    const FoundKey* findKey(const Bytes& serial, LogItem& item, WorkerMemory& memory) TSE_EXCLUDES(keysLock_);
     const KeyVerifier* fastVerifier(const PublicKey& key, KeyTables& tables);
-    void settle(LogRecord&& record, const RecordTexts& texts, const LogMessage& message, Verification verification)
-        TSE_EXCLUDES(logsLock_);
-    void settleBatch(WorkerMemory& memory) TSE_EXCLUDES(logsLock_);
-    void keep(LogRecord&& record, const RecordTexts* texts) TSE_EXCLUDES(logsLock_);
+    void settle(LogRecord&& record, const RecordTexts& texts, const LogMessage& message, Verification verification,
+                WorkerMemory& memory);
+    void settleBatch(WorkerMemory& memory);
+    void finishBatch(WorkerMemory& memory) TSE_EXCLUDES(logsLock_);
     void flushBatch();
 
     const AuditOptions& options_;
