@@ -1,9 +1,5 @@
 #include "export_reader.h"
 
-#include <clocale>
-#include <cwchar>
-#include <locale.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
@@ -18,7 +14,9 @@
 
 #include "export_names.h"
 #include "file_reader.h"
+#include "plain_tar.h"
 #include "text.h"
+#include "utf8_names.h"
 
 namespace tse {
 namespace {
@@ -178,50 +176,6 @@ std::string compressedStreamProblem(const ExportSource& source, uint64_t tarByte
     return {};
 }
 
-// libarchive converts the names an archive declares as UTF-8 (a ZIP's flag,
-// a pax header) into the thread's character set, and in the C locale loses
-// every name with a letter outside ASCII. While a source is read, its
-// thread works in UTF-8; the locale it had comes back after.
-class Utf8Names {
-public:
-    Utf8Names()
-    {
-        const locale_t current = uselocale(static_cast<locale_t>(nullptr));
-        const locale_t base = duplocale(current);
-        if (base == static_cast<locale_t>(nullptr)) return;
-        utf8_ = newlocale(LC_CTYPE_MASK, "C.UTF-8", base);
-        if (utf8_ == static_cast<locale_t>(nullptr)) {
-            freelocale(base);
-            return;
-        }
-        previous_ = uselocale(utf8_);
-    }
-    ~Utf8Names()
-    {
-        if (utf8_ == static_cast<locale_t>(nullptr)) return;
-        uselocale(previous_);
-        freelocale(utf8_);
-    }
-    Utf8Names(const Utf8Names&) = delete;
-    Utf8Names& operator=(const Utf8Names&) = delete;
-
-private:
-    locale_t utf8_ = static_cast<locale_t>(nullptr);
-    locale_t previous_ = static_cast<locale_t>(nullptr);
-};
-
-// In the UTF-8 locale above. Names are nearly always ASCII; only the others
-// are checked in full.
-bool isUtf8(const char* text)
-{
-    const char* c = text;
-    while (*c != 0 && static_cast<unsigned char>(*c) < 0x80) ++c;
-    if (*c == 0) return true;
-    std::mbstate_t state{};
-    const char* rest = c;
-    return std::mbsrtowcs(nullptr, &rest, 0, &state) != static_cast<size_t>(-1);
-}
-
 // Why an entry's bytes are not read, in the words that follow its name;
 // nullopt for a regular file.
 std::optional<std::string> notReadable(archive_entry* entry)
@@ -252,8 +206,11 @@ ArchivePtr openArchive(const ExportSource& source, bool& opened)
 // how far it got when the archive ends early.
 class ArchivePass {
 public:
-    ArchivePass(const ExportSource& source, size_t limit, const MemberVisitor& visit, const ByteProgress& progress)
-        : source_(source), limit_(limit), visit_(visit), progress_(progress), split_(splitProblem(source))
+    // The first `handed` members were handed on already, by the short way.
+    ArchivePass(const ExportSource& source, size_t limit, const MemberVisitor& visit, const ByteProgress& progress,
+                size_t handed)
+        : source_(source), limit_(limit), visit_(visit), progress_(progress), handed_(handed),
+          split_(splitProblem(source))
     {
     }
 
@@ -271,6 +228,7 @@ private:
     const size_t limit_;
     const MemberVisitor& visit_;
     const ByteProgress& progress_;
+    size_t handed_;
     const std::string split_;  // what is wrong with the parts of a split archive
     ArchivePtr a_;
     size_t headers_ = 0;  // entries read, directories included
@@ -376,6 +334,10 @@ std::optional<ExportRead> ArchivePass::visitEntry(archive_entry* entry, la_int64
     }
     if (intact) {
         lastMember_ = member.name;
+        if (handed_ > 0) {
+            --handed_;
+            return std::nullopt;
+        }
         visit_(std::move(member));
         if (progress_) progress_(static_cast<uint64_t>(archive_filter_bytes(a_.get(), -1)));
         return std::nullopt;
@@ -400,10 +362,17 @@ ExportRead ArchivePass::finished()
     return result_;
 }
 
+// TSEs write plain TARs, which take the short way; libarchive's reader takes
+// whatever that leaves, and says what is wrong with an archive.
 Result<ExportRead> readArchive(const ExportSource& source, size_t limit, const MemberVisitor& visit,
                                const ByteProgress& progress)
 {
-    return ArchivePass(source, limit, visit, progress).run();
+    if (source.zip || !splitProblem(source).empty()) return ArchivePass(source, limit, visit, progress, 0).run();
+    const PlainTarRead plain = readPlainTar(source, limit, visit, progress);
+    if (plain.complete && (!plain.compressed || compressedStreamProblem(source, plain.tarBytes).empty())) {
+        return ExportRead{plain.handed, std::nullopt};
+    }
+    return ArchivePass(source, limit, visit, progress, plain.handed).run();
 }
 
 Result<ExportRead> readDirectory(const ExportSource& source, size_t limit, const MemberVisitor& visit,

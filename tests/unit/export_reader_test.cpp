@@ -155,5 +155,167 @@ TEST(ExportReader, EveryMemberArrivesWithItsBytesOrItsReason)
     }
 }
 
+// TAR headers written byte by byte, in the variants TSEs and tar programs
+// write: the export reader takes plain ones its own way and must read them
+// exactly as libarchive's TAR reader does, and give every other case to it.
+struct TarHeader {
+    std::string name;
+    size_t size = 0;
+    char type = '0';
+    std::string magic = std::string("ustar\0" "00", 8);
+    std::string prefix;
+    std::string sizeField;  // as written, when not the usual octal
+    bool signedChecksum = false;
+};
+
+std::string block(const TarHeader& h)
+{
+    std::string b(512, '\0');
+    const auto put = [&](size_t at, const std::string& text) { b.replace(at, text.size(), text); };
+    put(0, h.name.substr(0, 100));
+    put(100, "0000644");
+    put(108, "0001750");
+    put(116, "0001750");
+    char size[16];
+    std::snprintf(size, sizeof size, "%011zo", h.size);
+    put(124, h.sizeField.empty() ? std::string(size) : h.sizeField);
+    put(136, "14521044671");
+    b[156] = h.type;
+    put(257, h.magic);
+    put(345, h.prefix);
+    put(148, "        ");
+    long sum = 0;
+    for (const char c : b) sum += h.signedChecksum ? static_cast<signed char>(c) : static_cast<unsigned char>(c);
+    char checksum[8];
+    std::snprintf(checksum, sizeof checksum, "%06lo", sum);
+    put(148, std::string(checksum, 7));
+    return b;
+}
+
+std::string member(const TarHeader& h, const std::string& data)
+{
+    return block(h) + data + std::string((512 - data.size() % 512) % 512, '\0');
+}
+
+std::string plain(const std::string& name, const std::string& data)
+{
+    TarHeader h;
+    h.name = name;
+    h.size = data.size();
+    return member(h, data);
+}
+
+const std::string END(1024, '\0');
+
+struct Reading {
+    std::vector<std::pair<std::string, std::string>> members;  // name, bytes or reason
+    std::string outcome;  // the error or the truncation; empty for a whole archive
+
+    bool operator==(const Reading& other) const { return members == other.members && outcome == other.outcome; }
+};
+
+std::ostream& operator<<(std::ostream& out, const Reading& r)
+{
+    for (const auto& [name, contents] : r.members) out << "[" << name << ": " << contents.size() << " bytes] ";
+    return out << r.outcome;
+}
+
+// A source that may also be a ZIP is read by libarchive alone, member by
+// member; a TAR that can only be a TAR may take the short way.
+Reading readAs(const std::string& path, bool mayBeZip)
+{
+    ExportSource source;
+    source.kind = ExportSource::Kind::Archive;
+    source.paths = {path};
+    source.zip = mayBeZip;
+    Reading reading;
+    const Result<ExportRead> read = readExportSource(source, LIMIT, [&](ExportMember&& m) {
+        reading.members.emplace_back(m.name, m.contents ? std::string(m.contents->begin(), m.contents->end())
+                                                        : m.contents.error().message);
+    });
+    reading.outcome = !read ? read.error().message : read->truncation.value_or("");
+    return reading;
+}
+
+// What libarchive's TAR reader gives through its own interface: every
+// regular member's name and bytes.
+std::vector<std::pair<std::string, std::string>> libarchiveMembers(const std::string& path)
+{
+    std::vector<std::pair<std::string, std::string>> members;
+    archive* a = archive_read_new();
+    archive_read_support_format_tar(a);
+    archive_entry* entry = nullptr;
+    int status = archive_read_open_filename(a, path.c_str(), 65536);
+    while (status == ARCHIVE_OK && (status = archive_read_next_header(a, &entry)) == ARCHIVE_OK) {
+        if (archive_entry_filetype(entry) != AE_IFREG) continue;
+        std::string data(static_cast<size_t>(archive_entry_size(entry)), '\0');
+        archive_read_data(a, data.data(), data.size());
+        members.emplace_back(archive_entry_pathname(entry), data);
+    }
+    archive_read_free(a);
+    return members;
+}
+
+TEST(ExportReader, PlainTarsReadAsLibarchiveReadsThem)
+{
+    TarHeader prefixed{"name.log", 3, '0', std::string("ustar\0" "00", 8), "some/folder", "", false};
+    TarHeader slashed = prefixed;
+    slashed.prefix = "folder/";
+    TarHeader gnu{"gnu.log", 3, '0', std::string("ustar  \0", 8), "ignored as times", "", false};
+    TarHeader odd{"odd magic.log", 3, '0', std::string("ustar\0 \0", 8), "", "", false};
+    TarHeader old{"old.log", 3, '0', "", "", "", false};
+    TarHeader spaced{"spaced.log", 3, '0', std::string("ustar\0" "00", 8), "", "      3 \0", false};
+    TarHeader latin{"caf\xE9 signed.log", 3, '0', std::string("ustar\0" "00", 8), "", "", true};
+    TarHeader directory{"folder/", 0, '5', std::string("ustar\0" "00", 8), "", "", false};
+    TarHeader slashFile{"looks like a folder/", 0, '0', std::string("ustar\0" "00", 8), "", "", false};
+    const std::string paxRecord = "27 path=renamed by pax.log\n";
+    TarHeader pax{"././@PaxHeader", paxRecord.size(), 'x', std::string("ustar\0" "00", 8), "", "", false};
+    std::string damaged = block(old);
+    damaged[0] = 'D';
+    const std::string every = member(prefixed, "abc") + member(slashed, "def") + member(gnu, "ghi") +
+                              member(odd, "jkl") + member(old, "mno") + member(spaced, "pqr") + member(latin, "stu") +
+                              member(directory, "") + member(slashFile, "") + plain("empty.log", "") +
+                              plain("block.log", std::string(512, 'b')) +
+                              plain("block and one.log", std::string(513, 'c'));
+    const std::vector<std::pair<std::string, std::string>> archives = {
+        {"every plain variant", every + END},
+        {"one zero block at the end", plain("a.log", "1") + std::string(512, '\0')},
+        {"garbage after one zero block", plain("a.log", "1") + std::string(512, '\0') + "garbage"},
+        {"no end marker", plain("a.log", "1") + plain("b.log", "2")},
+        {"a pax header in the middle",
+         plain("a.log", "1") + member(pax, paxRecord) + plain("b.log", "2") + plain("c.log", "3") + END},
+        {"a damaged header in the middle", plain("a.log", "1") + damaged + plain("c.log", "3") + END},
+        {"cut inside a member", (plain("a.log", "1") + plain("b.log", std::string(2000, 'x'))).substr(0, 1500)},
+        {"not a TAR at all", "just some text, no TAR header"},
+    };
+    fixtures::TempDir dir;
+    for (const auto& [what, bytes] : archives) {
+        SCOPED_TRACE(what);
+        const std::string path = dir.path("crafted.tar");
+        std::FILE* out = std::fopen(path.c_str(), "wb");
+        std::fwrite(bytes.data(), 1, bytes.size(), out);
+        std::fclose(out);
+        const Reading fast = readAs(path, false);
+        EXPECT_EQ(fast, readAs(path, true));
+        if (fast.outcome.empty()) {
+            EXPECT_EQ(fast.members, libarchiveMembers(path));
+        }
+    }
+    // The variants as the audit meets them: compressed.
+    const std::string compressed = dir.path("every.tar.gz");
+    archive* gz = archive_write_new();
+    archive_write_add_filter_gzip(gz);
+    archive_write_set_format_raw(gz);
+    archive_write_open_filename(gz, compressed.c_str());
+    archive_entry* entry = archive_entry_new();
+    archive_entry_set_filetype(entry, AE_IFREG);
+    archive_write_header(gz, entry);
+    archive_write_data(gz, (every + END).data(), every.size() + END.size());
+    archive_entry_free(entry);
+    archive_write_free(gz);
+    EXPECT_EQ(readAs(compressed, false), readAs(compressed, true));
+    EXPECT_EQ(readAs(compressed, false).members.size(), 10u);
+}
+
 }  // namespace
 }  // namespace tse
