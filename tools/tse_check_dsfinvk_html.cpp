@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "dsfinvk_report.h"
+#include "log_time.h"
 #include "svg_chart.h"
 #include "tse_check_html.h"
 
@@ -21,8 +22,10 @@ std::string count(size_t n, const std::string& what)
 
 std::vector<report::FindingGroup> findingGroups(const tse::BookkeepingReport& bookkeeping)
 {
+    // The entries point into the findings, so they are made first.
+    std::vector<tse::BookkeepingFinding> findings(bookkeeping.findings.begin(), bookkeeping.findings.end());
     std::vector<report::FindingEntry> entries;
-    for (const tse::BookkeepingFinding& f : bookkeeping.findings) {
+    for (const tse::BookkeepingFinding& f : findings) {
         entries.push_back({f.severity == tse::Severity::Error, f.code, f.message, &f.transactions});
     }
     return report::groupFindings(entries);
@@ -86,8 +89,24 @@ void writeBookkeepingHtml(std::ostream& out, const tse::BookkeepingReport& bookk
         head.facts.push_back({"Against the TSE", count(s.matched, "matched") + ", " + count(s.differs, "differ") + ", " +
                                                      count(s.unbooked, "unbooked") + ", " + count(s.unknown, "unknown") +
                                                      ", " + count(s.outside, "outside")});
-        head.facts.push_back({"TSE export", count(s.tseLogs, "logs") + ", " +
-                                                count(s.tseFinishLogs, "finished transactions")});
+        std::string audit = count(s.tseLogs, "logs") + ", " + count(s.tseFinishLogs, "finished transactions");
+        if (bookkeeping.tseAudit) {
+            audit += "; its own audit: " + count(bookkeeping.tseAudit->invalid, "invalid logs") + ", " +
+                     count(bookkeeping.tseAudit->errors, "errors") + ", " + count(bookkeeping.tseAudit->warnings, "warnings");
+        }
+        head.facts.push_back({"TSE export", audit});
+        std::string outside;
+        for (const tse::UncoveredSales& u : bookkeeping.uncovered) {
+            outside += (outside.empty() ? "" : "; ") +
+                       (u.kasseId.empty() ? "client " + u.clientId : "register " + u.kasseId) + ": " +
+                       count(u.sales, "sales") + " from " + tse::isoSeconds(u.first) + " to " + tse::isoSeconds(u.last);
+        }
+        head.facts.push_back({"Signed outside the covered periods", outside.empty() ? "none" : outside});
+    }
+    if (!bookkeeping.periods.empty()) {
+        head.facts.push_back({"Covered", count(bookkeeping.periods.size(), "closings") + " from " +
+                                             tse::isoSeconds(tse::coveredFrom(bookkeeping)) + " to " +
+                                             tse::isoSeconds(tse::coveredTo(bookkeeping))});
     }
     report::ReportPage page(out, head);
 

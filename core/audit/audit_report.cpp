@@ -217,9 +217,4 @@ std::optional<LogTime> LogRecord::logTime() const
     return time;
 }
 
-std::string_view severityName(Severity severity)
-{
-    return severity == Severity::Error ? "error" : "warning";
-}
-
 }  // namespace tse

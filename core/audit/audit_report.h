@@ -13,15 +13,13 @@
 #include <vector>
 
 #include "certificate_chain.h"
+#include "findings.h"
 #include "info_csv.h"
 #include "log_judgement.h"
 #include "log_message.h"
 #include "log_time.h"
 
 namespace tse {
-
-enum class Severity { Error, Warning };
-std::string_view severityName(Severity severity);  // "error", "warning"
 
 // One log as the report gives it out: enough for every report and
 // integrity rule, but not the log itself. The views point into the report's

@@ -60,6 +60,11 @@ struct IsoTime {
 };
 std::optional<IsoTime> parseIsoTime(std::string_view text);
 
+// The UTC seconds of a wall-clock time in Germany (CET, CEST from the last
+// Sunday of March to the last Sunday of October, 01:00 UTC each), where
+// registers write their times without a zone.
+int64_t germanLocalToUtc(int64_t localSeconds);
+
 }  // namespace tse
 
 #endif
