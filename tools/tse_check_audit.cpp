@@ -74,17 +74,6 @@ void appendField(std::string& out, std::string_view field, std::string_view text
     else appendText(out, text);
 }
 
-void appendNumber(std::string& out, std::string_view field, const std::optional<uint64_t>& value)
-{
-    out += field;
-    if (!value) {
-        out += "null";
-        return;
-    }
-    char digits[24];
-    out.append(digits, static_cast<size_t>(std::to_chars(digits, digits + sizeof digits, *value).ptr - digits));
-}
-
 // The log times as LogTime::iso writes them. They mostly fall on one day
 // after another, so the calendar is asked once a day and the time of day
 // written in place.
@@ -120,26 +109,102 @@ private:
     std::string result_;
 };
 
-void appendLogJson(std::string& out, const tse::LogRecord& log, IsoTimes& times)
+bool isPlain(std::string_view text)
 {
-    const bool timed = log.seconds && log.timeFormat;
-    out += '{';
-    appendField(out, "\"file\": ", log.file);
-    appendField(out, ", \"type\": ", log.type ? tse::logTypeName(*log.type) : std::string_view());
-    appendField(out, ", \"verdict\": ", tse::logVerdictName(log.verdict));
-    appendNumber(out, ", \"signatureCounter\": ", log.counter);
-    appendField(out, ", \"serialNumber\": ", log.serialNumber);
-    appendField(out, ", \"signatureAlgorithm\": ", log.algorithm);
-    appendField(out, ", \"logTime\": ", timed ? times.of(*log.seconds, log.fraction) : std::string_view());
-    appendField(out, ", \"logTimeFormat\": ", timed ? tse::timeFormatName(*log.timeFormat) : std::string_view());
-    appendField(out, ", \"operationType\": ", log.operation);
-    appendField(out, ", \"clientId\": ", log.clientId);
-    appendField(out, ", \"processType\": ", log.processType);
-    appendNumber(out, ", \"transactionNumber\": ", log.transactionNumber);
-    appendField(out, ", \"reason\": ", log.reason);
-    appendField(out, ", \"export\": ", log.source);
-    out += '}';
+    return std::all_of(text.begin(), text.end(),
+                       [](unsigned char c) { return c >= 0x20 && c < 0x7F && c != '"' && c != '\\'; });
 }
+
+std::string_view numberText(const std::optional<uint64_t>& value, char (&digits)[24])
+{
+    if (!value) return {};
+    return std::string_view(digits, static_cast<size_t>(std::to_chars(digits, digits + sizeof digits, *value).ptr - digits));
+}
+
+// One log's line, as appendText writes its fields. Nearly every text is
+// plain printable ASCII: then the line is put together with one copy a
+// piece into room made once, and the texts pooled in the report (the same
+// few, at the same places, log after log) are looked at only once.
+class LogLines {
+public:
+    void append(std::string& out, const tse::LogRecord& log)
+    {
+        const bool timed = log.seconds && log.timeFormat;
+        char counter[24], transaction[24];
+        const Piece pieces[PIECES] = {
+            {"{\"file\": ", log.file, TEXT},
+            {", \"type\": ", log.type ? tse::logTypeName(*log.type) : std::string_view(), NAME},
+            {", \"verdict\": ", tse::logVerdictName(log.verdict), NAME},
+            {", \"signatureCounter\": ", numberText(log.counter, counter), NUMBER},
+            {", \"serialNumber\": ", log.serialNumber, TEXT},
+            {", \"signatureAlgorithm\": ", log.algorithm, TEXT},
+            {", \"logTime\": ", timed ? times_.of(*log.seconds, log.fraction) : std::string_view(), TEXT},
+            {", \"logTimeFormat\": ", timed ? tse::timeFormatName(*log.timeFormat) : std::string_view(), NAME},
+            {", \"operationType\": ", log.operation, TEXT},
+            {", \"clientId\": ", log.clientId, TEXT},
+            {", \"processType\": ", log.processType, TEXT},
+            {", \"transactionNumber\": ", numberText(log.transactionNumber, transaction), NUMBER},
+            {", \"reason\": ", log.reason, TEXT},
+            {", \"export\": ", log.source, TEXT},
+        };
+        if (!allPlain(pieces, log)) return appendSlowly(out, pieces);
+        size_t size = 1;
+        for (const Piece& p : pieces) {
+            size += p.key.size() + (p.text.empty() ? 4 : p.text.size() + (p.kind == NUMBER ? 0 : 2));
+        }
+        const size_t start = out.size();
+        out.resize(start + size);
+        char* at = &out[start];
+        const auto put = [&](std::string_view text) { at = std::copy(text.begin(), text.end(), at); };
+        for (const Piece& p : pieces) {
+            put(p.key);
+            if (p.text.empty()) put("null");
+            else if (p.kind == NUMBER) put(p.text);
+            else *at++ = '"', put(p.text), *at++ = '"';
+        }
+        *at = '}';
+    }
+
+private:
+    static constexpr size_t PIECES = 14;
+    // A text from the input; a name of this program's, with nothing to
+    // escape; a number, without quotes.
+    enum Kind { TEXT, NAME, NUMBER };
+    struct Piece {
+        std::string_view key;  // with the separator before it and the colon
+        std::string_view text;
+        Kind kind;
+    };
+
+    // The record's own strings (file, reason) change in place; the views
+    // into the report's pool are the pool's texts, which never change.
+    bool allPlain(const Piece (&pieces)[PIECES], const tse::LogRecord& log)
+    {
+        for (size_t i = 0; i < PIECES; ++i) {
+            const std::string_view text = pieces[i].text;
+            if (pieces[i].kind != TEXT || text.empty() ||
+                (text.data() == seen_[i].data() && text.size() == seen_[i].size())) {
+                continue;
+            }
+            if (!isPlain(text)) return false;
+            const bool owned = text.data() == log.file.data() || text.data() == log.reason.data();
+            if (!owned && i != 6) seen_[i] = text;
+        }
+        return true;
+    }
+
+    static void appendSlowly(std::string& out, const Piece (&pieces)[PIECES])
+    {
+        for (const Piece& p : pieces) {
+            if (p.kind != NUMBER) appendField(out, p.key, p.text);
+            else out += p.key, out += p.text.empty() ? std::string_view("null") : p.text;
+        }
+        out += '}';
+    }
+
+    IsoTimes times_;
+    std::string_view seen_[PIECES];  // pooled texts found plain
+};
 
 json timeJson(const std::optional<int64_t>& seconds)
 {
@@ -244,11 +309,11 @@ void writeLogsJson(std::ostream& out, const tse::AuditReport& report, unsigned j
             const size_t begin = (first + i) * CHUNK, end = std::min(begin + CHUNK, report.logs.size());
             texts[i].reserve((end - begin) * 512);  // a log's line is some 400 characters
             tse::LogRecord log;  // read into again and again, so its strings keep their room
-            IsoTimes times;
+            LogLines lines;
             for (size_t n = begin; n < end; ++n) {
                 texts[i] += n ? ",\n    " : "\n    ";
                 report.logs.read(n, log);
-                appendLogJson(texts[i], log, times);
+                lines.append(texts[i], log);
             }
         });
         for (const std::string& text : texts) out << text;

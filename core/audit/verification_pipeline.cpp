@@ -126,7 +126,11 @@ void fillFromMessage(LogRecord& record, RecordTexts& texts, const LogMessage& me
     record.fraction = message.logTime.fraction;
     record.timeFormat = message.logTime.format;
     record.transactionNumber = message.transactionNumber();
-    texts.operation = escapeText(message.operation());
+    // As LogMessage::operation() reads it, without the copy.
+    const bool event = message.type == LogType::System && message.version >= 3;
+    if (const LogField* field = message.field(event ? "eventType" : "operationType")) {
+        texts.operation = escapeText(field->value);
+    }
     if (const LogField* field = message.field("clientId")) texts.clientId = escapeText(field->value);
     if (const LogField* field = message.field("processType")) texts.processType = escapeText(field->value);
 }

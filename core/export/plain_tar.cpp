@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <archive.h>
@@ -123,10 +124,10 @@ bool checksumHolds(const uint8_t* h)
     return static_cast<int64_t>(*stored) == signedSum;
 }
 
-std::string field(const uint8_t* at, size_t size)
+std::string_view field(const uint8_t* at, size_t size)
 {
     const auto* text = reinterpret_cast<const char*>(at);
-    return std::string(text, strnlen(text, size));
+    return std::string_view(text, strnlen(text, size));
 }
 
 struct Header {
@@ -151,9 +152,13 @@ std::optional<Header> plainHeader(const uint8_t* h)
     // GNU tar's magic says the prefix field holds times; POSIX ustar's
     // says it holds the front of the name.
     const bool gnu = std::memcmp(h + 257, "ustar  \0", 8) == 0;
-    const std::string prefix = !gnu && std::memcmp(h + 257, "ustar", 5) == 0 ? field(h + 345, 155) : std::string();
-    if (!prefix.empty()) header.name = prefix + (prefix.back() == '/' ? "" : "/");
-    header.name += field(h, 100);
+    const std::string_view prefix =
+        !gnu && std::memcmp(h + 257, "ustar", 5) == 0 ? field(h + 345, 155) : std::string_view();
+    const std::string_view name = field(h, 100);
+    header.name.reserve(prefix.size() + 1 + name.size());
+    header.name = prefix;
+    if (!prefix.empty() && prefix.back() != '/') header.name += '/';
+    header.name += name;
     if (header.name.empty()) return std::nullopt;
     // A regular file whose name ends in '/' is a directory to libarchive.
     header.directory = type == '5' || (!header.name.empty() && header.name.back() == '/');
