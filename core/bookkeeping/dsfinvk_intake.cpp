@@ -383,7 +383,7 @@ std::optional<std::vector<TableDescription>> Intake::readIndex(const ExportSourc
     const Result<ExportRead> read = readExportSource(source, MAX_INDEX_XML, [&](ExportMember&& member) {
         if (index || !equalsIgnoringCase(lastPart(member.name), "index.xml") || unsafeMemberName(member.name)) return;
         if (!member.contents) {
-            problem = "has an index.xml that " + member.error;
+            problem = "has an index.xml that " + member.contents.error().message;
             return;
         }
         Result<std::vector<TableDescription>> parse = parseIndexXml(*member.contents);
@@ -411,7 +411,7 @@ void Intake::readMember(const ExportSource& source, const std::vector<TableDescr
     seen_.insert(table);
     if (!member.contents) {
         broken_.insert(table);
-        findings_.raise(FindingCode::MemberUnreadable, label + " " + member.error + "; none of its rows was read");
+        findings_.raise(FindingCode::MemberUnreadable, label + " " + member.contents.error().message + "; none of its rows was read");
         return;
     }
     readTable(label, *spec, *member.contents, description);
