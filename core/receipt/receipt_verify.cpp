@@ -61,6 +61,15 @@ bool fitsFourOctets(int64_t seconds)
     return seconds >= 0 && seconds <= 0xFFFFFFFFLL;
 }
 
+// The readings come base64 first, then hex; a text that is no base64 (hex
+// with colons between the octets, say) has its hex reading alone.
+bool hexReading(const Receipt& receipt, size_t index)
+{
+    if (index > 0) return true;
+    const std::optional<Bytes> base64 = fromBase64(receipt.signatureText);
+    return !base64 || base64->empty();
+}
+
 }  // namespace
 
 std::string describeForm(const ReceiptForm& form)
@@ -75,7 +84,7 @@ std::vector<ReceiptSignature> receiptSignatures(const Receipt& receipt, std::str
     std::vector<ReceiptSignature> out;
     for (size_t i = 0; i < receipt.signatureReadings.size(); ++i) {
         const Bytes& octets = receipt.signatureReadings[i];
-        const bool hex = i > 0 || receipt.signatureText.size() == 2 * octets.size();
+        const bool hex = hexReading(receipt, i);
         if (std::optional<DecodedSignature> plain = DecodedSignature::plain(receipt.key, octets)) {
             out.push_back({*plain, hex ? SignatureEncoding::PlainHex : SignatureEncoding::PlainBase64});
         } else if (std::optional<DecodedSignature> der = DecodedSignature::der(octets)) {

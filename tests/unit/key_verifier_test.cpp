@@ -57,6 +57,33 @@ TEST_P(KeyVerifierTest, AgreesWithLibcryptoOnValidAndBrokenSignatures)
     EXPECT_GE(checked, 700u);
 }
 
+// r is x(R) mod n, and an x(R) in [n, p) leaves r = x(R) - n: a verifier
+// that compares x(R) itself, unreduced, refuses what libcrypto accepts.
+// The key is made for the signature, so each case has a key of its own.
+TEST_P(KeyVerifierTest, AgreesWithLibcryptoWhenXOfRIsAboveTheOrder)
+{
+    std::mt19937_64 random(static_cast<uint64_t>(GetParam()) * 104729 + 3);
+    VerifyScratch scratch;
+    for (int round = 0; round < 2; ++round) {
+        const CraftedSignature crafted = signatureWithLargeX(GetParam(), random);
+        SignatureCase otherMessage = crafted.signatureCase;
+        otherMessage.data.push_back(0x01);
+        const KeyVerifier fast(crafted.key, 0, KeyVerifier::Path::Tables);
+        const KeyVerifier plain(crafted.key, 0, KeyVerifier::Path::Plain);
+        const std::vector<SignatureCheck> block = {crafted.signatureCase.check(), otherMessage.check()};
+        bool inBlock[2] = {};
+        fast.verify(block.data(), block.size(), inBlock, scratch);
+        const bool cases[][2] = {{referenceVerdict(crafted.key, crafted.signatureCase), true},
+                                 {referenceVerdict(crafted.key, otherMessage), false}};
+        for (size_t i = 0; i < 2; ++i) {
+            ASSERT_EQ(cases[i][0], cases[i][1]) << "libcrypto's verdict on case " << i;
+            EXPECT_EQ(inBlock[i], cases[i][1]) << "in a block, case " << i;
+            EXPECT_EQ(fast.verify(block[i], scratch), cases[i][1]) << "alone, case " << i;
+            EXPECT_EQ(plain.verify(block[i], scratch), cases[i][1]) << "plain, case " << i;
+        }
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(EveryCurve, KeyVerifierTest,
                          ::testing::Values(Curve::BrainpoolP256r1, Curve::BrainpoolP384r1, Curve::BrainpoolP512r1,
                                            Curve::Secp256r1, Curve::Secp384r1, Curve::Secp521r1),
