@@ -178,6 +178,10 @@ TEST(Audit, IdenticalLogsCountOnce)
     EXPECT_EQ(twice.status, 0);
     EXPECT_EQ(twice.report["summary"]["logs"], 16);
     EXPECT_EQ(twice.report["summary"]["duplicatesSkipped"], 16);
+    // So do the certificate files the two exports share.
+    const Audit once = audit({dir.path("a.tar")});
+    ASSERT_EQ(twice.report["certificates"].size(), once.report["certificates"].size());
+    for (const json& c : twice.report["certificates"]) EXPECT_EQ(c["copies"], 1) << c["file"];
     // Two TSEs with their own keys: no duplicates, no findings.
     const Audit two = audit({dir.path("a.tar"), dir.path("d")});
     EXPECT_EQ(two.report["summary"]["valid"], 32);
