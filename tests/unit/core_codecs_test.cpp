@@ -206,6 +206,8 @@ TEST(CoreText, EscapingKeepsOneLine)
         {"\xC3", "\\xC3"},                       // cut short
         {"\xC2\x85\xC2\x9B", "\\xC2\\x85\\xC2\\x9B"},  // C1 controls: NEL, CSI
         {"\xE2\x80\xA8", "\\xE2\\x80\\xA8"},      // line separator
+        {"\xE2\x80\xA9", "\\xE2\\x80\\xA9"},      // paragraph separator
+        {"\xE2\x80\xA7\xE2\x80\xAA", "\xE2\x80\xA7\xE2\x80\xAA"},  // their printable neighbours stay
         {"\xC0\xAF\xE0\x80\xAF", "\\xC0\\xAF\\xE0\\x80\\xAF"},  // overlong
         {"\xED\xA0\x80", "\\xED\\xA0\\x80"},      // surrogate
         {"\xF4\x90\x80\x80", "\\xF4\\x90\\x80\\x80"},  // past U+10FFFF
