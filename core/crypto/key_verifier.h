@@ -32,9 +32,10 @@ public:
     VerifyScratch(const VerifyScratch&) = delete;
     VerifyScratch& operator=(const VerifyScratch&) = delete;
 
+    struct State;  // known inside the crypto part only
+
 private:
     friend class KeyVerifier;
-    struct State;
     std::unique_ptr<State> state_;
 };
 
@@ -80,8 +81,10 @@ public:
     // this build (P-256 has a dedicated implementation on x86-64).
     static bool tablesPayOff(Curve curve);
 
+    struct Tables;  // known inside the crypto part only
+
 private:
-    struct Tables;
+    static std::shared_ptr<const Tables> makeTables(const PublicKey& key);
     void verifyBlock(const SignatureCheck* checks, size_t count, bool* verdicts, VerifyScratch& scratch) const;
 
     PublicKey key_;
