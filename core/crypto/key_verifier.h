@@ -24,7 +24,7 @@ struct SignatureCheck {
 
 // What one thread reuses from signature to signature: a BN_CTX, numbers,
 // points and digest contexts. Never shared between threads; one scratch
-// serves verifiers of any key and curve.
+// serves verifiers and signature searches of any key and curve.
 class VerifyScratch {
 public:
     VerifyScratch();
@@ -36,6 +36,7 @@ public:
 
 private:
     friend class KeyVerifier;
+    friend class SignatureSearch;
     std::unique_ptr<State> state_;
 };
 
