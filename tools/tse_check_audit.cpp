@@ -209,12 +209,26 @@ void writeLogsJson(std::ostream& out, const tse::AuditReport& report, unsigned j
     }
 }
 
+// The verdict the text report's first line gives, and the exit status
+// that goes with it.
+const char* auditVerdict(const tse::AuditSummary& s)
+{
+    return s.errors ? "FAILED" : (s.warnings ? "PASSED WITH WARNINGS" : "PASSED");
+}
+
+int auditExitStatus(const tse::AuditSummary& s)
+{
+    return s.errors ? EXIT_NOT_VERIFIED : EXIT_OK;
+}
+
+// The verdict and exit status come first, where a script looks for them.
 void writeJson(std::ostream& out, const tse::AuditReport& report, unsigned jobs)
 {
     const std::string whole = reportJson(report).dump(2);
     const std::string marker = "\"logs\": []";
     const size_t at = whole.find(marker);
-    out << whole.substr(0, at) << "\"logs\": [";
+    out << "{\n  \"verdict\": " << json(auditVerdict(report.summary)).dump()
+        << ",\n  \"exitStatus\": " << auditExitStatus(report.summary) << ',' << whole.substr(1, at - 1) << "\"logs\": [";
     writeLogsJson(out, report, jobs);
     out << (report.logs.empty() ? "]" : "\n  ]") << whole.substr(at + marker.size()) << '\n';
 }
@@ -233,8 +247,7 @@ void writeTo(const std::string& path, const std::function<void(std::ostream&)>& 
 void printSummary(std::ostream& out, const tse::AuditReport& report, bool strict)
 {
     const tse::AuditSummary& s = report.summary;
-    const char* verdict = s.errors ? "FAILED" : (s.warnings ? "PASSED WITH WARNINGS" : "PASSED");
-    out << verdict << ": " << s.logs << " logs, " << s.errors << " errors, " << s.warnings << " warnings"
+    out << auditVerdict(s) << ": " << s.logs << " logs, " << s.errors << " errors, " << s.warnings << " warnings"
         << (strict ? " (strict)" : "") << "\n\n";
     printAligned(out, {{"Logs", "total", "valid", "invalid", "no-certificate", "unreadable"},
                        {"", std::to_string(s.logs), std::to_string(s.valid), std::to_string(s.invalid),
@@ -340,7 +353,7 @@ int auditCommand(AuditCommandOptions& options)
         writeTo(options.htmlPath, [&](std::ostream& out) { writeAuditHtml(out, report, context); });
     }
     if (toStandardOutput == 0) printSummary(std::cout, report, options.audit.strict);
-    return report.summary.errors ? EXIT_NOT_VERIFIED : EXIT_OK;
+    return auditExitStatus(report.summary);
 }
 
 }  // namespace
