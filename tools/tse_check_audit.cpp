@@ -247,13 +247,16 @@ void writeTo(const std::string& path, const std::function<void(std::ostream&)>& 
 void printSummary(std::ostream& out, const tse::AuditReport& report, bool strict)
 {
     const tse::AuditSummary& s = report.summary;
-    out << auditVerdict(s) << ": " << s.logs << " logs, " << s.errors << " errors, " << s.warnings << " warnings"
+    out << auditVerdict(s) << ": " << tse::counted(s.logs, "log", "logs") << ", " << tse::counted(s.errors, "error", "errors")
+        << ", " << tse::counted(s.warnings, "warning", "warnings")
         << (strict ? " (strict)" : "") << "\n\n";
     printAligned(out, {{"Logs", "total", "valid", "invalid", "no-certificate", "unreadable"},
                        {"", std::to_string(s.logs), std::to_string(s.valid), std::to_string(s.invalid),
                         std::to_string(s.noCertificate), std::to_string(s.unreadable)}});
     out << "By type: " << s.transaction << " transaction, " << s.system << " system, " << s.audit << " audit";
-    if (s.duplicatesSkipped) out << "; " << s.duplicatesSkipped << " identical duplicates counted once";
+    if (s.duplicatesSkipped) {
+        out << "; " << tse::counted(s.duplicatesSkipped, "identical duplicate", "identical duplicates") << " counted once";
+    }
     out << "\n\nFindings:\n";
     std::map<std::pair<std::string, std::string>, std::vector<const tse::Finding*>> byCode;
     for (const tse::Finding& f : report.findings) {

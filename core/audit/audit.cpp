@@ -19,6 +19,7 @@
 #include "export_reader.h"
 #include "file_reader.h"
 #include "log_judgement.h"
+#include "text.h"
 #include "thread_annotations.h"
 #include "work_queue.h"
 
@@ -726,7 +727,7 @@ void AuditRun::exportFindings()
         if (audited.standalone || audited.logMembers == 0 || audited.info || !audited.infoProblem.empty()) continue;
         const std::string label = escapeText(audited.path);
         addFinding(Severity::Warning, "info-missing",
-                   label + " holds " + std::to_string(audited.logMembers) + " log members but no info.csv", {label},
+                   label + " holds " + counted(audited.logMembers, "log member", "log members") + " but no info.csv", {label},
                    label);
     }
 }

@@ -11,6 +11,7 @@
 
 #include "export_names.h"
 #include "file_reader.h"
+#include "text.h"
 
 namespace tse {
 namespace {
@@ -73,7 +74,7 @@ bool readMemberData(archive* a, archive_entry* entry, size_t limit, ExportMember
     while (true) {
         const la_ssize_t got = archive_read_data(a, block, sizeof block);
         if (got < 0) {
-            member.error = "is cut off after " + std::to_string(data.size()) + " bytes: " + archiveError(a);
+            member.error = "is cut off after " + counted(data.size(), "byte", "bytes") + ": " + archiveError(a);
             return false;
         }
         if (got == 0) break;
@@ -117,8 +118,8 @@ std::string splitProblem(const ExportSource& source)
     for (size_t i = 1; !error && i + 1 < source.paths.size(); ++i) {
         const uintmax_t size = fs::file_size(source.paths[i], error);
         if (!error && size < first) {
-            return "the split archive's part " + source.paths[i] + " holds " + std::to_string(size) +
-                   " bytes, fewer than the " + std::to_string(first) + " of " + source.paths.front() +
+            return "the split archive's part " + source.paths[i] + " holds " + counted(size, "byte", "bytes") +
+                   ", fewer than the " + std::to_string(first) + " of " + source.paths.front() +
                    "; only the last part may be shorter";
         }
     }
@@ -207,7 +208,7 @@ Result<ExportRead> readArchive(const ExportSource& source, size_t limit, const M
     std::string lastMember;
     // What was read up to where, for a report on an archive that ends early.
     const auto readSoFar = [&](la_int64_t at) {
-        return std::to_string(members) + " members were read up to byte " + std::to_string(at) +
+        return counted(members, "member was", "members were") + " read up to byte " + std::to_string(at) +
                " of the TAR stream" + (lastMember.empty() ? "" : ", the last one " + lastMember);
     };
     // A split archive that ends early without a gap in its parts has most

@@ -15,6 +15,7 @@
 #include "log_message.h"
 #include "receipt_verify.h"
 #include "signature_search.h"
+#include "text.h"
 
 namespace tse {
 namespace {
@@ -439,8 +440,8 @@ Explanation explainWithTables(const Receipt& receipt, const ExplainOptions& opti
     if (!result.found && budget.cut()) {
         result.cutShort = true;
         const int64_t window = std::min(options.timeWindow, MAX_TIME_WINDOW);
-        result.sentence = "the search was cut short after " + std::to_string(result.checks) +
-                          " signature checks, the work bound" +
+        result.sentence = "the search was cut short after " + counted(result.checks, "signature check", "signature checks") +
+                          ", the work bound" +
                           (window > 0 ? ", with the log time searched " + std::to_string(result.searchedWindow) +
                                             " s of " + std::to_string(window) + " s either side"
                                       : std::string()) +

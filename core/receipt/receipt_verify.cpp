@@ -3,6 +3,7 @@
 #include "ber.h"
 #include "der.h"
 #include "log_encoder.h"
+#include "text.h"
 
 namespace tse {
 namespace {
@@ -93,8 +94,8 @@ Result<std::vector<ReceiptSignature>> receiptSignatures(const Receipt& receipt)
     }
     if (!out.empty()) return out;
     const size_t expected = 2 * receipt.key.curveInfo().fieldSize;
-    return Error{"signature: " + std::to_string(receipt.signatureReadings.front().size()) +
-                 " bytes are neither r||s on " + std::string(receipt.key.curveInfo().displayName) + " (" +
+    const size_t size = receipt.signatureReadings.front().size();
+    return Error{"signature: " + counted(size, "byte is", "bytes are") + " neither r||s on " + std::string(receipt.key.curveInfo().displayName) + " (" +
                  std::to_string(expected) + " bytes) nor a DER signature"};
 }
 

@@ -119,7 +119,7 @@ TEST(Audit, PlantedDefects)
     };
     fixtures::TempDir dir;
     for (const Case& c : std::vector<Case>{{"signature-invalid", 1},
-                                           {"certificate-missing", 1, "", "1 logs of TSE"},
+                                           {"certificate-missing", 1, "", "1 log of TSE"},
                                            {"log-unreadable", 1},
                                            {"counter-duplicate", 1},
                                            {"name-mismatch", 1},

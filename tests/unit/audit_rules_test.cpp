@@ -105,7 +105,7 @@ TEST(AuditRules, CountersOfUnreadableLogsCloseGapsOnlyWithOneTse)
         const char* text;
     } cases[] = {
         {"one TSE, the unreadable log fills the gap", {{1}, {2}, unreadable, {4}}, 0, ""},
-        {"one TSE, a real gap", {{1}, {2}, {4}}, 1, "1 signature counters missing between 1 and 4: 3"},
+        {"one TSE, a real gap", {{1}, {2}, {4}}, 1, "1 signature counter missing between 1 and 4: 3"},
         {"one TSE, an unreadable log beyond the last widens the range",
          {{1}, {2}, {Log{7, 0, tse::LogType::Transaction, "", std::nullopt, nullptr}}, {4}},
          1,
