@@ -320,12 +320,26 @@ void writeLogsJson(std::ostream& out, const tse::AuditReport& report, unsigned j
     }
 }
 
+// The verdict the text report's first line gives, and the exit status
+// that goes with it.
+const char* auditVerdict(const tse::AuditSummary& s)
+{
+    return s.errors ? "FAILED" : (s.warnings ? "PASSED WITH WARNINGS" : "PASSED");
+}
+
+int auditExitStatus(const tse::AuditSummary& s)
+{
+    return s.errors ? EXIT_NOT_VERIFIED : EXIT_OK;
+}
+
+// The verdict and exit status come first, where a script looks for them.
 void writeJson(std::ostream& out, const tse::AuditReport& report, unsigned jobs)
 {
     const std::string whole = reportJson(report).dump(2);
     const std::string marker = "\"logs\": []";
     const size_t at = whole.find(marker);
-    out << whole.substr(0, at) << "\"logs\": [";
+    out << "{\n  \"verdict\": " << json(auditVerdict(report.summary)).dump()
+        << ",\n  \"exitStatus\": " << auditExitStatus(report.summary) << ',' << whole.substr(1, at - 1) << "\"logs\": [";
     writeLogsJson(out, report, jobs);
     out << (report.logs.empty() ? "]" : "\n  ]") << whole.substr(at + marker.size()) << '\n';
 }
@@ -344,14 +358,16 @@ void writeTo(const std::string& path, const std::function<void(std::ostream&)>& 
 void printSummary(std::ostream& out, const tse::AuditReport& report, bool strict)
 {
     const tse::AuditSummary& s = report.summary;
-    const char* verdict = s.errors ? "FAILED" : (s.warnings ? "PASSED WITH WARNINGS" : "PASSED");
-    out << verdict << ": " << s.logs << " logs, " << s.errors << " errors, " << s.warnings << " warnings"
+    out << auditVerdict(s) << ": " << tse::counted(s.logs, "log", "logs") << ", " << tse::counted(s.errors, "error", "errors")
+        << ", " << tse::counted(s.warnings, "warning", "warnings")
         << (strict ? " (strict)" : "") << "\n\n";
     printAligned(out, {{"Logs", "total", "valid", "invalid", "no-certificate", "unreadable"},
                        {"", std::to_string(s.logs), std::to_string(s.valid), std::to_string(s.invalid),
                         std::to_string(s.noCertificate), std::to_string(s.unreadable)}});
     out << "By type: " << s.transaction << " transaction, " << s.system << " system, " << s.audit << " audit";
-    if (s.duplicatesSkipped) out << "; " << s.duplicatesSkipped << " identical duplicates counted once";
+    if (s.duplicatesSkipped) {
+        out << "; " << tse::counted(s.duplicatesSkipped, "identical duplicate", "identical duplicates") << " counted once";
+    }
     out << "\n\nFindings:\n";
     std::map<std::pair<std::string, std::string>, std::vector<const tse::Finding*>> byCode;
     for (const tse::Finding& f : report.findings) {
@@ -451,7 +467,7 @@ int auditCommand(AuditCommandOptions& options)
         writeTo(options.htmlPath, [&](std::ostream& out) { writeAuditHtml(out, report, context); });
     }
     if (toStandardOutput == 0) printSummary(std::cout, report, options.audit.strict);
-    return report.summary.errors ? EXIT_NOT_VERIFIED : EXIT_OK;
+    return auditExitStatus(report.summary);
 }
 
 }  // namespace

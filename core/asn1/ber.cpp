@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "text.h"
+
 namespace tse {
 namespace {
 
@@ -100,8 +102,8 @@ BerElement BerReader::read()
     } else {
         if (length > remaining()) {
             throw ParseError(element.offset, "element " + tagName(element.tag) + " announces " +
-                                                 std::to_string(length) + " content octets, but only " +
-                                                 std::to_string(remaining()) + " remain");
+                                                 counted(length, "content octet", "content octets") + ", but only " +
+                                                 std::to_string(remaining()) + (remaining() == 1 ? " remains" : " remain"));
         }
         element.content = data_.sub(position_, static_cast<size_t>(length));
         position_ += static_cast<size_t>(length);

@@ -9,6 +9,7 @@
 #include "copy_detection.h"
 #include "export_names.h"
 #include "export_reader.h"
+#include "text.h"
 #include "verification_pipeline.h"
 
 namespace tse {
@@ -232,7 +233,7 @@ void AuditRun::exportFindings()
         if (audited.standalone || audited.logMembers == 0 || audited.info || !audited.infoProblem.empty()) continue;
         const std::string label = escapeText(audited.path);
         addFinding(Severity::Warning, "info-missing",
-                   label + " holds " + std::to_string(audited.logMembers) + " log members but no info.csv", {label},
+                   label + " holds " + counted(audited.logMembers, "log member", "log members") + " but no info.csv", {label},
                    label);
     }
 }

@@ -67,7 +67,7 @@ void perLogFindings(const AuditReport& report, Findings& out)
     }
     for (auto& [serial, files] : withoutCertificate) {
         // The message is made before the files move into the finding.
-        std::string message = std::to_string(files.size()) + " logs of " + shortSerial(serial) +
+        std::string message = counted(files.size(), "log", "logs") + " of " + shortSerial(serial) +
                               ": no certificate has a key whose SHA-256 is the serial number " + serial;
         out.add(Severity::Error, "certificate-missing", std::move(message), std::move(files));
     }
@@ -122,7 +122,7 @@ void counterFindings(std::string_view serial, const TseLogs& logs, const std::se
     for (; extra != extraCounters.end(); ++extra) present(*extra);
     if (gaps.empty()) return;
     out.add(Severity::Warning, "counter-gap",
-            shortSerial(serial) + ": " + std::to_string(missing) + " signature counters missing between " +
+            shortSerial(serial) + ": " + counted(missing, "signature counter", "signature counters") + " missing between " +
                 std::to_string(*first) + " and " + std::to_string(*last) + ": " +
                 counterRanges(gaps, MAX_RANGES_SHOWN),
             {});
@@ -259,7 +259,7 @@ void certificateFindings(const AuditReport& report, bool trustGiven, Findings& o
         const std::optional<int64_t> from = self ? c.notBefore : c.chain.issuers[where.second].notBefore;
         const std::optional<int64_t> to = self ? c.notAfter : c.chain.issuers[where.second].notAfter;
         const std::string what = self ? c.file : "the CA " + c.chain.issuers[where.second].subject + " above " + c.file;
-        std::string message = std::to_string(files.size()) + " logs lie outside the validity of " + what + " (" +
+        std::string message = counted(files.size(), "log lies", "logs lie") + " outside the validity of " + what + " (" +
                               (from ? isoSeconds(*from) : "?") + " to " + (to ? isoSeconds(*to) : "?") + ")";
         out.add(Severity::Warning, "certificate-chain", std::move(message), std::move(files));
     }

@@ -104,6 +104,11 @@ std::string quoted(std::string_view value, size_t limit)
     return out + (value.size() > limit ? "...\"" : "\"");
 }
 
+std::string counted(uint64_t count, std::string_view one, std::string_view many)
+{
+    return std::to_string(count) + " " + std::string(count == 1 ? one : many);
+}
+
 std::optional<uint64_t> parseDecimal(std::string_view text)
 {
     if (text.empty()) return std::nullopt;

@@ -41,6 +41,9 @@ bool isSafeText(std::string_view text);  // escapeUnsafe would change nothing
 // quotes, and cut after `limit` bytes (with "...") so a line stays a line.
 std::string quoted(std::string_view value, size_t limit = 40);
 
+// "1 log", "2 logs": a count with its noun in the number the count needs.
+std::string counted(uint64_t count, std::string_view one, std::string_view many);
+
 // A decimal number of digits only, at most what fits in 64 bits; nullopt
 // for anything else (a sign, blanks, no digits, too large).
 std::optional<uint64_t> parseDecimal(std::string_view text);

@@ -88,7 +88,7 @@ Result<Bytes> readMemberData(archive* a, archive_entry* entry, size_t limit, boo
         const la_ssize_t got = archive_read_data(a, block, sizeof block);
         if (got < 0) {
             intact = false;
-            return Error{"is cut off after " + std::to_string(data.size()) + " bytes: " + archiveError(a)};
+            return Error{"is cut off after " + counted(data.size(), "byte", "bytes") + ": " + archiveError(a)};
         }
         if (got == 0) return data;
         if (data.size() + static_cast<size_t>(got) > limit) return drain(tooLarge(limit));
@@ -122,8 +122,8 @@ std::string splitProblem(const ExportSource& source)
     for (size_t i = 1; !error && i + 1 < source.paths.size(); ++i) {
         const uintmax_t size = fs::file_size(source.paths[i], error);
         if (!error && size < first) {
-            return "the split archive's part " + source.paths[i] + " holds " + std::to_string(size) +
-                   " bytes, fewer than the " + std::to_string(first) + " of " + source.paths.front() +
+            return "the split archive's part " + source.paths[i] + " holds " + counted(size, "byte", "bytes") +
+                   ", fewer than the " + std::to_string(first) + " of " + source.paths.front() +
                    "; only the last part may be shorter";
         }
     }
@@ -294,7 +294,7 @@ ExportRead ArchivePass::cut(const std::string& what)
 
 std::string ArchivePass::readSoFar(la_int64_t at) const
 {
-    return std::to_string(headers_) + " members were read up to byte " + std::to_string(at) + " of the TAR stream" +
+    return counted(headers_, "member was", "members were") + " read up to byte " + std::to_string(at) + " of the TAR stream" +
            (lastMember_.empty() ? "" : ", the last one " + lastMember_);
 }
 

@@ -5,6 +5,7 @@
 
 #include "ber.h"
 #include "oid.h"
+#include "text.h"
 
 namespace tse {
 namespace {
@@ -158,7 +159,7 @@ LogMessage readMessage(ByteView data)
     BerReader file(data);
     const BerElement outer = file.expect(tag::SEQUENCE, "the log message's SEQUENCE");
     if (!file.atEnd()) {
-        throw ParseError(file.offset(), std::to_string(file.remaining()) + " octets follow the log message");
+        throw ParseError(file.offset(), counted(file.remaining(), "octet follows", "octets follow") + " the log message");
     }
     BerReader reader = file.inside(outer);
     const size_t signedStart = reader.offset();

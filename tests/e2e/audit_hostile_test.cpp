@@ -147,6 +147,13 @@ TEST(AuditHostile, CutExportsAreTruncated)
             cuts.push_back({std::string("tar.") + suffix + "@" + std::to_string(keep), packed.substr(0, keep), ""});
         }
     }
+    // Cut in the padding after the end-of-archive marker: every member is
+    // there, but the stream around them stops early. A megabyte of zeros
+    // puts the middle of their compressed form far past the marker.
+    const std::string padded = compressed(small + std::string(size_t{1} << 20, '\0'), archive_write_add_filter_gzip);
+    const size_t unpadded = compressed(small, archive_write_add_filter_gzip).size();
+    cuts.push_back({"tar.gz cut in the padding", padded.substr(0, (unpadded + padded.size()) / 2),
+                    "its TAR content was read to the end-of-archive marker"});
     for (const Cut& cut : cuts) {
         SCOPED_TRACE(cut.name);
         const std::string path = dir.write("cut-" + std::to_string(&cut - cuts.data()), cut.bytes);

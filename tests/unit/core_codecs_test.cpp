@@ -206,6 +206,8 @@ TEST(CoreText, EscapingKeepsOneLine)
         {"\xC3", "\\xC3"},                       // cut short
         {"\xC2\x85\xC2\x9B", "\\xC2\\x85\\xC2\\x9B"},  // C1 controls: NEL, CSI
         {"\xE2\x80\xA8", "\\xE2\\x80\\xA8"},      // line separator
+        {"\xE2\x80\xA9", "\\xE2\\x80\\xA9"},      // paragraph separator
+        {"\xE2\x80\xA7\xE2\x80\xAA", "\xE2\x80\xA7\\xE2\\x80\\xAA"},  // a printable neighbour stays, an embedding does not
         // What turns an amount around on screen: RIGHT-TO-LEFT OVERRIDE,
         // RIGHT-TO-LEFT ISOLATE, ARABIC LETTER MARK; a zero-width space and
         // a byte order mark inside the text. Arabic letters themselves stay.
