@@ -30,6 +30,8 @@ struct CsvDialect {
 struct CsvColumn {
     std::string name;
     size_t maxLength = 0;  // in characters; 0 when the description gives none
+    bool numeric = false;  // a Numeric column: a number with at most `accuracy` decimal places
+    unsigned accuracy = 0;
 };
 
 // One record with its fields in UTF-8, exactly as quoted in the file (a
