@@ -303,7 +303,7 @@ Result<BookkeepingReport> checkBookkeeping(const BookkeepingOptions& options)
         Result<TseExport> tse = readTseExport(read);
         if (!tse) return Error{"the TSE export cannot be read: " + tse.error().message};
         s.tse = std::move(tse).value();
-        s.reconciliation = reconcileWithTse(s.books, s.checks, *s.tse, s.raised);
+        s.reconciliation = reconcileWithTse(s.books, s.checks, *s.tse, s.raised, &receiptRows);
         for (size_t i = 0; i < s.reconciliation.logs.size(); ++i) {
             if (s.reconciliation.logs[i] != LogState::Booked) s.unbookedLogs.push_back(i);
         }
