@@ -110,8 +110,13 @@ std::string kassenbelegText(std::string_view receiptType, const ReceiptAmounts& 
 std::vector<std::string> rebuildProcessData(const Bookkeeping& books, const ReceiptRows& rows, size_t receipt,
                                             std::string_view processType)
 {
-    if (processType == "Bestellung-V1") return orderTexts(books, rows, receipt);
-    if (processType != "Kassenbeleg-V1") return {};
+    // Only tables read whole rebuild it: a missing one would rebuild nothing.
+    const uint32_t closing = books.receipts[receipt].closing;
+    if (processType == "Bestellung-V1") return books.hasTable(closing, "lines.csv") ? orderTexts(books, rows, receipt) : std::vector<std::string>();
+    if (processType != "Kassenbeleg-V1" || !books.hasTable(closing, "transactions_vat.csv") ||
+        !books.hasTable(closing, "datapayment.csv")) {
+        return {};
+    }
     const std::string_view type = books.receiptField(books.receipts[receipt], BON_TYP);
     ReceiptAmounts amounts = bookedAmounts(books, rows, receipt);
     std::vector<std::string> texts = {kassenbelegText(type, amounts)};
