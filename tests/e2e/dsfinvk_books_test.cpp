@@ -3,6 +3,7 @@
 // none, a missing table skips only its checks, and TSE-failure rows are
 // linked to the Finish logs that signed their sales. Reports are parsed.
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <regex>
 #include <sstream>
@@ -173,6 +174,25 @@ TEST(DsfinvkBooks, AMissingTableSkipsOnlyItsChecks)
             EXPECT_NE(message.find(c.skipped), std::string::npos) << message;
         }
     }
+}
+
+TEST(DsfinvkBooks, TheHtmlReportShowsTheClosingsTotalsAndMarksWhatDiffers)
+{
+    fixtures::TempDir dir;
+    ASSERT_EQ(make("make-dsfinvk", {"--tse", CLOUD, "--out", dir.path("d"), "--defect", "closing-sum-differs"}).status, 0);
+    const fixtures::RunResult r =
+        fixtures::run(fixtures::tseCheckPath(), {"dsfinvk", dir.path("d"), "--html", dir.path("r.html")}, {}, {180, 0});
+    EXPECT_EQ(r.status, 1) << r.err;
+    std::ifstream in(dir.path("r.html"));
+    const std::string page((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const size_t section = page.find("The bookkeeping in itself");
+    ASSERT_NE(section, std::string::npos);
+    const size_t marked = page.find("DIFFERS", section);
+    ASSERT_NE(marked, std::string::npos);
+    // The row marked is the planted one: Z_SE_BARZAHLUNGEN 10.00 below its payments.
+    const size_t row = page.rfind("<tr", marked);
+    EXPECT_NE(page.substr(row, marked - row).find("Z_SE_BARZAHLUNGEN"), std::string::npos);
+    EXPECT_EQ(page.find("DIFFERS", marked + 1), std::string::npos) << "one total differs";
 }
 
 TEST(DsfinvkBooks, ProcessDataIsRebuiltOnlyFromTablesThatAreThere)
