@@ -85,6 +85,10 @@ std::string formatAmount(int64_t hundredths);
 // second decimal symbol, a grouping symbol after it, more significant
 // digits than that, no digits, or a value beyond 90 trillion.
 std::optional<int64_t> parseExactAmount(std::string_view text, char decimalSymbol, char groupingSymbol);
+// The grouping symbols of a number's whole part stand between groups of
+// three digits ("1.234,50"): "12.50" in a file of decimal commas is a
+// decimal point written by mistake, not twelve hundred and fifty.
+bool groupedByThousands(std::string_view text, char decimalSymbol, char groupingSymbol);
 
 // An exact amount with `decimals` (0 to 5) digits after a dot: "12.50".
 std::string formatExactAmount(int64_t units, unsigned decimals = 2);

@@ -75,7 +75,7 @@ std::optional<unsigned> writtenDecimals(std::string_view text, char decimalSymbo
             return std::nullopt;
         }
     }
-    if (!digits) return std::nullopt;
+    if (!digits || !groupedByThousands(text, decimalSymbol, groupingSymbol)) return std::nullopt;
     return decimals;
 }
 
