@@ -104,6 +104,39 @@ void booksSection(report::ReportPage& page, const tse::BookkeepingReport& bookke
     page.endSection();
 }
 
+
+// Every transaction, as the CSV report has them.
+void transactionsSection(report::ReportPage& page, const tse::BookkeepingReport& bookkeeping)
+{
+    page.beginSection("Transactions", "transactions");
+    report::Table table;
+    table.caption = "Every transaction, as in the CSV report";
+    table.columns = {"bonId", "kasseId", "closing", "clientId", "serialNumber", "transactionNumber",
+                     "signatureCounter", "processType", "logTime", "verdict", "match", "differences", "reason", "file"};
+    table.rows = bookkeeping.transactions.size();
+    table.cells = [&](size_t i, std::vector<std::string>& cells) {
+        const tse::BookedTransaction& t = bookkeeping.transactions[i];
+        std::string differences;
+        for (const std::string& d : t.differences) differences += (differences.empty() ? "" : " ") + d;
+        cells = {t.bonId,
+                 t.kasseId,
+                 t.closing,
+                 t.clientId,
+                 t.serialNumber,
+                 t.transactionNumber ? std::to_string(*t.transactionNumber) : "",
+                 t.signatureCounter ? std::to_string(*t.signatureCounter) : "",
+                 t.processType,
+                 t.logTime(),
+                 std::string(tse::rowVerdictName(t.verdict)),
+                 t.match ? std::string(tse::matchStateName(*t.match)) : "",
+                 differences,
+                 t.reason,
+                 t.file};
+    };
+    page.table(table);
+    page.endSection();
+}
+
 }  // namespace
 
 void writeBookkeepingHtml(std::ostream& out, const tse::BookkeepingReport& bookkeeping, const HtmlContext& context)
@@ -161,33 +194,7 @@ void writeBookkeepingHtml(std::ostream& out, const tse::BookkeepingReport& bookk
     perDayChart(page, bookkeeping);
     page.endSection();
 
-    page.beginSection("Transactions", "transactions");
-    report::Table table;
-    table.caption = "Every transaction, as in the CSV report";
-    table.columns = {"bonId", "kasseId", "closing", "clientId", "serialNumber", "transactionNumber",
-                     "signatureCounter", "processType", "logTime", "verdict", "match", "differences", "reason", "file"};
-    table.rows = bookkeeping.transactions.size();
-    table.cells = [&](size_t i, std::vector<std::string>& cells) {
-        const tse::BookedTransaction& t = bookkeeping.transactions[i];
-        std::string differences;
-        for (const std::string& d : t.differences) differences += (differences.empty() ? "" : " ") + d;
-        cells = {t.bonId,
-                 t.kasseId,
-                 t.closing,
-                 t.clientId,
-                 t.serialNumber,
-                 t.transactionNumber ? std::to_string(*t.transactionNumber) : "",
-                 t.signatureCounter ? std::to_string(*t.signatureCounter) : "",
-                 t.processType,
-                 t.logTime(),
-                 std::string(tse::rowVerdictName(t.verdict)),
-                 t.match ? std::string(tse::matchStateName(*t.match)) : "",
-                 differences,
-                 t.reason,
-                 t.file};
-    };
-    page.table(table);
-    page.endSection();
+    transactionsSection(page, bookkeeping);
     page.finish();
 }
 

@@ -64,7 +64,8 @@ void addPayments(const Bookkeeping& books, const ReceiptRows& rows, uint32_t rec
         out.paymentTypes[std::string(type) + '\x1f' + std::string(books.pool.field(p.record, PAY_NAME))] += p.base;
         if (type != "Bar") continue;
         out.cash += p.base;
-        const std::string_view base = books.closings[p.closing].baseCurrency.empty() ? "EUR" : books.closings[p.closing].baseCurrency;
+        std::string_view base = books.closings[p.closing].baseCurrency;
+        if (base.empty()) base = "EUR";
         const std::string_view currency = books.pool.field(p.record, PAY_CURRENCY);
         const bool foreign = !currency.empty() && !equalsIgnoringCase(currency, base);
         out.currencies[std::string(foreign ? currency : base)] += foreign ? p.paid : p.base;

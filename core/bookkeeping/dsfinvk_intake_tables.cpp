@@ -7,9 +7,10 @@
 namespace tse {
 namespace {
 
-const std::vector<TableSpec>& tableSpecs()
+// The tables of the TSE, the closing and its master data.
+std::vector<TableSpec> closingSpecs()
 {
-    static const std::vector<TableSpec> specs = {
+    return {
         {"transactions_tse.csv",
          Table::Rows,
          {"Z_KASSE_ID", "Z_ERSTELLUNG", "Z_NR", "BON_ID", "TSE_ID", "TSE_TANR", "TSE_TA_START", "TSE_TA_ENDE",
@@ -32,6 +33,13 @@ const std::vector<TableSpec>& tableSpecs()
          4},
         {"slaves.csv", Table::Terminals, {"Z_KASSE_ID", "Z_ERSTELLUNG", "Z_NR", "TERMINAL_ID", "TERMINAL_SERIENNR"}, 5},
         {"location.csv", Table::Location, {"Z_KASSE_ID", "Z_ERSTELLUNG", "Z_NR"}, 3},
+    };
+}
+
+// The receipts and their parts, the closing module, rates and references.
+std::vector<TableSpec> receiptSpecs()
+{
+    return {
         {"transactions.csv",
          Table::Receipts,
          {"Z_KASSE_ID", "Z_ERSTELLUNG", "Z_NR", "BON_ID", "BON_TYP", "BON_NR", "TERMINAL_ID", "BON_START", "BON_ENDE",
@@ -74,6 +82,15 @@ const std::vector<TableSpec>& tableSpecs()
          {"Z_KASSE_ID", "Z_ERSTELLUNG", "Z_NR", "BON_ID", "REF_TYP", "REF_BON_ID", "REF_Z_KASSE_ID", "REF_Z_NR"},
          6},
     };
+}
+
+const std::vector<TableSpec>& tableSpecs()
+{
+    static const std::vector<TableSpec> specs = [] {
+        std::vector<TableSpec> all = closingSpecs();
+        for (TableSpec& spec : receiptSpecs()) all.push_back(std::move(spec));
+        return all;
+    }();
     return specs;
 }
 

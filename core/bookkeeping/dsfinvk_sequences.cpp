@@ -62,10 +62,11 @@ void bonDuplicates(const Bookkeeping& books, const std::vector<uint32_t>& closin
     for (const uint32_t c : closings) {
         for (uint32_t r = ranges[c].first; r < ranges[c].second; ++r) {
             const std::string_view bon = books.receiptField(books.receipts[r], BON_ID);
-            const auto [at, fresh] = first.emplace(bon, c);
-            if (fresh) continue;
+            const auto inserted = first.emplace(bon, c);
+            if (inserted.second) continue;
+            const uint32_t earlier = inserted.first->second;
             tally.add(FindingCode::BonDuplicate, closingName(books, c) + ": receipts with a BON_ID an earlier receipt of the register has",
-                      "receipt", [&] { return "BON_ID " + quoted(bon) + " (first in closing " + escapeUnsafe(books.closings[at->second].key.number) + ")"; });
+                      "receipt", [&] { return "BON_ID " + quoted(bon) + " (first in closing " + escapeUnsafe(books.closings[earlier].key.number) + ")"; });
         }
     }
 }
