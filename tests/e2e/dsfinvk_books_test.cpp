@@ -4,8 +4,10 @@
 // linked to the Finish logs that signed their sales. Reports are parsed.
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <regex>
+#include <set>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -217,6 +219,75 @@ TEST(DsfinvkBooks, ProcessDataIsRebuiltOnlyFromTablesThatAreThere)
     EXPECT_EQ(logs.codes.count("processdata-missing"), 51u) << logs.document["findings"].dump(1);
     EXPECT_EQ(std::set<std::string>(logs.codes.begin(), logs.codes.end()),
               (std::set<std::string>{"counter-gap", "processdata-missing", "table-missing"}));
+}
+
+TEST(DsfinvkBooks, FieldRulesAreCountedPerRuleAndTable)
+{
+    struct Case {
+        std::string table, column;
+        std::function<std::string(const std::string&)> value;  // the new value from the old
+        size_t rows;                                            // edited, from the first
+        std::string code, words;
+    };
+    const std::vector<Case> cases = {
+        // Read in any case for the signatures, but not one of the names.
+        {"tse.csv", "TSE_ZEITFORMAT", [](const std::string&) { return "epoch"; }, 7, "field-invalid",
+         "TSE_ZEITFORMAT outside its fixed vocabulary: 7 rows"},
+        {"lines.csv", "ARTIKELTEXT", [](const std::string&) { return std::string(300, 'x'); }, 5, "field-format",
+         "ARTIKELTEXT longer than the 255 characters index.xml declares: 5 rows"},
+        // The same quantity, with a fourth decimal place where three are declared.
+        {"lines.csv", "MENGE", [](const std::string& old) { return old + "0"; }, 2, "field-format",
+         "MENGE with more than the 3 decimal places index.xml declares: 2 rows"},
+        {"datapayment.csv", "ZAHLART_TYP", [](const std::string& old) { return old == "Bar" ? "bar" : old; }, 1,
+         "field-invalid", "ZAHLART_TYP outside its fixed vocabulary: 1 row"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.table + " " + c.column);
+        fixtures::TempDir dir;
+        ASSERT_EQ(make("make-dsfinvk", {"--tse", CLOUD, "--out", dir.path("d")}).status, 0);
+        fixtures::DsfinvkTable table(dir.path("d"), c.table);
+        ASSERT_GE(table.rows.size(), c.rows);
+        for (size_t i = 0; i < c.rows; ++i) table.at(i, c.column) = c.value(table.at(i, c.column));
+        table.save();
+        const Report r = check(dir.path("d"), "");
+        Codes expected{c.code};
+        // A cash payment that is no longer one moves the closing's cash
+        // total and is no longer the signed cash payment.
+        if (c.column == "ZAHLART_TYP") expected.insert({"closing-sum-differs", "amounts-differ"});
+        EXPECT_EQ(r.codes, expected) << r.document["findings"].dump(1);
+        for (const json& f : r.document["findings"]) {
+            if (f["code"] != c.code) continue;
+            const std::string message = f["message"];
+            EXPECT_NE(message.find(c.words), std::string::npos) << message;
+            EXPECT_EQ(message.find("and " + std::to_string(c.rows - 3) + " more") != std::string::npos, c.rows > 3) << message;
+        }
+    }
+}
+
+TEST(DsfinvkBooks, ReceiptsTakenOutLeaveGapsTheClosingsStillCount)
+{
+    fixtures::TempDir dir;
+    ASSERT_EQ(make("make-dsfinvk", {"--tse", CLOUD, "--out", dir.path("d")}).status, 0);
+    const std::set<std::string> gone = {"5", "6", "7", "10"};
+    for (const char* name : {"transactions.csv", "transactions_tse.csv", "transactions_vat.csv", "datapayment.csv",
+                             "lines.csv", "lines_vat.csv"}) {
+        fixtures::DsfinvkTable table(dir.path("d"), name);
+        const size_t bon = table.column("BON_ID");
+        table.removeIf([&](const std::vector<std::string>& row) { return gone.count(row[bon]) != 0; });
+        table.save();
+    }
+    const Report r = check(dir.path("d"), "");
+    EXPECT_EQ(r.codes, (Codes{"bon-gap", "closing-sum-differs"})) << r.document["findings"].dump(1);
+    for (const json& f : r.document["findings"]) {
+        if (f["code"] == "bon-gap") {
+            EXPECT_NE(f["message"].get<std::string>().find("4 missing between 1 and 51: 5-7, 10"), std::string::npos)
+                << f["message"];
+        }
+    }
+    // The closing of receipts 5 to 7 books them in its totals still.
+    size_t differing = 0;
+    for (const json& c : r.document["closings"]) differing += c["differs"].get<bool>();
+    EXPECT_GE(differing, 1u);
 }
 
 // Turns the rows of these transaction numbers into TSE failures without
