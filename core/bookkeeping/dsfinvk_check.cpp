@@ -154,6 +154,11 @@ void describe(const CheckState& s, const RaisedFinding& r, BookkeepingFinding& f
         const std::string label = s.books.closings[row.closing].key.kasse + "/" + std::string(s.books.rowField(row, ROW_BON_ID));
         f.message = label + " (" + s.books.where(row.place) + "): " + fillIn(s, words, &row, receipt);
         f.transactions = {label};
+        // A failure row that the TSE did sign names the log that signed it too.
+        const uint32_t log = s.checks.rows[r.index].log;
+        if (r.code == FindingCode::UnsignedButSigned && s.tse && log != NONE) {
+            f.transactions.push_back(logLabel(*s.tse, s.tse->finishes[log]));
+        }
         return;
     }
     case FindingSubject::Receipt: {

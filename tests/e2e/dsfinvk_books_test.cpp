@@ -325,6 +325,9 @@ TEST(DsfinvkBooks, FailureRowsAreLinkedToTheLogsThatSignedThem)
         const std::string message = f["message"];
         const std::string number = message.find("transaction 2 ") != std::string::npos ? "2" : "5";
         EXPECT_EQ(f["transactions"][0], "Kasse 1/" + bonOf[number]) << message;
+        ASSERT_EQ(f["transactions"].size(), 2u);
+        const std::string log = f["transactions"][1];
+        EXPECT_EQ(log.substr(log.rfind('/')), "/" + number) << log;
     }
 }
 
