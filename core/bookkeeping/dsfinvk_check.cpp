@@ -313,7 +313,7 @@ Result<BookkeepingReport> checkBookkeeping(const BookkeepingOptions& options)
             if (s.reconciliation.logs[i] != LogState::Booked) s.unbookedLogs.push_back(i);
         }
     }
-    reconcileBookkeeping(s.books, s.checks, s.tse ? &*s.tse : nullptr, s.raised);
+    reconcileBookkeeping(s.books, s.checks, s.tse ? &*s.tse : nullptr, s.raised, &receiptRows);
     judgeRows(s);
     orderFindings(s);
     return reportOf(state, options);

@@ -32,7 +32,7 @@ struct Reconciliation {
 // receipt's row, its time, the signed amounts against the booked ones, and
 // one TSE transaction in one row.
 void reconcileBookkeeping(const Bookkeeping& books, RowChecks& checks, const TseExport* tse,
-                          RaisedFindings& findings);
+                          RaisedFindings& findings, const ReceiptRows* rows = nullptr);
 
 // The bookkeeping against the TSE export: the same TSE, each row against
 // its Finish and Start log, each Finish log of a covered register and
