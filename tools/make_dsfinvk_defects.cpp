@@ -260,7 +260,7 @@ void failureWhileSigning(Book& book)
 }
 
 // UMS_BRUTTO with three decimals where two are declared.
-void fieldInvalid(Book& book)
+void fieldFormat(Book& book)
 {
     receiptAt(book, middleOf(book, anyReceipt, "receipt")).extraDecimal = true;
 }
@@ -315,7 +315,7 @@ const std::vector<Defect>& defects()
         {"vat-rate-wrong", {"vat-rate-wrong"}, "vat.csv of a closing gives key 1 the rate of the other half of 2020", false, vatRateWrong},
         {"unsigned-but-signed", {"unsigned-but-signed"}, "a signed sale booked as a TSE failure without number, times and signature", false, unsignedButSigned},
         {"failure-while-signing", {"unsigned-transaction", "failure-while-signing"}, "an unsigned sale booked as a TSE failure while the TSE signed", false, failureWhileSigning},
-        {"field-invalid", {"field-invalid"}, "a UMS_BRUTTO with three decimals where two are declared", false, fieldInvalid},
+        {"field-format", {"field-format"}, "a UMS_BRUTTO with three decimals where two are declared", false, fieldFormat},
         {"first-row-dropped", {"transaction-unbooked"}, "the first row of transactions_tse.csv left out", false, firstRowDropped},
         {"last-row-dropped", {"transaction-unbooked"}, "the last row of transactions_tse.csv left out", false, lastRowDropped},
         {"last-rows-dropped", {"transaction-unbooked", "transaction-unbooked", "transaction-unbooked"}, "the last three rows of transactions_tse.csv left out", false, lastRowsDropped},

@@ -91,6 +91,23 @@ json findingJson(const tse::BookkeepingFinding& f)
 // Everything but the transactions and findings, which are streamed one by
 // one: a document of a hundred thousand of them built in memory would take
 // hundreds of MiB.
+
+// Each closing's totals as booked and as its receipts add up; amounts stay
+// exact decimal texts.
+json closingsJson(const tse::BookkeepingReport& report)
+{
+    json out = json::array();
+    for (const tse::ClosingCheck& c : report.closings) {
+        json totals = json::array();
+        for (const tse::ClosingTotal& t : c.totals) {
+            totals.push_back({{"name", t.name}, {"booked", textOrNull(t.booked)}, {"computed", t.computed}, {"differs", t.differs}});
+        }
+        out.push_back({{"kasseId", c.kasseId}, {"closing", c.closing}, {"created", c.created}, {"receipts", c.receipts},
+                       {"differs", c.differs()}, {"totals", std::move(totals)}});
+    }
+    return out;
+}
+
 json reportJson(const tse::BookkeepingReport& report, int exitStatus)
 {
     const tse::BookkeepingSummary& s = report.summary;
@@ -119,6 +136,7 @@ json reportJson(const tse::BookkeepingReport& report, int exitStatus)
                      {"tses", json::array()},
                      {"periods", json::array()},
                      {"uncovered", json::array()},
+                     {"closings", closingsJson(report)},
                      {"tables", report.tablesRead},
                      {"transactions", TRANSACTIONS_PLACE},
                      {"findings", FINDINGS_PLACE}};

@@ -70,6 +70,71 @@ void perDayChart(report::ReportPage& page, const tse::BookkeepingReport& bookkee
     page.figure(report::barChart(chart, "bookkeeping-per-day"), chart.description);
 }
 
+// The closings' totals as booked and as their receipts add up, every total
+// that differs marked, and the receipts that do not add up.
+void booksSection(report::ReportPage& page, const tse::BookkeepingReport& bookkeeping)
+{
+    page.beginSection("The bookkeeping in itself", "books");
+    std::vector<std::pair<size_t, size_t>> totals;  // (closing, total)
+    for (size_t c = 0; c < bookkeeping.closings.size(); ++c) {
+        for (size_t t = 0; t < bookkeeping.closings[c].totals.size(); ++t) totals.emplace_back(c, t);
+    }
+    report::Table table;
+    table.caption = "Each closing's totals, as booked and as its receipts add up";
+    table.columns = {"kasseId", "closing", "created", "receipts", "total", "booked", "computed", "agrees"};
+    table.rows = totals.size();
+    table.cells = [&](size_t i, std::vector<std::string>& cells) {
+        const tse::ClosingCheck& c = bookkeeping.closings[totals[i].first];
+        const tse::ClosingTotal& t = c.totals[totals[i].second];
+        cells = {c.kasseId, c.closing, c.created, std::to_string(c.receipts), t.name,
+                 t.booked.empty() ? "-" : t.booked, t.computed, t.differs ? "DIFFERS" : "yes"};
+    };
+    if (totals.empty()) page.paragraph("No closing of cashpointclosing.csv could be added up.");
+    else page.table(table);
+    std::vector<std::vector<std::string>> receipts{{"Receipt that does not add up"}};
+    size_t more = 0;
+    for (const tse::BookkeepingFinding& f : bookkeeping.findings) {
+        if (f.code != "receipt-sum-differs") continue;
+        if (receipts.size() <= report::ReportPage::ITEMS_SHOWN) receipts.push_back({f.message});
+        else ++more;
+    }
+    if (receipts.size() > 1) page.smallTable(receipts, "Receipts that do not add up" + (more ? " (and " + count(more, "more") + ")" : std::string()));
+    else page.paragraph("Every receipt adds up: its lines, VAT table, total and payments.");
+    page.endSection();
+}
+
+// Every transaction, as the CSV report has them.
+void transactionsSection(report::ReportPage& page, const tse::BookkeepingReport& bookkeeping)
+{
+    page.beginSection("Transactions", "transactions");
+    report::Table table;
+    table.caption = "Every transaction, as in the CSV report";
+    table.columns = {"bonId", "kasseId", "closing", "clientId", "serialNumber", "transactionNumber",
+                     "signatureCounter", "processType", "logTime", "verdict", "match", "differences", "reason", "file"};
+    table.rows = bookkeeping.transactions.size();
+    table.cells = [&](size_t i, std::vector<std::string>& cells) {
+        const tse::BookedTransaction t = bookkeeping.transactions[i];
+        std::string differences;
+        for (const std::string& d : t.differences) differences += (differences.empty() ? "" : " ") + d;
+        cells = {t.bonId,
+                 t.kasseId,
+                 t.closing,
+                 t.clientId,
+                 t.serialNumber,
+                 t.transactionNumber ? std::to_string(*t.transactionNumber) : "",
+                 t.signatureCounter ? std::to_string(*t.signatureCounter) : "",
+                 t.processType,
+                 t.logTime(),
+                 std::string(tse::rowVerdictName(t.verdict)),
+                 t.match ? std::string(tse::matchStateName(*t.match)) : "",
+                 differences,
+                 t.reason,
+                 t.file};
+    };
+    page.table(table);
+    page.endSection();
+}
+
 }  // namespace
 
 namespace {
@@ -118,26 +183,6 @@ report::PageHead headOf(const tse::BookkeepingReport& bookkeeping, const HtmlCon
     return head;
 }
 
-void transactionTable(report::ReportPage& page, const tse::BookkeepingReport& bookkeeping)
-{
-    report::Table table;
-    table.caption = "Every transaction, as in the CSV report";
-    table.columns = {"bonId", "kasseId", "closing", "clientId", "serialNumber", "transactionNumber",
-                     "signatureCounter", "processType", "logTime", "verdict", "match", "differences", "reason", "file"};
-    table.rows = bookkeeping.transactions.size();
-    table.cells = [&](size_t i, std::vector<std::string>& cells) {
-        const tse::BookedTransaction t = bookkeeping.transactions[i];
-        std::string differences;
-        for (const std::string& d : t.differences) differences += (differences.empty() ? "" : " ") + d;
-        cells = {t.bonId, t.kasseId, t.closing, t.clientId, t.serialNumber,
-                 t.transactionNumber ? std::to_string(*t.transactionNumber) : "",
-                 t.signatureCounter ? std::to_string(*t.signatureCounter) : "", t.processType, t.logTime(),
-                 std::string(tse::rowVerdictName(t.verdict)), t.match ? std::string(tse::matchStateName(*t.match)) : "",
-                 differences, t.reason, t.file};
-    };
-    page.table(table);
-}
-
 }  // namespace
 
 void writeBookkeepingHtml(std::ostream& out, const tse::BookkeepingReport& bookkeeping, const HtmlContext& context)
@@ -152,12 +197,14 @@ void writeBookkeepingHtml(std::ostream& out, const tse::BookkeepingReport& bookk
     page.beginSection("Findings", "findings");
     page.findings(findingGroups(bookkeeping));
     page.endSection();
+
+    booksSection(page, bookkeeping);
+
     page.beginSection("Charts", "charts");
     perDayChart(page, bookkeeping);
     page.endSection();
-    page.beginSection("Transactions", "transactions");
-    transactionTable(page, bookkeeping);
-    page.endSection();
+
+    transactionsSection(page, bookkeeping);
     page.finish();
 }
 

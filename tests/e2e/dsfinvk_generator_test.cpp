@@ -438,7 +438,7 @@ TEST(DsfinvkGenerator, EachPlantChangesOnlyWhatItIsNamedFor)
         {"vat-rate-wrong", {"vat.csv", "transactions_vat.csv", "lines_vat.csv", "businesscases.csv"}, {"vat-rate"}},
         {"unsigned-but-signed", tseRows, {}},
         {"failure-while-signing", plus(renumbered, {"businesscases.csv", "payment.csv", "cash_per_currency.csv"}), {}},
-        {"field-invalid", {"transactions.csv"}, {"decimals"}},
+        {"field-format", {"transactions.csv"}, {"decimals"}},
         {"first-row-dropped", tseRows, {}},
         {"last-row-dropped", tseRows, {}},
         {"last-rows-dropped", tseRows, {}},

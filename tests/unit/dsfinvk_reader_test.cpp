@@ -224,6 +224,8 @@ TEST(DsfinvkAmounts, ExactToTheFifthDecimal)
                                            {"1,2,3", ',', '.', std::nullopt},
                                            {"1,2.3", ',', '.', std::nullopt},
                                            {".5", ',', '.', std::nullopt},
+                                           {"12.50", ',', '.', std::nullopt},  // a decimal point by mistake
+                                           {"1.234.567", ',', '.', 123456700000},
                                            {"", ',', '.', std::nullopt},
                                            {"-", ',', '.', std::nullopt},
                                            {"92233720368547,75808", ',', '.', std::nullopt},
