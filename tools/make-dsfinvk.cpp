@@ -119,7 +119,7 @@ void readTse(const Options& options, std::vector<Sale>& sales, std::map<std::str
 {
     std::map<std::pair<std::string, uint64_t>, int64_t> starts;
     const tse::Result<std::vector<tse::ExportSource>> grouping = tse::groupExportPaths(options.tse);
-    if (!grouping) throw std::runtime_error(grouping.message());
+    if (!grouping) throw std::runtime_error(grouping.error().message);
     for (const tse::ExportSource& source : *grouping) {
         const tse::Result<tse::ExportRead> read = tse::readExportSource(source, 16u << 20, [&](tse::ExportMember&& member) {
             if (!member.contents) return;
@@ -160,7 +160,7 @@ void readTse(const Options& options, std::vector<Sale>& sales, std::map<std::str
             sale.timeFormat = timeFormatName(m.logTime);
             sales.push_back(std::move(sale));
         });
-        if (!read) throw std::runtime_error(read.message());
+        if (!read) throw std::runtime_error(read.error().message);
     }
     for (Sale& sale : sales) {
         const auto start = starts.find({sale.serial, sale.transaction});
@@ -275,9 +275,9 @@ size_t middle(const std::vector<Sale>& sales, bool receipt)
 int run(const Options& options)
 {
     const tse::Result<tse::Bytes> indexFile = tse::readFileBounded(options.index, tse::MAX_INDEX_XML);
-    if (!indexFile) throw std::runtime_error(options.index + " " + indexFile.message());
+    if (!indexFile) throw std::runtime_error(options.index + " " + indexFile.error().message);
     const tse::Result<std::vector<tse::TableDescription>> index = tse::parseIndexXml(*indexFile);
-    if (!index) throw std::runtime_error(options.index + " " + index.message());
+    if (!index) throw std::runtime_error(options.index + " " + index.error().message);
 
     std::vector<Sale> all;
     std::map<std::string, TseKey> keys;

@@ -327,7 +327,7 @@ int auditCommand(AuditCommandOptions& options)
     }
     const tse::Result<tse::AuditReport> outcome = tse::auditExport(options.audit);
     bar.reset();
-    if (!outcome) refuse(EXIT_BAD_INPUT, "Cannot audit: " + tse::escapeUnsafe(outcome.message()));
+    if (!outcome) refuse(EXIT_BAD_INPUT, "Cannot audit: " + tse::escapeUnsafe(outcome.error().message));
     const tse::AuditReport& report = *outcome;
     if (!options.jsonPath.empty()) {
         writeTo(options.jsonPath, [&](std::ostream& out) { writeJson(out, report, options.audit.jobs); });

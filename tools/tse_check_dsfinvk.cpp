@@ -260,7 +260,7 @@ int dsfinvkCommand(DsfinvkCommandOptions& options)
     }
     const tse::Result<tse::BookkeepingReport> outcome = tse::checkBookkeeping(options.check);
     line.reset();
-    if (!outcome) refuse(EXIT_BAD_INPUT, "Cannot check the bookkeeping: " + outcome.message());
+    if (!outcome) refuse(EXIT_BAD_INPUT, "Cannot check the bookkeeping: " + outcome.error().message);
     const tse::BookkeepingReport& report = *outcome;
     if (!options.jsonPath.empty()) writeTo(options.jsonPath, [&](std::ostream& out) { writeJson(out, report); });
     if (!options.csvPath.empty()) writeTo(options.csvPath, [&](std::ostream& out) { writeCsv(out, report); });

@@ -72,7 +72,7 @@ public:
         const bool standardInput = path == "-";
         const std::string name = standardInput ? "stdin" : path;
         const tse::Result<tse::Bytes> read = tse::readFileBounded(standardInput ? "/dev/stdin" : path, MAX_RECEIPT_LIST_SIZE);
-        if (!read) return report("Receipt list " + name + " " + read.message());
+        if (!read) return report("Receipt list " + name + " " + read.error().message);
         const std::string text = tse::ByteView(*read).text();
         size_t lineNumber = 0;
         for (size_t start = 0; start < text.size();) {
@@ -101,7 +101,7 @@ public:
             out.name = standardInput ? "stdin" : paths[i];
             const tse::Result<tse::Bytes> read = tse::readFileBounded(standardInput ? "/dev/stdin" : paths[i], MAX_PICTURE_SIZE);
             if (!read) {
-                out.error = "Picture " + out.name + " " + read.message();
+                out.error = "Picture " + out.name + " " + read.error().message;
                 return;
             }
             out.scan = tse::scanImage(*read, renderPdfOutOfProcess);
@@ -151,10 +151,10 @@ ReceiptResult parseOne(const ReceiptInput& input, tse::KeyCache& keys)
     result.input = input;
     tse::Result<tse::Receipt> parse = tse::parseReceiptText(input.text, &keys);
     if (!parse) {
-        result.verification = {tse::Verdict::Malformed, parse.message(), {}, {}};
+        result.verification = {tse::Verdict::Malformed, parse.error().message, {}, {}};
         return result;
     }
-    result.receipt = std::move(parse).take();
+    result.receipt = std::move(parse).value();
     return result;
 }
 

@@ -35,7 +35,7 @@ tse::PublicKey keyOfTse(const std::vector<tse::Certificate>& certificates, const
     std::string unusable;
     for (const tse::Certificate& certificate : certificates) {
         if (!certificate.key()) {
-            unusable = certificate.key().message();
+            unusable = certificate.key().error().message;
         } else if (certificate.key()->serialNumber() == message.serialNumber) {
             return *certificate.key();
         }

@@ -55,12 +55,12 @@ void addCertificates(KeyIndex& index, const std::string& path, bool refuseUnread
 {
     const tse::Result<tse::Bytes> read = tse::readFileBounded(path, MAX_CERTIFICATE_SIZE);
     if (!read) {
-        if (refuseUnreadable) refuse(EXIT_BAD_INPUT, "Certificate " + path + " " + read.message());
+        if (refuseUnreadable) refuse(EXIT_BAD_INPUT, "Certificate " + path + " " + read.error().message);
         return;
     }
     const tse::Result<std::vector<tse::Certificate>> load = tse::loadCertificates(*read);
     if (!load && refuseUnreadable) {
-        refuse(EXIT_BAD_INPUT, "Certificate " + path + " holds no certificate: " + load.message());
+        refuse(EXIT_BAD_INPUT, "Certificate " + path + " holds no certificate: " + load.error().message);
     }
     for (const tse::Certificate& certificate : load.value_or({})) {
         if (certificate.key()) {
@@ -95,7 +95,7 @@ LogResult verifyOne(const std::string& path, const KeyIndex& keys)
     result.file = path;
     const tse::Result<tse::Bytes> read = tse::readFileBounded(path, MAX_LOG_SIZE);
     if (!read) {
-        result.judgement.reason = "the file " + read.message();
+        result.judgement.reason = "the file " + read.error().message;
         return result;
     }
     tse::Result<tse::LogMessage> parse = tse::parseLogMessage(*read);
@@ -103,7 +103,7 @@ LogResult verifyOne(const std::string& path, const KeyIndex& keys)
         result.judgement = tse::unreadableLog(parse.error());
         return result;
     }
-    result.message = std::move(parse).take();
+    result.message = std::move(parse).value();
     const KeyIndex::Entry* key = keys.find(result.message->serialNumber);
     if (key != nullptr) result.certificate = key->source;
     result.judgement = tse::judgeLog(*result.message, key ? &key->key : nullptr);

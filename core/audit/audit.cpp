@@ -282,7 +282,7 @@ void AuditRun::addCertificates(const std::string& file, ByteView data, bool trus
 {
     const Result<std::vector<Certificate>> load = loadCertificates(data);
     if (!load) {
-        addFinding(Severity::Warning, "unexpected-member", file + " holds no certificate: " + load.message(), {file});
+        addFinding(Severity::Warning, "unexpected-member", file + " holds no certificate: " + load.error().message, {file});
         return;
     }
     if (!given) checkCertificateName(file, *load);
@@ -309,7 +309,7 @@ void AuditRun::addCertificates(const std::string& file, ByteView data, bool trus
         record.notBefore = certificate.notBefore();
         record.notAfter = certificate.notAfter();
         record.curve = certificate.curveName();
-        record.keyProblem = certificate.key().message();
+        if (!certificate.key()) record.keyProblem = certificate.key().error().message;
         record.given = given;
         report_.certificates.push_back(std::move(record));
         certificates_.push_back(certificate);
@@ -335,7 +335,7 @@ std::string AuditRun::loadGivenCertificates()
 {
     for (const std::string& path : options_.certificateFiles) {
         const Result<Bytes> read = readFileBounded(path, MAX_CERTIFICATE_FILE);
-        if (!read) return "the certificate " + path + " " + read.message();
+        if (!read) return "the certificate " + path + " " + read.error().message;
         if (!loadCertificates(*read)) return "the certificate " + path + " holds no certificate";
         addCertificates(path, *read, false, true);
     }
@@ -610,7 +610,7 @@ void AuditRun::visit(ExportMember&& member)
             if (!report_.info) report_.info = info;
             if (!audited.info) audited.info = std::move(info);
         } else {
-            audited.infoProblem = shown + ": " + escapeUnsafe(parse.message());
+            audited.infoProblem = shown + ": " + escapeUnsafe(parse.error().message);
             if (report_.infoProblem.empty()) report_.infoProblem = audited.infoProblem;
         }
         return;
@@ -631,7 +631,7 @@ std::string AuditRun::readAll()
     std::vector<std::thread> workers;
     if (std::string failure = startWorkers(workers); !failure.empty()) return failure;
     const Result<std::vector<ExportSource>> grouping = groupExportPaths(options_.exports);
-    std::string failure = grouping.message();
+    std::string failure = grouping ? std::string() : grouping.error().message;
     const std::vector<ExportSource> sources = grouping.value_or({});
     bytesTotal_ = 0;
     for (const ExportSource& source : sources) bytesTotal_ += sourceSize(source);
@@ -655,7 +655,7 @@ std::string AuditRun::readAll()
                 if (options_.progress) options_.progress(AuditProgress{logsDone_, bytesBefore_ + bytes, bytesTotal_});
             });
         bytesBefore_ += sourceSize(source);
-        if (!read) failure = read.message();
+        if (!read) failure = read.error().message;
         else if (read->truncation && !finalPass_) {
             const std::string label(currentLabel_);
             addFinding(Severity::Error, "export-truncated", escapeUnsafe(*read->truncation), {label}, label);
@@ -707,11 +707,13 @@ void AuditRun::dropCopies()
     std::unordered_set<uint64_t> copies;
     uint64_t ordinal = 0;
     for (const ExportSource& source : groupExportPaths(options_.exports).value_or({})) {
-        readExportSource(source, options_.maxMemberSize, [&](ExportMember&& member) {
+        const Result<ExportRead> reread = readExportSource(source, options_.maxMemberSize, [&](ExportMember&& member) {
             auto found = groupOf.find(++ordinal);
             if (found == groupOf.end() || !member.contents) return;
             if (!seen[found->second].insert(digestOf(*member.contents)).second) copies.insert(ordinal);
         });
+        // The first pass reported any failure; the copies met before it stand.
+        if (!reread) break;
     }
     if (copies.empty()) return;
     report_.logs.removeOrdinals(copies);

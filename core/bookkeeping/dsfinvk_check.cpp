@@ -407,9 +407,9 @@ std::string Check::readExport(const ExportSource& source)
         }
         Result<std::vector<TableDescription>> parse = parseIndexXml(*member.contents);
         if (parse) index = std::move(parse).value();
-        else indexProblem = "has an index.xml that " + parse.message();
+        else indexProblem = "has an index.xml that " + parse.error().message;
     });
-    if (!first) return first.message();
+    if (!first) return first.error().message;
     if (!index) {
         addFinding(Severity::Warning, "index-missing",
                    source.label() + " " + indexProblem + "; its tables are read in the standard dialect (UTF-8, \";\", "
@@ -432,7 +432,7 @@ std::string Check::readExport(const ExportSource& source)
         tablesSeen_.insert(table);
         readTable(label, table, *member.contents, description);
     });
-    if (!second) return second.message();
+    if (!second) return second.error().message;
     if (second->truncation) addFinding(Severity::Error, "csv-malformed", *second->truncation, {});
     std::vector<std::string> expected;
     if (index) {
@@ -452,13 +452,13 @@ void Check::decodeTses()
     for (TseEntry& entry : tses_) {
         BookedTse& shown = entry.shown;
         ReceiptKeys keys = receiptKeys(entry.keyText);
-        if (keys.key.ok()) {
+        if (keys.key.has_value()) {
             entry.key = *keys.key;
             entry.otherKeys = std::move(keys.otherKeys);
             shown.serialNumber = toHex(entry.key->serialNumber());
             shown.curve = std::string(entry.key->curveInfo().displayName);
         } else {
-            shown.keyProblem = entry.keyText.empty() ? "TSE_PUBLIC_KEY is empty" : "TSE_PUBLIC_KEY is no usable key: " + keys.key.message();
+            shown.keyProblem = entry.keyText.empty() ? "TSE_PUBLIC_KEY is empty" : "TSE_PUBLIC_KEY is no usable key: " + keys.key.error().message;
             const std::optional<Bytes> serial = declaredSerial(shown.declaredSerial);
             shown.serialNumber = serial ? toHex(*serial) : shown.declaredSerial;
             entry.problem = shown.keyProblem;
@@ -736,9 +736,9 @@ void Check::readTseExport()
         tseLogs_.push_back(std::move(log));
     };
     Result<AuditReport> outcome = auditExport(audit);
-    if (!outcome) throw std::runtime_error(outcome.message());
+    if (!outcome) throw std::runtime_error(outcome.error().message);
     tseSummary_ = outcome->summary;
-    tseReport_ = std::move(outcome).take();
+    tseReport_ = std::move(outcome).value();
 }
 
 LogRecord Check::recordOf(const TseLog& log) const

@@ -292,9 +292,12 @@ Result<ExportRead> readDirectory(const ExportSource& source, size_t limit, const
         member.name = file.lexically_relative(root).generic_string();
         member.source = source.label();
         Result<Bytes> read = readFileBounded(file.string(), limit);
-        if (read) done += read->size();
-        member.error = read.message();
-        member.contents = std::move(read).take();
+        if (read) {
+            done += read->size();
+            member.contents = std::move(read).value();
+        } else {
+            member.error = read.error().message;
+        }
         visit(std::move(member));
         if (progress) progress(done);
     }
@@ -308,8 +311,8 @@ Result<ExportRead> readSingleFile(const ExportSource& source, size_t limit, cons
     member.source = source.label();
     member.standalone = true;
     Result<Bytes> read = readFileBounded(member.name, limit);
-    member.error = read.message();
-    member.contents = std::move(read).take();
+    if (read) member.contents = std::move(read).value();
+    else member.error = read.error().message;
     visit(std::move(member));
     return ExportRead{1, std::nullopt};
 }

@@ -38,7 +38,7 @@ bool digits(std::string_view text, size_t pos, size_t count, unsigned& value)
     return true;
 }
 
-TimeParse failed(const std::string& reason)
+Result<LogTime> failed(const std::string& reason)
 {
     return Error{reason, std::nullopt};
 }
@@ -109,7 +109,7 @@ std::string LogTime::iso() const
     return out;
 }
 
-TimeParse parseUtcTime(std::string_view text)
+Result<LogTime> parseUtcTime(std::string_view text)
 {
     CivilTime t{};
     unsigned year = 0;
@@ -126,7 +126,7 @@ TimeParse parseUtcTime(std::string_view text)
     return LogTime{TimeFormat::UtcTime, secondsFromCivil(t), {}, std::string(text)};
 }
 
-TimeParse parseGeneralizedTime(std::string_view text)
+Result<LogTime> parseGeneralizedTime(std::string_view text)
 {
     CivilTime t{};
     unsigned year = 0;

@@ -39,11 +39,9 @@ int64_t secondsFromCivil(const CivilTime& time);
 std::string isoSeconds(int64_t seconds);
 
 // Parsers for the content of a UTCTime (YYMMDDhhmm[ss]Z) or GeneralizedTime
-// (YYYYMMDDhhmmss[.f...]Z); nullopt with the reason for anything else.
-// The time, or why the text is none.
-using TimeParse = Result<LogTime>;
-TimeParse parseUtcTime(std::string_view text);
-TimeParse parseGeneralizedTime(std::string_view text);
+// (YYYYMMDDhhmmss[.f...]Z): the time, or why the text is none.
+Result<LogTime> parseUtcTime(std::string_view text);
+Result<LogTime> parseGeneralizedTime(std::string_view text);
 
 // The UTCTime and GeneralizedTime texts of a moment, as TSEs write them.
 std::string utcTimeText(int64_t seconds, bool withSeconds = true);

@@ -71,7 +71,7 @@ struct Receipt : ReceiptFields {
 // curve costs as much as a verification, and a batch of receipts from one
 // TSE carries the same key thousands of times. Safe to share among threads.
 struct ReceiptKeys {
-    KeyResult key;
+    Result<PublicKey> key;
     std::vector<PublicKey> otherKeys;
 };
 ReceiptKeys receiptKeys(std::string_view encoded);

@@ -52,8 +52,8 @@ PublicKey publicKeyOf(EC_KEY* key)
 {
     EvpPkeyPtr evp(EVP_PKEY_new());
     require(evp && EVP_PKEY_set1_EC_KEY(evp.get(), key) == 1, "wrap key");
-    KeyResult publicKey = PublicKey::fromEvp(evp.get());
-    require(publicKey.ok(), "key on an unsupported curve");
+    Result<PublicKey> publicKey = PublicKey::fromEvp(evp.get());
+    require(publicKey.has_value(), "key on an unsupported curve");
     return *publicKey;
 }
 

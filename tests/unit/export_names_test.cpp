@@ -55,7 +55,7 @@ TEST(ExportNames, MemberKindsAndUnsafeNames)
 TEST(InfoCsv, BothFormsAndQuoting)
 {
     const auto single = tse::parseInfoCsv(std::string("\"description:\", Applause Cafe 35, \"manufacturer:\",\"a \"\"b\"\", c\",\"version:\",0.1.0"));
-    ASSERT_TRUE(single) << single.message();
+    ASSERT_TRUE(single) << single.error().message;
     EXPECT_FALSE(single->perComponent);
     EXPECT_EQ(single->records.at(0), (tse::InfoRecord{{"description", "Applause Cafe 35"},
                                                           {"manufacturer", "a \"b\", c"},
@@ -63,7 +63,7 @@ TEST(InfoCsv, BothFormsAndQuoting)
     const auto components = tse::parseInfoCsv(std::string(
         "\"component:\",\"device\",\"manufacturer:\",\"M\",\"model:\",\"X\",\"version:\",\"1\",\"certification-id:\",\"C\"\r\n"
         "\"description:\",\"d\",,,,,,,,\n"));
-    ASSERT_TRUE(components) << components.message();
+    ASSERT_TRUE(components) << components.error().message;
     EXPECT_TRUE(components->perComponent);
     EXPECT_EQ(components->records.size(), 2u);
     EXPECT_EQ(components->records[1], (tse::InfoRecord{{"description", "d"}}));

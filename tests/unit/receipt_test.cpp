@@ -68,7 +68,7 @@ std::string joined(const std::vector<std::string>& fields)
 tse::ReceiptVerification verified(const std::string& text)
 {
     const tse::Result<tse::Receipt> parse = tse::parseReceiptText(text);
-    if (!parse) return {tse::Verdict::Malformed, parse.message(), {}, {}};
+    if (!parse) return {tse::Verdict::Malformed, parse.error().message, {}, {}};
     return tse::verifyReceipt(*parse);
 }
 
@@ -172,7 +172,7 @@ TEST(Receipt, VerifiesEveryKeySignatureAndMessageShape)
             std::vector<std::string> fields = receiptFields(signer, {});
             fields[KEY] = tse::toBase64(key);
             const tse::Result<tse::Receipt> parse = tse::parseReceiptText(joined(fields));
-            ASSERT_TRUE(parse) << name << ": " << parse.message();
+            ASSERT_TRUE(parse) << name << ": " << parse.error().message;
             const tse::ReceiptVerification result = tse::verifyReceipt(*parse);
             EXPECT_TRUE(result.valid()) << name;
             EXPECT_EQ(result.heldKey.value_or(parse->key).curve(), curve) << name << " key of " << key.size();
@@ -302,7 +302,7 @@ TEST(ReceiptExplain, FindsEachPlantedChange)
         std::vector<std::string> fields = receiptFields(signer, c.signedFields);
         c.print(fields);
         const tse::Result<tse::Receipt> parse = tse::parseReceiptText(joined(fields));
-        ASSERT_TRUE(parse) << c.kind << ": " << parse.message();
+        ASSERT_TRUE(parse) << c.kind << ": " << parse.error().message;
         ASSERT_EQ(tse::verifyReceipt(*parse).verdict, tse::Verdict::Invalid) << c.kind;
         const tse::Explanation e = tse::explainReceipt(*parse);
         EXPECT_TRUE(e.found) << c.kind << ": " << e.sentence;
