@@ -214,9 +214,9 @@ std::string failure(int status, int page, bool timedOut)
            std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : -1) + ")";
 }
 
-std::string spawnError(const char* step, int error)
+tse::Error spawnError(const char* step, int error)
 {
-    return std::string("the PDF cannot be rendered: ") + step + " failed: " + std::strerror(error);
+    return tse::Error{std::string("the PDF cannot be rendered: ") + step + " failed: " + std::strerror(error)};
 }
 
 }  // namespace
@@ -238,7 +238,7 @@ int renderPdfChild()
         error = "the PDF could not be handed to its renderer";
     } else {
         try {
-            error = tse::renderPdfPages(*data, [](int page, int pages, const tse::GreyImage& image) {
+            const tse::Result<void> rendered = tse::renderPdfPages(*data, [](int page, int pages, const tse::GreyImage& image) {
                 std::string head(1, PAGE_TAG);
                 for (const int value : {page, pages, image.width, image.height}) {
                     putNumber(head, static_cast<uint32_t>(value));
@@ -249,6 +249,7 @@ int renderPdfChild()
                 }
                 allowNextPage();
             });
+            if (!rendered) error = rendered.error().message;
         } catch (const std::bad_alloc&) {
             error = "the PDF could not be rendered within " + std::to_string(PDF_MEMORY_LIMIT >> 20) + " MiB of memory";
         }
@@ -260,7 +261,7 @@ int renderPdfChild()
     return writeAll(STDOUT_FILENO, end.data(), end.size()) ? 0 : 1;
 }
 
-std::string renderPdfOutOfProcess(tse::ByteView data, const tse::PdfPageHandler& onPage)
+tse::Result<void> renderPdfOutOfProcess(tse::ByteView data, const tse::PdfPageHandler& onPage)
 {
     // The PDF reaches the child as a file in memory: a pipe would make the
     // parent wait for a child that may never read, or die of SIGPIPE.
@@ -299,12 +300,12 @@ std::string renderPdfOutOfProcess(tse::ByteView data, const tse::PdfPageHandler&
     const auto broken = [&](ReadEnd end) {
         timedOut = end == ReadEnd::TimedOut;
         child.kill();
-        return failure(child.wait(), lastPage + 1, timedOut);
+        return tse::Error{failure(child.wait(), lastPage + 1, timedOut)};
     };
     const auto garbled = [&] {
         child.kill();
         child.wait();
-        return "the PDF renderer sent something other than pages after " + pageWords(lastPage);
+        return tse::Error{"the PDF renderer sent something other than pages after " + pageWords(lastPage)};
     };
     while (true) {
         char tag = 0;
@@ -321,7 +322,8 @@ std::string renderPdfOutOfProcess(tse::ByteView data, const tse::PdfPageHandler&
                 return broken(end);
             }
             child.wait();
-            return text;
+            if (!text.empty()) return tse::Error{text};
+            return {};
         }
         uint8_t head[16];
         if (tag != PAGE_TAG) return garbled();

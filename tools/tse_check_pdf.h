@@ -2,10 +2,10 @@
 #define TSE_CHECK_PDF_H
 
 #include <cstddef>
-#include <string>
 
 #include "bytes.h"
 #include "pdf_pages.h"
+#include "result.h"
 
 namespace tsecheck {
 
@@ -23,7 +23,7 @@ constexpr unsigned PDF_SECONDS_PER_FILE = 60;
 // limits, and hands each page on as renderPdfPages would. A PDF that takes
 // more, or crashes poppler, is an error naming the limit or the signal; the
 // pages rendered before it are handed on all the same.
-std::string renderPdfOutOfProcess(tse::ByteView data, const tse::PdfPageHandler& onPage);
+tse::Result<void> renderPdfOutOfProcess(tse::ByteView data, const tse::PdfPageHandler& onPage);
 
 // The child's side: the PDF on standard input, the pages on standard output.
 int renderPdfChild();

@@ -89,38 +89,36 @@ public:
     // Pictures are read side by side, their codes listed in the order given.
     void addPictures(const std::vector<std::string>& paths, unsigned jobs)
     {
-        struct Scanned {
-            std::string name;
-            std::string error;
-            tse::ImageScan scan;
-        };
-        std::vector<Scanned> scanned(paths.size());
-        tse::parallelFor(paths.size(), jobs, [&](size_t i) {
-            const bool standardInput = paths[i] == "-";
-            Scanned& out = scanned[i];
-            out.name = standardInput ? "stdin" : paths[i];
-            const tse::Result<tse::Bytes> read = tse::readFileBounded(standardInput ? "/dev/stdin" : paths[i], MAX_PICTURE_SIZE);
-            if (!read) {
-                out.error = "Picture " + out.name + " " + read.error().message;
-                return;
-            }
-            out.scan = tse::scanImage(*read, renderPdfOutOfProcess);
-            if (!out.scan.error.empty()) out.error = "Picture " + out.name + " cannot be read: " + out.scan.error;
-            else if (out.scan.codes.empty()) out.error = "Picture " + out.name + " holds no QR code";
-        });
-        for (const Scanned& picture : scanned) {
-            if (!picture.error.empty()) {
-                report(picture.error);
+        std::vector<tse::Result<std::vector<tse::ImageCode>>> scanned(paths.size(), tse::Error{""});
+        tse::parallelFor(paths.size(), jobs, [&](size_t i) { scanned[i] = scanPicture(paths[i]); });
+        for (size_t p = 0; p < paths.size(); ++p) {
+            if (!scanned[p]) {
+                report(scanned[p].error().message);
                 continue;
             }
-            const std::vector<tse::ImageCode>& codes = picture.scan.codes;
+            const std::vector<tse::ImageCode>& codes = *scanned[p];
             for (size_t i = 0; i < codes.size(); ++i) {
-                inputs.push_back({pictureSource(picture.name, codes, i), codes[i].text, codes[i]});
+                inputs.push_back({pictureSource(pictureName(paths[p]), codes, i), codes[i].text, codes[i]});
             }
         }
     }
 
 private:
+    static std::string pictureName(const std::string& path) { return path == "-" ? "stdin" : path; }
+
+    // The codes of one picture, or the line that says why there are none.
+    // A PDF broken after some pages counts as unreadable as a whole.
+    static tse::Result<std::vector<tse::ImageCode>> scanPicture(const std::string& path)
+    {
+        const std::string name = pictureName(path);
+        const tse::Result<tse::Bytes> read = tse::readFileBounded(path == "-" ? "/dev/stdin" : path, MAX_PICTURE_SIZE);
+        if (!read) return tse::Error{"Picture " + name + " " + read.error().message};
+        tse::ImageScan scan = tse::scanImage(*read, renderPdfOutOfProcess);
+        if (!scan.error.empty()) return tse::Error{"Picture " + name + " cannot be read: " + scan.error};
+        if (scan.codes.empty()) return tse::Error{"Picture " + name + " holds no QR code"};
+        return std::move(scan.codes);
+    }
+
     void report(const std::string& line)
     {
         std::cerr << "[ERROR] " << line << std::endl;

@@ -20,10 +20,13 @@ struct ImageCode {
     std::array<PicturePoint, 4> corners;
 };
 
+// What a scan found, and why it stopped short when it did. Codes and error
+// come together on purpose, unlike a Result: the pages of a PDF read before
+// a broken one hold codes that count.
 struct ImageScan {
     std::vector<ImageCode> codes;  // every QR code found, in reading order
     std::string format;            // "PNG", "JPEG", "PDF", ...; empty when unknown
-    std::string error;             // set when the data is no readable picture
+    std::string error;             // set when the data is no readable picture, or a page is not
 };
 
 // Reads every QR code in a picture (PNG, JPEG, WebP, HEIC/HEIF, TIFF, GIF,
