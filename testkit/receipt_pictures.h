@@ -1,5 +1,5 @@
-#ifndef TESTS_SUPPORT_RECEIPT_PICTURES_H
-#define TESTS_SUPPORT_RECEIPT_PICTURES_H
+#ifndef TSE_TESTKIT_RECEIPT_PICTURES_H
+#define TSE_TESTKIT_RECEIPT_PICTURES_H
 
 // Receipt pictures made at test time: QR codes from libqrencode drawn on a
 // paper-like background, then spoilt the way photos of receipts are.

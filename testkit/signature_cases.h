@@ -1,5 +1,5 @@
-#ifndef TSE_TEST_SIGNATURE_CASES_H
-#define TSE_TEST_SIGNATURE_CASES_H
+#ifndef TSE_TESTKIT_SIGNATURE_CASES_H
+#define TSE_TESTKIT_SIGNATURE_CASES_H
 
 #include <cstdint>
 #include <random>

@@ -1,5 +1,5 @@
-#ifndef TSE_CORE_SIGNER_H
-#define TSE_CORE_SIGNER_H
+#ifndef TSE_TESTKIT_SIGNER_H
+#define TSE_TESTKIT_SIGNER_H
 
 #include <memory>
 #include <string>

@@ -11,10 +11,11 @@
 #include <malloc.h>
 #endif
 
-#include "tse_check_commands.h"
-#include "tse_check_pdf.h"
 #include "parallel.h"
-#include "tse_check_support.h"
+
+#include "commands.h"
+#include "receipt/pdf_child_process.h"
+#include "shared/inputs.h"
 
 namespace {
 

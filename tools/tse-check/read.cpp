@@ -7,8 +7,8 @@
 #include "algorithms.h"
 #include "ber.h"
 #include "log_message.h"
-#include "tse_check_commands.h"
-#include "tse_check_support.h"
+#include "commands.h"
+#include "shared/inputs.h"
 
 namespace tsecheck {
 namespace {

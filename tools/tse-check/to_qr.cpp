@@ -14,8 +14,8 @@
 #include "myutils.h"
 #include "receipt_text.h"
 #include "receipt_verify.h"
-#include "tse_check_commands.h"
-#include "tse_check_support.h"
+#include "commands.h"
+#include "shared/inputs.h"
 #include "log_verify.h"
 
 namespace tsecheck {

@@ -17,9 +17,9 @@
 #include "log_judgement.h"
 #include "log_message.h"
 #include "parallel.h"
-#include "tse_check_commands.h"
-#include "tse_check_output.h"
-#include "tse_check_support.h"
+#include "commands.h"
+#include "shared/output.h"
+#include "shared/inputs.h"
 
 namespace tsecheck {
 namespace {

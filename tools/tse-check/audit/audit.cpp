@@ -19,10 +19,10 @@
 #include "audit.h"
 #include "parallel.h"
 #include "text.h"
-#include "tse_check_html.h"
-#include "tse_check_commands.h"
-#include "tse_check_output.h"
-#include "tse_check_support.h"
+#include "shared/html_head.h"
+#include "commands.h"
+#include "shared/output.h"
+#include "shared/inputs.h"
 
 namespace tsecheck {
 namespace {

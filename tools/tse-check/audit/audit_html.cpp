@@ -8,7 +8,7 @@
 #include <unordered_map>
 
 #include "svg_chart.h"
-#include "tse_check_html.h"
+#include "shared/html_head.h"
 
 namespace tsecheck {
 namespace {

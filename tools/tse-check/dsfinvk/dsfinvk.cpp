@@ -15,10 +15,10 @@
 #include <nlohmann/json.hpp>
 
 #include "dsfinvk_check.h"
-#include "tse_check_commands.h"
-#include "tse_check_html.h"
-#include "tse_check_output.h"
-#include "tse_check_support.h"
+#include "commands.h"
+#include "shared/html_head.h"
+#include "shared/output.h"
+#include "shared/inputs.h"
 
 namespace tsecheck {
 namespace {

@@ -9,7 +9,7 @@
 
 #include "dsfinvk_report.h"
 #include "svg_chart.h"
-#include "tse_check_html.h"
+#include "shared/html_head.h"
 
 namespace tsecheck {
 namespace {

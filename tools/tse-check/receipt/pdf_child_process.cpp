@@ -2,7 +2,7 @@
 // and processor time. Poppler decodes a page's streams whole before any
 // bound of ours can apply, so a small file that inflates to gigabytes, or a
 // page that takes minutes to draw, can only be stopped from outside.
-#include "tse_check_pdf.h"
+#include "receipt/pdf_child_process.h"
 
 #include <algorithm>
 #include <cerrno>

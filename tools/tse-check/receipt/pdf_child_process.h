@@ -1,5 +1,5 @@
-#ifndef TSE_CHECK_PDF_H
-#define TSE_CHECK_PDF_H
+#ifndef TSE_CHECK_RECEIPT_PDF_CHILD_PROCESS_H
+#define TSE_CHECK_RECEIPT_PDF_CHILD_PROCESS_H
 
 #include <cstddef>
 

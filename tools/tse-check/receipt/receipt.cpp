@@ -17,10 +17,10 @@
 #include "receipt_explain.h"
 #include "receipt_text.h"
 #include "receipt_verify.h"
-#include "tse_check_commands.h"
-#include "tse_check_pdf.h"
-#include "tse_check_output.h"
-#include "tse_check_support.h"
+#include "commands.h"
+#include "receipt/pdf_child_process.h"
+#include "shared/output.h"
+#include "shared/inputs.h"
 
 namespace tsecheck {
 namespace {

@@ -1,5 +1,5 @@
-#ifndef TSE_CHECK_HTML_H
-#define TSE_CHECK_HTML_H
+#ifndef TSE_CHECK_SHARED_HTML_HEAD_H
+#define TSE_CHECK_SHARED_HTML_HEAD_H
 
 // The HTML reports of tse-check. The layout, escaping and charts live in
 // report/; each function here only says what one subcommand's report holds.

@@ -1,4 +1,4 @@
-#include "tse_check_support.h"
+#include "shared/inputs.h"
 
 #include "file_reader.h"
 

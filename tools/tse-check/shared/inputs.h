@@ -1,5 +1,5 @@
-#ifndef TSE_CHECK_SUPPORT_H
-#define TSE_CHECK_SUPPORT_H
+#ifndef TSE_CHECK_SHARED_INPUTS_H
+#define TSE_CHECK_SHARED_INPUTS_H
 
 #include <cstddef>
 #include <string>

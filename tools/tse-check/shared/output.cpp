@@ -1,4 +1,4 @@
-#include "tse_check_output.h"
+#include "shared/output.h"
 
 #include <algorithm>
 #include <cctype>

@@ -1,5 +1,5 @@
-#ifndef TSE_CHECK_OUTPUT_H
-#define TSE_CHECK_OUTPUT_H
+#ifndef TSE_CHECK_SHARED_OUTPUT_H
+#define TSE_CHECK_SHARED_OUTPUT_H
 
 #include <ostream>
 #include <string>
