@@ -5,6 +5,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include "shared/options.h"
+
 namespace tsecheck {
 
 // A subcommand: its parser, and what runs when the user chose it. Each
@@ -13,6 +15,10 @@ namespace tsecheck {
 struct Command {
     CLI::App* app = nullptr;
     std::function<int()> run;
+    // The report files it writes, when it has --json/--csv/--html FILE:
+    // checked before it runs, so that no work is lost to a path that cannot
+    // be written.
+    const ReportPaths* reports = nullptr;
 };
 
 Command addReadCommand(CLI::App& parent);

@@ -16,6 +16,7 @@
 #include "commands.h"
 #include "receipt/pdf_child_process.h"
 #include "shared/inputs.h"
+#include "shared/output.h"
 
 namespace {
 
@@ -27,10 +28,11 @@ std::string usageFailure(const CLI::App* /*app*/, const CLI::Error& error)
     return std::string("[ERROR] ") + error.what() + "\nRun with --help for more information.\n";
 }
 
-int runGuarded(const std::function<int()>& command)
+int runGuarded(const tsecheck::Command& command)
 {
     try {
-        return command();
+        if (command.reports) tsecheck::checkReportPaths(*command.reports);
+        return command.run();
     } catch (const tsecheck::Refusal& refusal) {
         std::cerr << refusal.line << std::endl;
         return refusal.status;
@@ -87,7 +89,7 @@ int main(int argc, char** argv)
         return app.exit(error) == 0 ? 0 : EXIT_BAD_INPUT;
     }
     for (const tsecheck::Command& command : commands) {
-        if (command.app->parsed()) return runGuarded(command.run);
+        if (command.app->parsed()) return runGuarded(command);
     }
     return EXIT_BAD_INPUT;
 }

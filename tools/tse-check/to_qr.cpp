@@ -22,29 +22,43 @@ namespace tsecheck {
 namespace {
 
 struct ToQrOptions {
-    std::string certPath;
+    std::vector<std::string> certPaths;
     std::string logPath;
     std::optional<std::string> startTime;  // the log time when not given
 };
 
 using NamedField = std::pair<const char*, std::string>;
 
-tse::PublicKey keyOfTse(const std::vector<tse::Certificate>& certificates, const tse::LogMessage& message,
-                        const std::string& certPath)
+// The certificates of each --cert file, read before anything is judged.
+struct CertificateFile {
+    std::string path;
+    std::vector<tse::Certificate> certificates;
+};
+
+// The TSE's key: the one whose SHA-256 is the log's serial number, and the
+// file that holds it.
+std::pair<tse::PublicKey, std::string> keyOfTse(const std::vector<CertificateFile>& files,
+                                                const tse::LogMessage& message)
 {
     std::string unusable;
-    for (const tse::Certificate& certificate : certificates) {
-        if (!certificate.key()) {
-            unusable = certificate.key().error().message;
-        } else if (certificate.key()->serialNumber() == message.serialNumber) {
-            return *certificate.key();
+    size_t count = 0;
+    std::string names;
+    for (const CertificateFile& file : files) {
+        names += (names.empty() ? "" : ", ") + file.path;
+        for (const tse::Certificate& certificate : file.certificates) {
+            ++count;
+            if (!certificate.key()) {
+                unusable = "Certificate " + file.path + " cannot be used: " + certificate.key().error().message;
+            } else if (certificate.key()->serialNumber() == message.serialNumber) {
+                return {*certificate.key(), file.path};
+            }
         }
     }
-    if (!unusable.empty() && certificates.size() == 1) {
-        refuse(EXIT_BAD_INPUT, "Certificate " + certPath + " cannot be used: " + unusable);
-    }
-    refuse(EXIT_BAD_INPUT, "Certificate " + certPath + " does not belong to the TSE of the log message "
-                           "(no key in it has the SHA-256 " + tse::toHex(message.serialNumber) + ")");
+    if (!unusable.empty() && count == 1) refuse(EXIT_BAD_INPUT, unusable);
+    refuse(EXIT_BAD_INPUT, (files.size() == 1 ? "Certificate " + names + " does not" : "Certificates " + names + " do not") +
+                               " belong to the TSE of the log message (no key in " +
+                               (files.size() == 1 ? "it" : "them") + " has the SHA-256 " +
+                               tse::toHex(message.serialNumber) + ")");
 }
 
 void requireFinishTransaction(const tse::LogMessage& message)
@@ -178,14 +192,15 @@ void warnIfVerifierRefuses(bool byVerifier, const tse::PublicKey& key)
 int toQrCommand(const ToQrOptions& options)
 {
     const tse::LogMessage message = readLogFile(options.logPath);
-    const std::vector<tse::Certificate> certificates = readCertificateFile(options.certPath);
+    std::vector<CertificateFile> files;
+    for (const std::string& path : options.certPaths) files.push_back({path, readCertificateFile(path)});
     requireFinishTransaction(message);
-    const tse::PublicKey key = keyOfTse(certificates, message, options.certPath);
+    const auto [key, keyFile] = keyOfTse(files, message);
     const tse::Verification verification = tse::verifyLog(message, key);
     if (!verification.valid()) {
         refuse(verification.verdict == tse::Verdict::Invalid ? EXIT_NOT_VERIFIED : EXIT_BAD_INPUT,
-               "The signature of " + options.logPath + " does not verify with certificate " + options.certPath +
-                   ": " + verification.reason + "; no QR code printed");
+               "The signature of " + options.logPath + " does not verify with certificate " + keyFile + ": " +
+                   verification.reason + "; no QR code printed");
     }
     const std::string text = joinFields(qrFields(message, checkedStartTime(options, message), key));
     const bool byVerifier = verifierRebuilds(text, message);
@@ -205,7 +220,7 @@ Command addToQrCommand(CLI::App& parent)
     app->add_option("LOGFILE", options->logPath, "Exported transaction log message (DER)")
         ->required()
         ->type_name("FILE");
-    app->add_option("--cert", options->certPath, "Certificate of the TSE (PEM or DER)")->required()->type_name("FILE");
+    addCertOption(*app, options->certPaths)->required();
     app->add_option_function<std::string>(
         "--start-time", [options](const std::string& value) { options->startTime = value; },
         "Start time of the transaction, ISO 8601 (default: the log time)");

@@ -202,12 +202,9 @@ Command addVerifyCommand(CLI::App& parent)
     app->footer("Without --cert, the certificates named <SERIAL>_X509.<ext> beside each log file are used.\n"
                 "Exit status: 0 all valid, 1 any invalid or without certificate, 2 usage or unreadable file.");
     app->add_option("LOGFILE", options->logs, "Exported log messages (DER)")->required()->type_name("FILE...");
-    app->add_option("--cert", options->certificates, "TSE certificate (PEM or DER); repeatable")
-        ->type_name("FILE")
-        ->allow_extra_args(false);
-    app->add_flag("--json", options->json, "Print the results as one JSON document");
-    app->add_option("--jobs,-j", options->jobs, "Threads to verify with (default: every core)")
-        ->check(CLI::Range(1u, 1024u));
+    addCertOption(*app, options->certificates);
+    addJsonFlag(*app, options->json);
+    addJobsOption(*app, options->jobs);
     return Command{app, [options] { return verifyCommand(*options); }};
 }
 

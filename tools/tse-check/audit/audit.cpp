@@ -1,13 +1,8 @@
 // tse-check audit: checks a whole TSE export - every log, its certificates
 // and its integrity - and reports for people, spreadsheets and programs.
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <cstdio>
-#include <fstream>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -33,8 +28,8 @@ constexpr size_t FILES_SHOWN_PER_CODE = 3;
 
 struct AuditCommandOptions {
     tse::AuditOptions audit;
-    std::string jsonPath, csvPath, htmlPath;
-    bool progress = isatty(STDERR_FILENO) != 0;
+    ReportPaths reports;
+    bool progress = false;
 };
 
 json textOrNull(std::string_view text)
@@ -219,17 +214,6 @@ void writeJson(std::ostream& out, const tse::AuditReport& report, unsigned jobs)
     out << (report.logs.empty() ? "]" : "\n  ]") << whole.substr(at + marker.size()) << '\n';
 }
 
-void writeTo(const std::string& path, const std::function<void(std::ostream&)>& write)
-{
-    if (path == "-") return write(std::cout);
-    errno = 0;
-    std::ofstream file(path, std::ios::binary);
-    const auto reason = [] { return errno ? std::string(": ") + std::strerror(errno) : std::string(); };
-    if (!file) refuse(EXIT_BAD_INPUT, "Cannot write " + tse::escapeText(path) + reason());
-    write(file);
-    if (!file.flush()) refuse(EXIT_BAD_INPUT, "Cannot write " + tse::escapeText(path) + reason());
-}
-
 void printSummary(std::ostream& out, const tse::AuditReport& report, bool strict)
 {
     const tse::AuditSummary& s = report.summary;
@@ -320,26 +304,22 @@ int auditCommand(AuditCommandOptions& options)
         bar = std::make_unique<ProgressBar>();
         options.audit.progress = [&bar](const tse::AuditProgress& p) { bar->update(p); };
     }
-    const int toStandardOutput = (options.jsonPath == "-") + (options.csvPath == "-") + (options.htmlPath == "-");
-    if (toStandardOutput > 1) {
-        refuse(EXIT_BAD_INPUT, "--json, --csv and --html cannot share standard output; write all but one to files\n"
-                               "Run with --help for more information.");
-    }
     const tse::Result<tse::AuditReport> outcome = tse::auditExport(options.audit);
     bar.reset();
     if (!outcome) refuse(EXIT_BAD_INPUT, "Cannot audit: " + tse::escapeUnsafe(outcome.error().message));
     const tse::AuditReport& report = *outcome;
-    if (!options.jsonPath.empty()) {
-        writeTo(options.jsonPath, [&](std::ostream& out) { writeJson(out, report, options.audit.jobs); });
+    const ReportPaths& reports = options.reports;
+    if (!reports.json.empty()) {
+        writeTo(reports.json, [&](std::ostream& out) { writeJson(out, report, options.audit.jobs); });
     }
-    if (!options.csvPath.empty()) writeTo(options.csvPath, [&](std::ostream& out) { writeCsv(out, report); });
-    if (!options.htmlPath.empty()) {
+    if (!reports.csv.empty()) writeTo(reports.csv, [&](std::ostream& out) { writeCsv(out, report); });
+    if (!reports.html.empty()) {
         HtmlContext context{options.audit.exports, options.audit.strict};
         context.inputs.insert(context.inputs.end(), options.audit.certificateFiles.begin(),
                               options.audit.certificateFiles.end());
-        writeTo(options.htmlPath, [&](std::ostream& out) { writeAuditHtml(out, report, context); });
+        writeTo(reports.html, [&](std::ostream& out) { writeAuditHtml(out, report, context); });
     }
-    if (toStandardOutput == 0) printSummary(std::cout, report, options.audit.strict);
+    if (!anyToStandardOutput(reports)) printSummary(std::cout, report, options.audit.strict);
     return report.summary.errors ? EXIT_NOT_VERIFIED : EXIT_OK;
 }
 
@@ -356,23 +336,13 @@ Command addAuditCommand(CLI::App& parent)
     app->add_option("EXPORT", options->audit.exports, "Export archives, directories or files")
         ->required()
         ->type_name("PATH...");
-    app->add_option("--cert", options->audit.certificateFiles, "Further TSE certificate (PEM or DER); repeatable")
-        ->type_name("FILE")
-        ->allow_extra_args(false);
-    app->add_option("--trust", options->audit.trustDirectories, "Directory of trusted root certificates")
-        ->type_name("DIR")
-        ->allow_extra_args(false);
-    app->add_option("--json", options->jsonPath, "Write the report as JSON (- for standard output)")->type_name("FILE");
-    app->add_option("--csv", options->csvPath, "Write one row per log as CSV (- for standard output)")->type_name("FILE");
-    app->add_option("--html", options->htmlPath,
-                    "Write a report for people: one HTML file with charts, to read or print (- for standard output)")
-        ->type_name("FILE");
-    app->add_flag("--strict", options->audit.strict, "Count warnings as errors");
-    app->add_option("--jobs,-j", options->audit.jobs, "Threads to verify with (default: every core)")
-        ->check(CLI::Range(1u, 1024u));
-    app->add_flag("--progress,!--no-progress", options->progress,
-                  "Show a progress bar on standard error (default: when it is a terminal)");
-    return Command{app, [options] { return auditCommand(*options); }};
+    addCertOption(*app, options->audit.certificateFiles);
+    addTrustOption(*app, options->audit.trustDirectories);
+    addReportOptions(*app, options->reports);
+    addStrictOption(*app, options->audit.strict);
+    addJobsOption(*app, options->audit.jobs);
+    addProgressOption(*app, options->progress);
+    return Command{app, [options] { return auditCommand(*options); }, &options->reports};
 }
 
 }  // namespace tsecheck

@@ -1,11 +1,8 @@
 // tse-check dsfinvk: checks the register's bookkeeping (a DSFinV-K export)
 // by itself and against the TSE export, and reports for people,
 // spreadsheets and programs.
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdio>
-#include <fstream>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -31,8 +28,8 @@ constexpr const char* TRANSACTIONS_PLACE = "(transactions)";
 
 struct DsfinvkCommandOptions {
     tse::BookkeepingOptions check;
-    std::string jsonPath, csvPath, htmlPath;
-    bool progress = isatty(STDERR_FILENO) != 0;
+    ReportPaths reports;
+    bool progress = false;
 };
 
 json textOrNull(std::string_view text)
@@ -159,15 +156,6 @@ void writeCsv(std::ostream& out, const tse::BookkeepingReport& report)
     }
 }
 
-void writeTo(const std::string& path, const std::function<void(std::ostream&)>& write)
-{
-    if (path == "-") return write(std::cout);
-    std::ofstream file(path, std::ios::binary);
-    if (!file) refuse(EXIT_BAD_INPUT, "Cannot write " + path);
-    write(file);
-    if (!file.flush()) refuse(EXIT_BAD_INPUT, "Cannot write " + path);
-}
-
 void printSummary(std::ostream& out, const tse::BookkeepingReport& report, bool strict)
 {
     const tse::BookkeepingSummary& s = report.summary;
@@ -253,23 +241,19 @@ int dsfinvkCommand(DsfinvkCommandOptions& options)
         line = std::make_unique<ProgressLine>();
         options.check.progress = [&line](const tse::BookkeepingProgress& p) { line->update(p); };
     }
-    const int toStandardOutput = (options.jsonPath == "-") + (options.csvPath == "-") + (options.htmlPath == "-");
-    if (toStandardOutput > 1) {
-        refuse(EXIT_BAD_INPUT, "--json, --csv and --html cannot share standard output; write all but one to files\n"
-                               "Run with --help for more information.");
-    }
     const tse::Result<tse::BookkeepingReport> outcome = tse::checkBookkeeping(options.check);
     line.reset();
     if (!outcome) refuse(EXIT_BAD_INPUT, "Cannot check the bookkeeping: " + outcome.error().message);
     const tse::BookkeepingReport& report = *outcome;
-    if (!options.jsonPath.empty()) writeTo(options.jsonPath, [&](std::ostream& out) { writeJson(out, report); });
-    if (!options.csvPath.empty()) writeTo(options.csvPath, [&](std::ostream& out) { writeCsv(out, report); });
-    if (!options.htmlPath.empty()) {
+    const ReportPaths& reports = options.reports;
+    if (!reports.json.empty()) writeTo(reports.json, [&](std::ostream& out) { writeJson(out, report); });
+    if (!reports.csv.empty()) writeTo(reports.csv, [&](std::ostream& out) { writeCsv(out, report); });
+    if (!reports.html.empty()) {
         HtmlContext context{options.check.dsfinvk, options.check.strict};
         context.inputs.insert(context.inputs.end(), options.check.tse.begin(), options.check.tse.end());
-        writeTo(options.htmlPath, [&](std::ostream& out) { writeBookkeepingHtml(out, report, context); });
+        writeTo(reports.html, [&](std::ostream& out) { writeBookkeepingHtml(out, report, context); });
     }
-    if (toStandardOutput == 0) printSummary(std::cout, report, options.check.strict);
+    if (!anyToStandardOutput(reports)) printSummary(std::cout, report, options.check.strict);
     return report.summary.errors ? EXIT_NOT_VERIFIED : EXIT_OK;
 }
 
@@ -288,24 +272,13 @@ Command addDsfinvkCommand(CLI::App& parent)
         ->type_name("PATH...");
     app->add_option("--tse", options->check.tse, "TSE export to match against (TAR, split TAR, folder, log files)")
         ->type_name("EXPORT");
-    app->add_option("--cert", options->check.certificateFiles, "Further TSE certificate (PEM or DER); repeatable")
-        ->type_name("FILE")
-        ->allow_extra_args(false);
-    app->add_option("--trust", options->check.trustDirectories, "Directory of trusted root certificates")
-        ->type_name("DIR")
-        ->allow_extra_args(false);
-    app->add_option("--json", options->jsonPath, "Write the report as JSON (- for standard output)")->type_name("FILE");
-    app->add_option("--csv", options->csvPath, "Write one row per transaction as CSV (- for standard output)")
-        ->type_name("FILE");
-    app->add_option("--html", options->htmlPath,
-                    "Write a self-contained HTML report for people (- for standard output)")
-        ->type_name("FILE");
-    app->add_flag("--strict", options->check.strict, "Count warnings as errors");
-    app->add_option("--jobs,-j", options->check.jobs, "Threads to verify with (default: every core)")
-        ->check(CLI::Range(1u, 1024u));
-    app->add_flag("--progress,!--no-progress", options->progress,
-                  "Show progress on standard error (default: when it is a terminal)");
-    return Command{app, [options] { return dsfinvkCommand(*options); }};
+    addCertOption(*app, options->check.certificateFiles);
+    addTrustOption(*app, options->check.trustDirectories);
+    addReportOptions(*app, options->reports);
+    addStrictOption(*app, options->check.strict);
+    addJobsOption(*app, options->check.jobs);
+    addProgressOption(*app, options->progress);
+    return Command{app, [options] { return dsfinvkCommand(*options); }, &options->reports};
 }
 
 }  // namespace tsecheck

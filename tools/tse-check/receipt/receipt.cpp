@@ -359,13 +359,12 @@ Command addReceiptCommand(CLI::App& parent)
                     "Pictures (PNG, JPEG, WebP, HEIC, TIFF, GIF, BMP) or PDF files; every QR code in them is "
                     "checked; - for one picture on standard input")
         ->type_name("FILE...");
-    app->add_flag("--json", options->json, "Print the results as one JSON array");
+    addJsonFlag(*app, options->json);
     app->add_flag("--explain", options->explain, "For an invalid receipt, find the change under which it verifies");
     app->add_option("--time-window", options->timeWindow,
                     "Seconds either side of the log time that --explain searches (default 7200, at most 604800)")
         ->check(CLI::Range(int64_t{0}, tse::MAX_TIME_WINDOW));
-    app->add_option("--jobs,-j", options->jobs, "Threads to verify with (default: every core)")
-        ->check(CLI::Range(1u, 1024u));
+    addJobsOption(*app, options->jobs);
     return Command{app, [options] { return receiptCommand(*options); }};
 }
 

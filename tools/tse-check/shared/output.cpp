@@ -1,11 +1,87 @@
 #include "shared/output.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <optional>
 
 #include "text.h"
 
+#include "shared/inputs.h"
+
 namespace tsecheck {
+namespace {
+
+// Why the path cannot take a report, or nothing when it can: an existing
+// file must be writable, a new one needs a folder it can be made in.
+std::optional<std::string> unwritable(const std::string& path)
+{
+    namespace fs = std::filesystem;
+    std::error_code ignored;
+    const fs::file_status status = fs::status(path, ignored);
+    if (fs::is_directory(status)) return std::string(std::strerror(EISDIR));
+    if (fs::exists(status)) {
+        if (::access(path.c_str(), W_OK) != 0) return std::string(std::strerror(errno));
+        return std::nullopt;
+    }
+    const std::string folder = fs::path(path).parent_path().string();
+    if (::access(folder.empty() ? "." : folder.c_str(), W_OK | X_OK) != 0) return std::string(std::strerror(errno));
+    return std::nullopt;
+}
+
+[[noreturn]] void refuseToWrite(const std::string& path, const std::string& reason)
+{
+    refuse(EXIT_BAD_INPUT, "Cannot write " + tse::escapeText(path) + ": " + reason);
+}
+
+}  // namespace
+
+void checkReportPaths(const ReportPaths& paths)
+{
+    std::vector<std::string> given;
+    for (const std::string* path : {&paths.json, &paths.csv, &paths.html}) {
+        if (!path->empty()) given.push_back(*path);
+    }
+    std::sort(given.begin(), given.end());
+    const auto twice = std::adjacent_find(given.begin(), given.end());
+    if (twice != given.end()) {
+        refuse(EXIT_BAD_INPUT, "--json, --csv and --html cannot share " +
+                                   (*twice == "-" ? "standard output; write all but one to files"
+                                                  : "the file " + tse::escapeText(*twice)) +
+                                   "\nRun with --help for more information.");
+    }
+    for (const std::string& path : given) {
+        if (path == "-") continue;
+        if (const std::optional<std::string> reason = unwritable(path)) refuseToWrite(path, *reason);
+    }
+}
+
+bool anyToStandardOutput(const ReportPaths& paths)
+{
+    return paths.json == "-" || paths.csv == "-" || paths.html == "-";
+}
+
+void writeTo(const std::string& path, const std::function<void(std::ostream&)>& write)
+{
+    if (path == "-") {
+        write(std::cout);
+        std::cout.flush();
+        return;
+    }
+    errno = 0;
+    std::ofstream file(path, std::ios::binary);
+    if (!file) refuseToWrite(path, errno ? std::strerror(errno) : "it cannot be opened");
+    // The stream keeps no reason of its own; the failed write leaves it in errno.
+    errno = 0;
+    write(file);
+    if (!file.flush()) refuseToWrite(path, errno ? std::strerror(errno) : "writing failed");
+}
 
 std::string lowerWord(const std::string& word)
 {

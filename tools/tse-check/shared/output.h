@@ -1,6 +1,7 @@
 #ifndef TSE_CHECK_SHARED_OUTPUT_H
 #define TSE_CHECK_SHARED_OUTPUT_H
 
+#include <functional>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -8,7 +9,20 @@
 
 #include <nlohmann/json.hpp>
 
+#include "shared/options.h"
+
 namespace tsecheck {
+
+// Refuses, before any work is done: two reports to standard output or to
+// one file (a usage error), or a path that cannot be written (the path and
+// the system's reason), so that an hour's audit is not lost to a typo.
+void checkReportPaths(const ReportPaths& paths);
+// Whether a report takes standard output; the text summary stays off it then.
+bool anyToStandardOutput(const ReportPaths& paths);
+// Writes through `write` into the file, or to standard output for "-".
+// Refuses naming the path (escaped) and the system's reason when the file
+// cannot be opened or written.
+void writeTo(const std::string& path, const std::function<void(std::ostream&)>& write);
 
 // "NO-CERTIFICATE" -> "no-certificate": the JSON spelling of a verdict word.
 std::string lowerWord(const std::string& word);
