@@ -7,6 +7,7 @@
 #include "algorithms.h"
 #include "ber.h"
 #include "log_message.h"
+
 #include "commands.h"
 #include "shared/inputs.h"
 

@@ -11,12 +11,13 @@
 #include "algorithms.h"
 #include "certificate.h"
 #include "log_message.h"
+#include "log_verify.h"
 #include "myutils.h"
 #include "receipt_text.h"
 #include "receipt_verify.h"
+
 #include "commands.h"
 #include "shared/inputs.h"
-#include "log_verify.h"
 
 namespace tsecheck {
 namespace {

@@ -17,9 +17,10 @@
 #include "log_judgement.h"
 #include "log_message.h"
 #include "parallel.h"
+
 #include "commands.h"
-#include "shared/output.h"
 #include "shared/inputs.h"
+#include "shared/output.h"
 
 namespace tsecheck {
 namespace {

@@ -14,10 +14,11 @@
 #include "audit.h"
 #include "parallel.h"
 #include "text.h"
-#include "shared/html_head.h"
+
+#include "audit/audit_html.h"
 #include "commands.h"
-#include "shared/output.h"
 #include "shared/inputs.h"
+#include "shared/output.h"
 
 namespace tsecheck {
 namespace {

@@ -1,14 +1,14 @@
 // tse-check audit --html: what the audit report shows a person. Judging is
 // done by then; this reads the report and aggregates it for the charts.
+#include "audit/audit_html.h"
+
 #include <algorithm>
-#include <chrono>
 #include <map>
 #include <set>
 #include <string_view>
 #include <unordered_map>
 
 #include "svg_chart.h"
-#include "shared/html_head.h"
 
 namespace tsecheck {
 namespace {
@@ -327,26 +327,7 @@ void logTables(report::ReportPage& page, const tse::AuditReport& report, const s
     }
 }
 
-std::string nowUtc()
-{
-    const auto now = std::chrono::system_clock::now();
-    return tse::isoSeconds(std::chrono::duration_cast<std::chrono::seconds>(now.time_since_epoch()).count());
-}
-
 }  // namespace
-
-report::PageHead pageHead(const std::string& title, report::Verdict verdict, const std::string& verdictLine,
-                          const HtmlContext& context)
-{
-    report::PageHead head;
-    head.title = title;
-    head.verdict = verdict;
-    head.verdictLine = verdictLine;
-    head.inputs = report::describeInputs(context.inputs);
-    head.tool = std::string("tse-check ") + TSE_CHECK_VERSION;
-    head.madeAt = nowUtc();
-    return head;
-}
 
 void writeAuditHtml(std::ostream& out, const tse::AuditReport& report, const HtmlContext& context)
 {

@@ -12,10 +12,11 @@
 #include <nlohmann/json.hpp>
 
 #include "dsfinvk_check.h"
+
 #include "commands.h"
-#include "shared/html_head.h"
-#include "shared/output.h"
+#include "dsfinvk/dsfinvk_html.h"
 #include "shared/inputs.h"
+#include "shared/output.h"
 
 namespace tsecheck {
 namespace {

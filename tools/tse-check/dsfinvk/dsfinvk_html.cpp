@@ -1,6 +1,7 @@
 // The report of `tse-check dsfinvk --html`: the bookkeeping against its TSE
 // export, for people. It says what the text summary says, shows the sales
 // per day on both sides, and lists every transaction.
+#include "dsfinvk/dsfinvk_html.h"
 
 #include <algorithm>
 #include <optional>
@@ -9,7 +10,6 @@
 
 #include "dsfinvk_report.h"
 #include "svg_chart.h"
-#include "shared/html_head.h"
 
 namespace tsecheck {
 namespace {

@@ -17,10 +17,11 @@
 #include "receipt_explain.h"
 #include "receipt_text.h"
 #include "receipt_verify.h"
+
 #include "commands.h"
 #include "receipt/pdf_child_process.h"
-#include "shared/output.h"
 #include "shared/inputs.h"
+#include "shared/output.h"
 
 namespace tsecheck {
 namespace {
