@@ -5,7 +5,9 @@
 #include <cmath>
 #include <cstdio>
 
+#include "civil_time.h"
 #include "html_writer.h"
+#include "text.h"
 
 namespace report {
 namespace {
@@ -176,57 +178,16 @@ double padded(double low, double high, bool high_end)
 std::string formatNumber(double value)
 {
     if (std::fabs(value - std::round(value)) > 1e-9) return num(value);
-    const long long whole = std::llround(value);
-    std::string digits = std::to_string(whole < 0 ? -whole : whole);
-    std::string out;
-    for (size_t i = 0; i < digits.size(); ++i) {
-        if (i && (digits.size() - i) % 3 == 0) out += ',';
-        out += digits[i];
-    }
-    return (whole < 0 ? "-" : "") + out;
-}
-
-int64_t daysFromCivil(int year, unsigned month, unsigned day)
-{
-    year -= month <= 2;
-    const int era = (year >= 0 ? year : year - 399) / 400;
-    const unsigned yoe = static_cast<unsigned>(year - era * 400);
-    const unsigned doy = (153 * (month + (month > 2 ? -3u : 9u)) + 2) / 5 + day - 1;
-    const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-    return int64_t{era} * 146097 + static_cast<int64_t>(doe) - 719468;
-}
-
-void civilFromDays(int64_t days, int& year, unsigned& month, unsigned& day)
-{
-    days += 719468;
-    const int64_t era = (days >= 0 ? days : days - 146096) / 146097;
-    const unsigned doe = static_cast<unsigned>(days - era * 146097);
-    const unsigned yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
-    const unsigned doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
-    const unsigned mp = (5 * doy + 2) / 153;
-    day = doy - (153 * mp + 2) / 5 + 1;
-    month = mp < 10 ? mp + 3 : mp - 9;
-    year = static_cast<int>(static_cast<int64_t>(yoe) + era * 400) + (month <= 2);
+    return tse::groupedDigits(std::llround(value));
 }
 
 std::string formatTime(int64_t seconds, TimeDetail detail)
 {
-    const int64_t days = seconds >= 0 ? seconds / 86400 : (seconds - 86399) / 86400;
-    const int64_t rest = seconds - days * 86400;
-    int year;
-    unsigned month, day;
-    civilFromDays(days, year, month, day);
-    char buffer[48];
-    if (detail == TimeDetail::Second) {
-        std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02u %02d:%02d:%02d", year, month, day,
-                      static_cast<int>(rest / 3600), static_cast<int>(rest % 3600 / 60), static_cast<int>(rest % 60));
-    } else if (detail == TimeDetail::Minute) {
-        std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02u %02d:%02d", year, month, day, static_cast<int>(rest / 3600),
-                      static_cast<int>(rest % 3600 / 60));
-    } else {
-        std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02u", year, month, day);
-    }
-    return buffer;
+    // ISO 8601 with a blank for the T and no zone, which the axis names.
+    std::string text = tse::isoSeconds(seconds);
+    const size_t date = text.find('T');
+    text[date] = ' ';
+    return text.substr(0, date + (detail == TimeDetail::Second ? 9 : detail == TimeDetail::Minute ? 6 : 0));
 }
 
 std::vector<Tick> numberTicks(double low, double high, int count)
@@ -278,17 +239,15 @@ std::vector<Tick> timeTicks(int64_t low, int64_t high, int count)
         }
     }
     // Longer spans: whole months, then whole years.
-    int year;
-    unsigned month, day;
-    civilFromDays(low / DAY, year, month, day);
+    const tse::CivilTime first = tse::civilFromSeconds(low);
     for (const int months : {1, 2, 3, 6, 12, 24, 60, 120, 600}) {
         if (span / (30 * DAY * months) > count) continue;
-        int y = year;
-        int m = static_cast<int>(month) - 1 + 1;  // the first whole month after low
+        int64_t y = first.year;
+        int m = static_cast<int>(first.month) - 1 + 1;  // the first whole month after low
         m = (m + months - 1) / months * months;
         for (;;) {
             y += m / 12, m %= 12;
-            const int64_t at = daysFromCivil(y, static_cast<unsigned>(m + 1), 1) * DAY;
+            const int64_t at = tse::daysFromCivil(y, static_cast<unsigned>(m + 1), 1) * DAY;
             if (at > high) break;
             if (at >= low) {
                 std::string label = formatTime(at);

@@ -67,12 +67,6 @@ size_t pendingCost(const WorkItem& item)
     return item.bytes.size() + item.name.size() + ITEM_OVERHEAD;
 }
 
-std::string_view algorithmName(const LogMessage& message)
-{
-    const SignatureAlgorithm* algorithm = algorithmByOid(message.signatureAlgorithmOid);
-    return algorithm ? std::string_view(algorithm->name) : std::string_view(message.signatureAlgorithmOid);
-}
-
 Digest digestOf(ByteView data)
 {
     const Bytes hash = sha256(data);
@@ -143,7 +137,7 @@ void fillFromMessage(LogRecord& record, RecordTexts& texts, const LogMessage& me
     record.type = message.type;
     record.counter = message.signatureCounter;
     texts.serialNumber = memory.hexOf(message.serialNumber);
-    texts.algorithm = algorithmName(message);
+    texts.algorithm = algorithmName(message.signatureAlgorithmOid);
     record.seconds = message.logTime.seconds;
     record.fraction = message.logTime.fraction;
     record.timeFormat = message.logTime.format;

@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <set>
 #include <unordered_map>
 
@@ -23,6 +22,7 @@
 #include "receipt_text.h"
 #include "receipt_verify.h"
 #include "text.h"
+#include "thread_annotations.h"
 
 namespace tse {
 namespace {
@@ -40,21 +40,6 @@ const std::vector<std::string_view> STANDARD_TABLES = {
     "tse.csv",              "vat.csv",       "businesscases.csv",    "payment.csv",     "cash_per_currency.csv",
     "transactions.csv",     "datapayment.csv", "lines.csv",          "itemamounts.csv", "subitems.csv",
     "transactions_tse.csv", "transactions_vat.csv", "lines_vat.csv", "allocation_groups.csv", "references.csv"};
-
-std::string_view baseName(std::string_view path)
-{
-    const size_t slash = path.find_last_of("/\\");
-    return slash == std::string_view::npos ? path : path.substr(slash + 1);
-}
-
-std::string lower(std::string_view text)
-{
-    std::string out(text);
-    for (char& c : out) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    }
-    return out;
-}
 
 std::string shown(std::string_view value)
 {
@@ -232,7 +217,10 @@ private:
 
     const BookkeepingOptions& options_;
     BookkeepingReport report_;
-    std::mutex findingsLock_;
+    // Rows are judged on several threads; their findings join the report
+    // when finish() starts.
+    Mutex findingsLock_;
+    std::vector<BookkeepingFinding> findings_ TSE_GUARDED_BY(findingsLock_);
 
     std::vector<Closing> closings_;
     std::unordered_map<std::string, uint32_t> closingIndex_;
@@ -247,7 +235,14 @@ private:
     std::set<std::string> tablesSeen_;
     Columns tseColumns_, rowColumns_, registerColumns_, terminalColumns_, bonColumns_, vatColumns_, paymentColumns_;
 
-    std::mutex tseLock_;
+    // What the audit's threads hand over while the TSE export is read;
+    // moved into the members below once it is.
+    struct TseIntake {
+        Mutex lock;
+        std::unordered_map<std::string, uint32_t> serials TSE_GUARDED_BY(lock);
+        std::deque<TseLog> logs TSE_GUARDED_BY(lock);
+        std::deque<TseStart> starts TSE_GUARDED_BY(lock);
+    } intake_;
     std::unordered_map<std::string, uint32_t> serials_;  // hex, of both sides
     // Deques grow without copying what they hold: no doubling at the peak.
     std::deque<TseLog> tseLogs_;  // Finish logs
@@ -260,8 +255,8 @@ private:
 
 void Check::addFinding(Severity severity, std::string code, std::string message, std::vector<std::string> transactions)
 {
-    std::lock_guard<std::mutex> lock(findingsLock_);
-    report_.findings.push_back(BookkeepingFinding{severity, std::move(code), std::move(message), std::move(transactions)});
+    ExclusiveLock<Mutex> lock(findingsLock_);
+    findings_.push_back(BookkeepingFinding{severity, std::move(code), std::move(message), std::move(transactions)});
 }
 
 uint32_t Check::closingOf(const CsvRecord& record, const std::vector<std::string>& header, Columns& columns)
@@ -418,7 +413,7 @@ std::string Check::readExport(const ExportSource& source)
     }
     std::set<std::string> present;
     const Result<ExportRead> second = readExportSource(source, options_.maxTableSize, [&](ExportMember&& member) {
-        const std::string table = lower(baseName(member.name));
+        const std::string table = asciiLower(baseName(member.name));
         const TableDescription* description = index ? findTable(*index, table) : nullptr;
         const bool known = description != nullptr ||
                            std::find(STANDARD_TABLES.begin(), STANDARD_TABLES.end(), table) != STANDARD_TABLES.end();
@@ -436,7 +431,7 @@ std::string Check::readExport(const ExportSource& source)
     if (second->truncation) addFinding(Severity::Error, "csv-malformed", *second->truncation, {});
     std::vector<std::string> expected;
     if (index) {
-        for (const TableDescription& table : *index) expected.push_back(lower(baseName(table.url)));
+        for (const TableDescription& table : *index) expected.push_back(asciiLower(baseName(table.url)));
     } else {
         expected.assign(STANDARD_TABLES.begin(), STANDARD_TABLES.end());
     }
@@ -707,14 +702,15 @@ void Check::readTseExport()
         if (message.type != LogType::Transaction) return;
         const std::optional<uint64_t> number = message.transactionNumber();
         if (!number) return;
-        const std::string operation = lower(message.operation());
+        const std::string operation = asciiLower(message.operation());
         const bool finish = operation.rfind("finish", 0) == 0;
         if (!finish && operation.rfind("start", 0) != 0) return;
         const std::string serial = toHex(message.serialNumber);
         if (!finish) {
-            std::lock_guard<std::mutex> lock(tseLock_);
-            const uint32_t index = serials_.emplace(serial, static_cast<uint32_t>(serials_.size())).first->second;
-            tseStarts_.push_back(TseStart{index, *number, message.logTime.seconds});
+            ExclusiveLock<Mutex> lock(intake_.lock);
+            const uint32_t index =
+                intake_.serials.emplace(serial, static_cast<uint32_t>(intake_.serials.size())).first->second;
+            intake_.starts.push_back(TseStart{index, *number, message.logTime.seconds});
             return;
         }
         TseLog log;
@@ -731,11 +727,17 @@ void Check::readTseExport()
         log.processData.shrink_to_fit();
         log.signatureHash = hashOf(std::string_view(reinterpret_cast<const char*>(message.signatureValue.data()),
                                                     message.signatureValue.size()));
-        std::lock_guard<std::mutex> lock(tseLock_);
-        log.serial = serials_.emplace(serial, static_cast<uint32_t>(serials_.size())).first->second;
-        tseLogs_.push_back(std::move(log));
+        ExclusiveLock<Mutex> lock(intake_.lock);
+        log.serial = intake_.serials.emplace(serial, static_cast<uint32_t>(intake_.serials.size())).first->second;
+        intake_.logs.push_back(std::move(log));
     };
     Result<AuditReport> outcome = auditExport(audit);
+    {
+        ExclusiveLock<Mutex> lock(intake_.lock);
+        serials_ = std::move(intake_.serials);
+        tseLogs_ = std::move(intake_.logs);
+        tseStarts_ = std::move(intake_.starts);
+    }
     if (!outcome) throw std::runtime_error(outcome.error().message);
     tseSummary_ = outcome->summary;
     tseReport_ = std::move(outcome).value();
@@ -969,6 +971,10 @@ void Check::finish()
         s.unbooked += *t.match == MatchState::Unbooked;
         s.unknown += *t.match == MatchState::Unknown;
         s.outside += *t.match == MatchState::Outside;
+    }
+    {
+        ExclusiveLock<Mutex> lock(findingsLock_);
+        report_.findings = std::move(findings_);
     }
     // An unsigned sale the TSE did sign is reported as that alone.
     std::set<std::string> signedAfterAll;

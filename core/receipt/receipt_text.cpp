@@ -22,11 +22,6 @@ constexpr FormatName FORMAT_NAMES[] = {
     {ReceiptTimeFormat::GeneralizedTimeWithMilliseconds, "generalizedTimeWithMilliseconds"},
 };
 
-bool isBlank(char c)
-{
-    return c == ' ' || c == '\t' || c == '\r' || c == '\n';
-}
-
 std::vector<std::string_view> splitFields(std::string_view text)
 {
     std::vector<std::string_view> fields;
@@ -196,12 +191,12 @@ ReceiptKeys receiptKeys(std::string_view encoded)
 ReceiptKeys KeyCache::get(const std::string& encoded)
 {
     {
-        std::lock_guard<std::mutex> guard(lock_);
+        ExclusiveLock<Mutex> guard(lock_);
         const auto found = keys_.find(encoded);
         if (found != keys_.end()) return found->second;
     }
     ReceiptKeys keys = receiptKeys(encoded);
-    std::lock_guard<std::mutex> guard(lock_);
+    ExclusiveLock<Mutex> guard(lock_);
     return keys_.emplace(encoded, std::move(keys)).first->second;
 }
 

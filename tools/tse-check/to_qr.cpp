@@ -113,7 +113,6 @@ std::string checkedStartTime(const ToQrOptions& options, const tse::LogMessage& 
 
 std::vector<NamedField> qrFields(const tse::LogMessage& m, const std::string& startTime, const tse::PublicKey& key)
 {
-    const tse::SignatureAlgorithm* algorithm = tse::algorithmByOid(m.signatureAlgorithmOid);
     return {{"qrCodeVersion", "V0"},
             {"clientId", m.text("clientId")},
             {"processType", m.text("processType")},
@@ -122,7 +121,7 @@ std::vector<NamedField> qrFields(const tse::LogMessage& m, const std::string& st
             {"signatureCounter", std::to_string(m.signatureCounter)},
             {"startTime", startTime},
             {"logTime", m.logTime.iso()},
-            {"signatureAlgorithm", algorithm ? std::string(algorithm->name) : m.signatureAlgorithmOid},
+            {"signatureAlgorithm", std::string(tse::algorithmName(m.signatureAlgorithmOid))},
             {"logTimeFormat", std::string(tse::timeFormatName(m.logTime.format))},
             {"signature", tse::toBase64(m.signatureValue)},
             {"publicKey", tse::toBase64(key.point())}};

@@ -111,12 +111,6 @@ LogResult verifyOne(const std::string& path, const KeyIndex& keys)
     return result;
 }
 
-std::string algorithmName(const tse::LogMessage& message)
-{
-    const tse::SignatureAlgorithm* algorithm = tse::algorithmByOid(message.signatureAlgorithmOid);
-    return algorithm ? std::string(algorithm->name) : message.signatureAlgorithmOid;
-}
-
 nlohmann::json toJson(const LogResult& r)
 {
     nlohmann::json j = {{"file", tse::escapeText(r.file)},
@@ -133,7 +127,7 @@ nlohmann::json toJson(const LogResult& r)
     const tse::LogMessage& m = *r.message;
     j["type"] = tse::logTypeName(m.type);
     j["signatureCounter"] = m.signatureCounter;
-    j["signatureAlgorithm"] = algorithmName(m);
+    j["signatureAlgorithm"] = tse::algorithmName(m.signatureAlgorithmOid);
     j["logTime"] = m.logTime.iso();
     j["logTimeFormat"] = tse::timeFormatName(m.logTime.format);
     j["serialNumber"] = tse::toHex(m.serialNumber);
@@ -147,7 +141,7 @@ std::vector<std::string> textColumns(const LogResult& r)
     if (r.message) {
         columns.push_back(std::string(tse::logTypeName(r.message->type)));
         columns.push_back("Sig-" + std::to_string(r.message->signatureCounter));
-        columns.push_back(algorithmName(*r.message));
+        columns.push_back(std::string(tse::algorithmName(r.message->signatureAlgorithmOid)));
         columns.push_back(r.message->logTime.iso());
     } else {
         columns.insert(columns.end(), 4, "-");

@@ -17,6 +17,7 @@
 #include "receipt_explain.h"
 #include "receipt_text.h"
 #include "receipt_verify.h"
+#include "text.h"
 
 #include "commands.h"
 #include "receipt/pdf_child_process.h"
@@ -240,7 +241,7 @@ nlohmann::json toJson(const ReceiptResult& r, bool explainRan)
 {
     nlohmann::json j = {{"source", r.input.source},
                         {"text", tse::escapeText(r.input.text)},
-                        {"verdict", lowerWord(verdictWord(r.verification.verdict))},
+                        {"verdict", tse::asciiLower(verdictWord(r.verification.verdict))},
                         {"reason", orNull(r.verification.reason)},
                         {"form", r.verification.valid() ? nlohmann::json(tse::describeForm(r.verification.form))
                                                         : nlohmann::json(nullptr)}};

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -81,13 +80,6 @@ void writeTo(const std::string& path, const std::function<void(std::ostream&)>& 
     errno = 0;
     write(file);
     if (!file.flush()) refuseToWrite(path, errno ? std::strerror(errno) : "writing failed");
-}
-
-std::string lowerWord(const std::string& word)
-{
-    std::string out = word;
-    std::transform(out.begin(), out.end(), out.begin(), [](unsigned char c) { return std::tolower(c); });
-    return out;
 }
 
 void printAligned(std::ostream& out, const std::vector<std::vector<std::string>>& unsafeRows)

@@ -24,9 +24,6 @@ bool anyToStandardOutput(const ReportPaths& paths);
 // cannot be opened or written.
 void writeTo(const std::string& path, const std::function<void(std::ostream&)>& write);
 
-// "NO-CERTIFICATE" -> "no-certificate": the JSON spelling of a verdict word.
-std::string lowerWord(const std::string& word);
-
 // Rows of columns, every column but the last padded to its widest cell, so
 // that people can scan verdicts and counters down a column. A control
 // character or a byte that is not UTF-8 in a cell is escaped, so that no
