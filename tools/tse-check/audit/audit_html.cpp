@@ -49,74 +49,84 @@ bool isUpdateTime(const tse::LogRecord& log)
     return log.type == tse::LogType::System && tse::equalsIgnoringCase(log.operation, "updateTime");
 }
 
+void addLog(TseLogs& group, const tse::LogRecord& log, size_t row)
+{
+    group.rows.push_back(row);
+    if (log.seconds) {
+        group.firstTime = std::min(group.firstTime.value_or(*log.seconds), *log.seconds);
+        group.lastTime = std::max(group.lastTime.value_or(*log.seconds), *log.seconds);
+    }
+    if (!log.counter) return;
+    group.lowestCounter = std::min(group.lowestCounter.value_or(*log.counter), *log.counter);
+    group.highestCounter = std::max(group.highestCounter.value_or(*log.counter), *log.counter);
+    if (log.seconds && !group.serial.empty()) {
+        group.points.push_back({static_cast<double>(*log.seconds), static_cast<double>(*log.counter)});
+        if (isUpdateTime(log)) group.updateTimeCounters.push_back(*log.counter);
+    }
+}
+
+std::string missingLabel(uint64_t from, uint64_t to)
+{
+    return from == to ? "missing " + formatNumber(static_cast<double>(from))
+                      : "missing " + formatNumber(static_cast<double>(from)) + "\xE2\x80\x93" +
+                            formatNumber(static_cast<double>(to));
+}
+
+// Gaps and clocks set back show in counter order; the line is drawn in
+// time order.
+void markGapsAndSteps(TseLogs& group)
+{
+    std::sort(group.updateTimeCounters.begin(), group.updateTimeCounters.end());
+    const auto setsClock = [&](double counter) {
+        return std::binary_search(group.updateTimeCounters.begin(), group.updateTimeCounters.end(),
+                                  static_cast<uint64_t>(counter));
+    };
+    std::sort(group.points.begin(), group.points.end(),
+              [](const report::Point& a, const report::Point& b) { return a.y < b.y || (a.y == b.y && a.x < b.x); });
+    for (size_t i = 1; i < group.points.size(); ++i) {
+        const report::Point& before = group.points[i - 1];
+        const report::Point& now = group.points[i];
+        if (now.y > before.y + 1) {
+            ++group.gapCount;
+            const auto from = static_cast<uint64_t>(before.y) + 1, to = static_cast<uint64_t>(now.y) - 1;
+            group.missing += to - from + 1;
+            if (group.gaps.points.size() < MAX_MARKS) {
+                group.gaps.points.push_back(now);
+                group.gaps.labels.push_back(missingLabel(from, to));
+            }
+        }
+        if (now.x < before.x && (setsClock(now.y) || setsClock(before.y))) {
+            if (group.clockSet.points.size() < MAX_MARKS) {
+                group.clockSet.points.push_back(now);
+                group.clockSet.labels.push_back("set " + formatNumber(before.x - now.x) + " s back");
+            }
+        } else if (now.x < before.x) {
+            ++group.regressionCount;
+            if (group.regressions.points.size() < MAX_MARKS) {
+                group.regressions.points.push_back(now);
+                group.regressions.labels.push_back(formatNumber(before.x - now.x) + " s back");
+            }
+        }
+    }
+    std::sort(group.points.begin(), group.points.end(),
+              [](const report::Point& a, const report::Point& b) { return a.x < b.x || (a.x == b.x && a.y < b.y); });
+}
+
 std::vector<TseLogs> groupByTse(const tse::AuditReport& report)
 {
     std::vector<TseLogs> groups;
     std::unordered_map<std::string_view, size_t> index;
     for (size_t i = 0; i < report.logs.size(); ++i) {
         const tse::LogRecord& log = report.logs[i];
-        const std::string_view serial = log.serialNumber;
-        auto [at, added] = index.emplace(serial, groups.size());
+        auto [at, added] = index.emplace(log.serialNumber, groups.size());
         if (added) {
             groups.emplace_back();
-            groups.back().serial = serial;
+            groups.back().serial = log.serialNumber;
             groups.back().algorithm = log.algorithm;
         }
-        TseLogs& group = groups[at->second];
-        group.rows.push_back(i);
-        if (log.seconds) {
-            group.firstTime = std::min(group.firstTime.value_or(*log.seconds), *log.seconds);
-            group.lastTime = std::max(group.lastTime.value_or(*log.seconds), *log.seconds);
-        }
-        if (log.counter) {
-            group.lowestCounter = std::min(group.lowestCounter.value_or(*log.counter), *log.counter);
-            group.highestCounter = std::max(group.highestCounter.value_or(*log.counter), *log.counter);
-            if (log.seconds && !serial.empty()) {
-                group.points.push_back({static_cast<double>(*log.seconds), static_cast<double>(*log.counter)});
-                if (isUpdateTime(log)) group.updateTimeCounters.push_back(*log.counter);
-            }
-        }
+        addLog(groups[at->second], log, i);
     }
-    // Gaps and clocks set back show in counter order; the line is drawn in
-    // time order.
-    for (TseLogs& group : groups) {
-        std::sort(group.updateTimeCounters.begin(), group.updateTimeCounters.end());
-        const auto setsClock = [&](double counter) {
-            return std::binary_search(group.updateTimeCounters.begin(), group.updateTimeCounters.end(),
-                                      static_cast<uint64_t>(counter));
-        };
-        std::sort(group.points.begin(), group.points.end(),
-                  [](const report::Point& a, const report::Point& b) { return a.y < b.y || (a.y == b.y && a.x < b.x); });
-        for (size_t i = 1; i < group.points.size(); ++i) {
-            const report::Point& before = group.points[i - 1];
-            const report::Point& now = group.points[i];
-            if (now.y > before.y + 1) {
-                ++group.gapCount;
-                const auto from = static_cast<uint64_t>(before.y) + 1, to = static_cast<uint64_t>(now.y) - 1;
-                group.missing += to - from + 1;
-                if (group.gaps.points.size() < MAX_MARKS) {
-                    group.gaps.points.push_back(now);
-                    group.gaps.labels.push_back(from == to ? "missing " + formatNumber(static_cast<double>(from))
-                                                           : "missing " + formatNumber(static_cast<double>(from)) +
-                                                                 "\xE2\x80\x93" + formatNumber(static_cast<double>(to)));
-                }
-            }
-            if (now.x < before.x && (setsClock(now.y) || setsClock(before.y))) {
-                if (group.clockSet.points.size() < MAX_MARKS) {
-                    group.clockSet.points.push_back(now);
-                    group.clockSet.labels.push_back("set " + formatNumber(before.x - now.x) + " s back");
-                }
-            } else if (now.x < before.x) {
-                ++group.regressionCount;
-                if (group.regressions.points.size() < MAX_MARKS) {
-                    group.regressions.points.push_back(now);
-                    group.regressions.labels.push_back(formatNumber(before.x - now.x) + " s back");
-                }
-            }
-        }
-        std::sort(group.points.begin(), group.points.end(),
-                  [](const report::Point& a, const report::Point& b) { return a.x < b.x || (a.x == b.x && a.y < b.y); });
-    }
+    for (TseLogs& group : groups) markGapsAndSteps(group);
     return groups;
 }
 
@@ -246,17 +256,24 @@ void logsPerDayChart(report::ReportPage& page, const tse::AuditReport& report)
     page.figure(report::barChart(chart, "perday"), chart.description);
 }
 
-void validityChart(report::ReportPage& page, const tse::AuditReport& report, const std::vector<TseLogs>& groups)
+// The first and the last log time over every TSE.
+std::pair<std::optional<int64_t>, std::optional<int64_t>> logSpan(const std::vector<TseLogs>& groups)
 {
-    report::IntervalChart chart;
-    chart.title = "Certificate validity and the time of the logs";
-    chart.bandName = "time of all logs";
     std::optional<int64_t> first, last;
     for (const TseLogs& group : groups) {
         if (!group.firstTime) continue;
         first = std::min(first.value_or(*group.firstTime), *group.firstTime);
         last = std::max(last.value_or(*group.lastTime), *group.lastTime);
     }
+    return {first, last};
+}
+
+void validityChart(report::ReportPage& page, const tse::AuditReport& report, const std::vector<TseLogs>& groups)
+{
+    report::IntervalChart chart;
+    chart.title = "Certificate validity and the time of the logs";
+    chart.bandName = "time of all logs";
+    const auto [first, last] = logSpan(groups);
     if (first) chart.band = std::make_pair(*first, *last);
     std::string text;
     for (const tse::CertificateRecord& c : report.certificates) {
@@ -327,25 +344,18 @@ void logTables(report::ReportPage& page, const tse::AuditReport& report, const s
     }
 }
 
-}  // namespace
-
-void writeAuditHtml(std::ostream& out, const tse::AuditReport& report, const HtmlContext& context)
+report::PageHead auditHead(const tse::AuditReport& report, const std::vector<TseLogs>& groups,
+                           const HtmlContext& context)
 {
     const tse::AuditSummary& s = report.summary;
     const report::Verdict verdict = s.errors     ? report::Verdict::Failed
                                     : s.warnings ? report::Verdict::PassedWithWarnings
                                                  : report::Verdict::Passed;
-    const std::vector<TseLogs> groups = groupByTse(report);
     report::PageHead head = pageHead("TSE export audit", verdict,
                                      count(s.logs, "logs") + ", " + count(s.errors, "errors") + ", " +
                                          count(s.warnings, "warnings") + (context.strict ? " (strict)" : ""),
                                      context);
-    std::optional<int64_t> first, last;
-    for (const TseLogs& group : groups) {
-        if (!group.firstTime) continue;
-        first = std::min(first.value_or(*group.firstTime), *group.firstTime);
-        last = std::max(last.value_or(*group.lastTime), *group.lastTime);
-    }
+    const auto [first, last] = logSpan(groups);
     head.facts = {{"Logs", count(s.logs, "") + "(" + count(s.valid, "valid") + ", " + count(s.invalid, "invalid") + ", " +
                                count(s.noCertificate, "without certificate") + ", " + count(s.unreadable, "unreadable") + ")"},
                   {"By type", count(s.transaction, "transaction") + ", " + count(s.system, "system") + ", " +
@@ -356,8 +366,11 @@ void writeAuditHtml(std::ostream& out, const tse::AuditReport& report, const Htm
     }
     if (s.duplicatesSkipped) head.facts.push_back({"Identical copies", count(s.duplicatesSkipped, "counted once")});
     head.facts.push_back({"info.csv", report.info ? "read" : (report.infoProblem.empty() ? "missing" : report.infoProblem)});
-    report::ReportPage page(out, head);
+    return head;
+}
 
+void tseTable(report::ReportPage& page, const tse::AuditReport& report, const std::vector<TseLogs>& groups)
+{
     std::vector<std::vector<std::string>> tses{
         {"TSE serial number", "Curve", "Certificate subject", "Certificate valid", "Chain", "Logs", "Counters"}};
     for (const TseLogs& group : groups) {
@@ -369,6 +382,35 @@ void writeAuditHtml(std::ostream& out, const tse::AuditReport& report, const Htm
                         formatNumber(static_cast<double>(group.rows.size())), counterRange(group)});
     }
     page.smallTable(tses, "TSEs");
+}
+
+void certificateTables(report::ReportPage& page, const tse::AuditReport& report)
+{
+    std::vector<std::vector<std::string>> certificates{
+        {"File", "Key hash", "Subject", "Issuer", "Valid from", "Valid to", "Curve", "Chain"}};
+    for (const tse::CertificateRecord& c : report.certificates) {
+        certificates.push_back({c.file + (c.keyProblem.empty() ? "" : " (" + c.keyProblem + ")"), c.serialNumber, c.subject,
+                                c.issuer, c.notBefore ? tse::isoSeconds(*c.notBefore) : "-",
+                                c.notAfter ? tse::isoSeconds(*c.notAfter) : "-", c.curve,
+                                std::string(tse::chainStatusName(c.chain.status)) +
+                                    (c.chain.reason.empty() ? "" : ": " + c.chain.reason)});
+    }
+    page.smallTable(certificates, "Certificates");
+    if (!report.info) return;
+    std::vector<std::vector<std::string>> info{{"Field", "Value"}};
+    for (const tse::InfoRecord& record : report.info->records) {
+        for (const auto& [key, value] : record) info.push_back({key, value});
+    }
+    page.smallTable(info, "info.csv");
+}
+
+}  // namespace
+
+void writeAuditHtml(std::ostream& out, const tse::AuditReport& report, const HtmlContext& context)
+{
+    const std::vector<TseLogs> groups = groupByTse(report);
+    report::ReportPage page(out, auditHead(report, groups, context));
+    tseTable(page, report, groups);
 
     page.beginSection("Findings", "findings");
     page.findings(findingGroups(report));
@@ -381,23 +423,7 @@ void writeAuditHtml(std::ostream& out, const tse::AuditReport& report, const Htm
     page.endSection();
 
     page.beginSection("Certificates", "certificates");
-    std::vector<std::vector<std::string>> certificates{
-        {"File", "Key hash", "Subject", "Issuer", "Valid from", "Valid to", "Curve", "Chain"}};
-    for (const tse::CertificateRecord& c : report.certificates) {
-        certificates.push_back({c.file + (c.keyProblem.empty() ? "" : " (" + c.keyProblem + ")"), c.serialNumber, c.subject,
-                                c.issuer, c.notBefore ? tse::isoSeconds(*c.notBefore) : "-",
-                                c.notAfter ? tse::isoSeconds(*c.notAfter) : "-", c.curve,
-                                std::string(tse::chainStatusName(c.chain.status)) +
-                                    (c.chain.reason.empty() ? "" : ": " + c.chain.reason)});
-    }
-    page.smallTable(certificates, "Certificates");
-    if (report.info) {
-        std::vector<std::vector<std::string>> info{{"Field", "Value"}};
-        for (const tse::InfoRecord& record : report.info->records) {
-            for (const auto& [key, value] : record) info.push_back({key, value});
-        }
-        page.smallTable(info, "info.csv");
-    }
+    certificateTables(page, report);
     page.endSection();
 
     page.beginSection("Logs", "logs");

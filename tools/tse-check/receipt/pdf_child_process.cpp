@@ -112,10 +112,10 @@ public:
     Fd(const Fd&) = delete;
     Fd& operator=(const Fd&) = delete;
     int get() const { return fd_; }
-    void reset()
+    void reset(int fd = -1)
     {
         if (fd_ >= 0) ::close(fd_);
-        fd_ = -1;
+        fd_ = fd;
     }
 
 private:
@@ -219,6 +219,115 @@ tse::Error spawnError(const char* step, int error)
     return tse::Error{std::string("the PDF cannot be rendered: ") + step + " failed: " + std::strerror(error)};
 }
 
+// Starts the renderer on the PDF; the pages come out of `output`.
+tse::Result<pid_t> startRenderer(tse::ByteView data, Fd& output)
+{
+    // The PDF reaches the child as a file in memory: a pipe would make the
+    // parent wait for a child that may never read, or die of SIGPIPE.
+    Fd input(memfd_create("tse-check-pdf", MFD_CLOEXEC));
+    if (input.get() < 0) return spawnError("memfd_create", errno);
+    if (!writeAll(input.get(), data.data(), data.size()) || ::lseek(input.get(), 0, SEEK_SET) != 0) {
+        return spawnError("writing the PDF for the renderer", errno);
+    }
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) return spawnError("pipe2", errno);
+    output.reset(ends[0]);
+    const Fd childEnd(ends[1]);
+
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, input.get(), STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, childEnd.get(), STDOUT_FILENO);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    char program[] = "tse-check";
+    char word[64];
+    std::strncpy(word, RENDER_PDF_WORD, sizeof word - 1);
+    word[sizeof word - 1] = '\0';
+    char* arguments[] = {program, word, nullptr};
+    pid_t pid = 0;
+    const int spawned = posix_spawn(&pid, "/proc/self/exe", &actions, nullptr, arguments, environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (spawned != 0) return spawnError("starting the renderer", spawned);
+    return pid;
+}
+
+// What the parent knows while it reads the renderer's records.
+struct Reading {
+    int fd;
+    Child& child;
+    int64_t deadline;
+    int lastPage = 0;
+    int64_t pixelsSoFar = 0;
+
+    // The pipe closed or the time ran out: why the child ended.
+    tse::Error broken(ReadEnd end)
+    {
+        child.kill();
+        return tse::Error{failure(child.wait(), lastPage + 1, end == ReadEnd::TimedOut)};
+    }
+    tse::Error garbled()
+    {
+        child.kill();
+        child.wait();
+        return tse::Error{"the PDF renderer sent something other than pages after " + pageWords(lastPage)};
+    }
+};
+
+// The closing record: the renderer's own error, no text when every page
+// rendered.
+tse::Result<void> readEnd(Reading& r)
+{
+    uint8_t size[4];
+    if (const ReadEnd end = readExact(r.fd, size, 4, r.deadline); end != ReadEnd::Done) return r.broken(end);
+    const uint32_t length = numberAt(size);
+    if (length > MAX_ERROR_TEXT) return r.garbled();
+    std::string text(length, '\0');
+    if (const ReadEnd end = readExact(r.fd, text.data(), length, r.deadline); end != ReadEnd::Done) {
+        return r.broken(end);
+    }
+    r.child.wait();
+    if (!text.empty()) return tse::Error{text};
+    return {};
+}
+
+// A page record after its tag. The child's numbers are never trusted: it
+// renders untrusted input.
+tse::Result<void> readPage(Reading& r, const tse::PdfPageHandler& onPage)
+{
+    uint8_t head[16];
+    if (const ReadEnd end = readExact(r.fd, head, sizeof head, r.deadline); end != ReadEnd::Done) {
+        return r.broken(end);
+    }
+    const int64_t page = numberAt(head), pages = numberAt(head + 4);
+    const int64_t width = numberAt(head + 8), height = numberAt(head + 12);
+    if (pages < 1 || pages > tse::maxPdfPages || page != r.lastPage + 1 || page > pages || width < 1 ||
+        height < 1 || width * height > tse::maxPageRenderPixels + PIXEL_SLACK ||
+        r.pixelsSoFar + width * height > tse::maxPdfRenderPixels + pages * PIXEL_SLACK) {
+        return r.garbled();
+    }
+    tse::GreyImage image{static_cast<int>(width), static_cast<int>(height),
+                         std::vector<uint8_t>(static_cast<size_t>(width * height))};
+    if (const ReadEnd end = readExact(r.fd, image.pixels.data(), image.pixels.size(), r.deadline);
+        end != ReadEnd::Done) {
+        return r.broken(end);
+    }
+    r.pixelsSoFar += width * height;
+    r.lastPage = static_cast<int>(page);
+    onPage(r.lastPage, static_cast<int>(pages), image);
+    return {};
+}
+
+tse::Result<void> readPages(Reading& r, const tse::PdfPageHandler& onPage)
+{
+    while (true) {
+        char tag = 0;
+        if (const ReadEnd end = readExact(r.fd, &tag, 1, r.deadline); end != ReadEnd::Done) return r.broken(end);
+        if (tag == END_TAG) return readEnd(r);
+        if (tag != PAGE_TAG) return r.garbled();
+        if (const tse::Result<void> page = readPage(r, onPage); !page) return page;
+    }
+}
+
 }  // namespace
 
 int renderPdfChild()
@@ -263,91 +372,12 @@ int renderPdfChild()
 
 tse::Result<void> renderPdfOutOfProcess(tse::ByteView data, const tse::PdfPageHandler& onPage)
 {
-    // The PDF reaches the child as a file in memory: a pipe would make the
-    // parent wait for a child that may never read, or die of SIGPIPE.
-    Fd input(memfd_create("tse-check-pdf", MFD_CLOEXEC));
-    if (input.get() < 0) return spawnError("memfd_create", errno);
-    if (!writeAll(input.get(), data.data(), data.size()) || ::lseek(input.get(), 0, SEEK_SET) != 0) {
-        return spawnError("writing the PDF for the renderer", errno);
-    }
-    int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0) return spawnError("pipe2", errno);
-    Fd output(ends[0]);
-    Fd childEnd(ends[1]);
-
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, input.get(), STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, childEnd.get(), STDOUT_FILENO);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-    char program[] = "tse-check";
-    char word[64];
-    std::strncpy(word, RENDER_PDF_WORD, sizeof word - 1);
-    word[sizeof word - 1] = '\0';
-    char* arguments[] = {program, word, nullptr};
-    pid_t pid = 0;
-    const int spawned = posix_spawn(&pid, "/proc/self/exe", &actions, nullptr, arguments, environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (spawned != 0) return spawnError("starting the renderer", spawned);
-    Child child(pid);
-    childEnd.reset();
-    input.reset();
-
-    const int64_t deadline = nowSeconds() + WALL_SECONDS;
-    int lastPage = 0;
-    int64_t pixelsSoFar = 0;
-    bool timedOut = false;
-    const auto broken = [&](ReadEnd end) {
-        timedOut = end == ReadEnd::TimedOut;
-        child.kill();
-        return tse::Error{failure(child.wait(), lastPage + 1, timedOut)};
-    };
-    const auto garbled = [&] {
-        child.kill();
-        child.wait();
-        return tse::Error{"the PDF renderer sent something other than pages after " + pageWords(lastPage)};
-    };
-    while (true) {
-        char tag = 0;
-        if (const ReadEnd end = readExact(output.get(), &tag, 1, deadline); end != ReadEnd::Done) return broken(end);
-        if (tag == END_TAG) {
-            uint8_t size[4];
-            if (const ReadEnd end = readExact(output.get(), size, 4, deadline); end != ReadEnd::Done) {
-                return broken(end);
-            }
-            const uint32_t length = numberAt(size);
-            if (length > MAX_ERROR_TEXT) return garbled();
-            std::string text(length, '\0');
-            if (const ReadEnd end = readExact(output.get(), text.data(), length, deadline); end != ReadEnd::Done) {
-                return broken(end);
-            }
-            child.wait();
-            if (!text.empty()) return tse::Error{text};
-            return {};
-        }
-        uint8_t head[16];
-        if (tag != PAGE_TAG) return garbled();
-        if (const ReadEnd end = readExact(output.get(), head, sizeof head, deadline); end != ReadEnd::Done) {
-            return broken(end);
-        }
-        // Never trust the child's numbers: it renders untrusted input.
-        const int64_t page = numberAt(head), pages = numberAt(head + 4);
-        const int64_t width = numberAt(head + 8), height = numberAt(head + 12);
-        if (pages < 1 || pages > tse::maxPdfPages || page != lastPage + 1 || page > pages || width < 1 ||
-            height < 1 || width * height > tse::maxPageRenderPixels + PIXEL_SLACK ||
-            pixelsSoFar + width * height > tse::maxPdfRenderPixels + pages * PIXEL_SLACK) {
-            return garbled();
-        }
-        tse::GreyImage image{static_cast<int>(width), static_cast<int>(height),
-                             std::vector<uint8_t>(static_cast<size_t>(width * height))};
-        if (const ReadEnd end = readExact(output.get(), image.pixels.data(), image.pixels.size(), deadline);
-            end != ReadEnd::Done) {
-            return broken(end);
-        }
-        pixelsSoFar += width * height;
-        lastPage = static_cast<int>(page);
-        onPage(lastPage, static_cast<int>(pages), image);
-    }
+    Fd output;
+    const tse::Result<pid_t> pid = startRenderer(data, output);
+    if (!pid) return pid.error();
+    Child child(*pid);
+    Reading reading{output.get(), child, nowSeconds() + WALL_SECONDS};
+    return readPages(reading, onPage);
 }
 
 }  // namespace tsecheck

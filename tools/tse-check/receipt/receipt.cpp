@@ -282,7 +282,8 @@ int exitStatus(const std::vector<ReceiptResult>& results, bool inputFailed)
     return status;
 }
 
-int receiptCommand(const ReceiptOptions& options)
+// The receipts of the arguments, lists and pictures, in that order.
+InputCollector collectInputs(const ReceiptOptions& options)
 {
     if (options.texts.empty() && options.lists.empty() && options.pictures.empty()) {
         refuse(EXIT_BAD_INPUT, "No receipt given: pass QR code texts, --from FILE or --image FILE");
@@ -295,52 +296,69 @@ int receiptCommand(const ReceiptOptions& options)
     collector.addTexts(options.texts);
     for (const std::string& path : options.lists) collector.addList(path);
     collector.addPictures(options.pictures, options.jobs);
+    return collector;
+}
 
+std::vector<ReceiptResult> verifyAll(const std::vector<ReceiptInput>& inputs, unsigned jobs)
+{
     tse::KeyCache keys;
-    std::vector<ReceiptResult> results(collector.inputs.size());
-    tse::parallelFor(results.size(), options.jobs,
-                     [&](size_t i) { results[i] = parseOne(collector.inputs[i], keys); });
+    std::vector<ReceiptResult> results(inputs.size());
+    tse::parallelFor(results.size(), jobs, [&](size_t i) { results[i] = parseOne(inputs[i], keys); });
     // A batch of one TSE's receipts is checked through tables of its key.
     tse::KeyVerifierSet verifiers;
     for (const ReceiptResult& r : results) {
         if (r.receipt) verifiers.count(r.receipt->key);
     }
-    verifiers.build(options.jobs);
+    verifiers.build(jobs);
     constexpr size_t CHUNK = 64;  // receipts per scratch
-    tse::parallelFor((results.size() + CHUNK - 1) / CHUNK, options.jobs, [&](size_t chunk) {
+    tse::parallelFor((results.size() + CHUNK - 1) / CHUNK, jobs, [&](size_t chunk) {
         tse::VerifyScratch scratch;
         for (size_t i = chunk * CHUNK; i < std::min(results.size(), (chunk + 1) * CHUNK); ++i) {
             verifyOne(results[i], verifiers, scratch);
         }
     });
-    // One explanation at a time, each on every core, all within the
-    // batch's work bound.
-    if (options.explain) {
-        tse::ExplainOptions explainOptions;
-        explainOptions.timeWindow = options.timeWindow;
-        explainOptions.jobs = options.jobs;
-        std::vector<ReceiptResult*> invalid;
-        std::vector<const tse::Receipt*> receipts;
-        for (ReceiptResult& r : results) {
-            if (r.verification.verdict != tse::Verdict::Invalid) continue;
-            invalid.push_back(&r);
-            receipts.push_back(&*r.receipt);
-        }
-        std::vector<tse::Explanation> explanations = tse::explainReceipts(receipts, explainOptions);
-        for (size_t i = 0; i < invalid.size(); ++i) invalid[i]->explanation = std::move(explanations[i]);
-    }
+    return results;
+}
 
+// One explanation at a time, each on every core, all within the batch's
+// work bound.
+void explainInvalid(std::vector<ReceiptResult>& results, const ReceiptOptions& options)
+{
+    tse::ExplainOptions explainOptions;
+    explainOptions.timeWindow = options.timeWindow;
+    explainOptions.jobs = options.jobs;
+    std::vector<ReceiptResult*> invalid;
+    std::vector<const tse::Receipt*> receipts;
+    for (ReceiptResult& r : results) {
+        if (r.verification.verdict != tse::Verdict::Invalid) continue;
+        invalid.push_back(&r);
+        receipts.push_back(&*r.receipt);
+    }
+    std::vector<tse::Explanation> explanations = tse::explainReceipts(receipts, explainOptions);
+    for (size_t i = 0; i < invalid.size(); ++i) invalid[i]->explanation = std::move(explanations[i]);
+}
+
+void printResults(const std::vector<ReceiptResult>& results, const ReceiptOptions& options)
+{
     if (options.json) {
         nlohmann::json document = nlohmann::json::array();
         for (const ReceiptResult& r : results) document.push_back(toJson(r, options.explain));
         makeJsonSafe(document);
         std::cout << document.dump(2) << std::endl;
-    } else {
-        std::vector<std::vector<std::string>> rows;
-        rows.reserve(results.size());
-        for (const ReceiptResult& r : results) rows.push_back(textColumns(r));
-        printAligned(std::cout, rows);
+        return;
     }
+    std::vector<std::vector<std::string>> rows;
+    rows.reserve(results.size());
+    for (const ReceiptResult& r : results) rows.push_back(textColumns(r));
+    printAligned(std::cout, rows);
+}
+
+int receiptCommand(const ReceiptOptions& options)
+{
+    const InputCollector collector = collectInputs(options);
+    std::vector<ReceiptResult> results = verifyAll(collector.inputs, options.jobs);
+    if (options.explain) explainInvalid(results, options);
+    printResults(results, options);
     return exitStatus(results, collector.failed);
 }
 
