@@ -62,7 +62,7 @@ std::string className(Verdict verdict)
 
 std::string byteCount(uint64_t bytes)
 {
-    return tse::groupedDigits(static_cast<int64_t>(bytes)) + " bytes";
+    return tse::groupedDigits(static_cast<int64_t>(bytes)) + (bytes == 1 ? " byte" : " bytes");
 }
 
 // Short values ("secp384r1", "untrusted-root") stay on one line; long
@@ -101,7 +101,7 @@ std::vector<InputFile> describeInputs(const std::vector<std::string>& paths)
                 bytes += entry.file_size(error);
             }
             input.size = bytes;
-            input.note = "directory of " + std::to_string(files) + " files";
+            input.note = "directory of " + std::to_string(files) + (files == 1 ? " file" : " files");
         } else {
             const uintmax_t size = fs::file_size(path, error);
             if (!error) input.size = size;
@@ -284,7 +284,7 @@ void ReportPage::table(const Table& table)
     const bool closed = table.rows > OPEN_TABLE_ROWS;
     Html html(buffer_);
     html.trusted(closed ? "<details class=\"closed\">" : "<details open>").open("summary");
-    html.text(table.caption + " (" + std::to_string(table.rows) + " rows)").close("summary");
+    html.text(table.caption + " (" + std::to_string(table.rows) + (table.rows == 1 ? " row)" : " rows)")).close("summary");
     html.open("table", {{"class", "logs"}}).trusted("<thead><tr>");
     for (const std::string& column : table.columns) html.trusted("<th>").text(column);
     html.trusted("</tr></thead><tbody>\n");

@@ -1,21 +1,29 @@
 // make-export: writes a synthetic TSE export - transactions with Start,
 // Update and Finish, system and audit logs, the certificate and info.csv -
 // signed with a fresh key, optionally with one planted defect. For tests
-// and benchmarks of `tse-check audit`.
+// and benchmarks of `tse-check audit`, and as the sales `make-dsfinvk`
+// books (--start and --interval place them in time, --varied gives them
+// several VAT rates, payments, orders and other processes).
 #include <archive.h>
 #include <archive_entry.h>
 
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
 #include <iostream>
+#include <optional>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <CLI/CLI.hpp>
 
 #include "algorithms.h"
+#include "dsfinvk_csv.h"
 #include "log_encoder.h"
+#include "log_time.h"
 #include "parallel.h"
 #include "signer.h"
 
@@ -26,6 +34,10 @@ using tse::Bytes;
 
 constexpr int64_t FIRST_LOG_TIME = 1700000000;  // 2023-11-14
 constexpr int64_t CLOCK_STEP_BACK = 30;
+// The first transaction starts this long after the first log: audit,
+// initialize and registerClient a second apart, then the clock set back.
+constexpr int64_t FIRST_TRANSACTION_OFFSET = 4 - CLOCK_STEP_BACK;
+constexpr int64_t LOGS_PER_TRANSACTION = 3;
 constexpr std::string_view ECSDSA_PLAIN_SHA256 = "0.4.0.127.0.7.1.1.4.4.2";
 
 const std::vector<std::string> DEFECTS{"signature-invalid", "certificate-missing", "log-unreadable",
@@ -46,6 +58,10 @@ struct Options {
     std::string client = "KASSE-01";
     uint64_t firstCounter = 1;
     unsigned jobs = tse::defaultJobs();
+    std::string start;  // ISO 8601 time of the first transaction's Start log
+    int64_t interval = LOGS_PER_TRANSACTION;  // seconds from one transaction's Start to the next
+    bool varied = false;
+    int64_t firstLogTime = FIRST_LOG_TIME;  // from `start`
 };
 
 // A log before it is signed: what it says and under which name.
@@ -55,6 +71,7 @@ struct PlannedLog {
     uint64_t transaction = 0;
     uint64_t counter = 0;
     int64_t seconds = 0;
+    std::string processType = "Kassenbeleg-V1";
     std::string processData = "Beleg^12.50_0.00_0.00_0.00_0.00^12.50:Bar";
     int64_t nameSeconds = 0;
     std::string nameSuffix;
@@ -125,7 +142,7 @@ Bytes certifiedData(const PlannedLog& log)
         data.operationType = log.operation + "Transaction";
         data.clientId = log.client;
         data.processData = Bytes(log.processData.begin(), log.processData.end());
-        data.processType = "Kassenbeleg-V1";
+        data.processType = log.processType;
         data.transactionNumber = log.transaction;
         return tse::encodeTransactionData(data);
     }
@@ -148,13 +165,42 @@ Bytes signedLog(const PlannedLog& log, tse::TimeFormat format, tse::Hash hash)
     return tse::encodeLogMessage(octets, log.signer->signPlain(hash, octets));
 }
 
+// What a register hands the TSE for sale t with --varied: receipts with one
+// to four VAT rates and every kind of payment, among them a return, a zero
+// receipt, a foreign currency and one whose payments exceed its VAT part (as
+// a real cloud TSE's register signs them), and now and then an order or
+// another process. The amounts change from sale to sale.
+std::pair<std::string, std::string> variedSale(uint64_t t)
+{
+    const int64_t a = 100 + static_cast<int64_t>((t * 7919) % 9000), b = 50 + static_cast<int64_t>((t * 104729) % 3000);
+    const auto money = [](int64_t cents) { return tse::formatAmount(cents); };
+    const auto receipt = [&](std::initializer_list<int64_t> gross, const std::string& payments) {
+        std::string fields;
+        for (const int64_t amount : gross) fields += (fields.empty() ? "" : "_") + money(amount);
+        return std::make_pair(std::string("Kassenbeleg-V1"), "Beleg^" + fields + "^" + payments);
+    };
+    switch (t % 10) {
+    case 0: return {"Bestellung-V1", "2;\"Kaffee\";" + money(b) + "\r1;\"Kuchen \"\"Erdbeer\"\"\";" + money(a)};
+    case 1: return receipt({a, b, 0, 0, 0}, money(a + b) + ":Bar");
+    case 2: return receipt({a, b, 0, 0, 250}, money(a + b + 250) + ":Unbar");
+    case 3: return receipt({a, 0, 0, 0, 0}, money(a - 100) + ":Bar_1.00:Unbar");
+    case 4: return receipt({a + b, 0, 0, 0, 0}, money(a) + ":Bar_" + money(b + b / 10) + ":Bar:CHF");
+    case 5: return receipt({-a, 0, 0, 0, 0}, money(-a) + ":Bar");
+    case 6: return receipt({0, 0, a, b, 0}, money(a + b) + ":Unbar");
+    case 7: return receipt({0, 0, 0, 0, 0}, "");
+    case 8: return {"SonstigerVorgang", "Kassenlade ohne Verkauf geoeffnet"};
+    default: return receipt({a, 0, 0, 0, 0}, money(a + 430) + ":Bar");
+    }
+}
+
 // The logs of a TSE's life: an audit log, start-up system logs with a clock
-// set back (legal, as updateTime logs it), then the transactions.
+// set back (legal, as updateTime logs it), then the transactions, each
+// `interval` seconds after the one before.
 std::vector<PlannedLog> plan(const Options& options, const tse::Signer& signer)
 {
     std::vector<PlannedLog> logs;
     uint64_t counter = options.firstCounter;
-    int64_t seconds = FIRST_LOG_TIME;
+    int64_t seconds = options.firstLogTime;
     auto add = [&](tse::LogType type, const std::string& operation, uint64_t transaction) {
         PlannedLog log;
         log.type = type;
@@ -164,6 +210,7 @@ std::vector<PlannedLog> plan(const Options& options, const tse::Signer& signer)
         log.seconds = log.nameSeconds = seconds++;
         log.signer = &signer;
         log.client = options.client;
+        if (options.varied && type == tse::LogType::Transaction) std::tie(log.processType, log.processData) = variedSale(transaction);
         logs.push_back(log);
     };
     add(tse::LogType::Audit, "", 0);
@@ -171,7 +218,9 @@ std::vector<PlannedLog> plan(const Options& options, const tse::Signer& signer)
     add(tse::LogType::System, "registerClient", 0);
     seconds -= CLOCK_STEP_BACK;
     add(tse::LogType::System, "updateTime", 0);
+    const int64_t firstStart = seconds;
     for (uint64_t t = 1; t <= options.transactions; ++t) {
+        seconds = firstStart + static_cast<int64_t>(t - 1) * options.interval;
         add(tse::LogType::Transaction, "Start", t);
         add(tse::LogType::Transaction, "Update", t);
         add(tse::LogType::Transaction, "Finish", t);
@@ -242,7 +291,7 @@ std::vector<Member> exportMembers(const Options& options)
     // A certificate valid from the middle transaction on leaves the logs
     // before it outside its validity.
     const int64_t notBefore =
-        options.defect == "certificate-chain" ? logs[middleUpdate(options)].seconds : FIRST_LOG_TIME - 86400;
+        options.defect == "certificate-chain" ? logs[middleUpdate(options)].seconds : options.firstLogTime - 86400;
     const std::string info = "\"description:\",\"synthetic export\",\"manufacturer:\",\"make-export\",\"version:\",\"1.0\"\n";
     // Certificates and info.csv first, as devices write them.
     members.insert(members.begin(), {Member{"info.csv", Bytes(info.begin(), info.end())}});
@@ -250,7 +299,7 @@ std::vector<Member> exportMembers(const Options& options)
     if (options.defect == "ca-expired") {
         // The TSE's certificate is valid, but its CA's ended before the first log.
         const tse::Signer ca(curve.curve);
-        const std::string caPem = ca.selfSignedCertificatePem("Synthetic CA", FIRST_LOG_TIME - 400 * 86400, 365);
+        const std::string caPem = ca.selfSignedCertificatePem("Synthetic CA", options.firstLogTime - 400 * 86400, 365);
         pem = signer.issuedCertificatePem("Synthetic TSE", ca, "Synthetic CA", notBefore, 3650);
         members.insert(members.begin(), Member{"Synthetic-CA_X509.pem", Bytes(caPem.begin(), caPem.end())});
     }
@@ -265,7 +314,7 @@ void check(archive* a, int status)
     if (status < ARCHIVE_WARN) throw std::runtime_error(archive_error_string(a) ? archive_error_string(a) : "archive error");
 }
 
-void writeArchive(const std::string& path, const std::string& format, const std::vector<Member>& members)
+void writeArchive(const std::string& path, const std::string& format, const std::vector<Member>& members, int64_t mtime)
 {
     std::unique_ptr<archive, int (*)(archive*)> a(archive_write_new(), archive_write_free);
     check(a.get(), archive_write_set_format_ustar(a.get()));
@@ -280,7 +329,7 @@ void writeArchive(const std::string& path, const std::string& format, const std:
         archive_entry_set_size(entry.get(), static_cast<la_int64_t>(member.bytes.size()));
         archive_entry_set_filetype(entry.get(), AE_IFREG);
         archive_entry_set_perm(entry.get(), 0644);
-        archive_entry_set_mtime(entry.get(), FIRST_LOG_TIME, 0);
+        archive_entry_set_mtime(entry.get(), mtime, 0);
         check(a.get(), archive_write_header(a.get(), entry.get()));
         if (archive_write_data(a.get(), member.bytes.data(), member.bytes.size()) < 0) check(a.get(), ARCHIVE_FATAL);
     }
@@ -316,7 +365,7 @@ int run(const Options& options)
         fs::create_directories(options.out);
         for (const Member& member : members) writeFile((fs::path(options.out) / member.name).string(), member.bytes);
     } else {
-        writeArchive(options.out, options.format, members);
+        writeArchive(options.out, options.format, members, options.firstLogTime);
         if (options.splitSize) split(options.out, options.splitSize);
     }
     return 0;
@@ -340,8 +389,18 @@ int main(int argc, char** argv)
     app.add_option("--client", options.client, "Client ID of the transactions (default KASSE-01)");
     app.add_option("--first-counter", options.firstCounter, "Signature counter of the first log");
     app.add_option("--jobs,-j", options.jobs, "Threads to sign with")->check(CLI::Range(1u, 1024u));
+    app.add_option("--start", options.start, "Time of the first transaction, ISO 8601 (e.g. 2020-12-31T22:00:00Z)");
+    app.add_option("--interval", options.interval, "Seconds from one transaction to the next (default 3)")
+        ->check(CLI::Range(LOGS_PER_TRANSACTION, int64_t{366} * 86400));
+    app.add_flag("--varied", options.varied,
+                 "Sales with several VAT rates and payments, returns, a foreign currency, orders and other processes");
     CLI11_PARSE(app, argc, argv);
     try {
+        if (!options.start.empty()) {
+            const std::optional<tse::IsoTime> start = tse::parseIsoTime(options.start);
+            if (!start) throw std::runtime_error("--start: not an ISO 8601 time: " + options.start);
+            options.firstLogTime = start->seconds - FIRST_TRANSACTION_OFFSET;
+        }
         return run(options);
     } catch (const std::exception& error) {
         std::cerr << "make-export: " << error.what() << std::endl;

@@ -239,6 +239,24 @@ Picture blurred(const Picture& picture, double sigma)
     return pass(pass(picture, 1, 0), 0, 1);
 }
 
+Picture overexposed(const Picture& picture)
+{
+    Picture out = picture;
+    for (int y = 0; y < picture.height; ++y) {
+        for (int x = 0; x < picture.width; ++x) {
+            uint8_t lightest = 0;
+            for (int sy = std::max(y - 1, 0); sy <= std::min(y + 1, picture.height - 1); ++sy) {
+                for (int sx = std::max(x - 1, 0); sx <= std::min(x + 1, picture.width - 1); ++sx) {
+                    lightest = std::max(lightest, picture.pixels[static_cast<size_t>(sy) * static_cast<size_t>(picture.width) +
+                                                                 static_cast<size_t>(sx)]);
+                }
+            }
+            at(out, x, y) = lightest;
+        }
+    }
+    return out;
+}
+
 Picture noisy(const Picture& picture, double sigma, unsigned seed)
 {
     std::mt19937 random(seed);

@@ -45,6 +45,10 @@ Picture scaled(const Picture& picture, double factor);
 // The difference from mid grey reduced to the given fraction: a faded
 // print or a dim photo.
 Picture faded(const Picture& picture, double contrast);
+// Light bleeding into the dark, as in an overexposed photo: each pixel
+// the lightest of its 3x3 neighbourhood, so dark modules lose a pixel at
+// every edge.
+Picture overexposed(const Picture& picture);
 
 // One picture of a graded series: what was done to it, the code text it
 // shows and the JPEG a phone would have written.

@@ -31,6 +31,21 @@ std::vector<SignatureCase> signatureCases(const Signer& signer, const Signer& ot
 // ECDSA_do_verify for a given hash value.
 bool referenceVerdict(const PublicKey& key, const SignatureCase& signatureCase);
 
+// A valid signature whose point R = u1·G + u2·Q has an x of at least the
+// order n, so that r = x(R) - n: R is picked first (x in [n, p), which
+// only curves with p > n have, as all six do), then any s and message,
+// and the key solved for as Q = u2^-1·(R - u1·G). Over SHA-256, whose
+// value is never longer than the order.
+struct CraftedSignature {
+    PublicKey key;
+    SignatureCase signatureCase;
+};
+CraftedSignature signatureWithLargeX(Curve curve, std::mt19937_64& random);
+
+// A fixed key on secp256r1 or brainpoolP256r1 whose x lies on the other
+// curve too, so that its compressed point stands for a key on either.
+Signer signerWithTwinX(Curve curve);
+
 }  // namespace tse
 
 #endif

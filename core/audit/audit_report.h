@@ -13,15 +13,13 @@
 #include <vector>
 
 #include "certificate_chain.h"
+#include "findings.h"
 #include "info_csv.h"
 #include "log_judgement.h"
 #include "log_message.h"
 #include "log_time.h"
 
 namespace tse {
-
-enum class Severity { Error, Warning };
-std::string_view severityName(Severity severity);  // "error", "warning"
 
 // One log as the report gives it out: enough for every report and
 // integrity rule, but not the log itself. The views point into the report's
@@ -89,9 +87,15 @@ public:
 
     // Keeps the record's texts; its views may point anywhere.
     void push_back(const LogRecord& record);
+    // Moves the other table's rows to the end of this one, row by row, so
+    // that the two never hold them all at once.
+    void append(LogTable&& other);
     size_t size() const { return rows_.size(); }
     bool empty() const { return rows_.empty(); }
     LogRecord operator[](size_t index) const;
+    // The same into a record that is used again, whose strings keep their
+    // room: for the writers that read every log.
+    void read(size_t index, LogRecord& record) const;
     const Row& row(size_t index) const { return rows_[index]; }
     std::string_view text(uint32_t id) const { return texts_[id]; }
     std::string file(size_t index) const;
@@ -103,11 +107,17 @@ public:
     void removeOrdinals(const std::unordered_set<uint64_t>& ordinals);
 
 private:
-    uint32_t intern(std::string_view text);
+    // The columns of pooled texts; each remembers the id it took last,
+    // since consecutive logs nearly always share their TSE, client and so on.
+    enum Column { FILE, SERIAL, ALGORITHM, OPERATION, CLIENT, PROCESS, FRACTION, REASON, NAME_PROBLEM, SOURCE, COLUMNS };
+    uint32_t intern(std::string_view text, Column column);
+    void appendFile(const Row& row, std::string& name) const;
 
     std::deque<Row> rows_;
     std::deque<std::string> texts_{std::string()};  // never moved, so the views stay valid
     std::unordered_map<std::string_view, uint32_t> ids_;
+    uint32_t last_[COLUMNS] = {};
+    std::string pattern_;  // room to make a name's pattern in
 };
 
 struct Finding {

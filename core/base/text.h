@@ -36,6 +36,13 @@ std::string groupedDigits(int64_t value);
 // the original bytes can be recovered from it.
 std::string escapeText(ByteView value);
 
+// Characters that change how the text around them is shown without being
+// seen themselves: the bidirectional controls (U+202A to U+202E, U+2066 to
+// U+2069, the marks U+200E, U+200F, U+061C), zero-width ones, the line and
+// paragraph separators and the byte order mark. An amount shown after
+// U+202E reads backwards; they are escaped wherever controls are.
+bool invisibleFormat(uint32_t code);
+
 // The same escapes without the one for the backslash, for messages that
 // embed values escaped already: escaping them again changes nothing. The
 // last guard before text reaches a terminal or a JSON document.
@@ -45,6 +52,9 @@ bool isSafeText(std::string_view text);  // escapeUnsafe would change nothing
 // A value for an error message: escaped as above, a '"' as \", in double
 // quotes, and cut after `limit` bytes (with "...") so a line stays a line.
 std::string quoted(std::string_view value, size_t limit = 40);
+
+// "1 log", "2 logs": a count with its noun in the number the count needs.
+std::string counted(uint64_t count, std::string_view one, std::string_view many);
 
 // A decimal number of digits only, at most what fits in 64 bits; nullopt
 // for anything else (a sign, blanks, no digits, too large).

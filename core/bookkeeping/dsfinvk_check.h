@@ -1,14 +1,21 @@
 #ifndef TSE_CORE_DSFINVK_CHECK_H
 #define TSE_CORE_DSFINVK_CHECK_H
 
+// The bookkeeping check: a register's DSFinV-K export read (intake), each
+// row's signature checked (verification), and the whole held against its
+// receipts and the TSE export (reconciliation). It says PASSED only when
+// every sale the TSE signed for the registers and periods the bookkeeping
+// covers is booked, unaltered, every booked sale is signed or an explained
+// TSE failure, and both sides were read whole.
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "dsfinvk_amounts.h"
 #include "dsfinvk_report.h"
 #include "parallel.h"
 #include "result.h"
@@ -26,34 +33,16 @@ struct BookkeepingOptions {
     std::vector<std::string> certificateFiles;
     std::vector<std::string> trustDirectories;
     unsigned jobs = defaultJobs();
-    bool strict = false;  // warnings count as errors
+    bool strict = false;               // warnings count as errors
     size_t maxTableSize = 256u << 20;  // a CSV file above this is refused (a million rows stay below)
-    // Called often from the reading thread; keep it cheap.
+    size_t maxTotalSize = 1u << 30;    // all tables together, uncompressed
+    // Called often from the working threads; keep it cheap.
     std::function<void(const BookkeepingProgress&)> progress;
 };
 
-// Reads the bookkeeping export, verifies every signed row from its own data
-// with the receipt rebuild, and, given a TSE export, matches the two by
-// (TSE serial number, transaction number).
-// An error for an export that cannot be read, or one without its TSE tables.
+// An error ("cannot check") for an export that cannot be read, one without
+// its TSE tables, or a TSE export that cannot be read at all.
 Result<BookkeepingReport> checkBookkeeping(const BookkeepingOptions& options);
-
-// The UTC seconds of a wall-clock time in Germany (CET, CEST from the last
-// Sunday of March to the last Sunday of October, 01:00 UTC each).
-int64_t germanLocalToUtc(int64_t localSeconds);
-
-// Kassenbeleg-V1 processData: the gross amounts of the five VAT rates and
-// the payments, in hundredths; nullopt when it does not have that form.
-struct ReceiptAmounts {
-    int64_t vat[5] = {0, 0, 0, 0, 0};
-    struct Payment {
-        bool cash = false;
-        std::string currency;  // "" for the base currency
-        int64_t amount = 0;
-    };
-    std::vector<Payment> payments;
-};
-std::optional<ReceiptAmounts> parseReceiptAmounts(std::string_view processData);
 
 }  // namespace tse
 

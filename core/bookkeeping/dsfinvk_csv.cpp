@@ -1,7 +1,8 @@
 #include "dsfinvk_csv.h"
 
+#include <algorithm>
 #include <cstdlib>
-#include <unordered_map>
+#include <iterator>
 
 namespace tse {
 namespace {
@@ -150,36 +151,85 @@ std::string windows1252ToUtf8(ByteView data)
     return out;
 }
 
+std::string utf8ToWindows1252(std::string_view text)
+{
+    std::string out;
+    for (size_t i = 0; i < text.size();) {
+        const auto lead = static_cast<uint8_t>(text[i]);
+        uint32_t code = lead;
+        size_t length = 1;
+        if ((lead & 0xE0) == 0xC0 && i + 1 < text.size()) {
+            code = ((lead & 0x1Fu) << 6) | (static_cast<uint8_t>(text[i + 1]) & 0x3Fu), length = 2;
+        } else if ((lead & 0xF0) == 0xE0 && i + 2 < text.size()) {
+            code = ((lead & 0x0Fu) << 12) | ((static_cast<uint8_t>(text[i + 1]) & 0x3Fu) << 6) |
+                   (static_cast<uint8_t>(text[i + 2]) & 0x3Fu),
+            length = 3;
+        }
+        const uint16_t* high = std::find(std::begin(CP1252_HIGH), std::end(CP1252_HIGH), code);
+        if (code < 0x80 || (code >= 0xA0 && code <= 0xFF)) out += static_cast<char>(code);
+        else if (high != std::end(CP1252_HIGH)) out += static_cast<char>(0x80 + (high - std::begin(CP1252_HIGH)));
+        else out.append(text.substr(i, length));
+        i += length;
+    }
+    return out;
+}
+
+namespace {
+
+// The columns' declared lengths, in the order of the header.
+std::vector<size_t> declaredLimits(const std::vector<std::string>& header, const std::vector<CsvColumn>& declared)
+{
+    std::vector<size_t> limits;
+    for (const std::string& name : header) {
+        size_t limit = 0;
+        for (const CsvColumn& column : declared) {
+            if (column.name == name) limit = column.maxLength;
+        }
+        limits.push_back(limit);
+    }
+    return limits;
+}
+
+// Why a well-formed record cannot be used, or "".
+std::string recordProblem(const CsvRecord& record, const std::vector<std::string>& header,
+                          const std::vector<size_t>& limits)
+{
+    const std::string line = "line " + std::to_string(record.line);
+    if (record.fields.size() != header.size()) {
+        return line + " has " + std::to_string(record.fields.size()) + " fields, the header " +
+               std::to_string(header.size());
+    }
+    for (size_t i = 0; i < record.fields.size(); ++i) {
+        if (limits[i] == 0 || record.fields[i].size() <= limits[i]) continue;
+        const size_t length = characters(record.fields[i]);
+        if (length <= limits[i]) continue;
+        return line + ": " + header[i] + " has " + std::to_string(length) + " characters, the description allows " +
+               std::to_string(limits[i]);
+    }
+    return {};
+}
+
+}  // namespace
+
 CsvRead readCsv(ByteView data, const CsvDialect& dialect, const std::vector<CsvColumn>& declared,
                 const CsvVisitor& visit)
 {
-    std::string converted;
     std::string_view text(reinterpret_cast<const char*>(data.data()), data.size());
     // A byte order mark says UTF-8 louder than a description saying ANSI.
-    if (text.substr(0, BOM.size()) == BOM) {
-        text.remove_prefix(BOM.size());
-    } else if (dialect.encoding == CsvEncoding::Windows1252) {
-        converted = windows1252ToUtf8(ByteView(text));
-        text = converted;
-    }
+    const bool bom = text.substr(0, BOM.size()) == BOM;
+    if (bom) text.remove_prefix(BOM.size());
+    // Every delimiter is ASCII, so the file is cut into fields first and
+    // only the fields are converted: no second copy of the whole file.
+    const bool convert = !bom && dialect.encoding == CsvEncoding::Windows1252;
     CsvRead read;
-    std::unordered_map<std::string, size_t> declaredLength;
-    for (const CsvColumn& column : declared) declaredLength[column.name] = column.maxLength;
-    std::vector<size_t> limits;
-    Parser parser(text, dialect);
-    CsvRecord record;
-    std::string problem;
     bool haveHeader = !dialect.headerLine;
     if (haveHeader) {
         for (const CsvColumn& column : declared) read.header.push_back(column.name);
     }
-    const auto setLimits = [&] {
-        for (const std::string& name : read.header) {
-            const auto found = declaredLength.find(name);
-            limits.push_back(found == declaredLength.end() ? 0 : found->second);
-        }
-    };
-    if (haveHeader) setLimits();
+    std::vector<size_t> limits = declaredLimits(read.header, declared);
+    Parser parser(text, dialect);
+    CsvRecord record;
+    std::string problem;
     while (parser.next(record, problem)) {
         if (!problem.empty()) {
             read.problems.push_back({record.line, "line " + std::to_string(record.line) + " " + problem});
@@ -187,31 +237,19 @@ CsvRead readCsv(ByteView data, const CsvDialect& dialect, const std::vector<CsvC
             continue;
         }
         if (blankRecord(record)) continue;
+        if (convert) {
+            for (std::string& field : record.fields) field = windows1252ToUtf8(ByteView(field));
+        }
         if (!haveHeader) {
             for (const std::string& name : record.fields) read.header.push_back(trimmed(name));
             haveHeader = true;
-            setLimits();
+            limits = declaredLimits(read.header, declared);
             continue;
         }
-        if (record.fields.size() != read.header.size()) {
-            read.problems.push_back({record.line, "line " + std::to_string(record.line) + " has " +
-                                                      std::to_string(record.fields.size()) + " fields, the header " +
-                                                      std::to_string(read.header.size())});
+        if (std::string why = recordProblem(record, read.header, limits); !why.empty()) {
+            read.problems.push_back({record.line, std::move(why)});
             continue;
         }
-        bool tooLong = false;
-        for (size_t i = 0; i < record.fields.size(); ++i) {
-            if (limits[i] == 0 || record.fields[i].size() <= limits[i]) continue;
-            const size_t length = characters(record.fields[i]);
-            if (length <= limits[i]) continue;
-            read.problems.push_back({record.line, "line " + std::to_string(record.line) + ": " + read.header[i] +
-                                                      " has " + std::to_string(length) +
-                                                      " characters, the description allows " +
-                                                      std::to_string(limits[i])});
-            tooLong = true;
-            break;
-        }
-        if (tooLong) continue;
         ++read.records;
         visit(read.header, record);
     }
@@ -268,6 +306,55 @@ std::string formatAmount(int64_t hundredths)
     std::string cents = std::to_string(magnitude % 100);
     if (cents.size() < 2) cents.insert(0, "0");
     return (negative ? "-" : "") + std::to_string(magnitude / 100) + "." + cents;
+}
+
+std::optional<int64_t> parseExactAmount(std::string_view text, char decimalSymbol, char groupingSymbol)
+{
+    constexpr unsigned DECIMALS = 5;
+    constexpr int64_t LIMIT = INT64_MAX / 100;
+    while (!text.empty() && text.front() == ' ') text.remove_prefix(1);
+    while (!text.empty() && text.back() == ' ') text.remove_suffix(1);
+    const bool negative = !text.empty() && text.front() == '-';
+    if (!text.empty() && (text.front() == '-' || text.front() == '+')) text.remove_prefix(1);
+    int64_t value = 0;
+    unsigned decimals = 0;
+    bool inFraction = false, digits = false;
+    for (const char c : text) {
+        if (c == decimalSymbol && !inFraction) {
+            inFraction = true;
+        } else if (c == groupingSymbol && groupingSymbol != '\0' && !inFraction && digits) {
+            continue;
+        } else if (c >= '0' && c <= '9') {
+            digits = true;
+            if (inFraction && decimals == DECIMALS) {
+                if (c != '0') return std::nullopt;
+                continue;
+            }
+            if (value > LIMIT) return std::nullopt;
+            value = value * 10 + (c - '0');
+            decimals += inFraction;
+        } else {
+            return std::nullopt;
+        }
+    }
+    if (!digits) return std::nullopt;
+    for (; decimals < DECIMALS; ++decimals) {
+        if (value > INT64_MAX / 10) return std::nullopt;
+        value *= 10;
+    }
+    return negative ? -value : value;
+}
+
+std::string formatExactAmount(int64_t units, unsigned decimals)
+{
+    const bool negative = units < 0;
+    uint64_t magnitude = negative ? static_cast<uint64_t>(-(units + 1)) + 1 : static_cast<uint64_t>(units);
+    for (unsigned d = decimals; d < 5; ++d) magnitude /= 10;
+    uint64_t scale = 1;
+    for (unsigned d = 0; d < decimals; ++d) scale *= 10;
+    std::string fraction = std::to_string(magnitude % scale);
+    fraction.insert(0, decimals - std::min<size_t>(decimals, fraction.size()), '0');
+    return (negative ? "-" : "") + std::to_string(magnitude / scale) + (decimals ? "." + fraction : "");
 }
 
 }  // namespace tse

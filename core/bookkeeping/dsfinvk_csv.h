@@ -66,8 +66,10 @@ using CsvVisitor = std::function<void(const std::vector<std::string>& header, co
 CsvRead readCsv(ByteView data, const CsvDialect& dialect, const std::vector<CsvColumn>& declared,
                 const CsvVisitor& visit);
 
-// Windows-1252 to UTF-8.
+// Windows-1252 to UTF-8, and back (what has no Windows-1252 byte stays
+// as it is).
 std::string windows1252ToUtf8(ByteView data);
+std::string utf8ToWindows1252(std::string_view text);
 
 // A decimal amount as the table writes it ("1.234,56" with the dialect's
 // symbols) in hundredths; more digits are rounded half away from zero.
@@ -75,6 +77,15 @@ std::optional<int64_t> parseAmount(std::string_view text, char decimalSymbol, ch
 
 // "12.50", "-0.05"
 std::string formatAmount(int64_t hundredths);
+
+// A decimal amount exactly, in units of 10^-5 (the finest the description
+// declares): "1.234,56789" -> 123456789. nullopt for anything else: a
+// second decimal symbol, a grouping symbol after it, more significant
+// digits than that, no digits, or a value beyond 90 trillion.
+std::optional<int64_t> parseExactAmount(std::string_view text, char decimalSymbol, char groupingSymbol);
+
+// An exact amount with `decimals` (0 to 5) digits after a dot: "12.50".
+std::string formatExactAmount(int64_t units, unsigned decimals = 2);
 
 }  // namespace tse
 

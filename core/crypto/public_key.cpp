@@ -9,6 +9,7 @@
 #include <openssl/x509.h>
 
 #include "openssl_ptr.h"
+#include "text.h"
 
 namespace tse {
 namespace {
@@ -158,7 +159,7 @@ Result<PublicKey> keyFromPoint(ByteView point, std::optional<Curve> curve)
     }
     ERR_clear_error();  // the curves the point is not on leave their reasons behind
     if (!sizeFits) {
-        return fail("a public key point of " + std::to_string(point.size()) + " bytes starting with " +
+        return fail("a public key point of " + counted(point.size(), "byte", "bytes") + " starting with " +
                     tagNameForPoint(point[0]) + " fits no supported curve");
     }
     if (found.empty()) {

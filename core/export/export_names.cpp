@@ -42,6 +42,7 @@ std::vector<std::string_view> nameParts(std::string_view stem, std::string_view&
         stem = stem.substr(0, clientAt);
     }
     std::vector<std::string_view> parts;
+    parts.reserve(8);  // a TSE's names have four to six, and this runs for every log
     size_t start = 0;
     while (true) {
         const size_t end = stem.find('_', start);

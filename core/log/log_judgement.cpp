@@ -33,6 +33,11 @@ LogJudgement judgeLog(const LogMessage& message, const PublicKey* key)
 
 LogJudgement judgeVerification(const LogMessage& message, Verification verification)
 {
+    return judgeVerification(algorithmByOid(message.signatureAlgorithmOid), std::move(verification));
+}
+
+LogJudgement judgeVerification(const SignatureAlgorithm* algorithm, Verification verification)
+{
     switch (verification.verdict) {
     case Verdict::Valid: return LogJudgement{LogVerdict::Valid, {}};
     case Verdict::Invalid:
@@ -41,7 +46,7 @@ LogJudgement judgeVerification(const LogMessage& message, Verification verificat
     case Verdict::UnsupportedAlgorithm:
         // A known algorithm this system cannot check leaves the signature
         // unproven, and the reason says why; an unknown one is no TSE log.
-        if (algorithmByOid(message.signatureAlgorithmOid) == nullptr) {
+        if (algorithm == nullptr) {
             return LogJudgement{LogVerdict::Unreadable, std::move(verification.reason)};
         }
         break;

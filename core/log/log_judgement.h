@@ -70,6 +70,9 @@ LogJudgement judgeLog(const LogMessage& message, const PublicKey* key);
 // The judgement of a log whose signature was checked already (by a faster
 // path, or many at once): the same words judgeLog gives.
 LogJudgement judgeVerification(const LogMessage& message, Verification verification);
+// The same for a log rebuilt from what a receipt or a bookkeeping row
+// states, signed under the algorithm it names (nullptr: none known).
+LogJudgement judgeVerification(const SignatureAlgorithm* algorithm, Verification verification);
 
 }  // namespace tse
 

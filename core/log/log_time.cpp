@@ -105,4 +105,19 @@ std::string generalizedTimeText(int64_t seconds, std::string_view fraction)
     return out + "Z";
 }
 
+int64_t germanLocalToUtc(int64_t localSeconds)
+{
+    constexpr int64_t DAY = 86400, HOUR = 3600;
+    const int64_t year = civilFromSeconds(localSeconds).year;
+    const auto lastSunday = [&](unsigned month, unsigned lastDay) {
+        const int64_t days = daysFromCivil(year, month, lastDay);
+        const int64_t weekday = ((days % 7) + 11) % 7;  // 1970-01-01 was a Thursday; 0 is Sunday
+        return (days - weekday) * DAY + HOUR;
+    };
+    const int64_t summerStart = lastSunday(3, 31), summerEnd = lastSunday(10, 31);
+    const int64_t summer = localSeconds - 2 * HOUR;
+    if (summer >= summerStart && summer < summerEnd) return summer;
+    return localSeconds - HOUR;
+}
+
 }  // namespace tse

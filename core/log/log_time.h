@@ -37,6 +37,11 @@ Result<LogTime> parseGeneralizedTime(std::string_view text);
 std::string utcTimeText(int64_t seconds, bool withSeconds = true);
 std::string generalizedTimeText(int64_t seconds, std::string_view fraction = {});
 
+// The UTC seconds of a wall-clock time in Germany (CET, CEST from the last
+// Sunday of March to the last Sunday of October, 01:00 UTC each), where
+// registers write their times without a zone.
+int64_t germanLocalToUtc(int64_t localSeconds);
+
 }  // namespace tse
 
 #endif

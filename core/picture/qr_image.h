@@ -20,13 +20,12 @@ struct ImageCode {
     std::array<PicturePoint, 4> corners;
 };
 
-// What a scan found, and why it stopped short when it did. Codes and error
-// come together on purpose, unlike a Result: the pages of a PDF read before
-// a broken one hold codes that count.
+// The codes and an error together, not a Result: a scan keeps the codes of
+// the pages of a PDF read before a broken one, and those count.
 struct ImageScan {
     std::vector<ImageCode> codes;  // every QR code found, in reading order
     std::string format;            // "PNG", "JPEG", "PDF", ...; empty when unknown
-    std::string error;             // set when the data is no readable picture, or a page is not
+    std::string error;             // set when the data is no readable picture, or a page of it is not
 };
 
 // Reads every QR code in a picture (PNG, JPEG, WebP, HEIC/HEIF, TIFF, GIF,

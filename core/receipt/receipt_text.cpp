@@ -216,8 +216,8 @@ Result<Receipt> parseReceiptText(std::string_view text, KeyCache* keys)
     if (text.empty()) return Error{"the text is empty", {}};
     const std::vector<std::string_view> fields = splitFields(text);
     if (fields.size() != FIELD_COUNT) {
-        return Error{"the text has " + std::to_string(fields.size()) +
-                                              " fields separated by \";\"; a receipt has 12"};
+        return Error{"the text has " + counted(fields.size(), "field", "fields") +
+                                              " separated by \";\"; a receipt has 12"};
     }
     ReceiptFields read;
     std::optional<ReceiptKeys> found;

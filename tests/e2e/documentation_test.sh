@@ -118,7 +118,7 @@ letters=$("$verifier" | grep -oE '^  -[a-z]X:' | cut -c3-4)
 [ "$(wc -w <<<"$letters")" -ge 3 ] || fail "the verifier's usage lists fewer than three options"
 for option in $letters; do
     checks=$((checks + 1))
-    grep -qE -- "^ +$option[a-z]" <<<"$verifier_page" || fail "signature-verification(1) lacks $option"
+    grep -qE -- "^ +${option}[a-z]" <<<"$verifier_page" || fail "signature-verification(1) lacks $option"
 done
 
 echo "documentation: $((checks - failures)) passed, $failures failed"

@@ -207,6 +207,15 @@ TEST(CoreText, EscapingKeepsOneLine)
         {"\xC3", "\\xC3"},                       // cut short
         {"\xC2\x85\xC2\x9B", "\\xC2\\x85\\xC2\\x9B"},  // C1 controls: NEL, CSI
         {"\xE2\x80\xA8", "\\xE2\\x80\\xA8"},      // line separator
+        {"\xE2\x80\xA9", "\\xE2\\x80\\xA9"},      // paragraph separator
+        {"\xE2\x80\xA7\xE2\x80\xAA", "\xE2\x80\xA7\\xE2\\x80\\xAA"},  // a printable neighbour stays, an embedding does not
+        // What turns an amount around on screen: RIGHT-TO-LEFT OVERRIDE,
+        // RIGHT-TO-LEFT ISOLATE, ARABIC LETTER MARK; a zero-width space and
+        // a byte order mark inside the text. Arabic letters themselves stay.
+        {"9.\xE2\x80\xAE" "00", "9.\\xE2\\x80\\xAE" "00"},
+        {"\xE2\x81\xA7x\xD8\x9C", "\\xE2\\x81\\xA7x\\xD8\\x9C"},
+        {"a\xE2\x80\x8B\xEF\xBB\xBF", "a\\xE2\\x80\\x8B\\xEF\\xBB\\xBF"},
+        {"\xD8\xB3\xE2\x80\x8C", "\xD8\xB3\\xE2\\x80\\x8C"},
         {"\xC0\xAF\xE0\x80\xAF", "\\xC0\\xAF\\xE0\\x80\\xAF"},  // overlong
         {"\xED\xA0\x80", "\\xED\\xA0\\x80"},      // surrogate
         {"\xF4\x90\x80\x80", "\\xF4\\x90\\x80\\x80"},  // past U+10FFFF

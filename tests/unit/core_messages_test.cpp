@@ -215,7 +215,7 @@ TEST(CoreMessages, EveryTruncationIsAClearError)
         }
         Bytes longer = log;
         longer.push_back(0);
-        EXPECT_NE(tse::parseLogMessage(longer).error().message.find("1 octets follow"), std::string::npos);
+        EXPECT_NE(tse::parseLogMessage(longer).error().message.find("1 octet follows"), std::string::npos);
     }
 }
 

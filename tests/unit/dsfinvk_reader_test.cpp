@@ -6,8 +6,10 @@
 #include <gtest/gtest.h>
 
 #include "dsfinvk_check.h"
+#include "log_time.h"
 #include "dsfinvk_csv.h"
 #include "dsfinvk_index.h"
+#include "dsfinvk_model.h"
 #include "file_reader.h"
 
 namespace {
@@ -167,6 +169,7 @@ TEST(DsfinvkAmounts, TablesAndProcessData)
                                            {"2,345", ',', '.', 235},
                                            {"7", ',', '.', 700},
                                            {"", ',', '.', std::nullopt},
+                                           {"1,2,3", ',', '.', std::nullopt},
                                            {"1,2x", ',', '.', std::nullopt}}) {
         EXPECT_EQ(tse::parseAmount(c.text, c.decimal, c.grouping), c.hundredths) << c.text;
     }
@@ -203,3 +206,65 @@ TEST(DsfinvkTime, GermanLocalTime)
 }
 
 }  // namespace
+
+TEST(DsfinvkAmounts, ExactToTheFifthDecimal)
+{
+    struct Case {
+        const char* text;
+        char decimal, grouping;
+        std::optional<int64_t> units;  // of 10^-5
+    };
+    for (const Case& c : std::vector<Case>{{"15,00", ',', '.', 1500000},
+                                           {"1.234,56789", ',', '.', 123456789},
+                                           {"-0,05", ',', '.', -5000},
+                                           {"+7", ',', '.', 700000},
+                                           {"3,000.00", '.', ',', 300000000},
+                                           {"0,123450000", ',', '.', 12345},  // trailing zeros beyond the fifth
+                                           {"0,123456", ',', '.', std::nullopt},  // a sixth digit is no cent of ours
+                                           {"1,2,3", ',', '.', std::nullopt},
+                                           {"1,2.3", ',', '.', std::nullopt},
+                                           {".5", ',', '.', std::nullopt},
+                                           {"", ',', '.', std::nullopt},
+                                           {"-", ',', '.', std::nullopt},
+                                           {"92233720368547,75808", ',', '.', std::nullopt},
+                                           {"922337203685478", ',', '.', std::nullopt}}) {
+        EXPECT_EQ(tse::parseExactAmount(c.text, c.decimal, c.grouping), c.units) << c.text;
+    }
+    EXPECT_EQ(tse::formatExactAmount(123456789), "1234.56");
+    EXPECT_EQ(tse::formatExactAmount(-5000), "-0.05");
+    EXPECT_EQ(tse::formatExactAmount(123456789, 5), "1234.56789");
+}
+
+TEST(DsfinvkAmounts, VatKeysMapOntoTheSignedAmounts)
+{
+    const std::vector<std::pair<uint32_t, std::optional<size_t>>> keys = {
+        {1, 0}, {11, 0}, {21, 0}, {2, 1}, {12, 1}, {22, 1}, {3, 2}, {13, 2}, {43, 2},
+        {4, 3}, {5, 4}, {6, 4}, {7, 4}, {8, 4}, {9, std::nullopt}, {1000, std::nullopt}, {0, std::nullopt}};
+    for (const auto& [key, field] : keys) EXPECT_EQ(tse::processDataField(key), field) << key;
+}
+
+TEST(DsfinvkIndex, RangeFromSaysWhetherAHeaderLineComes)
+{
+    for (const auto& [from, header] : std::vector<std::pair<std::string, bool>>{{"1", false}, {"2", true}, {"3", true}}) {
+        const std::string xml = "<DataSet><Media><Table><URL>a.csv</URL><UTF8/><Range><From>" + from +
+                                "</From></Range><VariableLength><VariableColumn><Name>A</Name></VariableColumn>"
+                                "</VariableLength></Table></Media></DataSet>";
+        const tse::Result<std::vector<tse::TableDescription>> parsed = tse::parseIndexXml(tse::ByteView(xml));
+        ASSERT_TRUE(parsed) << parsed.error().message;
+        EXPECT_EQ(parsed->front().dialect.headerLine, header) << from;
+    }
+}
+
+TEST(DsfinvkModel, RecordsKeepTheirFieldsWhateverTheirLengths)
+{
+    tse::RecordPool pool;
+    std::vector<std::pair<tse::RecordPool::Ref, std::vector<std::string>>> written;
+    for (const size_t length : {size_t{0}, size_t{1}, size_t{127}, size_t{128}, size_t{16383}, size_t{16384}, size_t{1} << 20}) {
+        std::vector<std::string> fields = {std::string(length, 'a'), "", std::string(length / 2 + 1, '\xFF')};
+        written.emplace_back(pool.add({fields[0], fields[1], fields[2]}), fields);
+    }
+    for (const auto& [ref, fields] : written) {
+        for (size_t i = 0; i < fields.size(); ++i) EXPECT_EQ(pool.field(ref, i), fields[i]) << fields[0].size();
+        EXPECT_EQ(pool.field(ref, fields.size()), "");
+    }
+}

@@ -26,6 +26,9 @@ TEST(HtmlEscaping, InputNeverBecomesMarkup)
         {"K\xC3\xA4sse \xE2\x82\xAC \xF0\x9F\x98\x80", "K\xC3\xA4sse \xE2\x82\xAC \xF0\x9F\x98\x80"},  // valid UTF-8 stays
         {"\x80x", bad + "x"},                        // a lone continuation byte
         {"\xC0\xAF", bad + bad},                     // an overlong '/'
+        {"\xE0\x80\xBC", bad + bad + bad},           // an overlong '<' in three octets
+        {"\xF0\x80\x80\x80", bad + bad + bad + bad},  // an overlong NUL in four
+        {"\xE0\xA0\x80\xF0\x90\x80\x80", "\xE0\xA0\x80\xF0\x90\x80\x80"},  // the smallest of each length stay
         {"\xED\xA0\x80", bad + bad + bad},           // a surrogate
         {"\xE2\x82", bad + bad},                     // cut short at the end
         {"\xE2\x82<", bad + bad + "&lt;"},           // cut short before markup

@@ -1,6 +1,8 @@
 // tse-check audit: checks a whole TSE export - every log, its certificates
 // and its integrity - and reports for people, spreadsheets and programs.
 #include <algorithm>
+#include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <iostream>
@@ -40,61 +42,166 @@ json textOrNull(std::string_view text)
 
 // Logs are written without building a JSON object for each: on exports of
 // a hundred thousand logs that took as long as a tenth of the verifying.
-void appendText(std::string& out, std::string_view unsafe)
+void appendText(std::string& out, std::string_view text)
 {
-    // The report's texts from the input are escaped already; this is the
-    // guard that keeps any other byte from breaking the document.
-    const std::string escaped = tse::isSafeText(unsafe) ? std::string() : tse::escapeUnsafe(unsafe);
-    const std::string_view text = escaped.empty() ? unsafe : std::string_view(escaped);
-    const bool plain = std::all_of(text.begin(), text.end(), [](unsigned char c) {
-        return c >= 0x20 && c < 0x7F && c != '"' && c != '\\';
-    });
-    if (plain) {
+    const auto plainByte = [](unsigned char c) { return c >= 0x20 && c < 0x7F && c != '"' && c != '\\'; };
+    if (std::all_of(text.begin(), text.end(), plainByte)) {
         out += '"';
         out += text;
         out += '"';
+        return;
+    }
+    // The report's texts from the input are escaped already; this is the
+    // guard that keeps any other byte from breaking the document.
+    const std::string escaped = tse::isSafeText(text) ? std::string(text) : tse::escapeUnsafe(text);
+    if (std::all_of(escaped.begin(), escaped.end(), plainByte)) {
+        out += '"';
+        out += escaped;
+        out += '"';
     } else {
-        out += json(std::string(text)).dump();
+        out += json(escaped).dump();
     }
 }
 
-void appendField(std::string& out, std::string_view key, std::string_view text)
+// `field` is the separator, the key and the colon, as it stands in the document.
+void appendField(std::string& out, std::string_view field, std::string_view text)
 {
-    out += out.back() == '{' ? "\"" : ", \"";
-    out += key;
-    out += "\": ";
+    out += field;
     if (text.empty()) out += "null";
     else appendText(out, text);
 }
 
-void appendNumber(std::string& out, std::string_view key, const std::optional<uint64_t>& value)
+// The log times as LogTime::iso writes them. They mostly fall on one day
+// after another, so the calendar is asked once a day and the time of day
+// written in place.
+class IsoTimes {
+public:
+    std::string_view of(int64_t seconds, std::string_view fraction)
+    {
+        const int64_t day = seconds / 86400 - (seconds % 86400 < 0 ? 1 : 0);
+        if (day != day_ || text_.empty()) {
+            text_ = tse::isoSeconds(day * 86400);  // ...T00:00:00Z
+            text_.resize(text_.size() - 9);
+            day_ = day;
+        }
+        const auto second = static_cast<unsigned>(seconds - day * 86400);
+        const size_t date = text_.size();
+        for (const unsigned part : {second / 3600, second / 60 % 60, second % 60}) {
+            text_ += static_cast<char>('0' + part / 10);
+            text_ += static_cast<char>('0' + part % 10);
+            text_ += ':';
+        }
+        text_.back() = '.';
+        text_ += fraction;
+        for (size_t digits = fraction.size(); digits < 3; ++digits) text_ += '0';
+        text_ += 'Z';
+        result_.assign(text_);
+        text_.resize(date);
+        return result_;
+    }
+
+private:
+    int64_t day_ = 0;
+    std::string text_;    // the day's date and the 'T'
+    std::string result_;
+};
+
+bool isPlain(std::string_view text)
 {
-    out += ", \"";
-    out += key;
-    out += "\": ";
-    out += value ? std::to_string(*value) : "null";
+    return std::all_of(text.begin(), text.end(),
+                       [](unsigned char c) { return c >= 0x20 && c < 0x7F && c != '"' && c != '\\'; });
 }
 
-void appendLogJson(std::string& out, const tse::LogRecord& log)
+std::string_view numberText(const std::optional<uint64_t>& value, char (&digits)[24])
 {
-    const auto time = log.logTime();
-    out += '{';
-    appendField(out, "file", log.file);
-    appendField(out, "type", log.type ? tse::logTypeName(*log.type) : std::string_view());
-    appendField(out, "verdict", tse::logVerdictName(log.verdict));
-    appendNumber(out, "signatureCounter", log.counter);
-    appendField(out, "serialNumber", log.serialNumber);
-    appendField(out, "signatureAlgorithm", log.algorithm);
-    appendField(out, "logTime", time ? time->iso() : std::string());
-    appendField(out, "logTimeFormat", time ? tse::timeFormatName(time->format) : std::string_view());
-    appendField(out, "operationType", log.operation);
-    appendField(out, "clientId", log.clientId);
-    appendField(out, "processType", log.processType);
-    appendNumber(out, "transactionNumber", log.transactionNumber);
-    appendField(out, "reason", log.reason);
-    appendField(out, "export", log.source);
-    out += '}';
+    if (!value) return {};
+    return std::string_view(digits, static_cast<size_t>(std::to_chars(digits, digits + sizeof digits, *value).ptr - digits));
 }
+
+// One log's line, as appendText writes its fields. Nearly every text is
+// plain printable ASCII: then the line is put together with one copy a
+// piece into room made once, and the texts pooled in the report (the same
+// few, at the same places, log after log) are looked at only once.
+class LogLines {
+public:
+    void append(std::string& out, const tse::LogRecord& log)
+    {
+        const bool timed = log.seconds && log.timeFormat;
+        char counter[24], transaction[24];
+        const Piece pieces[PIECES] = {
+            {"{\"file\": ", log.file, TEXT},
+            {", \"type\": ", log.type ? tse::logTypeName(*log.type) : std::string_view(), NAME},
+            {", \"verdict\": ", tse::logVerdictName(log.verdict), NAME},
+            {", \"signatureCounter\": ", numberText(log.counter, counter), NUMBER},
+            {", \"serialNumber\": ", log.serialNumber, TEXT},
+            {", \"signatureAlgorithm\": ", log.algorithm, TEXT},
+            {", \"logTime\": ", timed ? times_.of(*log.seconds, log.fraction) : std::string_view(), TEXT},
+            {", \"logTimeFormat\": ", timed ? tse::timeFormatName(*log.timeFormat) : std::string_view(), NAME},
+            {", \"operationType\": ", log.operation, TEXT},
+            {", \"clientId\": ", log.clientId, TEXT},
+            {", \"processType\": ", log.processType, TEXT},
+            {", \"transactionNumber\": ", numberText(log.transactionNumber, transaction), NUMBER},
+            {", \"reason\": ", log.reason, TEXT},
+            {", \"export\": ", log.source, TEXT},
+        };
+        if (!allPlain(pieces, log)) return appendSlowly(out, pieces);
+        size_t size = 1;
+        for (const Piece& p : pieces) {
+            size += p.key.size() + (p.text.empty() ? 4 : p.text.size() + (p.kind == NUMBER ? 0 : 2));
+        }
+        const size_t start = out.size();
+        out.resize(start + size);
+        char* at = &out[start];
+        const auto put = [&](std::string_view text) { at = std::copy(text.begin(), text.end(), at); };
+        for (const Piece& p : pieces) {
+            put(p.key);
+            if (p.text.empty()) put("null");
+            else if (p.kind == NUMBER) put(p.text);
+            else *at++ = '"', put(p.text), *at++ = '"';
+        }
+        *at = '}';
+    }
+
+private:
+    static constexpr size_t PIECES = 14;
+    // A text from the input; a name of this program's, with nothing to
+    // escape; a number, without quotes.
+    enum Kind { TEXT, NAME, NUMBER };
+    struct Piece {
+        std::string_view key;  // with the separator before it and the colon
+        std::string_view text;
+        Kind kind;
+    };
+
+    // The record's own strings (file, reason) change in place; the views
+    // into the report's pool are the pool's texts, which never change.
+    bool allPlain(const Piece (&pieces)[PIECES], const tse::LogRecord& log)
+    {
+        for (size_t i = 0; i < PIECES; ++i) {
+            const std::string_view text = pieces[i].text;
+            if (pieces[i].kind != TEXT || text.empty() ||
+                (text.data() == seen_[i].data() && text.size() == seen_[i].size())) {
+                continue;
+            }
+            if (!isPlain(text)) return false;
+            const bool owned = text.data() == log.file.data() || text.data() == log.reason.data();
+            if (!owned && i != 6) seen_[i] = text;
+        }
+        return true;
+    }
+
+    static void appendSlowly(std::string& out, const Piece (&pieces)[PIECES])
+    {
+        for (const Piece& p : pieces) {
+            if (p.kind != NUMBER) appendField(out, p.key, p.text);
+            else out += p.key, out += p.text.empty() ? std::string_view("null") : p.text;
+        }
+        out += '}';
+    }
+
+    IsoTimes times_;
+    std::string_view seen_[PIECES];  // pooled texts found plain
+};
 
 json timeJson(const std::optional<int64_t>& seconds)
 {
@@ -171,7 +278,9 @@ void writeCsv(std::ostream& out, const tse::AuditReport& report)
 {
     out << "file,type,verdict,signatureCounter,logTime,transactionNumber,operationType,clientId,processType,"
            "serialNumber,signatureAlgorithm,reason,export\n";
-    for (const tse::LogRecord& log : report.logs) {
+    tse::LogRecord log;
+    for (size_t n = 0; n < report.logs.size(); ++n) {
+        report.logs.read(n, log);
         const auto time = log.logTime();
         const std::vector<std::string> fields{
             log.file, log.type ? std::string(tse::logTypeName(*log.type)) : "", std::string(tse::logVerdictName(log.verdict)),
@@ -196,21 +305,38 @@ void writeLogsJson(std::ostream& out, const tse::AuditReport& report, unsigned j
         tse::parallelFor(texts.size(), jobs, [&](size_t i) {
             const size_t begin = (first + i) * CHUNK, end = std::min(begin + CHUNK, report.logs.size());
             texts[i].reserve((end - begin) * 512);  // a log's line is some 400 characters
+            tse::LogRecord log;  // read into again and again, so its strings keep their room
+            LogLines lines;
             for (size_t n = begin; n < end; ++n) {
                 texts[i] += n ? ",\n    " : "\n    ";
-                appendLogJson(texts[i], report.logs[n]);
+                report.logs.read(n, log);
+                lines.append(texts[i], log);
             }
         });
         for (const std::string& text : texts) out << text;
     }
 }
 
+// The verdict the text report's first line gives, and the exit status
+// that goes with it.
+const char* auditVerdict(const tse::AuditSummary& s)
+{
+    return s.errors ? "FAILED" : (s.warnings ? "PASSED WITH WARNINGS" : "PASSED");
+}
+
+int auditExitStatus(const tse::AuditSummary& s)
+{
+    return s.errors ? EXIT_NOT_VERIFIED : EXIT_OK;
+}
+
+// The verdict and exit status come first, where a script looks for them.
 void writeJson(std::ostream& out, const tse::AuditReport& report, unsigned jobs)
 {
     const std::string whole = reportJson(report).dump(2);
     const std::string marker = "\"logs\": []";
     const size_t at = whole.find(marker);
-    out << whole.substr(0, at) << "\"logs\": [";
+    out << "{\n  \"verdict\": " << json(auditVerdict(report.summary)).dump()
+        << ",\n  \"exitStatus\": " << auditExitStatus(report.summary) << ',' << whole.substr(1, at - 1) << "\"logs\": [";
     writeLogsJson(out, report, jobs);
     out << (report.logs.empty() ? "]" : "\n  ]") << whole.substr(at + marker.size()) << '\n';
 }
@@ -218,14 +344,16 @@ void writeJson(std::ostream& out, const tse::AuditReport& report, unsigned jobs)
 void printSummary(std::ostream& out, const tse::AuditReport& report, bool strict)
 {
     const tse::AuditSummary& s = report.summary;
-    const char* verdict = s.errors ? "FAILED" : (s.warnings ? "PASSED WITH WARNINGS" : "PASSED");
-    out << verdict << ": " << s.logs << " logs, " << s.errors << " errors, " << s.warnings << " warnings"
+    out << auditVerdict(s) << ": " << tse::counted(s.logs, "log", "logs") << ", " << tse::counted(s.errors, "error", "errors")
+        << ", " << tse::counted(s.warnings, "warning", "warnings")
         << (strict ? " (strict)" : "") << "\n\n";
     printAligned(out, {{"Logs", "total", "valid", "invalid", "no-certificate", "unreadable"},
                        {"", std::to_string(s.logs), std::to_string(s.valid), std::to_string(s.invalid),
                         std::to_string(s.noCertificate), std::to_string(s.unreadable)}});
     out << "By type: " << s.transaction << " transaction, " << s.system << " system, " << s.audit << " audit";
-    if (s.duplicatesSkipped) out << "; " << s.duplicatesSkipped << " identical duplicates counted once";
+    if (s.duplicatesSkipped) {
+        out << "; " << tse::counted(s.duplicatesSkipped, "identical duplicate", "identical duplicates") << " counted once";
+    }
     out << "\n\nFindings:\n";
     std::map<std::pair<std::string, std::string>, std::vector<const tse::Finding*>> byCode;
     for (const tse::Finding& f : report.findings) {
@@ -321,7 +449,7 @@ int auditCommand(AuditCommandOptions& options)
         writeTo(reports.html, [&](std::ostream& out) { writeAuditHtml(out, report, context); });
     }
     if (!anyToStandardOutput(reports)) printSummary(std::cout, report, options.audit.strict);
-    return report.summary.errors ? EXIT_NOT_VERIFIED : EXIT_OK;
+    return auditExitStatus(report.summary);
 }
 
 }  // namespace

@@ -12,6 +12,8 @@
 #include <nlohmann/json.hpp>
 
 #include "dsfinvk_check.h"
+#include "log_time.h"
+#include "text.h"
 
 #include "commands.h"
 #include "dsfinvk/dsfinvk_html.h"
@@ -24,8 +26,9 @@ namespace {
 using nlohmann::json;
 
 constexpr size_t SHOWN_PER_CODE = 3;
-// Where writeJson puts the transactions; findings have "transactions" too.
+// Where writeJson puts the transactions and findings, streamed.
 constexpr const char* TRANSACTIONS_PLACE = "(transactions)";
+constexpr const char* FINDINGS_PLACE = "(findings)";
 
 struct DsfinvkCommandOptions {
     tse::BookkeepingOptions check;
@@ -68,13 +71,30 @@ json transactionJson(const tse::BookedTransaction& t)
             {"reason", textOrNull(t.reason)}};
 }
 
-// Everything but the transactions, which are streamed one by one: a
-// document of a hundred thousand of them built in memory would take
+json auditJson(const tse::AuditSummary& a)
+{
+    return {{"logs", a.logs},       {"valid", a.valid},   {"invalid", a.invalid},   {"noCertificate", a.noCertificate},
+            {"unreadable", a.unreadable}, {"errors", a.errors}, {"warnings", a.warnings}};
+}
+
+json findingJson(const tse::BookkeepingFinding& f)
+{
+    return {{"severity", tse::severityName(f.severity)},
+            {"code", f.code},
+            {"message", f.message},
+            {"from", f.tseExport ? "tse-export" : "bookkeeping"},
+            {"transactions", f.transactions}};
+}
+
+// Everything but the transactions and findings, which are streamed one by
+// one: a document of a hundred thousand of them built in memory would take
 // hundreds of MiB.
-json reportJson(const tse::BookkeepingReport& report)
+json reportJson(const tse::BookkeepingReport& report, int exitStatus)
 {
     const tse::BookkeepingSummary& s = report.summary;
-    json document = {{"dsfinvk", report.dsfinvk},
+    json document = {{"verdict", report.verdict()},
+                     {"exitStatus", exitStatus},
+                     {"dsfinvk", report.dsfinvk},
                      {"tse", report.tseGiven ? json(report.tse) : json(nullptr)},
                      {"summary",
                       {{"rows", s.rows},
@@ -90,12 +110,16 @@ json reportJson(const tse::BookkeepingReport& report)
                        {"errors", s.errors},
                        {"warnings", s.warnings},
                        {"closings", s.closings},
+                       {"receipts", s.receipts},
                        {"tseLogs", report.tseGiven ? json(s.tseLogs) : json(nullptr)},
                        {"tseFinishLogs", report.tseGiven ? json(s.tseFinishLogs) : json(nullptr)}}},
+                     {"tseExport", report.tseAudit ? auditJson(*report.tseAudit) : json(nullptr)},
                      {"tses", json::array()},
+                     {"periods", json::array()},
+                     {"uncovered", json::array()},
                      {"tables", report.tablesRead},
                      {"transactions", TRANSACTIONS_PLACE},
-                     {"findings", json::array()}};
+                     {"findings", FINDINGS_PLACE}};
     for (const tse::BookedTse& t : report.tses) {
         document["tses"].push_back({{"serialNumber", t.serialNumber},
                                     {"declaredSerial", t.declaredSerial},
@@ -104,14 +128,22 @@ json reportJson(const tse::BookkeepingReport& report)
                                     {"encoding", t.encoding},
                                     {"curve", textOrNull(t.curve)},
                                     {"certificate", t.certificate},
+                                    {"inTseExport", report.tseGiven ? json(t.inTseExport) : json(nullptr)},
                                     {"keyProblem", textOrNull(t.keyProblem)},
                                     {"rows", t.rows}});
     }
-    for (const tse::BookkeepingFinding& f : report.findings) {
-        document["findings"].push_back({{"severity", tse::severityName(f.severity)},
-                                        {"code", f.code},
-                                        {"message", f.message},
-                                        {"transactions", f.transactions}});
+    for (const tse::CoveredPeriod& p : report.periods) {
+        document["periods"].push_back({{"kasseId", p.kasseId},
+                                       {"closing", p.closing},
+                                       {"from", tse::isoSeconds(p.from)},
+                                       {"to", tse::isoSeconds(p.to)}});
+    }
+    for (const tse::UncoveredSales& u : report.uncovered) {
+        document["uncovered"].push_back({{"kasseId", textOrNull(u.kasseId)},
+                                         {"clientId", u.clientId},
+                                         {"sales", u.sales},
+                                         {"first", tse::isoSeconds(u.first)},
+                                         {"last", tse::isoSeconds(u.last)}});
     }
     return document;
 }
@@ -124,20 +156,35 @@ std::string dump(json value)
     return value.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
-void writeJson(std::ostream& out, const tse::BookkeepingReport& report)
+// Writes the list at its place in the document, one entry at a time.
+template <typename List, typename ToJson>
+void writeList(std::ostream& out, const List& list, const ToJson& toJson)
 {
-    json document = reportJson(report);
-    makeJsonSafe(document);
-    const std::string whole = document.dump(2, ' ', false, json::error_handler_t::replace);
-    const std::string marker = "\"transactions\": \"" + std::string(TRANSACTIONS_PLACE) + "\"";
-    const size_t at = whole.find(marker);
-    out << whole.substr(0, at) << "\"transactions\": [";
-    for (size_t i = 0; i < report.transactions.size(); ++i) {
-        out << (i ? ",\n    " : "\n    ") << dump(transactionJson(report.transactions[i]));
-    }
-    out << (report.transactions.empty() ? "]" : "\n  ]") << whole.substr(at + marker.size()) << '\n';
+    out << "[";
+    for (size_t i = 0; i < list.size(); ++i) out << (i ? ",\n    " : "\n    ") << dump(toJson(list[i]));
+    out << (list.empty() ? "]" : "\n  ]");
 }
 
+void writeJson(std::ostream& out, const tse::BookkeepingReport& report, int exitStatus)
+{
+    json document = reportJson(report, exitStatus);
+    makeJsonSafe(document);
+    const std::string whole = document.dump(2, ' ', false, json::error_handler_t::replace);
+    // The keys come in the writer's order; each placeholder is replaced
+    // where it stands.
+    const std::string transactions = "\"" + std::string(TRANSACTIONS_PLACE) + "\"";
+    const std::string findings = "\"" + std::string(FINDINGS_PLACE) + "\"";
+    size_t done = 0;
+    while (done < whole.size()) {
+        const size_t t = whole.find(transactions, done), f = whole.find(findings, done);
+        const size_t next = std::min(t, f);
+        if (next == std::string::npos) break;
+        out << whole.substr(done, next - done);
+        if (next == t) writeList(out, report.transactions, transactionJson), done = t + transactions.size();
+        else writeList(out, report.findings, findingJson), done = f + findings.size();
+    }
+    out << whole.substr(done) << '\n';
+}
 
 void writeCsv(std::ostream& out, const tse::BookkeepingReport& report)
 {
@@ -157,57 +204,110 @@ void writeCsv(std::ostream& out, const tse::BookkeepingReport& report)
     }
 }
 
-void printSummary(std::ostream& out, const tse::BookkeepingReport& report, bool strict)
+std::string counted(size_t n, const std::string& one, const std::string& many)
+{
+    return std::to_string(n) + " " + (n == 1 ? one : many);
+}
+
+void printCounts(std::ostream& out, const tse::BookkeepingReport& report)
 {
     const tse::BookkeepingSummary& s = report.summary;
-    const char* verdict = s.errors ? "FAILED" : (s.warnings ? "PASSED WITH WARNINGS" : "PASSED");
-    out << verdict << ": " << s.rows << " rows in " << s.closings << " closings, " << s.errors << " errors, "
-        << s.warnings << " warnings" << (strict ? " (strict)" : "") << "\n\n";
-    std::vector<std::vector<std::string>> rows = {
-        {"Signatures", "rows", "valid", "invalid", "unsigned", "unverifiable"},
-        {"", std::to_string(s.rows), std::to_string(s.valid), std::to_string(s.invalid), std::to_string(s.unsigned_),
-         std::to_string(s.unverifiable)}};
-    printAligned(out, rows);
-    if (report.tseGiven) {
-        out << '\n';
-        printAligned(out, {{"Against the TSE", "matched", "differs", "unbooked", "unknown", "outside"},
-                           {"", std::to_string(s.matched), std::to_string(s.differs), std::to_string(s.unbooked),
-                            std::to_string(s.unknown), std::to_string(s.outside)}});
-        out << "TSE export: " << s.tseLogs << " logs, " << s.tseFinishLogs << " finished transactions";
-        if (s.tseInvalidLogs) out << ", " << s.tseInvalidLogs << " invalid logs (see tse-check audit)";
-        out << '\n';
-    } else {
+    printAligned(out, {{"Signatures", "rows", "valid", "invalid", "unsigned", "unverifiable"},
+                       {"", std::to_string(s.rows), std::to_string(s.valid), std::to_string(s.invalid),
+                        std::to_string(s.unsigned_), std::to_string(s.unverifiable)}});
+    if (!report.tseGiven) {
         out << "No TSE export given (--tse): the rows are checked from the bookkeeping alone.\n";
+        return;
     }
+    out << '\n';
+    printAligned(out, {{"Against the TSE", "matched", "differs", "unbooked", "unknown", "outside"},
+                       {"", std::to_string(s.matched), std::to_string(s.differs), std::to_string(s.unbooked),
+                        std::to_string(s.unknown), std::to_string(s.outside)}});
+    out << "TSE export: " << counted(s.tseLogs, "log", "logs") << ", "
+        << counted(s.tseFinishLogs, "finished transaction", "finished transactions");
+    if (report.tseAudit) {
+        out << "; its own audit: " << counted(report.tseAudit->invalid, "invalid log", "invalid logs") << ", "
+            << counted(report.tseAudit->errors, "error", "errors") << ", "
+            << counted(report.tseAudit->warnings, "warning", "warnings") << " (among the findings below)";
+    }
+    out << '\n';
+}
+
+// What the bookkeeping covers, and what the TSE signed outside it.
+void printCoverage(std::ostream& out, const tse::BookkeepingReport& report)
+{
+    if (report.periods.empty()) return;
+    std::map<std::string, size_t> closings;
+    for (const tse::CoveredPeriod& p : report.periods) ++closings[p.kasseId];
+    out << "\nCovered: " << counted(report.periods.size(), "closing", "closings") << " of "
+        << counted(closings.size(), "register", "registers") << ", " << tse::isoSeconds(tse::coveredFrom(report))
+        << " to " << tse::isoSeconds(tse::coveredTo(report)) << '\n';
+    if (!report.tseGiven) return;
+    if (report.uncovered.empty()) {
+        out << "Signed by the TSE outside the covered periods: none\n";
+        return;
+    }
+    out << "Signed by the TSE outside the covered periods (not checked against the bookkeeping):\n";
+    std::vector<std::vector<std::string>> rows;
+    for (const tse::UncoveredSales& u : report.uncovered) {
+        rows.push_back({"  " + (u.kasseId.empty() ? "client " + tse::quoted(u.clientId) + " (no register of the bookkeeping)"
+                                                  : "register " + tse::quoted(u.kasseId)),
+                        counted(u.sales, "sale", "sales"), tse::isoSeconds(u.first) + " to " + tse::isoSeconds(u.last)});
+    }
+    printAligned(out, rows);
+}
+
+void printFindings(std::ostream& out, const tse::BookkeepingReport& report)
+{
     out << "\nFindings:\n";
-    std::map<std::pair<std::string, std::string>, std::vector<const tse::BookkeepingFinding*>> byCode;
-    for (const tse::BookkeepingFinding& f : report.findings) {
-        byCode[{std::string(tse::severityName(f.severity)), f.code}].push_back(&f);
+    if (report.findings.empty()) out << "  none\n";
+    for (size_t i = 0; i < report.findings.size();) {
+        const tse::BookkeepingFinding first = report.findings[i];
+        size_t end = i + 1;
+        while (end < report.findings.size() && report.findings[end].code == first.code &&
+               report.findings[end].severity == first.severity) {
+            ++end;
+        }
+        out << "  " << tse::severityName(first.severity) << "  " << first.code << " (" << end - i << ")\n";
+        for (size_t k = i; k < end && k < i + SHOWN_PER_CODE; ++k) out << "    " << report.findings[k].message << '\n';
+        if (end - i > SHOWN_PER_CODE) out << "    ... " << end - i - SHOWN_PER_CODE << " more\n";
+        i = end;
     }
-    if (byCode.empty()) out << "  none\n";
-    for (const auto& [key, findings] : byCode) {
-        out << "  " << key.first << "  " << key.second << " (" << findings.size() << ")\n";
-        for (size_t i = 0; i < findings.size() && i < SHOWN_PER_CODE; ++i) out << "    " << findings[i]->message << '\n';
-        if (findings.size() > SHOWN_PER_CODE) out << "    ... " << findings.size() - SHOWN_PER_CODE << " more\n";
-    }
+}
+
+void printTses(std::ostream& out, const tse::BookkeepingReport& report)
+{
     out << "\nTSEs in tse.csv:\n";
     std::vector<std::vector<std::string>> tses;
     for (const tse::BookedTse& t : report.tses) {
         tses.push_back({"  " + (t.serialNumber.size() > 16 ? t.serialNumber.substr(0, 16) + "..." : t.serialNumber),
                         t.curve.empty() ? "-" : t.curve, t.algorithm, t.timeFormat,
-                        std::to_string(t.rows) + " rows" + (t.keyProblem.empty() ? "" : " (" + t.keyProblem + ")")});
+                        counted(t.rows, "row", "rows") + (t.keyProblem.empty() ? "" : " (" + t.keyProblem + ")") +
+                            (report.tseGiven && !t.inTseExport ? " (not in the TSE export)" : "")});
     }
     if (tses.empty()) out << "  none\n";
     printAligned(out, tses);
     std::map<std::string, size_t> sources;
     for (const tse::BookedTransaction& t : report.transactions) {
-        if (t.row && t.verdict == tse::RowVerdict::Valid) ++sources[std::string(t.clientIdSource)];
+        if (t.row && t.verdict == tse::RowVerdict::Valid && !t.clientIdSource.empty()) ++sources[std::string(t.clientIdSource)];
     }
-    if (!sources.empty()) {
-        out << "\nClient ID signed:";
-        for (const auto& [source, count] : sources) out << " " << source << " (" << count << " rows)";
-        out << '\n';
-    }
+    if (sources.empty()) return;
+    out << "\nClient ID signed:";
+    for (const auto& [source, count] : sources) out << " " << source << " (" << counted(count, "row", "rows") << ")";
+    out << '\n';
+}
+
+// The verdict first, then what it rests on.
+void printSummary(std::ostream& out, const tse::BookkeepingReport& report, bool strict)
+{
+    const tse::BookkeepingSummary& s = report.summary;
+    out << report.verdict() << ": " << counted(s.rows, "row", "rows") << " in " << counted(s.closings, "closing", "closings")
+        << ", " << counted(s.errors, "error", "errors") << ", " << counted(s.warnings, "warning", "warnings")
+        << (strict ? " (strict)" : "") << "\n\n";
+    printCounts(out, report);
+    printCoverage(out, report);
+    printFindings(out, report);
+    printTses(out, report);
     out.flush();
 }
 
@@ -246,8 +346,9 @@ int dsfinvkCommand(DsfinvkCommandOptions& options)
     line.reset();
     if (!outcome) refuse(EXIT_BAD_INPUT, "Cannot check the bookkeeping: " + outcome.error().message);
     const tse::BookkeepingReport& report = *outcome;
+    const int status = report.summary.errors ? EXIT_NOT_VERIFIED : EXIT_OK;
     const ReportPaths& reports = options.reports;
-    if (!reports.json.empty()) writeTo(reports.json, [&](std::ostream& out) { writeJson(out, report); });
+    if (!reports.json.empty()) writeTo(reports.json, [&](std::ostream& out) { writeJson(out, report, status); });
     if (!reports.csv.empty()) writeTo(reports.csv, [&](std::ostream& out) { writeCsv(out, report); });
     if (!reports.html.empty()) {
         HtmlContext context{options.check.dsfinvk, options.check.strict};
@@ -255,7 +356,7 @@ int dsfinvkCommand(DsfinvkCommandOptions& options)
         writeTo(reports.html, [&](std::ostream& out) { writeBookkeepingHtml(out, report, context); });
     }
     if (!anyToStandardOutput(reports)) printSummary(std::cout, report, options.check.strict);
-    return report.summary.errors ? EXIT_NOT_VERIFIED : EXIT_OK;
+    return status;
 }
 
 }  // namespace

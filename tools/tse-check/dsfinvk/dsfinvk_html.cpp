@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "dsfinvk_report.h"
+#include "log_time.h"
 #include "svg_chart.h"
 
 namespace tsecheck {
@@ -21,8 +22,10 @@ std::string count(size_t n, const std::string& what)
 
 std::vector<report::FindingGroup> findingGroups(const tse::BookkeepingReport& bookkeeping)
 {
+    // The entries point into the findings, so they are made first.
+    std::vector<tse::BookkeepingFinding> findings(bookkeeping.findings.begin(), bookkeeping.findings.end());
     std::vector<report::FindingEntry> entries;
-    for (const tse::BookkeepingFinding& f : bookkeeping.findings) {
+    for (const tse::BookkeepingFinding& f : findings) {
         entries.push_back({f.severity == tse::Severity::Error, f.code, f.message, &f.transactions});
     }
     return report::groupFindings(entries);
@@ -69,7 +72,31 @@ void perDayChart(report::ReportPage& page, const tse::BookkeepingReport& bookkee
 
 }  // namespace
 
-void writeBookkeepingHtml(std::ostream& out, const tse::BookkeepingReport& bookkeeping, const HtmlContext& context)
+namespace {
+
+// What the TSE export says of itself, and what it signed outside the
+// bookkeeping's periods.
+void tseFacts(const tse::BookkeepingReport& bookkeeping, std::vector<report::Fact>& facts)
+{
+    const tse::BookkeepingSummary& s = bookkeeping.summary;
+    facts.push_back({"Against the TSE", count(s.matched, "matched") + ", " + count(s.differs, "differ") + ", " +
+                                            count(s.unbooked, "unbooked") + ", " + count(s.unknown, "unknown") + ", " +
+                                            count(s.outside, "outside")});
+    std::string audit = count(s.tseLogs, "logs") + ", " + count(s.tseFinishLogs, "finished transactions");
+    if (bookkeeping.tseAudit) {
+        audit += "; its own audit: " + count(bookkeeping.tseAudit->invalid, "invalid logs") + ", " +
+                 count(bookkeeping.tseAudit->errors, "errors") + ", " + count(bookkeeping.tseAudit->warnings, "warnings");
+    }
+    facts.push_back({"TSE export", audit});
+    std::string outside;
+    for (const tse::UncoveredSales& u : bookkeeping.uncovered) {
+        outside += (outside.empty() ? "" : "; ") + (u.kasseId.empty() ? "client " + u.clientId : "register " + u.kasseId) +
+                   ": " + count(u.sales, "sales") + " from " + tse::isoSeconds(u.first) + " to " + tse::isoSeconds(u.last);
+    }
+    facts.push_back({"Signed outside the covered periods", outside.empty() ? "none" : outside});
+}
+
+report::PageHead headOf(const tse::BookkeepingReport& bookkeeping, const HtmlContext& context)
 {
     const tse::BookkeepingSummary& s = bookkeeping.summary;
     const report::Verdict verdict = s.errors     ? report::Verdict::Failed
@@ -82,56 +109,54 @@ void writeBookkeepingHtml(std::ostream& out, const tse::BookkeepingReport& bookk
                                      context);
     head.facts = {{"Signatures", count(s.valid, "valid") + ", " + count(s.invalid, "invalid") + ", " +
                                      count(s.unsigned_, "unsigned") + ", " + count(s.unverifiable, "unverifiable")}};
-    if (bookkeeping.tseGiven) {
-        head.facts.push_back({"Against the TSE", count(s.matched, "matched") + ", " + count(s.differs, "differ") + ", " +
-                                                     count(s.unbooked, "unbooked") + ", " + count(s.unknown, "unknown") +
-                                                     ", " + count(s.outside, "outside")});
-        head.facts.push_back({"TSE export", count(s.tseLogs, "logs") + ", " +
-                                                count(s.tseFinishLogs, "finished transactions")});
+    if (bookkeeping.tseGiven) tseFacts(bookkeeping, head.facts);
+    if (!bookkeeping.periods.empty()) {
+        head.facts.push_back({"Covered", count(bookkeeping.periods.size(), "closings") + " from " +
+                                             tse::isoSeconds(tse::coveredFrom(bookkeeping)) + " to " +
+                                             tse::isoSeconds(tse::coveredTo(bookkeeping))});
     }
-    report::ReportPage page(out, head);
+    return head;
+}
 
-    std::vector<std::vector<std::string>> tses{{"TSE serial number", "Curve", "Algorithm", "Time format", "Rows"}};
-    for (const tse::BookedTse& t : bookkeeping.tses) {
-        tses.push_back({t.serialNumber, t.curve.empty() ? "-" : t.curve, t.algorithm, t.timeFormat,
-                        report::formatNumber(static_cast<double>(t.rows))});
-    }
-    page.smallTable(tses, "TSEs in tse.csv");
-
-    page.beginSection("Findings", "findings");
-    page.findings(findingGroups(bookkeeping));
-    page.endSection();
-
-    page.beginSection("Charts", "charts");
-    perDayChart(page, bookkeeping);
-    page.endSection();
-
-    page.beginSection("Transactions", "transactions");
+void transactionTable(report::ReportPage& page, const tse::BookkeepingReport& bookkeeping)
+{
     report::Table table;
     table.caption = "Every transaction, as in the CSV report";
     table.columns = {"bonId", "kasseId", "closing", "clientId", "serialNumber", "transactionNumber",
                      "signatureCounter", "processType", "logTime", "verdict", "match", "differences", "reason", "file"};
     table.rows = bookkeeping.transactions.size();
     table.cells = [&](size_t i, std::vector<std::string>& cells) {
-        const tse::BookedTransaction& t = bookkeeping.transactions[i];
+        const tse::BookedTransaction t = bookkeeping.transactions[i];
         std::string differences;
         for (const std::string& d : t.differences) differences += (differences.empty() ? "" : " ") + d;
-        cells = {t.bonId,
-                 t.kasseId,
-                 t.closing,
-                 t.clientId,
-                 t.serialNumber,
+        cells = {t.bonId, t.kasseId, t.closing, t.clientId, t.serialNumber,
                  t.transactionNumber ? std::to_string(*t.transactionNumber) : "",
-                 t.signatureCounter ? std::to_string(*t.signatureCounter) : "",
-                 t.processType,
-                 t.logTime(),
-                 std::string(tse::rowVerdictName(t.verdict)),
-                 t.match ? std::string(tse::matchStateName(*t.match)) : "",
-                 differences,
-                 t.reason,
-                 t.file};
+                 t.signatureCounter ? std::to_string(*t.signatureCounter) : "", t.processType, t.logTime(),
+                 std::string(tse::rowVerdictName(t.verdict)), t.match ? std::string(tse::matchStateName(*t.match)) : "",
+                 differences, t.reason, t.file};
     };
     page.table(table);
+}
+
+}  // namespace
+
+void writeBookkeepingHtml(std::ostream& out, const tse::BookkeepingReport& bookkeeping, const HtmlContext& context)
+{
+    report::ReportPage page(out, headOf(bookkeeping, context));
+    std::vector<std::vector<std::string>> tses{{"TSE serial number", "Curve", "Algorithm", "Time format", "Rows"}};
+    for (const tse::BookedTse& t : bookkeeping.tses) {
+        tses.push_back({t.serialNumber, t.curve.empty() ? "-" : t.curve, t.algorithm, t.timeFormat,
+                        report::formatNumber(static_cast<double>(t.rows))});
+    }
+    page.smallTable(tses, "TSEs in tse.csv");
+    page.beginSection("Findings", "findings");
+    page.findings(findingGroups(bookkeeping));
+    page.endSection();
+    page.beginSection("Charts", "charts");
+    perDayChart(page, bookkeeping);
+    page.endSection();
+    page.beginSection("Transactions", "transactions");
+    transactionTable(page, bookkeeping);
     page.endSection();
     page.finish();
 }
