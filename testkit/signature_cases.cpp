@@ -84,6 +84,44 @@ const char* const TWIN_X_BRAINPOOLP256R1 =
     "RFmgMK4H2iGZs0iCBogfLIDpbOdGOKOYwUA=\n"
     "-----END EC PRIVATE KEY-----\n";
 
+// Hash values where the verification's arithmetic meets its edges: u1 = 0
+// (e = 0 and e = n) and a sum at infinity.
+void addEdgeHashes(const Signer& signer, Hash hash, const BIGNUM* r, const BIGNUM* s, std::vector<SignatureCase>& cases)
+{
+    const PublicKey& key = signer.publicKey();
+    const size_t half = key.curveInfo().fieldSize;
+    const EcGroupPtr group(EC_GROUP_new_by_curve_name(key.curveInfo().nid));
+    if (!group) throw std::bad_alloc();
+    const BIGNUM* order = EC_GROUP_get0_order(group.get());
+    const int orderBits = BN_num_bits(order);
+    // Hash values that make u1 zero: e = 0 and e = n, as many octets as the
+    // order has (shifted as the truncation to the order's bits expects).
+    const size_t orderBytes = static_cast<size_t>((orderBits + 7) / 8);
+    const Bytes zeroHash(orderBytes, 0);
+    cases.push_back(SignatureCase{"u1 = 0 (e = 0), valid", hash, zeroHash, true, signer.signDigestPlain(zeroHash)});
+    BignumPtr shiftedOrder(BN_dup(order));
+    if (!shiftedOrder || !BN_lshift(shiftedOrder.get(), shiftedOrder.get(), static_cast<int>(8 * orderBytes) - orderBits)) {
+        throw std::bad_alloc();
+    }
+    const Bytes orderHash = octets(shiftedOrder.get(), orderBytes);
+    cases.push_back(SignatureCase{"u1 = 0 (e = n), valid", hash, orderHash, true, signer.signDigestPlain(orderHash)});
+
+    // R = u1·G + u2·Q = (e + r·d)/s · G is the point at infinity when
+    // e = -r·d mod n, for any s.
+    const BignumPtr d = number(signer.privateScalar());
+    BignumPtr e(BN_new());
+    BnCtxPtr ctx(BN_CTX_new());
+    if (!e || !BN_mod_mul(e.get(), r, d.get(), order, ctx.get()) ||
+        !BN_mod_sub(e.get(), order, e.get(), order, ctx.get()) ||
+        !BN_lshift(e.get(), e.get(), static_cast<int>(8 * orderBytes) - orderBits)) {
+        throw std::bad_alloc();
+    }
+    Bytes infinity = octets(r, half);
+    const Bytes sBytes = octets(s, half);
+    infinity.insert(infinity.end(), sBytes.begin(), sBytes.end());
+    cases.push_back(SignatureCase{"sum at infinity", hash, octets(e.get(), orderBytes), true, infinity});
+}
+
 }  // namespace
 
 std::vector<SignatureCase> signatureCases(const Signer& signer, const Signer& other, std::mt19937_64& random)
@@ -93,8 +131,6 @@ std::vector<SignatureCase> signatureCases(const Signer& signer, const Signer& ot
     const EcGroupPtr group(EC_GROUP_new_by_curve_name(key.curveInfo().nid));
     if (!group) throw std::bad_alloc();
     const BIGNUM* order = EC_GROUP_get0_order(group.get());
-    const int orderBits = BN_num_bits(order);
-    BnCtxPtr ctx(BN_CTX_new());
     const auto hash = static_cast<Hash>(random() % 8);
     const Bytes message = randomBytes(random, random() % 300);
     const Bytes signature = signer.signPlain(hash, message);
@@ -145,31 +181,7 @@ std::vector<SignatureCase> signatureCases(const Signer& signer, const Signer& ot
     shorter.pop_back();
     cases.push_back(SignatureCase{"one octet short", hash, message, false, shorter});
 
-    // Hash values that make u1 zero: e = 0 and e = n, as many octets as the
-    // order has (shifted as the truncation to the order's bits expects).
-    const size_t orderBytes = static_cast<size_t>((orderBits + 7) / 8);
-    const Bytes zeroHash(orderBytes, 0);
-    cases.push_back(SignatureCase{"u1 = 0 (e = 0), valid", hash, zeroHash, true, signer.signDigestPlain(zeroHash)});
-    BignumPtr shiftedOrder(BN_dup(order));
-    if (!shiftedOrder || !BN_lshift(shiftedOrder.get(), shiftedOrder.get(), static_cast<int>(8 * orderBytes) - orderBits)) {
-        throw std::bad_alloc();
-    }
-    const Bytes orderHash = octets(shiftedOrder.get(), orderBytes);
-    cases.push_back(SignatureCase{"u1 = 0 (e = n), valid", hash, orderHash, true, signer.signDigestPlain(orderHash)});
-
-    // R = u1·G + u2·Q = (e + r·d)/s · G is the point at infinity when
-    // e = -r·d mod n, for any s.
-    const BignumPtr d = number(signer.privateScalar());
-    BignumPtr e(BN_new());
-    if (!e || !BN_mod_mul(e.get(), r.get(), d.get(), order, ctx.get()) ||
-        !BN_mod_sub(e.get(), order, e.get(), order, ctx.get()) ||
-        !BN_lshift(e.get(), e.get(), static_cast<int>(8 * orderBytes) - orderBits)) {
-        throw std::bad_alloc();
-    }
-    Bytes infinity = octets(r.get(), half);
-    const Bytes sBytes = octets(s.get(), half);
-    infinity.insert(infinity.end(), sBytes.begin(), sBytes.end());
-    cases.push_back(SignatureCase{"sum at infinity", hash, octets(e.get(), orderBytes), true, infinity});
+    addEdgeHashes(signer, hash, r.get(), s.get(), cases);
     return cases;
 }
 
@@ -181,8 +193,8 @@ bool referenceVerdict(const PublicKey& key, const SignatureCase& signatureCase)
     BignumPtr r = number(ByteView(signatureCase.signature).sub(0, half));
     BignumPtr s = number(ByteView(signatureCase.signature).sub(half, half));
     if (!object || ECDSA_SIG_set0(object.get(), r.get(), s.get()) != 1) throw std::bad_alloc();
-    r.release();
-    s.release();
+    (void)r.release();  // the signature object owns them now
+    (void)s.release();
     int result = 0;
     unsigned char* der = nullptr;
     const int size = i2d_ECDSA_SIG(object.get(), &der);

@@ -417,7 +417,7 @@ void verifyRows(const Bookkeeping& books, const VerifyOptions& options, RowCheck
 void checkEncodings(const Bookkeeping& books, const VerifyOptions& options, RowChecks& checks,
                     RaisedFindings& findings)
 {
-    for (uint16_t file = 0; file < books.files.size(); ++file) {
+    for (size_t file = 0; file < books.files.size(); ++file) {
         std::vector<size_t> failed;
         bool anyValid = false;
         for (size_t i = 0; i < books.rows.size(); ++i) {

@@ -29,8 +29,8 @@ bool verifyPrehashed(const PublicKey& key, ByteView digest, ByteView signature)
     BignumPtr r(BN_bin2bn(signature.data(), static_cast<int>(half), nullptr));
     BignumPtr s(BN_bin2bn(signature.data() + half, static_cast<int>(half), nullptr));
     if (!object || !r || !s || ECDSA_SIG_set0(object.get(), r.get(), s.get()) != 1) return false;
-    r.release();
-    s.release();
+    (void)r.release();  // the signature object owns them now
+    (void)s.release();
     unsigned char* der = nullptr;
     const int derSize = i2d_ECDSA_SIG(object.get(), &der);
     if (derSize <= 0) return false;

@@ -47,7 +47,7 @@ TEST(CoreBer, LengthsAndTheirLimits)
         {"04 FF", 0, "the length octet 0xFF is reserved @1"},
         {"04 80 00 00", 0, "primitive element 0x04 has an indefinite length @0"},
         {"24 80 04 01 41", 0, "has no end-of-contents octets @5"},
-        {"04 05 41", 0, "announces 5 content octets, but only 1 remain @0"},
+        {"04 05 41", 0, "announces 5 content octets, but only 1 remains @0"},
         {"04 88 FF FF FF FF FF FF FF FF", 4, "announces 18446744073709551615 content octets"},
         {"04 82 01", 0, "the data ends inside a length @2"},
         {"04", 0, "the data ends inside an element header @1"},

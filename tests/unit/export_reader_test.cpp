@@ -264,7 +264,7 @@ TEST(ExportReader, PlainTarsReadAsLibarchiveReadsThem)
     TarHeader gnu{"gnu.log", 3, '0', std::string("ustar  \0", 8), "ignored as times", "", false};
     TarHeader odd{"odd magic.log", 3, '0', std::string("ustar\0 \0", 8), "", "", false};
     TarHeader old{"old.log", 3, '0', "", "", "", false};
-    TarHeader spaced{"spaced.log", 3, '0', std::string("ustar\0" "00", 8), "", "      3 \0", false};
+    TarHeader spaced{"spaced.log", 3, '0', std::string("ustar\0" "00", 8), "", "      3 ", false};
     TarHeader latin{"caf\xE9 signed.log", 3, '0', std::string("ustar\0" "00", 8), "", "", true};
     TarHeader directory{"folder/", 0, '5', std::string("ustar\0" "00", 8), "", "", false};
     TarHeader slashFile{"looks like a folder/", 0, '0', std::string("ustar\0" "00", 8), "", "", false};
