@@ -251,9 +251,7 @@ void listDefects()
     }
 }
 
-}  // namespace
-
-int main(int argc, char** argv)
+int runProgram(int argc, char** argv)
 {
     Options options;
     CLI::App app{"Writes the DSFinV-K export of the sales in TSE exports, with their real signatures.", "make-dsfinvk"};
@@ -290,4 +288,20 @@ int main(int argc, char** argv)
         std::cerr << "make-dsfinvk: " << error.what() << std::endl;
         return 2;
     }
+}
+
+}  // namespace
+
+// Whatever escapes the program (building the command line can throw, so can
+// memory running out) still ends with a message and a defined status.
+int main(int argc, char** argv)
+{
+    try {
+        return runProgram(argc, argv);
+    } catch (const std::exception& error) {
+        std::cerr << "make-dsfinvk: " << error.what() << std::endl;
+    } catch (...) {
+        std::cerr << "make-dsfinvk: an unexpected error" << std::endl;
+    }
+    return 2;
 }

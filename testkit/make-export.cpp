@@ -371,9 +371,7 @@ int run(const Options& options)
     return 0;
 }
 
-}  // namespace
-
-int main(int argc, char** argv)
+int runProgram(int argc, char** argv)
 {
     Options options;
     CLI::App app{"Writes a synthetic TSE export signed with a fresh key.", "make-export"};
@@ -406,4 +404,20 @@ int main(int argc, char** argv)
         std::cerr << "make-export: " << error.what() << std::endl;
         return 2;
     }
+}
+
+}  // namespace
+
+// Whatever escapes the program (building the command line can throw, so can
+// memory running out) still ends with a message and a defined status.
+int main(int argc, char** argv)
+{
+    try {
+        return runProgram(argc, argv);
+    } catch (const std::exception& error) {
+        std::cerr << "make-export: " << error.what() << std::endl;
+    } catch (...) {
+        std::cerr << "make-export: an unexpected error" << std::endl;
+    }
+    return 2;
 }

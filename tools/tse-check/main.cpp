@@ -42,9 +42,7 @@ int runGuarded(const tsecheck::Command& command)
     }
 }
 
-}  // namespace
-
-int main(int argc, char** argv)
+int runProgram(int argc, char** argv)
 {
     if (argc == 2 && std::string(argv[1]) == tsecheck::RENDER_PDF_WORD) return tsecheck::renderPdfChild();
 #if defined(__GLIBC__)
@@ -90,6 +88,22 @@ int main(int argc, char** argv)
     }
     for (const tsecheck::Command& command : commands) {
         if (command.app->parsed()) return runGuarded(command);
+    }
+    return EXIT_BAD_INPUT;
+}
+
+}  // namespace
+
+// Whatever escapes the program (building the command line can throw, so can
+// memory running out) still ends with a message and a defined status.
+int main(int argc, char** argv)
+{
+    try {
+        return runProgram(argc, argv);
+    } catch (const std::exception& error) {
+        std::cerr << "tse-check: " << error.what() << std::endl;
+    } catch (...) {
+        std::cerr << "tse-check: an unexpected error" << std::endl;
     }
     return EXIT_BAD_INPUT;
 }
