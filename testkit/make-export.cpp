@@ -22,6 +22,7 @@
 
 #include "algorithms.h"
 #include "dsfinvk_csv.h"
+#include "findings.h"
 #include "log_encoder.h"
 #include "log_time.h"
 #include "parallel.h"
@@ -40,13 +41,6 @@ constexpr int64_t FIRST_TRANSACTION_OFFSET = 4 - CLOCK_STEP_BACK;
 constexpr int64_t LOGS_PER_TRANSACTION = 3;
 constexpr std::string_view ECSDSA_PLAIN_SHA256 = "0.4.0.127.0.7.1.1.4.4.2";
 
-const std::vector<std::string> DEFECTS{"signature-invalid", "certificate-missing", "log-unreadable",
-                                       "counter-duplicate", "name-mismatch", "counter-gap",
-                                       "transaction-incomplete", "time-regression", "certificate-chain",
-                                       "unexpected-member",
-                                       // Variants of the findings above, named by what they plant.
-                                       "ca-expired", "certificate-renamed", "ecsdsa"};
-
 struct Options {
     std::string out;
     uint64_t transactions = 10;
@@ -55,6 +49,7 @@ struct Options {
     std::string format = "tar";
     uint64_t splitSize = 0;
     std::string defect;
+    bool listDefects = false;
     std::string client = "KASSE-01";
     uint64_t firstCounter = 1;
     unsigned jobs = tse::defaultJobs();
@@ -235,42 +230,90 @@ size_t middleUpdate(const Options& options)
     return 4 + 3 * (options.transactions / 2) + 1;
 }
 
-void plantInPlan(const Options& options, std::vector<PlannedLog>& logs, const tse::Signer& foreign)
+// How the certificate differs from a sound one.
+enum class CertificatePlant {
+    None,
+    ValidFromMiddle,  // valid from the middle transaction on, so the logs before it lie outside
+    CaExpired,        // the TSE's certificate holds, its CA's ended before the first log
+    Renamed,          // the file name gives another key's hash
+};
+
+// A defect make-export can plant alone, and the audit finding it gives.
+// Variants of a finding are named by what they plant.
+struct Defect {
+    std::string_view name;
+    tse::FindingCode finding;
+    void (*inPlan)(std::vector<PlannedLog>& logs, size_t at, const tse::Signer& foreign);
+    void (*inMembers)(std::vector<Member>& members, size_t at);
+    CertificatePlant certificate = CertificatePlant::None;
+};
+
+using tse::FindingCode;
+const Defect DEFECTS[] = {
+    {"signature-invalid", FindingCode::SignatureInvalid, nullptr,
+     [](std::vector<Member>& members, size_t at) { members[at].bytes.back() ^= 0x01; }},
+    {"certificate-missing", FindingCode::CertificateMissing,
+     [](std::vector<PlannedLog>& logs, size_t, const tse::Signer& foreign) {
+         PlannedLog stranger = logs[1];
+         stranger.counter = 1;
+         stranger.signer = &foreign;
+         stranger.nameSuffix = "_Fc-1";
+         logs.push_back(stranger);
+     },
+     nullptr},
+    {"log-unreadable", FindingCode::LogUnreadable, nullptr,
+     [](std::vector<Member>& members, size_t at) { members[at].bytes.resize(members[at].bytes.size() / 2); }},
+    {"counter-duplicate", FindingCode::CounterDuplicate,
+     [](std::vector<PlannedLog>& logs, size_t at, const tse::Signer&) {
+         PlannedLog twin = logs[at];
+         twin.processData = "Beleg^99.00_0.00_0.00_0.00_0.00^99.00:Bar";
+         twin.nameSuffix = "_Fc-1";
+         logs.push_back(twin);
+     },
+     nullptr},
+    {"name-mismatch", FindingCode::NameMismatch,
+     [](std::vector<PlannedLog>& logs, size_t at, const tse::Signer&) { logs[at].nameSeconds += 1; }, nullptr},
+    {"counter-gap", FindingCode::CounterGap,
+     [](std::vector<PlannedLog>& logs, size_t at, const tse::Signer&) {
+         for (size_t i = at; i < logs.size(); ++i) ++logs[i].counter;
+     },
+     nullptr},
+    {"transaction-incomplete", FindingCode::TransactionIncomplete,
+     [](std::vector<PlannedLog>& logs, size_t at, const tse::Signer&) {
+         logs.erase(logs.begin() + static_cast<long>(at) + 1);
+         for (size_t i = at + 1; i < logs.size(); ++i) --logs[i].counter;
+     },
+     nullptr},
+    {"time-regression", FindingCode::TimeRegression,
+     [](std::vector<PlannedLog>& logs, size_t at, const tse::Signer&) {
+         logs[at].seconds = logs[at].nameSeconds = logs[at].seconds - 3600;
+     },
+     nullptr},
+    {"certificate-chain", FindingCode::CertificateChain, nullptr, nullptr, CertificatePlant::ValidFromMiddle},
+    {"unexpected-member", FindingCode::UnexpectedMember, nullptr,
+     [](std::vector<Member>& members, size_t) { members.push_back(Member{"notes.txt", Bytes{'h', 'i', '\n'}}); }},
+    {"ca-expired", FindingCode::CertificateChain, nullptr, nullptr, CertificatePlant::CaExpired},
+    {"certificate-renamed", FindingCode::NameMismatch, nullptr, nullptr, CertificatePlant::Renamed},
+    {"ecsdsa", FindingCode::SignatureInvalid,
+     [](std::vector<PlannedLog>& logs, size_t at, const tse::Signer&) { logs[at].ecsdsa = true; }, nullptr},
+};
+
+const Defect NO_DEFECT{"", FindingCode::SignatureInvalid, nullptr, nullptr};
+
+const Defect& defectOf(const Options& options)
 {
-    if (options.transactions < 3 && !options.defect.empty()) throw std::runtime_error("defects need 3 transactions");
-    const size_t at = middleUpdate(options);
-    PlannedLog& target = logs[at];
-    if (options.defect == "counter-gap") {
-        for (size_t i = at; i < logs.size(); ++i) ++logs[i].counter;
-    } else if (options.defect == "transaction-incomplete") {
-        logs.erase(logs.begin() + static_cast<long>(at) + 1);
-        for (size_t i = at + 1; i < logs.size(); ++i) --logs[i].counter;
-    } else if (options.defect == "time-regression") {
-        target.seconds = target.nameSeconds = target.seconds - 3600;
-    } else if (options.defect == "ecsdsa") {
-        target.ecsdsa = true;
-    } else if (options.defect == "name-mismatch") {
-        target.nameSeconds += 1;
-    } else if (options.defect == "counter-duplicate") {
-        PlannedLog twin = target;
-        twin.processData = "Beleg^99.00_0.00_0.00_0.00_0.00^99.00:Bar";
-        twin.nameSuffix = "_Fc-1";
-        logs.push_back(twin);
-    } else if (options.defect == "certificate-missing") {
-        PlannedLog stranger = logs[1];
-        stranger.counter = 1;
-        stranger.signer = &foreign;
-        stranger.nameSuffix = "_Fc-1";
-        logs.push_back(stranger);
+    if (options.defect.empty()) return NO_DEFECT;
+    for (const Defect& d : DEFECTS) {
+        if (d.name == options.defect) return d;
     }
+    throw std::runtime_error("no defect is named " + options.defect);
 }
 
-void plantInMembers(const Options& options, std::vector<Member>& members)
+std::vector<std::string> defectNames()
 {
-    Member& target = members[middleUpdate(options)];
-    if (options.defect == "signature-invalid") target.bytes.back() ^= 0x01;
-    if (options.defect == "log-unreadable") target.bytes.resize(target.bytes.size() / 2);
-    if (options.defect == "unexpected-member") members.push_back(Member{"notes.txt", Bytes{'h', 'i', '\n'}});
+    std::vector<std::string> names;
+    for (const Defect& d : DEFECTS) names.emplace_back(d.name);
+    return names;
 }
 
 std::vector<Member> exportMembers(const Options& options)
@@ -280,30 +323,32 @@ std::vector<Member> exportMembers(const Options& options)
     const tse::Hash hash = hashFor(curve);
     const tse::Signer signer(curve.curve), foreign(curve.curve);
     std::vector<PlannedLog> logs = plan(options, signer);
-    plantInPlan(options, logs, foreign);
+    const Defect& defect = defectOf(options);
+    if (!defect.name.empty() && options.transactions < 3) throw std::runtime_error("defects need 3 transactions");
+    if (defect.inPlan) defect.inPlan(logs, middleUpdate(options), foreign);
 
     std::vector<Member> members(logs.size());
     tse::parallelFor(logs.size(), options.jobs, [&](size_t i) {
         members[i] = Member{fileName(logs[i], format), signedLog(logs[i], format, hash)};
     });
-    plantInMembers(options, members);
+    if (defect.inMembers) defect.inMembers(members, middleUpdate(options));
 
     // A certificate valid from the middle transaction on leaves the logs
     // before it outside its validity.
     const int64_t notBefore =
-        options.defect == "certificate-chain" ? logs[middleUpdate(options)].seconds : options.firstLogTime - 86400;
+        defect.certificate == CertificatePlant::ValidFromMiddle ? logs[middleUpdate(options)].seconds : options.firstLogTime - 86400;
     const std::string info = "\"description:\",\"synthetic export\",\"manufacturer:\",\"make-export\",\"version:\",\"1.0\"\n";
     // Certificates and info.csv first, as devices write them.
     members.insert(members.begin(), {Member{"info.csv", Bytes(info.begin(), info.end())}});
     std::string pem = signer.selfSignedCertificatePem("Synthetic TSE", notBefore, 3650);
-    if (options.defect == "ca-expired") {
+    if (defect.certificate == CertificatePlant::CaExpired) {
         // The TSE's certificate is valid, but its CA's ended before the first log.
         const tse::Signer ca(curve.curve);
         const std::string caPem = ca.selfSignedCertificatePem("Synthetic CA", options.firstLogTime - 400 * 86400, 365);
         pem = signer.issuedCertificatePem("Synthetic TSE", ca, "Synthetic CA", notBefore, 3650);
         members.insert(members.begin(), Member{"Synthetic-CA_X509.pem", Bytes(caPem.begin(), caPem.end())});
     }
-    const std::string named = options.defect == "certificate-renamed" ? tse::toHex(foreign.publicKey().serialNumber())
+    const std::string named = defect.certificate == CertificatePlant::Renamed ? tse::toHex(foreign.publicKey().serialNumber())
                                                                        : tse::toHex(signer.publicKey().serialNumber());
     members.insert(members.begin(), Member{named + "_X509.pem", Bytes(pem.begin(), pem.end())});
     return members;
@@ -375,7 +420,7 @@ int runProgram(int argc, char** argv)
 {
     Options options;
     CLI::App app{"Writes a synthetic TSE export signed with a fresh key.", "make-export"};
-    app.add_option("--out,-o", options.out, "Archive or directory to write")->required();
+    app.add_option("--out,-o", options.out, "Archive or directory to write");
     app.add_option("--transactions,-n", options.transactions, "Transactions (3 logs each)");
     app.add_option("--curve", options.curve, "secp256r1, brainpoolP384r1, ... (default brainpoolP384r1)");
     app.add_option("--time-format", options.timeFormat, "unixTime, utcTime or generalizedTime");
@@ -383,7 +428,8 @@ int runProgram(int argc, char** argv)
         ->check(CLI::IsMember({"tar", "tar.gz", "tar.bz2", "tar.xz", "dir"}));
     app.add_option("--split", options.splitSize, "Split the archive into X.001, X.002, ... of this many bytes");
     app.add_option("--defect", options.defect, "Plant one defect: the audit finding's code")
-        ->check(CLI::IsMember(DEFECTS));
+        ->check(CLI::IsMember(defectNames()));
+    app.add_flag("--list-defects", options.listDefects, "List the defects and the finding each gives, then exit");
     app.add_option("--client", options.client, "Client ID of the transactions (default KASSE-01)");
     app.add_option("--first-counter", options.firstCounter, "Signature counter of the first log");
     app.add_option("--jobs,-j", options.jobs, "Threads to sign with")->check(CLI::Range(1u, 1024u));
@@ -393,6 +439,14 @@ int runProgram(int argc, char** argv)
     app.add_flag("--varied", options.varied,
                  "Sales with several VAT rates and payments, returns, a foreign currency, orders and other processes");
     CLI11_PARSE(app, argc, argv);
+    if (options.listDefects) {
+        for (const Defect& d : DEFECTS) std::cout << d.name << ' ' << tse::findingName(d.finding) << '\n';
+        return 0;
+    }
+    if (options.out.empty()) {
+        std::cerr << "make-export: --out is required\n";
+        return 2;
+    }
     try {
         if (!options.start.empty()) {
             const std::optional<tse::IsoTime> start = tse::parseIsoTime(options.start);

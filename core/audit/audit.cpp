@@ -43,7 +43,7 @@ private:
     void visit(ExportMember&& member);
     void visitLog(ExportMember&& member);
     void visitInfo(const ExportMember& member, const std::string& shown);
-    void addFinding(Severity severity, const std::string& code, const std::string& message,
+    void addFinding(FindingCode code, const std::string& message,
                     std::vector<std::string> files, std::string source = {});
     void finish(const std::vector<ExportSource>& sources);
     void exportFindings();
@@ -65,10 +65,10 @@ private:
     uint64_t bytesBefore_ = 0, bytesTotal_ = 0;
 };
 
-void AuditRun::addFinding(Severity severity, const std::string& code, const std::string& message,
-                          std::vector<std::string> files, std::string source)
+void AuditRun::addFinding(FindingCode code, const std::string& message, std::vector<std::string> files,
+                          std::string source)
 {
-    report_.findings.push_back(Finding{severity, code, message, std::move(files), std::move(source)});
+    report_.findings.push_back(Finding{findingSeverity(code), code, message, std::move(files), std::move(source)});
 }
 
 Result<AuditReport> AuditRun::run()
@@ -90,7 +90,7 @@ Result<AuditReport> AuditRun::run()
     // Nothing to audit is no passed audit; a cut archive with nothing left
     // in it still gets its report, which says where it was cut.
     const bool truncated = std::any_of(report_.findings.begin(), report_.findings.end(),
-                                       [](const Finding& f) { return f.code == "export-truncated"; });
+                                       [](const Finding& f) { return f.code == FindingCode::ExportTruncated; });
     if (report_.logs.empty() && !truncated) {
         std::string names;
         for (const std::string& path : options_.exports) names += (names.empty() ? "" : ", ") + escapeText(path);
@@ -118,7 +118,7 @@ Result<uint64_t> AuditRun::readExports(const Result<std::vector<ExportSource>>& 
         if (!read) failure = read.error();
         else if (read->truncation && !finalPass_) {
             const std::string label(currentLabel_);
-            addFinding(Severity::Error, "export-truncated", escapeUnsafe(*read->truncation), {label}, label);
+            addFinding(FindingCode::ExportTruncated, escapeUnsafe(*read->truncation), {label}, label);
         }
     }
     pipeline_.endPass();
@@ -163,18 +163,18 @@ void AuditRun::visit(ExportMember&& member)
     const std::string shown = escapeText(member.name);
     const std::string source(currentLabel_);
     if (unsafe) {
-        return addFinding(Severity::Warning, "unexpected-member",
+        return addFinding(FindingCode::UnexpectedMember,
                           "the member name " + shown + " in " + source + " leads outside the export; it was not used",
                           {shown}, source);
     }
     if (!member.contents) {
-        return addFinding(Severity::Warning, "unexpected-member", shown + " " + member.contents.error().message,
+        return addFinding(FindingCode::UnexpectedMember, shown + " " + member.contents.error().message,
                           {shown}, source);
     }
     if (kind == MemberKind::Info) return visitInfo(member, shown);
     if (!seen_.firstSighting(*member.contents)) return;
     if (kind == MemberKind::Certificate) return intake_.addMember(member.name, *member.contents);
-    addFinding(Severity::Warning, "unexpected-member", shown + " is neither a log, a certificate nor info.csv",
+    addFinding(FindingCode::UnexpectedMember, shown + " is neither a log, a certificate nor info.csv",
                {shown}, source);
 }
 
@@ -232,7 +232,7 @@ void AuditRun::exportFindings()
     for (const AuditedExport& audited : report_.audited) {
         if (audited.standalone || audited.logMembers == 0 || audited.info || !audited.infoProblem.empty()) continue;
         const std::string label = escapeText(audited.path);
-        addFinding(Severity::Warning, "info-missing",
+        addFinding(FindingCode::InfoMissing,
                    label + " holds " + counted(audited.logMembers, "log member", "log members") + " but no info.csv", {label},
                    label);
     }

@@ -121,8 +121,8 @@ private:
 };
 
 struct Finding {
-    Severity severity = Severity::Warning;
-    std::string code;  // "signature-invalid", "counter-gap", ...
+    Severity severity = Severity::Warning;  // the catalogue's for the code
+    FindingCode code = FindingCode::SignatureInvalid;
     std::string message;
     std::vector<std::string> files;
     std::string source;  // the export it concerns; empty when it spans several

@@ -94,7 +94,7 @@ void CertificateIntake::add(const std::string& file, ByteView data, bool trusted
 {
     const Result<std::vector<Certificate>> load = loadCertificates(data);
     if (!load) {
-        report_.findings.push_back(Finding{Severity::Warning, "unexpected-member",
+        report_.findings.push_back(Finding{findingSeverity(FindingCode::UnexpectedMember), FindingCode::UnexpectedMember,
                                            file + " holds no certificate: " + load.error().message, {file}, {}});
         return;
     }
@@ -143,7 +143,7 @@ void CertificateIntake::checkName(const std::string& file, const std::vector<Cer
     for (const Certificate& certificate : certificates) {
         if (equalsIgnoringCase(certificateSerial(certificate), *claimed)) return;
     }
-    report_.findings.push_back(Finding{Severity::Error, "name-mismatch",
+    report_.findings.push_back(Finding{findingSeverity(FindingCode::NameMismatch), FindingCode::NameMismatch,
                                        file + ": the name gives the key hash " + *claimed +
                                            ", but the certificate's key hash is " +
                                            certificateSerial(certificates.front()),

@@ -174,7 +174,7 @@ BookkeepingFinding findingAt(const CheckState& s, size_t position)
     BookkeepingFinding f;
     if (fromAudit) {
         const Finding& a = s.tse->audit.findings[index];
-        f = BookkeepingFinding{a.severity, a.code, "TSE export: " + a.message, a.files, true};
+        f = BookkeepingFinding{a.severity, std::string(findingName(a.code)), "TSE export: " + a.message, a.files, true};
     } else {
         const RaisedFinding& r = s.sorted[index];
         f.severity = findingSeverity(r.code);
@@ -190,9 +190,7 @@ BookkeepingFinding findingAt(const CheckState& s, size_t position)
 void orderFindings(CheckState& s)
 {
     s.sorted = s.raised.sorted();
-    const auto rank = [](Severity severity, std::optional<FindingCode> code) {
-        return std::make_pair(severity, code ? static_cast<int>(*code) : 1000);
-    };
+    const auto rank = [](Severity severity, FindingCode code) { return std::make_pair(severity, static_cast<int>(code)); };
     for (size_t i = 0; i < s.sorted.size(); ++i) s.order.emplace_back(false, i);
     if (s.tse) {
         for (size_t i = 0; i < s.tse->audit.findings.size(); ++i) s.order.emplace_back(true, i);
@@ -201,7 +199,7 @@ void orderFindings(CheckState& s)
         const auto rankOf = [&](const std::pair<bool, size_t>& entry) {
             if (!entry.first) return rank(findingSeverity(s.sorted[entry.second].code), s.sorted[entry.second].code);
             const Finding& f = s.tse->audit.findings[entry.second];
-            return rank(f.severity, findingByName(f.code));
+            return rank(f.severity, f.code);
         };
         return rankOf(a) < rankOf(b);
     });

@@ -10,6 +10,7 @@
 #include <map>
 #include <random>
 #include <set>
+#include <sstream>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -118,6 +119,11 @@ TEST(Audit, PlantedDefects)
         std::string says = {};  // what the finding's message holds
     };
     fixtures::TempDir dir;
+    // What make-export says each defect gives, taken from the catalogue.
+    std::map<std::string, std::string> listed;
+    std::istringstream list(fixtures::run(makeExportPath(), {"--list-defects"}).out);
+    for (std::string name, code; list >> name >> code;) listed[name] = code;
+    size_t tested = 0;
     for (const Case& c : std::vector<Case>{{"signature-invalid", 1},
                                            {"certificate-missing", 1, "", "1 log of TSE"},
                                            {"log-unreadable", 1},
@@ -136,6 +142,8 @@ TEST(Audit, PlantedDefects)
                                            {"ecsdsa", 1, "signature-invalid",
                                             "unsupported algorithm: ecsdsa-plain-SHA256"}}) {
         SCOPED_TRACE(c.defect);
+        ++tested;
+        EXPECT_EQ(listed[c.defect], c.code.empty() ? c.defect : c.code);
         const std::string archive = dir.path(c.defect + ".tar");
         makeExport({"-o", archive, "-n", "6", "--curve", "secp256r1", "--defect", c.defect});
         const Audit a = audit({archive});
@@ -150,6 +158,7 @@ TEST(Audit, PlantedDefects)
         }
         EXPECT_EQ(audit({"--strict", archive}).status, 1);
     }
+    EXPECT_EQ(tested, listed.size()) << "a defect make-export plants is not tested here";
 }
 
 // Every curve and time format, in every container form.

@@ -258,7 +258,7 @@ json reportJson(const tse::AuditReport& report)
     }
     for (const tse::Finding& f : report.findings) {
         document["findings"].push_back({{"severity", tse::severityName(f.severity)},
-                                        {"code", f.code},
+                                        {"code", tse::findingName(f.code)},
                                         {"message", f.message},
                                         {"files", f.files},
                                         {"export", textOrNull(f.source)}});
@@ -357,7 +357,7 @@ void printSummary(std::ostream& out, const tse::AuditReport& report, bool strict
     out << "\n\nFindings:\n";
     std::map<std::pair<std::string, std::string>, std::vector<const tse::Finding*>> byCode;
     for (const tse::Finding& f : report.findings) {
-        byCode[{std::string(tse::severityName(f.severity)), f.code}].push_back(&f);
+        byCode[{std::string(tse::severityName(f.severity)), std::string(tse::findingName(f.code))}].push_back(&f);
     }
     // Audited together, the exports' member names may repeat: each finding
     // then says which export it comes from.

@@ -134,7 +134,7 @@ std::vector<report::FindingGroup> findingGroups(const tse::AuditReport& report)
 {
     std::vector<report::FindingEntry> entries;
     for (const tse::Finding& f : report.findings) {
-        entries.push_back({f.severity == tse::Severity::Error, f.code, f.message, &f.files});
+        entries.push_back({f.severity == tse::Severity::Error, tse::findingName(f.code), f.message, &f.files});
     }
     return report::groupFindings(entries);
 }
