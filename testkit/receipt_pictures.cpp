@@ -229,7 +229,9 @@ Picture blurred(const Picture& picture, double sigma)
                 for (int i = -radius; i <= radius; ++i) {
                     const int sx = std::clamp(x + i * stepX, 0, in.width - 1);
                     const int sy = std::clamp(y + i * stepY, 0, in.height - 1);
-                    sum += kernel[static_cast<size_t>(i + radius)] * in.pixels[(static_cast<size_t>(sy) * static_cast<size_t>(in.width)) + static_cast<size_t>(sx)];
+                    const int tap = i + radius;
+                    sum += kernel[static_cast<size_t>(tap)] *
+                           in.pixels[(static_cast<size_t>(sy) * static_cast<size_t>(in.width)) + static_cast<size_t>(sx)];
                 }
                 at(out, x, y) = clamped(sum / total);
             }
