@@ -33,7 +33,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         if (!member.contents && member.contents.error().message.empty()) std::abort();
         if (member.contents && member.contents->size() > MAX_MEMBER_SIZE) std::abort();
     });
-    if (!read && read.message().empty()) std::abort();
+    if (!read && read.error().message.empty()) std::abort();
     if (read && read->members > members) std::abort();
     close(fd);
     return 0;

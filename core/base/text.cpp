@@ -4,9 +4,6 @@
 #include <cstdio>
 
 namespace tse {
-namespace {
-
-}  // namespace
 
 bool invisibleFormat(uint32_t code)
 {
@@ -16,6 +13,11 @@ bool invisibleFormat(uint32_t code)
 }
 
 namespace {
+
+char lowerLetter(char c)
+{
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
 
 // The length of a well-formed UTF-8 sequence at `i` that is printable, or 0.
 // Overlong forms, surrogates and values past U+10FFFF are not well-formed;
@@ -84,9 +86,39 @@ std::string escape(ByteView value, bool backslash)
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b)
 {
-    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
     return a.size() == b.size() &&
-           std::equal(a.begin(), a.end(), b.begin(), [&](char x, char y) { return lower(x) == lower(y); });
+           std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) { return lowerLetter(x) == lowerLetter(y); });
+}
+
+std::string asciiLower(std::string_view text)
+{
+    std::string out(text);
+    for (char& c : out) c = lowerLetter(c);
+    return out;
+}
+
+bool isBlank(char c)
+{
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+}
+
+std::string_view baseName(std::string_view path)
+{
+    const size_t separator = path.find_last_of("/\\");
+    return separator == std::string_view::npos ? path : path.substr(separator + 1);
+}
+
+std::string groupedDigits(int64_t value)
+{
+    // The magnitude as unsigned, so that the smallest int64_t has one too.
+    const uint64_t magnitude = value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
+    const std::string digits = std::to_string(magnitude);
+    std::string out = value < 0 ? "-" : "";
+    for (size_t i = 0; i < digits.size(); ++i) {
+        if (i && (digits.size() - i) % 3 == 0) out += ',';
+        out += digits[i];
+    }
+    return out;
 }
 
 std::string escapeText(ByteView value)

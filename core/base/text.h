@@ -14,6 +14,18 @@ namespace tse {
 // ASCII letters only: names in logs, exports and receipts are ASCII, and a
 // locale must not change what matches.
 bool equalsIgnoringCase(std::string_view a, std::string_view b);
+std::string asciiLower(std::string_view text);
+
+// A space, tab, carriage return or line feed: what surrounds a value in a
+// file or on a command line without being part of it.
+bool isBlank(char c);
+
+// The last part of a path or archive member name, after the last '/' or
+// '\': exports made on Windows separate with either.
+std::string_view baseName(std::string_view path);
+
+// "1,234,567": digits grouped in threes for people to read.
+std::string groupedDigits(int64_t value);
 
 // Text from an input (a log's field, a member name, a certificate's
 // subject) as it is shown and written to JSON and CSV: printable UTF-8

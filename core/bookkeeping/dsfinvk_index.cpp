@@ -10,12 +10,6 @@
 namespace tse {
 namespace {
 
-std::string_view baseName(std::string_view path)
-{
-    const size_t slash = path.find_last_of("/\\");
-    return slash == std::string_view::npos ? path : path.substr(slash + 1);
-}
-
 // A delimiter element holds one character, or an entity such as &#x9;.
 char singleCharacter(const pugi::xml_node& node, char fallback)
 {

@@ -23,21 +23,6 @@ constexpr std::string_view ROWS_TABLE = "transactions_tse.csv";
 constexpr std::string_view CLOSINGS_TABLE = "cashpointclosing.csv";
 constexpr std::string_view RECEIPTS_TABLE = "transactions.csv";
 
-std::string_view lastPart(std::string_view path)
-{
-    const size_t slash = path.find_last_of("/\\");
-    return slash == std::string_view::npos ? path : path.substr(slash + 1);
-}
-
-std::string asciiLower(std::string_view text)
-{
-    std::string out(text);
-    for (char& c : out) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    }
-    return out;
-}
-
 // Why the header lacks these columns, as far as can be told.
 std::string headerHint(const std::vector<std::string>& header, const std::vector<std::string_view>& missing,
                        char delimiter)
@@ -194,7 +179,7 @@ std::optional<std::vector<TableDescription>> Intake::readIndex(const ExportSourc
     std::optional<std::vector<TableDescription>> index;
     problem = "has no index.xml";
     const Result<ExportRead> read = readExportSource(source, MAX_INDEX_XML, [&](ExportMember&& member) {
-        if (index || !equalsIgnoringCase(lastPart(member.name), "index.xml") || unsafeMemberName(member.name)) return;
+        if (index || !equalsIgnoringCase(baseName(member.name), "index.xml") || unsafeMemberName(member.name)) return;
         if (!member.contents) {
             problem = "has an index.xml that " + member.contents.error().message;
             return;
@@ -209,7 +194,7 @@ std::optional<std::vector<TableDescription>> Intake::readIndex(const ExportSourc
 
 void Intake::readMember(const ExportSource& source, const std::vector<TableDescription>* index, ExportMember&& member)
 {
-    const std::string table = asciiLower(lastPart(member.name));
+    const std::string table = asciiLower(baseName(member.name));
     const std::string label = source.label() + ":" + escapeText(member.name);
     if (!member.standalone && unsafeMemberName(member.name)) {
         findings_.raise(FindingCode::UnexpectedMember,
@@ -241,7 +226,7 @@ Result<bool> Intake::readTables(const ExportSource& source, const std::vector<Ta
             tooLarge = true;
             return;
         }
-        present_.insert(asciiLower(lastPart(member.name)));
+        present_.insert(asciiLower(baseName(member.name)));
         readMember(source, index, std::move(member));
     });
     if (!read) return read.error();
@@ -259,7 +244,7 @@ void Intake::reportMissing(const ExportSource& source, const std::vector<TableDe
 {
     std::vector<std::string> expected;
     if (index) {
-        for (const TableDescription& table : *index) expected.push_back(asciiLower(lastPart(table.url)));
+        for (const TableDescription& table : *index) expected.push_back(asciiLower(baseName(table.url)));
     } else {
         expected = standardTables();
     }

@@ -37,14 +37,14 @@ std::vector<Bytes> signatureReadings(std::string_view text)
 void decodeKey(TseDeclaration& d)
 {
     ReceiptKeys keys = receiptKeys(d.keyText);
-    if (keys.key.ok()) {
+    if (keys.key) {
         d.key = *keys.key;
         d.otherKeys = std::move(keys.otherKeys);
         d.serialNumber = toHex(d.key->serialNumber());
         d.curve = std::string(d.key->curveInfo().displayName);
         return;
     }
-    d.problem = d.keyText.empty() ? "TSE_PUBLIC_KEY is empty" : "TSE_PUBLIC_KEY is no usable key: " + keys.key.message();
+    d.problem = d.keyText.empty() ? "TSE_PUBLIC_KEY is empty" : "TSE_PUBLIC_KEY is no usable key: " + keys.key.error().message;
     const std::optional<Bytes> serial = declaredSerial(d.declaredSerial);
     d.serialNumber = serial ? toHex(*serial) : d.declaredSerial;
 }

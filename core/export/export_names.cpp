@@ -96,12 +96,6 @@ void note(std::string& out, const std::string& text)
 
 }  // namespace
 
-std::string_view baseName(std::string_view memberName)
-{
-    const size_t slash = memberName.find_last_of('/');
-    return slash == std::string_view::npos ? memberName : memberName.substr(slash + 1);
-}
-
 bool unsafeMemberName(std::string_view memberName)
 {
     if (memberName.empty() || memberName.front() == '/' || memberName.front() == '\\') return true;

@@ -147,9 +147,9 @@ LogTime readLogTime(BerReader& reader)
                                              tagName(found));
     }
     const std::string text = element.content.text();
-    const TimeParse parsed = found == tag::UTC_TIME ? parseUtcTime(text) : parseGeneralizedTime(text);
+    const Result<LogTime> parsed = found == tag::UTC_TIME ? parseUtcTime(text) : parseGeneralizedTime(text);
     if (!parsed) {
-        throw ParseError(element.offset, "the log time is malformed: " + parsed.message());
+        throw ParseError(element.offset, "the log time is malformed: " + parsed.error().message);
     }
     return *parsed;
 }

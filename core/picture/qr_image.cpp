@@ -40,7 +40,8 @@ ImageScan scanImage(ByteView data, const PdfRenderer& renderPdf)
         const PdfPageHandler onPage = [&scan](int page, int pages, const GreyImage& image) {
             addCodes(scan, page, image, maxReadWork / std::max(pages, 1));
         };
-        scan.error = renderPdf ? renderPdf(data, onPage) : renderPdfPages(data, onPage);
+        const Result<void> rendered = renderPdf ? renderPdf(data, onPage) : renderPdfPages(data, onPage);
+        if (!rendered) scan.error = rendered.error().message;
         return scan;
     }
     const Result<RasterPicture> decoded = decodeRaster(data);

@@ -8,7 +8,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 
 #include "der.h"
@@ -16,6 +15,7 @@
 #include "receipt_verify.h"
 #include "signature_search.h"
 #include "text.h"
+#include "thread_annotations.h"
 
 namespace tse {
 namespace {
@@ -360,8 +360,10 @@ std::optional<WindowHit> searchWindow(const Receipt& r, const SearchContext& con
     Budget& budget = context.budget;
     const auto chunks = static_cast<size_t>((window + WINDOW_CHUNK - 1) / WINDOW_CHUNK);
     std::atomic<size_t> firstChunk{SIZE_MAX};
-    std::mutex lock;
-    std::optional<WindowHit> best;
+    struct {
+        Mutex lock;
+        std::optional<WindowHit> hit TSE_GUARDED_BY(lock);
+    } best;
     std::vector<char> complete(chunks, 0);
     parallelFor(chunks, jobs, [&](size_t chunk) {
         if (chunk > firstChunk || budget.cut()) return;
@@ -374,8 +376,8 @@ std::optional<WindowHit> searchWindow(const Receipt& r, const SearchContext& con
                     search.holdsAt(r.logTime.time.seconds + delta, [&] { return budget.take(); }, &scratch);
                 if (budget.cut()) return;
                 if (!form) continue;
-                std::lock_guard<std::mutex> guard(lock);
-                if (!best || std::abs(delta) < std::abs(best->delta)) best = WindowHit{delta, *form};
+                ExclusiveLock<Mutex> guard(best.lock);
+                if (!best.hit || std::abs(delta) < std::abs(best.hit->delta)) best.hit = WindowHit{delta, *form};
                 firstChunk = std::min(firstChunk.load(), chunk);
                 return;
             }
@@ -385,7 +387,8 @@ std::optional<WindowHit> searchWindow(const Receipt& r, const SearchContext& con
     size_t whole = 0;
     while (whole < chunks && complete[whole]) ++whole;
     searched = std::min(window, static_cast<int64_t>(whole) * WINDOW_CHUNK);
-    return best;
+    ExclusiveLock<Mutex> guard(best.lock);
+    return best.hit;
 }
 
 Explanation explainWithKey(const Receipt& receipt, const ExplainOptions& options, Budget& budget,

@@ -411,7 +411,7 @@ TEST(Audit, LogsBeforeTheirCertificateAreReadAgainWhenTheyCannotWait)
         options.jobs = 2;
         options.maxPendingBytes = room;
         const tse::Result<tse::AuditReport> outcome = tse::auditExport(options);
-        ASSERT_TRUE(outcome) << outcome.message();
+        ASSERT_TRUE(outcome) << outcome.error().message;
         EXPECT_EQ(outcome->summary.valid, 155u);
         for (const tse::LogRecord& log : outcome->logs) verdicts[room == 0].emplace_back(log.file, log.verdict);
     }

@@ -65,7 +65,7 @@ Books readBooks(const std::string& dir)
     Books books;
     const std::string index = slurp(INDEX);
     const tse::Result<std::vector<tse::TableDescription>> tables = tse::parseIndexXml(index);
-    if (!tables) ADD_FAILURE() << tables.message();
+    if (!tables) ADD_FAILURE() << tables.error().message;
     for (const tse::TableDescription& table : tables ? *tables : std::vector<tse::TableDescription>{}) {
         std::vector<Row>& rows = books.tables[table.url];
         const tse::CsvRead read = tse::readCsv(slurp(dir + "/" + table.url), table.dialect, table.columns,

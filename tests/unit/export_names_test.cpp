@@ -69,7 +69,7 @@ TEST(ExportNames, MemberKindsAndUnsafeNames)
 TEST(InfoCsv, BothFormsAndQuoting)
 {
     const auto single = tse::parseInfoCsv(std::string("\"description:\", Applause Cafe 35, \"manufacturer:\",\"a \"\"b\"\", c\",\"version:\",0.1.0"));
-    ASSERT_TRUE(single) << single.message();
+    ASSERT_TRUE(single) << single.error().message;
     EXPECT_FALSE(single->perComponent);
     EXPECT_EQ(single->records.at(0), (tse::InfoRecord{{"description", "Applause Cafe 35"},
                                                           {"manufacturer", "a \"b\", c"},
@@ -77,7 +77,7 @@ TEST(InfoCsv, BothFormsAndQuoting)
     const auto components = tse::parseInfoCsv(std::string(
         "\"component:\",\"device\",\"manufacturer:\",\"M\",\"model:\",\"X\",\"version:\",\"1\",\"certification-id:\",\"C\"\r\n"
         "\"description:\",\"d\",,,,,,,,\n"));
-    ASSERT_TRUE(components) << components.message();
+    ASSERT_TRUE(components) << components.error().message;
     EXPECT_TRUE(components->perComponent);
     EXPECT_EQ(components->records.size(), 2u);
     EXPECT_EQ(components->records[1], (tse::InfoRecord{{"description", "d"}}));
@@ -85,7 +85,7 @@ TEST(InfoCsv, BothFormsAndQuoting)
     // Quotes keep the blanks inside them, in the middle of a line and at the
     // end of the text; bare fields lose theirs.
     const auto blanks = tse::parseInfoCsv(std::string("\"model:\",\"  X 1 \", version: , 2 \n\"serial:\",\" 0815 \""));
-    ASSERT_TRUE(blanks) << blanks.message();
+    ASSERT_TRUE(blanks) << blanks.error().message;
     EXPECT_EQ(blanks->records.at(0), (tse::InfoRecord{{"model", "  X 1 "}, {"version", "2"}}));
     EXPECT_EQ(blanks->records.at(1), (tse::InfoRecord{{"serial", " 0815 "}}));
 }

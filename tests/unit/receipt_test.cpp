@@ -69,7 +69,7 @@ std::string joined(const std::vector<std::string>& fields)
 tse::ReceiptVerification verified(const std::string& text)
 {
     const tse::Result<tse::Receipt> parse = tse::parseReceiptText(text);
-    if (!parse) return {tse::Verdict::Malformed, parse.message(), {}, {}};
+    if (!parse) return {tse::Verdict::Malformed, parse.error().message, {}, {}};
     return tse::verifyReceipt(*parse);
 }
 
@@ -173,7 +173,7 @@ TEST(Receipt, VerifiesEveryKeySignatureAndMessageShape)
             std::vector<std::string> fields = receiptFields(signer, {});
             fields[KEY] = tse::toBase64(key);
             const tse::Result<tse::Receipt> parse = tse::parseReceiptText(joined(fields));
-            ASSERT_TRUE(parse) << name << ": " << parse.message();
+            ASSERT_TRUE(parse) << name << ": " << parse.error().message;
             const tse::ReceiptVerification result = tse::verifyReceipt(*parse);
             EXPECT_TRUE(result.valid()) << name;
             EXPECT_EQ(result.heldKey.value_or(parse->key).curve(), curve) << name << " key of " << key.size();
@@ -302,7 +302,7 @@ TEST(Receipt, ACompressedKeyOnBothCurvesHoldsUnderTheOneThatSigned)
         std::vector<std::string> fields = receiptFields(signer, {});
         fields[KEY] = tse::toBase64(compressed(signer.publicKey().point()));
         const tse::Result<tse::Receipt> parse = tse::parseReceiptText(joined(fields));
-        ASSERT_TRUE(parse) << name << ": " << parse.message();
+        ASSERT_TRUE(parse) << name << ": " << parse.error().message;
         ASSERT_EQ(parse->otherKeys.size(), 1u) << name;
         EXPECT_NE(parse->key.curve(), parse->otherKeys[0].curve()) << name;
         const tse::ReceiptVerification result = tse::verifyReceipt(*parse);
@@ -391,7 +391,7 @@ TEST(ReceiptExplain, FindsEachPlantedChange)
         std::vector<std::string> fields = receiptFields(signer, c.signedFields);
         c.print(fields);
         const tse::Result<tse::Receipt> parse = tse::parseReceiptText(joined(fields));
-        ASSERT_TRUE(parse) << c.kind << ": " << parse.message();
+        ASSERT_TRUE(parse) << c.kind << ": " << parse.error().message;
         ASSERT_EQ(tse::verifyReceipt(*parse).verdict, tse::Verdict::Invalid) << c.kind;
         const tse::Explanation e = tse::explainReceipt(*parse);
         EXPECT_TRUE(e.found) << c.kind << ": " << e.sentence;
@@ -431,7 +431,7 @@ TEST(ReceiptExplain, ABatchSharesItsBoundEvenly)
             fields[DATA] = "Beleg^9.57_0.00_0.00_0.00_0.00^9.57:Bar";  // nothing explains it
         }
         tse::Result<tse::Receipt> parse = tse::parseReceiptText(joined(fields));
-        ASSERT_TRUE(parse) << parse.message();
+        ASSERT_TRUE(parse) << parse.error().message;
         receipts.push_back(std::move(parse).value());
     }
     std::vector<const tse::Receipt*> batch;
