@@ -23,7 +23,8 @@ cpu_seconds() {
     awk '{ print $1 + $2 }' "$work/time"
 }
 
-: >"$work/product" >"$work/zbar"
+: >"$work/product"
+: >"$work/zbar"
 product_read=0 zbar_read=0
 while IFS=$'\t' read -r file text _; do
     cpu_seconds build/tse-check receipt -j1 --image "$work/$file" >>"$work/product"

@@ -43,7 +43,7 @@ set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_CONTACT "TSE signature verification developers <tse-signature-verification@localhost>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "check the signatures of German fiscal security devices (TSE)")
 set(CPACK_PACKAGE_DESCRIPTION
-    "signature-verification checks the ECDSA signature that a TSE puts on a transaction, from an exported log message and the TSE's certificate or from the text of a receipt QR code. tse-check reads exported log messages and prints the receipt QR code text for them.")
+    "signature-verification checks the ECDSA signature that a TSE puts on a transaction, from an exported log message and the TSE's certificate or from the text of a receipt QR code. tse-check reads and verifies log messages of every type, curve and hash; audits whole TSE exports (signatures, certificates and their chains, counters, times) with reports as text, JSON, CSV and HTML; checks DSFinV-K bookkeeping exports against their signatures and the TSE export; prints the receipt QR code text for a log; and verifies receipts given as text or read from photos, scans and PDFs, explaining why one fails.")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)

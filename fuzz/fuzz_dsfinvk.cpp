@@ -32,7 +32,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         }
     }
     const tse::Result<std::vector<tse::TableDescription>> index = tse::parseIndexXml(input);
-    if (!index && index.message().empty()) std::abort();
+    if (!index && index.error().message.empty()) std::abort();
     if (index && index->empty()) std::abort();
     (void)tse::parseAmount(std::string(reinterpret_cast<const char*>(data), size), ',', '.');
     return 0;

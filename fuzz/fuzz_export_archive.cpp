@@ -30,10 +30,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     size_t members = 0;
     const tse::Result<tse::ExportRead> read = tse::readExportSource(source, MAX_MEMBER_SIZE, [&](tse::ExportMember&& member) {
         ++members;
-        if (!member.contents && member.error.empty()) std::abort();
+        if (!member.contents && member.contents.error().message.empty()) std::abort();
         if (member.contents && member.contents->size() > MAX_MEMBER_SIZE) std::abort();
     });
-    if (!read && read.message().empty()) std::abort();
+    if (!read && read.error().message.empty()) std::abort();
     if (read && read->members > members) std::abort();
     close(fd);
     return 0;

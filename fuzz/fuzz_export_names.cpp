@@ -19,6 +19,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     tse::parseLogName(name);
     tse::certificateNameSerial(name);
     const tse::Result<tse::InfoCsv> info = tse::parseInfoCsv(input);
-    if (!info && info.message().empty()) std::abort();
+    if (!info && info.error().message.empty()) std::abort();
     return 0;
 }

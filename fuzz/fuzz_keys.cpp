@@ -12,16 +12,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     const std::vector<uint8_t> input(data, data + size);
     const tse::Result<std::vector<tse::Certificate>> load = tse::loadCertificates(input);
-    if (!load && load.message().empty()) std::abort();
+    if (!load && load.error().message.empty()) std::abort();
     if (load && load->empty()) std::abort();
     for (const tse::Certificate& certificate : load.value_or({})) {
         certificate.subject();
         certificate.issuer();
         certificate.notBefore();
         certificate.curveName();
-        if (!certificate.key() && certificate.key().message().empty()) std::abort();
+        if (!certificate.key() && certificate.key().error().message.empty()) std::abort();
     }
-    const tse::KeyResult key = tse::keyFromAnyEncoding(input);
-    if (!key && key.message().empty()) std::abort();
+    const tse::Result<tse::PublicKey> key = tse::keyFromAnyEncoding(input);
+    if (!key && key.error().message.empty()) std::abort();
     return 0;
 }

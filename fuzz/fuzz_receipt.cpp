@@ -14,7 +14,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const tse::Result<tse::Receipt> parse = tse::parseReceiptText(text);
     // Every refusal and every failed verification must tell the user why.
     if (!parse) {
-        if (parse.message().empty()) std::abort();
+        if (parse.error().message.empty()) std::abort();
         return 0;
     }
     const tse::ReceiptVerification verification = tse::verifyReceipt(*parse);

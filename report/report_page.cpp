@@ -1,16 +1,14 @@
 #include "report_page.h"
 
-#include <openssl/evp.h>
-
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <set>
-#include <memory>
 
+#include "file_reader.h"
 #include "html_writer.h"
 #include "svg_chart.h"
+#include "text.h"
 
 namespace report {
 namespace {
@@ -66,41 +64,9 @@ std::string className(Verdict verdict)
     return "failed";
 }
 
-std::string fileSha256(const std::string& path, std::string& error)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(), EVP_MD_CTX_free);
-    if (!in || !context || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) {
-        error = "cannot be read";
-        return {};
-    }
-    std::vector<char> buffer(1u << 16);
-    while (in) {
-        in.read(buffer.data(), static_cast<std::streamsize>(buffer.size()));
-        const std::streamsize got = in.gcount();
-        if (got > 0) EVP_DigestUpdate(context.get(), buffer.data(), static_cast<size_t>(got));
-    }
-    if (in.bad()) {
-        error = "cannot be read";
-        return {};
-    }
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    EVP_DigestFinal_ex(context.get(), digest, &length);
-    static constexpr char HEX[] = "0123456789abcdef";
-    std::string hex;
-    for (unsigned int i = 0; i < length; ++i) hex += HEX[digest[i] >> 4], hex += HEX[digest[i] & 15];
-    return hex;
-}
-
 std::string byteCount(uint64_t bytes)
 {
-    std::string digits = std::to_string(bytes), out;
-    for (size_t i = 0; i < digits.size(); ++i) {
-        if (i && (digits.size() - i) % 3 == 0) out += ',';
-        out += digits[i];
-    }
-    return out + " bytes";
+    return tse::groupedDigits(static_cast<int64_t>(bytes)) + (bytes == 1 ? " byte" : " bytes");
 }
 
 // Short values ("secp384r1", "untrusted-root") stay on one line; long
@@ -139,13 +105,14 @@ std::vector<InputFile> describeInputs(const std::vector<std::string>& paths)
                 bytes += entry.file_size(error);
             }
             input.size = bytes;
-            input.note = "directory of " + std::to_string(files) + " files";
+            input.note = "directory of " + std::to_string(files) + (files == 1 ? " file" : " files");
         } else {
             const uintmax_t size = fs::file_size(path, error);
             if (!error) input.size = size;
-            std::string problem;
-            input.sha256 = fileSha256(path, problem);
-            input.note = problem;
+            // Lowercase, as sha256sum prints it, so that a reader can compare.
+            const tse::Result<tse::Bytes> digest = tse::sha256OfFile(path);
+            if (digest) input.sha256 = tse::asciiLower(tse::toHex(*digest));
+            else input.note = digest.error().message;
         }
         inputs.push_back(std::move(input));
     }
@@ -321,7 +288,7 @@ void ReportPage::table(const Table& table)
     const bool closed = table.rows > OPEN_TABLE_ROWS;
     Html html(buffer_);
     html.trusted(closed ? "<details class=\"closed\">" : "<details open>").open("summary");
-    html.text(table.caption + " (" + std::to_string(table.rows) + " rows)").close("summary");
+    html.text(table.caption + " (" + std::to_string(table.rows) + (table.rows == 1 ? " row)" : " rows)")).close("summary");
     html.open("table", {{"class", "logs"}}).trusted("<thead><tr>");
     for (const std::string& column : table.columns) html.trusted("<th>").text(column);
     html.trusted("</tr></thead><tbody>\n");

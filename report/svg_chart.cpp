@@ -5,7 +5,9 @@
 #include <cmath>
 #include <cstdio>
 
+#include "civil_time.h"
 #include "html_writer.h"
+#include "text.h"
 
 namespace report {
 namespace {
@@ -184,57 +186,16 @@ double padded(double low, double high, bool high_end)
 std::string formatNumber(double value)
 {
     if (std::fabs(value - std::round(value)) > 1e-9) return num(value);
-    const long long whole = std::llround(value);
-    std::string digits = std::to_string(whole < 0 ? -whole : whole);
-    std::string out;
-    for (size_t i = 0; i < digits.size(); ++i) {
-        if (i && (digits.size() - i) % 3 == 0) out += ',';
-        out += digits[i];
-    }
-    return (whole < 0 ? "-" : "") + out;
-}
-
-int64_t daysFromCivil(int year, unsigned month, unsigned day)
-{
-    year -= month <= 2;
-    const int era = (year >= 0 ? year : year - 399) / 400;
-    const unsigned yoe = static_cast<unsigned>(year - era * 400);
-    const unsigned doy = (153 * (month + (month > 2 ? -3u : 9u)) + 2) / 5 + day - 1;
-    const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-    return int64_t{era} * 146097 + static_cast<int64_t>(doe) - 719468;
-}
-
-void civilFromDays(int64_t days, int& year, unsigned& month, unsigned& day)
-{
-    days += 719468;
-    const int64_t era = (days >= 0 ? days : days - 146096) / 146097;
-    const unsigned doe = static_cast<unsigned>(days - era * 146097);
-    const unsigned yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
-    const unsigned doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
-    const unsigned mp = (5 * doy + 2) / 153;
-    day = doy - (153 * mp + 2) / 5 + 1;
-    month = mp < 10 ? mp + 3 : mp - 9;
-    year = static_cast<int>(static_cast<int64_t>(yoe) + era * 400) + (month <= 2);
+    return tse::groupedDigits(std::llround(value));
 }
 
 std::string formatTime(int64_t seconds, TimeDetail detail)
 {
-    const int64_t days = seconds >= 0 ? seconds / 86400 : (seconds - 86399) / 86400;
-    const int64_t rest = seconds - days * 86400;
-    int year;
-    unsigned month, day;
-    civilFromDays(days, year, month, day);
-    char buffer[48];
-    if (detail == TimeDetail::Second) {
-        std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02u %02d:%02d:%02d", year, month, day,
-                      static_cast<int>(rest / 3600), static_cast<int>(rest % 3600 / 60), static_cast<int>(rest % 60));
-    } else if (detail == TimeDetail::Minute) {
-        std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02u %02d:%02d", year, month, day, static_cast<int>(rest / 3600),
-                      static_cast<int>(rest % 3600 / 60));
-    } else {
-        std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02u", year, month, day);
-    }
-    return buffer;
+    // ISO 8601 with a blank for the T and no zone, which the axis names.
+    std::string text = tse::isoSeconds(seconds);
+    const size_t date = text.find('T');
+    text[date] = ' ';
+    return text.substr(0, date + (detail == TimeDetail::Second ? 9 : detail == TimeDetail::Minute ? 6 : 0));
 }
 
 std::vector<Tick> numberTicks(double low, double high, int count)
@@ -286,17 +247,15 @@ std::vector<Tick> timeTicks(int64_t low, int64_t high, int count)
         }
     }
     // Longer spans: whole months, then whole years.
-    int year;
-    unsigned month, day;
-    civilFromDays(low / DAY, year, month, day);
+    const tse::CivilTime first = tse::civilFromSeconds(low);
     for (const int months : {1, 2, 3, 6, 12, 24, 60, 120, 600}) {
         if (span / (30 * DAY * months) > count) continue;
-        int y = year;
-        int m = static_cast<int>(month) - 1 + 1;  // the first whole month after low
+        int64_t y = first.year;
+        int m = static_cast<int>(first.month) - 1 + 1;  // the first whole month after low
         m = (m + months - 1) / months * months;
         for (;;) {
             y += m / 12, m %= 12;
-            const int64_t at = daysFromCivil(y, static_cast<unsigned>(m + 1), 1) * DAY;
+            const int64_t at = tse::daysFromCivil(y, static_cast<unsigned>(m + 1), 1) * DAY;
             if (at > high) break;
             if (at >= low) {
                 std::string label = formatTime(at);
@@ -339,68 +298,94 @@ std::vector<Point> downsample(const std::vector<Point>& points, size_t columns)
     return out;
 }
 
-std::string lineChart(const XYChart& chart, std::string_view id)
-{
+namespace {
+
+// The smallest box that holds every point and mark of the chart.
+struct Bounds {
     double xLow = 0, xHigh = 0, yLow = 0, yHigh = 0;
+};
+
+Bounds boundsOf(const XYChart& chart)
+{
+    Bounds b;
     bool any = false;
     const auto include = [&](const Point& p) {
-        if (!any) xLow = xHigh = p.x, yLow = yHigh = p.y, any = true;
-        xLow = std::min(xLow, p.x), xHigh = std::max(xHigh, p.x);
-        yLow = std::min(yLow, p.y), yHigh = std::max(yHigh, p.y);
+        if (!any) b.xLow = b.xHigh = p.x, b.yLow = b.yHigh = p.y, any = true;
+        b.xLow = std::min(b.xLow, p.x), b.xHigh = std::max(b.xHigh, p.x);
+        b.yLow = std::min(b.yLow, p.y), b.yHigh = std::max(b.yHigh, p.y);
     };
     for (const Series& s : chart.series) std::for_each(s.points.begin(), s.points.end(), include);
     for (const MarkedPoints& m : chart.marks) std::for_each(m.points.begin(), m.points.end(), include);
+    return b;
+}
+
+// The i-th series as a line with its markers, and its legend entry; a series
+// of more points than the plot is wide is drawn from a downsampled copy.
+LegendEntry drawSeries(std::string& out, const Series& s, size_t i, const Scale& x, const Scale& y)
+{
+    const char* colour = COLOURS[i % COLOURS.size()];
+    const std::string dash = DASHES[i % DASHES.size()];
+    const std::string stroke = std::string("stroke=\"") + colour + "\" stroke-width=\"1.8\" fill=\"none\"" +
+                               (dash.empty() ? "" : " stroke-dasharray=\"" + dash + "\"");
+    const std::vector<Point> drawn = downsample(s.points, static_cast<size_t>(PLOT_WIDTH));
+    out += "<g class=\"series\">";
+    if (drawn.size() > 1) {
+        out += "<path " + stroke + " d=\"";
+        for (size_t k = 0; k < drawn.size(); ++k) {
+            out += (k ? "L" : "M") + num(x.at(drawn[k].x)) + "," + num(y.at(drawn[k].y));
+        }
+        out += "\"/>";
+    }
+    const Marker shape = SERIES_MARKERS[i % SERIES_MARKERS.size()];
+    if (drawn.size() <= MAX_MARKERS) {
+        for (const Point& p : drawn) marker(out, shape, x.at(p.x), y.at(p.y), colour);
+    }
+    out += "</g>";
+    std::string sample = "<path d=\"M-10,0H10\" " + stroke + "/>";
+    marker(sample, shape, 0, 0, colour);
+    return LegendEntry{s.name, sample};
+}
+
+// Marked points (gaps, clocks set back) with their labels, and the legend
+// entry that counts them.
+LegendEntry drawMarks(std::string& out, const MarkedPoints& m, const char* colour, const Scale& x, const Scale& y,
+                      double plotBottom)
+{
+    out += "<g class=\"marks\">";
+    for (size_t k = 0; k < m.points.size(); ++k) {
+        const double px = x.at(m.points[k].x), py = y.at(m.points[k].y);
+        // A line down to the axis, so that a mark stays visible over the
+        // series it sits on.
+        out += "<line x1=\"" + num(px) + "\" x2=\"" + num(px) + "\" y1=\"" + num(py) + "\" y2=\"" + num(plotBottom) +
+               "\" stroke=\"" + colour + "\" stroke-dasharray=\"3 2\"/>";
+        marker(out, m.marker, px, py, colour);
+        if (k < m.labels.size() && k < MAX_LABELS) {
+            svgText(out, px + 7, py - 7 - 12.0 * static_cast<double>(k % 2), m.labels[k], "class=\"mark-label\"");
+        }
+    }
+    out += "</g>";
+    std::string sample;
+    marker(sample, m.marker, 0, 0, colour);
+    return LegendEntry{m.name + " (" + formatNumber(static_cast<double>(m.points.size())) + ")", sample};
+}
+
+}  // namespace
+
+std::string lineChart(const XYChart& chart, std::string_view id)
+{
+    const Bounds bounds = boundsOf(chart);
     const double plotBottom = 250, height = 330 + 18.0 * static_cast<double>((chart.series.size() + chart.marks.size()) / 4);
     std::string out;
     openSvg(out, height, id, chart.title, chart.description);
-    const Scale x{padded(xLow, xHigh, false), padded(xLow, xHigh, true), LEFT, LEFT + PLOT_WIDTH};
-    const Scale y{padded(yLow, yHigh, false), padded(yLow, yHigh, true), plotBottom, TOP};
+    const Scale x{padded(bounds.xLow, bounds.xHigh, false), padded(bounds.xLow, bounds.xHigh, true), LEFT,
+                  LEFT + PLOT_WIDTH};
+    const Scale y{padded(bounds.yLow, bounds.yHigh, false), padded(bounds.yLow, bounds.yHigh, true), plotBottom, TOP};
     axes(out, x, y, ticksFor(chart.xAxis, x.low, x.high, 6), ticksFor(chart.yAxis, y.low, y.high, 6), chart.xLabel,
          chart.yLabel);
     std::vector<LegendEntry> entries;
-    for (size_t i = 0; i < chart.series.size(); ++i) {
-        const Series& s = chart.series[i];
-        const char* colour = COLOURS[i % COLOURS.size()];
-        const std::string dash = DASHES[i % DASHES.size()];
-        const std::string stroke = std::string("stroke=\"") + colour + "\" stroke-width=\"1.8\" fill=\"none\"" +
-                                   (dash.empty() ? "" : " stroke-dasharray=\"" + dash + "\"");
-        const std::vector<Point> drawn = downsample(s.points, static_cast<size_t>(PLOT_WIDTH));
-        out += "<g class=\"series\">";
-        if (drawn.size() > 1) {
-            out += "<path " + stroke + " d=\"";
-            for (size_t k = 0; k < drawn.size(); ++k) {
-                out += (k ? "L" : "M") + num(x.at(drawn[k].x)) + "," + num(y.at(drawn[k].y));
-            }
-            out += "\"/>";
-        }
-        const Marker shape = SERIES_MARKERS[i % SERIES_MARKERS.size()];
-        if (drawn.size() <= MAX_MARKERS) {
-            for (const Point& p : drawn) marker(out, shape, x.at(p.x), y.at(p.y), colour);
-        }
-        out += "</g>";
-        std::string sample = "<path d=\"M-10,0H10\" " + stroke + "/>";
-        marker(sample, shape, 0, 0, colour);
-        entries.push_back(LegendEntry{s.name, sample});
-    }
+    for (size_t i = 0; i < chart.series.size(); ++i) entries.push_back(drawSeries(out, chart.series[i], i, x, y));
     for (size_t i = 0; i < chart.marks.size(); ++i) {
-        const MarkedPoints& m = chart.marks[i];
-        const char* colour = i % 2 ? "#E69F00" : "#D55E00";
-        out += "<g class=\"marks\">";
-        for (size_t k = 0; k < m.points.size(); ++k) {
-            const double px = x.at(m.points[k].x), py = y.at(m.points[k].y);
-            // A line down to the axis, so that a mark stays visible over the
-            // series it sits on.
-            out += "<line x1=\"" + num(px) + "\" x2=\"" + num(px) + "\" y1=\"" + num(py) + "\" y2=\"" + num(plotBottom) +
-                   "\" stroke=\"" + colour + "\" stroke-dasharray=\"3 2\"/>";
-            marker(out, m.marker, px, py, colour);
-            if (k < m.labels.size() && k < MAX_LABELS) {
-                svgText(out, px + 7, py - 7 - 12.0 * static_cast<double>(k % 2), m.labels[k], "class=\"mark-label\"");
-            }
-        }
-        out += "</g>";
-        std::string sample;
-        marker(sample, m.marker, 0, 0, colour);
-        entries.push_back(LegendEntry{m.name + " (" + formatNumber(static_cast<double>(m.points.size())) + ")", sample});
+        entries.push_back(drawMarks(out, chart.marks[i], i % 2 ? "#E69F00" : "#D55E00", x, y, plotBottom));
     }
     legend(out, entries, plotBottom + 56);
     out += "</svg>";

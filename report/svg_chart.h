@@ -29,9 +29,6 @@ std::string formatNumber(double value);                // "12,345", "2.5"
 enum class TimeDetail { Day, Minute, Second };
 // "2023-11-14", "2023-11-14 22:13", "2023-11-14 22:13:20" (UTC)
 std::string formatTime(int64_t seconds, TimeDetail detail = TimeDetail::Day);
-// Seconds since 1970 of a calendar day (UTC) and back.
-int64_t daysFromCivil(int year, unsigned month, unsigned day);
-void civilFromDays(int64_t days, int& year, unsigned& month, unsigned& day);
 
 enum class Axis { Number, Time };
 enum class Marker { Circle, Square, Triangle, Cross, Diamond };

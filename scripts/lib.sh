@@ -19,6 +19,11 @@ BUILD_PACKAGES=(g++ make cmake pkg-config libssl-dev libgtest-dev libcli11-dev n
                 libqrencode-dev libcpp-httplib-dev libbenchmark-dev libpugixml-dev man-db bsdextrautils dpkg-dev gzip
                 zbar-tools libheif-examples webp imagemagick time curl)
 
+# What the checks beyond the plain build need: clang and its sanitizer and
+# libFuzzer runtimes for build-asan/ and build-tsan/, lld to link, the
+# style tools, and python3 for scripts/tidy.
+CHECK_PACKAGES=(clang libclang-rt-14-dev lld clang-tidy clang-format shellcheck python3)
+
 # The fuzz targets (fuzz/targets.txt, which fuzz/CMakeLists.txt reads too).
 mapfile -t FUZZ_TARGETS < <(grep -E '^[a-z_0-9]+$' fuzz/targets.txt)
 
@@ -35,6 +40,17 @@ JOBS="${JOBS:-2}"
 # The everyday build in build/, shared by the demo, the samples and the tests.
 MAIN_BUILD_ARGS=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_TESTING=ON
                  -DENABLE_SANITIZERS=OFF -DENABLE_FUZZING=OFF)
+
+# The sanitized trees are built with clang, with line tables only for the
+# stack traces (-g1): full debug information would double what they compile
+# and link. build-asan/ serves the sanitized tests and the fuzzing alike
+# (scripts/test, scripts/fuzz).
+SANITIZED_FLAGS=(-DCMAKE_BUILD_TYPE=RelWithDebInfo "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O2 -g1 -DNDEBUG"
+                 -DCMAKE_CXX_COMPILER=clang++)
+SANITIZED_BUILD_ARGS=("${SANITIZED_FLAGS[@]}" -DENABLE_SANITIZERS=ON -DENABLE_THREAD_SANITIZER=OFF
+                      -DENABLE_FUZZING=ON)
+THREAD_SANITIZED_BUILD_ARGS=("${SANITIZED_FLAGS[@]}" -DENABLE_SANITIZERS=OFF -DENABLE_THREAD_SANITIZER=ON
+                             -DENABLE_FUZZING=OFF)
 
 # The picture of a real export's report that the README shows
 # (scripts/make-screenshot writes it).
@@ -67,11 +83,13 @@ die() {
 # require_packages PKG...: installs those of the given Debian packages that
 # are not installed yet. Nothing is downloaded when all are present.
 require_packages() {
-    local missing=() pkg
+    local missing=() installed
+    # One query for all of them; a package dpkg does not know is missing too.
+    installed=" $(dpkg-query -W -f='${db:Status-Status} ${Package}\n' "$@" 2>/dev/null |
+                  awk '$1 == "installed" { printf "%s ", $2 }')"
+    local pkg
     for pkg in "$@"; do
-        if [ "$(dpkg-query -W -f='${db:Status-Status}' "$pkg" 2>/dev/null)" != "installed" ]; then
-            missing+=("$pkg")
-        fi
+        [[ "$installed" == *" ${pkg%%:*} "* ]] || missing+=("$pkg")
     done
     [ "${#missing[@]}" -eq 0 ] && return 0
 
@@ -103,20 +121,49 @@ build_dir() {
         shift
     done
 
+    # A tree configured for another compiler is started afresh: CMake
+    # cannot switch the compiler of an existing cache.
+    local arg cached
+    for arg in "${cmake_args[@]}"; do
+        if [[ "$arg" == -DCMAKE_CXX_COMPILER=* ]] && [ -f "$dir/CMakeCache.txt" ]; then
+            cached=$(sed -n 's/^CMAKE_CXX_COMPILER:[A-Z]*=//p' "$dir/CMakeCache.txt")
+            [ "$(basename "$cached")" = "${arg#*=}" ] || rm -rf "$dir"
+        fi
+    done
+
     # A compiler cache, where the machine has one, makes a second run of the
-    # same sources cheap; paths are taken relative to the checkout, so a
-    # fresh clone elsewhere finds what an earlier one compiled.
+    # same sources cheap; paths are taken relative to the checkout (and the
+    # debug information's too, CMakeLists.txt), so a fresh clone elsewhere
+    # finds what an earlier one compiled. Its log of this build says how
+    # many compilations it served.
+    local launcher=0
     if command -v ccache >/dev/null 2>&1; then
-        export CCACHE_BASEDIR="$REPO_ROOT" CCACHE_NOHASHDIR=true
+        launcher=1
+        mkdir -p "$dir"
+        export CCACHE_BASEDIR="$REPO_ROOT" CCACHE_STATSLOG="$REPO_ROOT/$dir/ccache.log"
+        rm -f "$CCACHE_STATSLOG"
         cmake_args+=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
     fi
     log "Configuring $dir ${cmake_args[*]}"
     cmake -S . -B "$dir" "${cmake_args[@]}" || return 1
 
     log "Building $dir${targets[*]:+ (${targets[*]})}"
-    local target_args=()
+    local target_args=() status=0
     [ "${#targets[@]}" -gt 0 ] && target_args=(--target "${targets[@]}")
-    cmake --build "$dir" --parallel "$JOBS" "${target_args[@]}"
+    cmake --build "$dir" --parallel "$JOBS" "${target_args[@]}" || status=$?
+    [ "$launcher" -eq 0 ] || ccache_summary "$dir"
+    return "$status"
+}
+
+# ccache_summary DIR: one line on what the compiler cache served in DIR's
+# last build.
+ccache_summary() {
+    local hits calls
+    [ -f "$CCACHE_STATSLOG" ] || { echo "ccache: $1: nothing compiled"; return 0; }
+    hits=$(grep -c '^local_storage_hit$' "$CCACHE_STATSLOG" || true)
+    calls=$(grep -c '^# ' "$CCACHE_STATSLOG" || true)
+    echo "ccache: $1: $hits of $calls compilations served from the cache"
+    unset CCACHE_STATSLOG
 }
 
 # show_run TEXT CMD [ARG...]: prints "$ TEXT", runs the command, prints its

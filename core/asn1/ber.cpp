@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "text.h"
+
 namespace tse {
 namespace {
 
@@ -100,8 +102,8 @@ BerElement BerReader::read()
     } else {
         if (length > remaining()) {
             throw ParseError(element.offset, "element " + tagName(element.tag) + " announces " +
-                                                 std::to_string(length) + " content octets, but only " +
-                                                 std::to_string(remaining()) + " remain");
+                                                 counted(length, "content octet", "content octets") + ", but only " +
+                                                 std::to_string(remaining()) + (remaining() == 1 ? " remains" : " remain"));
         }
         element.content = data_.sub(position_, static_cast<size_t>(length));
         position_ += static_cast<size_t>(length);
@@ -110,13 +112,13 @@ BerElement BerReader::read()
     return element;
 }
 
-BerElement BerReader::expect(uint8_t tag, const std::string& what)
+BerElement BerReader::expect(uint8_t tag, std::string_view what)
 {
     if (atEnd()) {
-        throw ParseError(offset(), "the data ends where " + what + " should begin");
+        throw ParseError(offset(), "the data ends where " + std::string(what) + " should begin");
     }
     if (peekTag() != tag) {
-        throw ParseError(offset(), "expected " + what + " (tag " + tagName(tag) + "), found tag " +
+        throw ParseError(offset(), "expected " + std::string(what) + " (tag " + tagName(tag) + "), found tag " +
                                        tagName(peekTag()));
     }
     return read();
@@ -167,21 +169,21 @@ size_t stringChunkCount(const BerElement& element, size_t depthLimit)
     return count;
 }
 
-uint64_t unsignedValue(const BerElement& element, const std::string& what)
+uint64_t unsignedValue(const BerElement& element, std::string_view what)
 {
     const ByteView content = element.content;
     if (content.empty()) {
-        throw ParseError(element.offset, what + " is an INTEGER without content");
+        throw ParseError(element.offset, std::string(what) + " is an INTEGER without content");
     }
     if (content[0] & 0x80) {
-        throw ParseError(element.offset, what + " is negative");
+        throw ParseError(element.offset, std::string(what) + " is negative");
     }
     size_t first = 0;
     while (first + 1 < content.size() && content[first] == 0) {
         ++first;
     }
     if (content.size() - first > 8) {
-        throw ParseError(element.offset, what + " is wider than 64 bits");
+        throw ParseError(element.offset, std::string(what) + " is wider than 64 bits");
     }
     uint64_t value = 0;
     for (size_t i = first; i < content.size(); ++i) {

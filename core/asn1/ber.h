@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include "bytes.h"
 
@@ -65,8 +66,9 @@ public:
 
     BerElement read();
     // Reads the next element and throws unless it carries the tag; `what`
-    // names the element in the message.
-    BerElement expect(uint8_t tag, const std::string& what);
+    // names the element in the message (a view: a log of every type calls
+    // this a dozen times, and a string for words never shown costs).
+    BerElement expect(uint8_t tag, std::string_view what);
 
     // A reader over the content of a constructed element.
     BerReader inside(const BerElement& element) const;
@@ -89,7 +91,7 @@ size_t stringChunkCount(const BerElement& element, size_t depthLimit = BerReader
 
 // An INTEGER's content read as an unsigned number. Throws for an empty or
 // negative value and for one wider than 64 bits, so a value is never cut.
-uint64_t unsignedValue(const BerElement& element, const std::string& what);
+uint64_t unsignedValue(const BerElement& element, std::string_view what);
 
 // A short name for a tag as a user would look for it: "0x85".
 std::string tagName(uint8_t tag);

@@ -87,9 +87,15 @@ public:
 
     // Keeps the record's texts; its views may point anywhere.
     void push_back(const LogRecord& record);
+    // Moves the other table's rows to the end of this one, row by row, so
+    // that the two never hold them all at once.
+    void append(LogTable&& other);
     size_t size() const { return rows_.size(); }
     bool empty() const { return rows_.empty(); }
     LogRecord operator[](size_t index) const;
+    // The same into a record that is used again, whose strings keep their
+    // room: for the writers that read every log.
+    void read(size_t index, LogRecord& record) const;
     const Row& row(size_t index) const { return rows_[index]; }
     std::string_view text(uint32_t id) const { return texts_[id]; }
     std::string file(size_t index) const;
@@ -101,16 +107,22 @@ public:
     void removeOrdinals(const std::unordered_set<uint64_t>& ordinals);
 
 private:
-    uint32_t intern(std::string_view text);
+    // The columns of pooled texts; each remembers the id it took last,
+    // since consecutive logs nearly always share their TSE, client and so on.
+    enum Column { FILE, SERIAL, ALGORITHM, OPERATION, CLIENT, PROCESS, FRACTION, REASON, NAME_PROBLEM, SOURCE, COLUMNS };
+    uint32_t intern(std::string_view text, Column column);
+    void appendFile(const Row& row, std::string& name) const;
 
     std::deque<Row> rows_;
     std::deque<std::string> texts_{std::string()};  // never moved, so the views stay valid
     std::unordered_map<std::string_view, uint32_t> ids_;
+    uint32_t last_[COLUMNS] = {};
+    std::string pattern_;  // room to make a name's pattern in
 };
 
 struct Finding {
-    Severity severity = Severity::Warning;
-    std::string code;  // "signature-invalid", "counter-gap", ...
+    Severity severity = Severity::Warning;  // the catalogue's for the code
+    FindingCode code = FindingCode::SignatureInvalid;
     std::string message;
     std::vector<std::string> files;
     std::string source;  // the export it concerns; empty when it spans several

@@ -15,11 +15,10 @@ constexpr size_t MAX_FILES_PER_FINDING = 200;
 struct Findings {
     std::vector<Finding>& list;
 
-    void add(Severity severity, const char* code, std::string message, std::vector<std::string> files,
-             std::string_view source = {})
+    void add(FindingCode code, std::string message, std::vector<std::string> files, std::string_view source = {})
     {
         if (files.size() > MAX_FILES_PER_FINDING) files.resize(MAX_FILES_PER_FINDING);
-        list.push_back(Finding{severity, code, std::move(message), std::move(files), std::string(source)});
+        list.push_back(Finding{findingSeverity(code), code, std::move(message), std::move(files), std::string(source)});
     }
 };
 
@@ -45,26 +44,31 @@ bool isUpdateTime(const LogRecord& log)
     return log.type == LogType::System && equalsIgnoringCase(log.operation, "updateTime");
 }
 
+// Only the logs that something is wrong with are read whole.
 void perLogFindings(const AuditReport& report, Findings& out)
 {
     std::map<std::string, std::vector<std::string>> withoutCertificate;
-    for (const LogRecord& log : report.logs) {
+    LogRecord log;
+    for (size_t i = 0; i < report.logs.size(); ++i) {
+        const LogTable::Row& row = report.logs.row(i);
+        if (row.verdict == static_cast<uint8_t>(LogVerdict::Valid) && row.nameProblem == 0) continue;
+        report.logs.read(i, log);
         if (log.verdict == LogVerdict::Invalid) {
-            out.add(Severity::Error, "signature-invalid", log.file + ": " + log.reason, {log.file}, log.source);
+            out.add(FindingCode::SignatureInvalid, log.file + ": " + log.reason, {log.file}, log.source);
         } else if (log.verdict == LogVerdict::Unreadable) {
-            out.add(Severity::Error, "log-unreadable", log.file + ": " + log.reason, {log.file}, log.source);
+            out.add(FindingCode::LogUnreadable, log.file + ": " + log.reason, {log.file}, log.source);
         } else if (log.verdict == LogVerdict::NoCertificate) {
             withoutCertificate[std::string(log.serialNumber)].push_back(log.file);
         }
         if (!log.nameProblem.empty()) {
-            out.add(Severity::Error, "name-mismatch", log.file + ": " + log.nameProblem, {log.file}, log.source);
+            out.add(FindingCode::NameMismatch, log.file + ": " + log.nameProblem, {log.file}, log.source);
         }
     }
     for (auto& [serial, files] : withoutCertificate) {
         // The message is made before the files move into the finding.
-        std::string message = std::to_string(files.size()) + " logs of " + shortSerial(serial) +
+        std::string message = counted(files.size(), "log", "logs") + " of " + shortSerial(serial) +
                               ": no certificate has a key whose SHA-256 is the serial number " + serial;
-        out.add(Severity::Error, "certificate-missing", std::move(message), std::move(files));
+        out.add(FindingCode::CertificateMissing, std::move(message), std::move(files));
     }
 }
 
@@ -107,7 +111,7 @@ void counterFindings(std::string_view serial, const TseLogs& logs, const std::se
         if (j > i) {
             std::vector<std::string> files;
             for (size_t k = i; k <= j; ++k) files.push_back(logs.file(k));
-            out.add(Severity::Error, "counter-duplicate",
+            out.add(FindingCode::CounterDuplicate,
                     shortSerial(serial) + ": " + std::to_string(j - i + 1) + " different logs carry signature counter " +
                         std::to_string(counter),
                     std::move(files));
@@ -116,8 +120,8 @@ void counterFindings(std::string_view serial, const TseLogs& logs, const std::se
     }
     for (; extra != extraCounters.end(); ++extra) present(*extra);
     if (gaps.empty()) return;
-    out.add(Severity::Warning, "counter-gap",
-            shortSerial(serial) + ": " + std::to_string(missing) + " signature counters missing between " +
+    out.add(FindingCode::CounterGap,
+            shortSerial(serial) + ": " + counted(missing, "signature counter", "signature counters") + " missing between " +
                 std::to_string(*first) + " and " + std::to_string(*last) + ": " +
                 counterRanges(gaps, MAX_RANGES_SHOWN),
             {});
@@ -135,7 +139,7 @@ void timeFindings(const TseLogs& logs, Findings& out)
         const LogRecord log = logs.record(i);
         // A clock set back is legal when the TSE logs it with updateTime.
         if (isUpdateTime(before) || isUpdateTime(log)) continue;
-        out.add(Severity::Warning, "time-regression",
+        out.add(FindingCode::TimeRegression,
                 log.file + ": its log time " + log.logTime()->iso() + " is earlier than " + before.logTime()->iso() +
                     " of signature counter " + std::to_string(*before.counter),
                 {before.file, log.file});
@@ -188,7 +192,7 @@ void transactionFindings(std::string_view serial, const TseLogs& logs, Findings&
         if (problem.empty()) continue;
         std::vector<std::string> files;
         for (size_t k = span.begin; k < span.end; ++k) files.push_back(logs.file(positions[k]));
-        out.add(Severity::Warning, "transaction-incomplete",
+        out.add(FindingCode::TransactionIncomplete,
                 shortSerial(serial) + ": transaction " + std::to_string(transaction) + " " + problem, std::move(files));
     }
 }
@@ -221,7 +225,7 @@ void certificateFindings(const AuditReport& report, bool trustGiven, Findings& o
     for (const CertificateRecord& certificate : report.certificates) {
         bySerial.emplace(certificate.serialNumber, &certificate);
         if (trustGiven && certificate.chain.status != ChainStatus::Trusted) {
-            out.add(Severity::Warning, "certificate-chain",
+            out.add(FindingCode::CertificateChain,
                     certificate.file + ": the chain is " + std::string(chainStatusName(certificate.chain.status)) +
                         ": " + certificate.chain.reason,
                     {certificate.file});
@@ -230,14 +234,22 @@ void certificateFindings(const AuditReport& report, bool trustGiven, Findings& o
     // Keyed by the certificate and the place in its chain: NO_ISSUER for
     // the certificate itself, else the index of the CA above it.
     std::map<std::pair<const CertificateRecord*, size_t>, std::vector<std::string>> outside;
-    for (const LogRecord& log : report.logs) {
-        auto found = bySerial.find(log.serialNumber);
-        if (found == bySerial.end() || !log.seconds) continue;
-        const CertificateRecord& c = *found->second;
-        if (!validAt(c.notBefore, c.notAfter, *log.seconds)) outside[{&c, NO_ISSUER}].push_back(log.file);
+    const LogTable& logs = report.logs;
+    uint32_t lastSerial = 0;  // consecutive logs nearly always share their TSE
+    const CertificateRecord* certificate = nullptr;
+    for (size_t n = 0; n < logs.size(); ++n) {
+        const LogTable::Row& row = logs.row(n);
+        if (row.serialNumber != lastSerial || n == 0) {
+            const auto found = bySerial.find(logs.text(row.serialNumber));
+            certificate = found == bySerial.end() ? nullptr : found->second;
+            lastSerial = row.serialNumber;
+        }
+        if (certificate == nullptr || !(row.present & LogTable::Row::HAS_SECONDS)) continue;
+        const CertificateRecord& c = *certificate;
+        if (!validAt(c.notBefore, c.notAfter, row.seconds)) outside[{&c, NO_ISSUER}].push_back(logs.file(n));
         for (size_t i = 0; i < c.chain.issuers.size(); ++i) {
             const ChainIssuer& issuer = c.chain.issuers[i];
-            if (!validAt(issuer.notBefore, issuer.notAfter, *log.seconds)) outside[{&c, i}].push_back(log.file);
+            if (!validAt(issuer.notBefore, issuer.notAfter, row.seconds)) outside[{&c, i}].push_back(logs.file(n));
         }
     }
     for (auto& [where, files] : outside) {
@@ -246,9 +258,9 @@ void certificateFindings(const AuditReport& report, bool trustGiven, Findings& o
         const std::optional<int64_t> from = self ? c.notBefore : c.chain.issuers[where.second].notBefore;
         const std::optional<int64_t> to = self ? c.notAfter : c.chain.issuers[where.second].notAfter;
         const std::string what = self ? c.file : "the CA " + c.chain.issuers[where.second].subject + " above " + c.file;
-        std::string message = std::to_string(files.size()) + " logs lie outside the validity of " + what + " (" +
+        std::string message = counted(files.size(), "log lies", "logs lie") + " outside the validity of " + what + " (" +
                               (from ? isoSeconds(*from) : "?") + " to " + (to ? isoSeconds(*to) : "?") + ")";
-        out.add(Severity::Warning, "certificate-chain", std::move(message), std::move(files));
+        out.add(FindingCode::CertificateChain, std::move(message), std::move(files));
     }
 }
 

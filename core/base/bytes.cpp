@@ -5,6 +5,8 @@
 
 #include <openssl/sha.h>
 
+#include "text.h"
+
 namespace tse {
 namespace {
 
@@ -23,11 +25,6 @@ int base64Value(char c)
 {
     const char* found = std::strchr(BASE64_ALPHABET, c);
     return c != '\0' && found ? static_cast<int>(found - BASE64_ALPHABET) : -1;
-}
-
-bool isBlank(char c)
-{
-    return c == ' ' || c == '\t' || c == '\r' || c == '\n';
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -30,8 +31,17 @@ public:
     const uint8_t* begin() const { return data_; }
     const uint8_t* end() const { return data_ + size_; }
     uint8_t operator[](size_t index) const { return data_[index]; }
-    // The caller keeps offset + count within size().
-    ByteView sub(size_t offset, size_t count) const { return ByteView(data_ + offset, count); }
+    // The bytes from offset on, count of them. A range beyond the view is a
+    // fault of the caller, whose parser should have refused the length
+    // first; it throws rather than read what is not there.
+    ByteView sub(size_t offset, size_t count) const
+    {
+        if (offset > size_ || count > size_ - offset) {
+            throw std::out_of_range("a view of " + std::to_string(size_) + " bytes has no " + std::to_string(count) +
+                                    " bytes at " + std::to_string(offset));
+        }
+        return ByteView(data_ + offset, count);
+    }
     Bytes copy() const { return Bytes(begin(), end()); }
     std::string text() const { return std::string(reinterpret_cast<const char*>(data_), size_); }
 

@@ -7,6 +7,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <fstream>
+#include <memory>
+#include <vector>
+
+#include <openssl/evp.h>
+
 namespace tse {
 namespace {
 
@@ -61,6 +67,28 @@ Result<Bytes> readFileBounded(const std::string& path, size_t maxSize)
         if (contents.size() > maxSize) return fail("is larger than " + std::to_string(maxSize) + " bytes");
     }
     return contents;
+}
+
+Result<Bytes> sha256OfFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+    if (!in || !context || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) {
+        return fail("cannot be read");
+    }
+    std::vector<char> piece(size_t{1} << 16);
+    while (in) {
+        in.read(piece.data(), static_cast<std::streamsize>(piece.size()));
+        const std::streamsize got = in.gcount();
+        if (got > 0 && EVP_DigestUpdate(context.get(), piece.data(), static_cast<size_t>(got)) != 1) {
+            return fail("cannot be hashed");
+        }
+    }
+    Bytes digest(EVP_MAX_MD_SIZE);
+    unsigned int length = 0;
+    if (in.bad() || EVP_DigestFinal_ex(context.get(), digest.data(), &length) != 1) return fail("cannot be read");
+    digest.resize(length);
+    return digest;
 }
 
 }  // namespace tse

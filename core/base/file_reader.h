@@ -16,6 +16,10 @@ namespace tse {
 // begins with the file's name: "does not exist", "cannot be read: ...".
 Result<Bytes> readFileBounded(const std::string& path, size_t maxSize);
 
+// The SHA-256 of a file of any size, read a piece at a time. The error
+// completes a sentence that begins with the file's name.
+Result<Bytes> sha256OfFile(const std::string& path);
+
 }  // namespace tse
 
 #endif

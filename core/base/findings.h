@@ -43,8 +43,7 @@ std::string_view severityName(Severity severity);  // "error", "warning"
       "a table of the bookkeeping export cannot be read: encrypted, a link, too large, or cut short")               \
     X(TableUnreadable, "table-unreadable", Error, "bookkeeping",                                                     \
       "a table lacks columns the checks need, by name, so none of its rows can be read")                            \
-    X(CsvMalformed, "csv-malformed", Error, "bookkeeping",                                                           \
-      "a line that cannot be read, a field above its declared length, a repeated key")                              \
+    X(CsvMalformed, "csv-malformed", Error, "bookkeeping", "a line that cannot be read, or a repeated key")        \
     X(RequiredTableMissing, "required-table-missing", Error, "bookkeeping",                                          \
       "a table the verdict needs is missing: the closings, or the receipts")                                        \
     X(EncodingMismatch, "encoding-mismatch", Error, "bookkeeping",                                                   \
@@ -52,7 +51,8 @@ std::string_view severityName(Severity severity);  // "error", "warning"
     X(ColumnConflict, "column-conflict", Error, "bookkeeping",                                                       \
       "both processData columns hold values, and they differ")                                                      \
     X(FieldInvalid, "field-invalid", Error, "bookkeeping",                                                           \
-      "a field of a signed row that must hold a number or a time does not")                                         \
+      "a row without its full key, a value outside its fixed vocabulary, a number or time that is none, a receipt " \
+      "or closing without what it must have")                                                                       \
     X(SignatureUnverifiable, "signature-unverifiable", Error, "bookkeeping",                                         \
       "a signed row's signature cannot be checked: no usable key or algorithm, or no processData to rebuild it")    \
     X(SignatureMissing, "signature-missing", Error, "bookkeeping",                                                   \
@@ -79,8 +79,23 @@ std::string_view severityName(Severity severity);  // "error", "warning"
       "a receipt of type Beleg has no row in transactions_tse.csv, neither signed nor a TSE failure")               \
     X(ReceiptTimeDiffers, "receipt-time-differs", Error, "bookkeeping",                                              \
       "a receipt's TSE transaction was signed outside the receipt's own start and end")                             \
+    X(ReceiptSumDiffers, "receipt-sum-differs", Error, "bookkeeping",                                                \
+      "a receipt's lines, VAT table, total and payments do not add up")                                             \
+    X(ClosingSumDiffers, "closing-sum-differs", Error, "bookkeeping",                                                \
+      "a closing's totals or first and last receipt differ from what its receipts add up to")                       \
+    X(ClosingGap, "closing-gap", Error, "bookkeeping", "a register's closing numbers skip or repeat one")            \
+    X(BonDuplicate, "bon-duplicate", Error, "bookkeeping", "a register gives one BON_ID to several receipts")      \
+    X(VatRateWrong, "vat-rate-wrong", Error, "bookkeeping",                                                          \
+      "vat.csv gives a VAT key another rate than the key stood for on the receipt's day")                           \
     X(UnsignedTransaction, "unsigned-transaction", Warning, "bookkeeping",                                           \
       "a row booked as a TSE failure (TSE_TA_FEHLER), which the TSE export does not contradict")                    \
+    X(FailureWhileSigning, "failure-while-signing", Warning, "bookkeeping",                                          \
+      "a row booked as a TSE failure while the same TSE signed other transactions within five minutes")             \
+    X(BonGap, "bon-gap", Warning, "bookkeeping", "a register's receipt numbers (BON_NR) skip some")                 \
+    X(ReceiptOutsideClosing, "receipt-outside-closing", Warning, "bookkeeping",                                      \
+      "a receipt ends outside its closing's period: after the closing, or before the closing before it")            \
+    X(FieldFormat, "field-format", Warning, "bookkeeping",                                                           \
+      "a value longer or with more decimal places than index.xml declares")                                         \
     X(LocalTime, "local-time", Warning, "bookkeeping", "TSE_TA_ENDE has no time zone and was read as German time")   \
     X(ProcessDataMissing, "processdata-missing", Warning, "bookkeeping",                                             \
       "a row without processData, verified through the TSE export's Finish log instead")                            \

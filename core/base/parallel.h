@@ -8,10 +8,11 @@
 #include <exception>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <system_error>
 #include <thread>
 #include <vector>
+
+#include "thread_annotations.h"
 
 namespace tse {
 
@@ -29,10 +30,10 @@ inline std::vector<std::thread> startThreads(unsigned wanted, std::function<void
 {
     struct Gate {
         std::function<void()> body;
-        std::mutex lock;
-        std::condition_variable open;
-        bool decided = false;
-        size_t allowed = 0;
+        Mutex lock;
+        std::condition_variable_any open;
+        bool decided TSE_GUARDED_BY(lock) = false;
+        size_t allowed TSE_GUARDED_BY(lock) = 0;
     };
     auto gate = std::make_shared<Gate>();
     gate->body = std::move(body);
@@ -41,8 +42,8 @@ inline std::vector<std::thread> startThreads(unsigned wanted, std::function<void
         for (size_t i = 0; i < wanted; ++i) {
             threads.emplace_back([gate, i] {
                 {
-                    std::unique_lock<std::mutex> lock(gate->lock);
-                    gate->open.wait(lock, [&] { return gate->decided; });
+                    ExclusiveLock<Mutex> lock(gate->lock);
+                    while (!gate->decided) gate->open.wait(gate->lock);
                     if (i >= gate->allowed) return;
                 }
                 gate->body();
@@ -50,14 +51,15 @@ inline std::vector<std::thread> startThreads(unsigned wanted, std::function<void
         }
     } catch (const std::system_error&) {
     }
+    const size_t allowed = threads.size() == wanted ? threads.size() : threads.size() / 2;
     {
-        std::lock_guard<std::mutex> lock(gate->lock);
-        gate->allowed = threads.size() == wanted ? threads.size() : threads.size() / 2;
+        ExclusiveLock<Mutex> lock(gate->lock);
+        gate->allowed = allowed;
         gate->decided = true;
     }
     gate->open.notify_all();
-    for (size_t i = gate->allowed; i < threads.size(); ++i) threads[i].join();
-    threads.resize(gate->allowed);
+    for (size_t i = allowed; i < threads.size(); ++i) threads[i].join();
+    threads.resize(allowed);
     return threads;
 }
 
@@ -68,15 +70,17 @@ inline void parallelFor(size_t count, unsigned jobs, const std::function<void(si
 {
     jobs = static_cast<unsigned>(std::min<size_t>(std::max(1u, jobs), std::max<size_t>(count, 1)));
     std::atomic<size_t> next{0};
-    std::exception_ptr failure;
-    std::mutex failureLock;
+    struct {
+        Mutex lock;
+        std::exception_ptr first TSE_GUARDED_BY(lock);
+    } failure;
     auto worker = [&] {
         for (size_t i = next++; i < count; i = next++) {
             try {
                 work(i);
             } catch (...) {
-                std::lock_guard<std::mutex> lock(failureLock);
-                if (!failure) failure = std::current_exception();
+                ExclusiveLock<Mutex> lock(failure.lock);
+                if (!failure.first) failure.first = std::current_exception();
                 next = count;
             }
         }
@@ -86,7 +90,8 @@ inline void parallelFor(size_t count, unsigned jobs, const std::function<void(si
     std::vector<std::thread> threads = startThreads(jobs - 1, worker);
     worker();
     for (std::thread& thread : threads) thread.join();
-    if (failure) std::rethrow_exception(failure);
+    ExclusiveLock<Mutex> lock(failure.lock);
+    if (failure.first) std::rethrow_exception(failure.first);
 }
 
 }  // namespace tse

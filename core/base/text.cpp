@@ -4,13 +4,27 @@
 #include <cstdio>
 
 namespace tse {
+
+bool invisibleFormat(uint32_t code)
+{
+    return code == 0x061C || (code >= 0x200B && code <= 0x200F) || code == 0x2028 || code == 0x2029 ||
+           (code >= 0x202A && code <= 0x202E) || (code >= 0x2060 && code <= 0x206F) || code == 0xFEFF ||
+           (code >= 0xFFF9 && code <= 0xFFFB);
+}
+
 namespace {
+
+char lowerLetter(char c)
+{
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
 
 // The length of a well-formed UTF-8 sequence at `i` that is printable, or 0.
 // Overlong forms, surrogates and values past U+10FFFF are not well-formed;
-// the C1 controls (U+0080 to U+009F, among them a terminal's CSI) and the
-// line and paragraph separators U+2028/U+2029 would break a line or drive a
-// terminal, so they are escaped like the ASCII controls.
+// the C1 controls (U+0080 to U+009F, among them a terminal's CSI), the line
+// and paragraph separators U+2028/U+2029 and the invisible format
+// characters would break a line, drive a terminal or turn the text around
+// on screen, so they are escaped like the ASCII controls.
 size_t utf8Length(ByteView value, size_t i)
 {
     const uint8_t c = value[i];
@@ -27,7 +41,8 @@ size_t utf8Length(ByteView value, size_t i)
     for (size_t k = 2; k < length; ++k) {
         if ((value[i + k] & 0xC0) != 0x80) return 0;
     }
-    if (c == 0xE2 && second == 0x80 && (value[i + 2] == 0xA8 || value[i + 2] == 0xA9)) return 0;
+    if (length == 2 && invisibleFormat(((c & 0x1Fu) << 6) | (second & 0x3Fu))) return 0;
+    if (length == 3 && invisibleFormat(((c & 0x0Fu) << 12) | ((second & 0x3Fu) << 6) | (value[i + 2] & 0x3Fu))) return 0;
     return length;
 }
 
@@ -71,9 +86,39 @@ std::string escape(ByteView value, bool backslash)
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b)
 {
-    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
     return a.size() == b.size() &&
-           std::equal(a.begin(), a.end(), b.begin(), [&](char x, char y) { return lower(x) == lower(y); });
+           std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) { return lowerLetter(x) == lowerLetter(y); });
+}
+
+std::string asciiLower(std::string_view text)
+{
+    std::string out(text);
+    for (char& c : out) c = lowerLetter(c);
+    return out;
+}
+
+bool isBlank(char c)
+{
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+}
+
+std::string_view baseName(std::string_view path)
+{
+    const size_t separator = path.find_last_of("/\\");
+    return separator == std::string_view::npos ? path : path.substr(separator + 1);
+}
+
+std::string groupedDigits(int64_t value)
+{
+    // The magnitude as unsigned, so that the smallest int64_t has one too.
+    const uint64_t magnitude = value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
+    const std::string digits = std::to_string(magnitude);
+    std::string out = value < 0 ? "-" : "";
+    for (size_t i = 0; i < digits.size(); ++i) {
+        if (i && (digits.size() - i) % 3 == 0) out += ',';
+        out += digits[i];
+    }
+    return out;
 }
 
 std::string escapeText(ByteView value)
@@ -89,6 +134,11 @@ std::string quoted(std::string_view value, size_t limit)
         out += c;
     }
     return out + (value.size() > limit ? "...\"" : "\"");
+}
+
+std::string counted(uint64_t count, std::string_view one, std::string_view many)
+{
+    return std::to_string(count) + " " + std::string(count == 1 ? one : many);
 }
 
 std::optional<uint64_t> parseDecimal(std::string_view text)

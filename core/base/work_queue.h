@@ -4,8 +4,9 @@
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
-#include <mutex>
 #include <optional>
+
+#include "thread_annotations.h"
 
 namespace tse {
 
@@ -19,8 +20,8 @@ public:
 
     void push(T item)
     {
-        std::unique_lock<std::mutex> lock(mutex_);
-        notFull_.wait(lock, [&] { return items_.size() < capacity_; });
+        ExclusiveLock<Mutex> lock(mutex_);
+        while (items_.size() >= capacity_) notFull_.wait(mutex_);
         items_.push_back(std::move(item));
         notEmpty_.notify_one();
     }
@@ -28,8 +29,8 @@ public:
     // Waits for an item; nullopt once the queue is closed and empty.
     std::optional<T> pop()
     {
-        std::unique_lock<std::mutex> lock(mutex_);
-        notEmpty_.wait(lock, [&] { return !items_.empty() || closed_; });
+        ExclusiveLock<Mutex> lock(mutex_);
+        while (items_.empty() && !closed_) notEmpty_.wait(mutex_);
         if (items_.empty()) return std::nullopt;
         T item = std::move(items_.front());
         items_.pop_front();
@@ -39,17 +40,19 @@ public:
 
     void close()
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        ExclusiveLock<Mutex> lock(mutex_);
         closed_ = true;
         notEmpty_.notify_all();
     }
 
 private:
     const size_t capacity_;
-    std::mutex mutex_;
-    std::condition_variable notEmpty_, notFull_;
-    std::deque<T> items_;
-    bool closed_ = false;
+    Mutex mutex_;
+    // Waiting releases the Mutex itself, which the lock above holds again
+    // once the wait returns.
+    std::condition_variable_any notEmpty_, notFull_;
+    std::deque<T> items_ TSE_GUARDED_BY(mutex_);
+    bool closed_ TSE_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace tse

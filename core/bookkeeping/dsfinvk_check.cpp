@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "dsfinvk_books.h"
 #include "dsfinvk_intake.h"
 #include "dsfinvk_reconcile.h"
 #include "dsfinvk_tse_export.h"
@@ -20,6 +21,7 @@ struct CheckState {
     RowChecks checks;
     std::optional<TseExport> tse;
     Reconciliation reconciliation;
+    BookChecks bookChecks;
     RaisedFindings raised;
     bool strict = false;
     // The combined findings in their order: (from the TSE export's audit,
@@ -37,7 +39,8 @@ void judgeRows(CheckState& s)
         const std::string_view words = s.checks.texts[c.reason];
         const auto raise = [&](FindingCode code) { s.raised.raise(code, FindingSubject::Row, i, words); };
         switch (c.cause) {
-        case RowCause::Mismatch: raise(FindingCode::SignatureInvalid); break;
+        case RowCause::Mismatch:
+        case RowCause::RebuiltMismatch: raise(FindingCode::SignatureInvalid); break;
         case RowCause::BadField: raise(FindingCode::FieldInvalid); break;
         case RowCause::NoSignature: raise(FindingCode::SignatureMissing); break;
         case RowCause::NoTse: raise(FindingCode::ReferenceMissing); break;
@@ -151,11 +154,18 @@ void describe(const CheckState& s, const RaisedFinding& r, BookkeepingFinding& f
         const std::string label = s.books.closings[row.closing].key.kasse + "/" + std::string(s.books.rowField(row, ROW_BON_ID));
         f.message = label + " (" + s.books.where(row.place) + "): " + fillIn(s, words, &row, receipt);
         f.transactions = {label};
+        // A failure row that the TSE did sign names the log that signed it too.
+        const uint32_t log = s.checks.rows[r.index].log;
+        if (r.code == FindingCode::UnsignedButSigned && s.tse && log != NONE) {
+            f.transactions.push_back(logLabel(*s.tse, s.tse->finishes[log]));
+        }
         return;
     }
     case FindingSubject::Receipt: {
         const BookedReceipt& receipt = s.books.receipts[r.index];
-        f.message = receiptLabel(s, receipt) + " (" + s.books.where(receipt.place) + "): " + fillIn(s, words, nullptr, &receipt);
+        const bool sums = words.size() == 1 && words[0] == SUMS_VALUE;
+        f.message = receiptLabel(s, receipt) + " (" + s.books.where(receipt.place) + "): " +
+                    (sums ? s.bookChecks.describeReceipt(r.index) : fillIn(s, words, nullptr, &receipt));
         f.transactions = {receiptLabel(s, receipt)};
         return;
     }
@@ -174,7 +184,7 @@ BookkeepingFinding findingAt(const CheckState& s, size_t position)
     BookkeepingFinding f;
     if (fromAudit) {
         const Finding& a = s.tse->audit.findings[index];
-        f = BookkeepingFinding{a.severity, a.code, "TSE export: " + a.message, a.files, true};
+        f = BookkeepingFinding{a.severity, std::string(findingName(a.code)), "TSE export: " + a.message, a.files, true};
     } else {
         const RaisedFinding& r = s.sorted[index];
         f.severity = findingSeverity(r.code);
@@ -190,9 +200,7 @@ BookkeepingFinding findingAt(const CheckState& s, size_t position)
 void orderFindings(CheckState& s)
 {
     s.sorted = s.raised.sorted();
-    const auto rank = [](Severity severity, std::optional<FindingCode> code) {
-        return std::make_pair(severity, code ? static_cast<int>(*code) : 1000);
-    };
+    const auto rank = [](Severity severity, FindingCode code) { return std::make_pair(severity, static_cast<int>(code)); };
     for (size_t i = 0; i < s.sorted.size(); ++i) s.order.emplace_back(false, i);
     if (s.tse) {
         for (size_t i = 0; i < s.tse->audit.findings.size(); ++i) s.order.emplace_back(true, i);
@@ -201,7 +209,7 @@ void orderFindings(CheckState& s)
         const auto rankOf = [&](const std::pair<bool, size_t>& entry) {
             if (!entry.first) return rank(findingSeverity(s.sorted[entry.second].code), s.sorted[entry.second].code);
             const Finding& f = s.tse->audit.findings[entry.second];
-            return rank(f.severity, findingByName(f.code));
+            return rank(f.severity, f.code);
         };
         return rankOf(a) < rankOf(b);
     });
@@ -258,6 +266,7 @@ BookkeepingReport reportOf(const std::shared_ptr<const CheckState>& state, const
     report.tablesRead = s.books.tablesRead;
     report.periods = s.reconciliation.periods.empty() ? coveredPeriods(s.books) : s.reconciliation.periods;
     report.uncovered = s.reconciliation.uncovered;
+    report.closings = s.bookChecks.closings;
     if (s.tse) report.tseAudit = s.tse->audit.summary;
     report.transactions = LazyList<BookedTransaction>(s.books.rows.size() + s.unbookedLogs.size(), [state](size_t i) {
         return i < state->books.rows.size() ? rowTransaction(*state, i)
@@ -266,6 +275,11 @@ BookkeepingReport reportOf(const std::shared_ptr<const CheckState>& state, const
     report.findings = LazyList<BookkeepingFinding>(s.order.size(), [state](size_t i) { return findingAt(*state, i); });
     summarise(s, report);
     return report;
+}
+
+bool cancelled(const BookkeepingOptions& options)
+{
+    return options.cancel && options.cancel->load();
 }
 
 }  // namespace
@@ -279,12 +293,16 @@ Result<BookkeepingReport> checkBookkeeping(const BookkeepingOptions& options)
     if (!books) return books.error();
     s.books = std::move(books).value();
     judgeDeclarations(s.books, s.raised);
-    VerifyOptions verify{options.jobs, {}, options.cancel};
+    const ReceiptRows receiptRows = groupByReceipt(s.books);
+    const RebuiltProcessData rebuilt = rebuildMissingProcessData(s.books, receiptRows);
+    s.bookChecks = checkBooks(s.books, receiptRows, s.raised);
+    s.books.releaseLines();
+    VerifyOptions verify{options.jobs, {}, &rebuilt, options.cancel};
     if (options.progress) {
         verify.progress = [&](uint64_t done, uint64_t total) { options.progress({"bookkeeping", done, total}); };
     }
     verifyRows(s.books, verify, s.checks);
-    if (options.cancel && options.cancel->load()) return Error{AUDIT_CANCELLED};
+    if (cancelled(options)) return Error{AUDIT_CANCELLED};
     checkEncodings(s.books, verify, s.checks, s.raised);
     if (!options.tse.empty()) {
         TseExportOptions read{options.tse, options.certificateFiles, options.trustDirectories, options.jobs, {},
@@ -293,14 +311,15 @@ Result<BookkeepingReport> checkBookkeeping(const BookkeepingOptions& options)
             read.progress = [&](const AuditProgress& p) { options.progress({"tse", p.bytesDone, p.bytesTotal}); };
         }
         Result<TseExport> tse = readTseExport(read);
+        if (cancelled(options)) return Error{AUDIT_CANCELLED};
         if (!tse) return Error{"the TSE export cannot be read: " + tse.error().message};
         s.tse = std::move(tse).value();
-        s.reconciliation = reconcileWithTse(s.books, s.checks, *s.tse, s.raised);
+        s.reconciliation = reconcileWithTse(s.books, s.checks, *s.tse, s.raised, &receiptRows);
         for (size_t i = 0; i < s.reconciliation.logs.size(); ++i) {
             if (s.reconciliation.logs[i] != LogState::Booked) s.unbookedLogs.push_back(i);
         }
     }
-    reconcileBookkeeping(s.books, s.checks, s.tse ? &*s.tse : nullptr, s.raised);
+    reconcileBookkeeping(s.books, s.checks, s.tse ? &*s.tse : nullptr, s.raised, &receiptRows);
     judgeRows(s);
     orderFindings(s);
     return reportOf(state, options);

@@ -308,8 +308,27 @@ std::string formatAmount(int64_t hundredths)
     return (negative ? "-" : "") + std::to_string(magnitude / 100) + "." + cents;
 }
 
+bool groupedByThousands(std::string_view text, char decimalSymbol, char groupingSymbol)
+{
+    if (groupingSymbol == '\0') return true;
+    const std::string_view whole = text.substr(0, text.find(decimalSymbol));
+    size_t group = 0;  // digits since the last grouping symbol
+    bool grouped = false;
+    for (const char c : whole) {
+        if (c != groupingSymbol) {
+            group += c >= '0' && c <= '9';
+            continue;
+        }
+        // The first group holds one to three digits, every later one three.
+        if (grouped ? group != 3 : group == 0 || group > 3) return false;
+        grouped = true, group = 0;
+    }
+    return !grouped || group == 3;
+}
+
 std::optional<int64_t> parseExactAmount(std::string_view text, char decimalSymbol, char groupingSymbol)
 {
+    if (!groupedByThousands(text, decimalSymbol, groupingSymbol)) return std::nullopt;
     constexpr unsigned DECIMALS = 5;
     constexpr int64_t LIMIT = INT64_MAX / 100;
     while (!text.empty() && text.front() == ' ') text.remove_prefix(1);

@@ -30,6 +30,8 @@ struct CsvDialect {
 struct CsvColumn {
     std::string name;
     size_t maxLength = 0;  // in characters; 0 when the description gives none
+    bool numeric = false;  // a Numeric column: a number with at most `accuracy` decimal places
+    unsigned accuracy = 0;
 };
 
 // One record with its fields in UTF-8, exactly as quoted in the file (a
@@ -83,6 +85,10 @@ std::string formatAmount(int64_t hundredths);
 // second decimal symbol, a grouping symbol after it, more significant
 // digits than that, no digits, or a value beyond 90 trillion.
 std::optional<int64_t> parseExactAmount(std::string_view text, char decimalSymbol, char groupingSymbol);
+// The grouping symbols of a number's whole part stand between groups of
+// three digits ("1.234,50"): "12.50" in a file of decimal commas is a
+// decimal point written by mistake, not twelve hundred and fifty.
+bool groupedByThousands(std::string_view text, char decimalSymbol, char groupingSymbol);
 
 // An exact amount with `decimals` (0 to 5) digits after a dot: "12.50".
 std::string formatExactAmount(int64_t units, unsigned decimals = 2);

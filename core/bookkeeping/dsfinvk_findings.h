@@ -39,6 +39,8 @@ struct RaisedFinding {
 std::string rowValue(size_t field);      // a field of the row (TseRowField)
 std::string receiptValue(size_t field);  // a field of the row's receipt (ReceiptField)
 constexpr char ROW_VALUE = '\x01', RECEIPT_VALUE = '\x02';
+// Alone, in the words about a receipt: what its sums do not agree on.
+constexpr char SUMS_VALUE = '\x03';
 
 // Safe to raise from many threads.
 class RaisedFindings {

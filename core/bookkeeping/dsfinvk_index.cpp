@@ -1,5 +1,6 @@
 #include "dsfinvk_index.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 #include <pugixml.hpp>
@@ -8,12 +9,6 @@
 
 namespace tse {
 namespace {
-
-std::string_view baseName(std::string_view path)
-{
-    const size_t slash = path.find_last_of("/\\");
-    return slash == std::string_view::npos ? path : path.substr(slash + 1);
-}
 
 // A delimiter element holds one character, or an entity such as &#x9;.
 char singleCharacter(const pugi::xml_node& node, char fallback)
@@ -71,6 +66,10 @@ Result<std::vector<TableDescription>> parseIndexXml(ByteView data)
                 CsvColumn entry;
                 entry.name = column.child_value("Name");
                 entry.maxLength = static_cast<size_t>(std::strtoul(column.child_value("MaxLength"), nullptr, 10));
+                if (const pugi::xml_node numeric = column.child("Numeric")) {
+                    entry.numeric = true;
+                    entry.accuracy = static_cast<unsigned>(std::min(5ul, std::strtoul(numeric.child_value("Accuracy"), nullptr, 10)));
+                }
                 if (!entry.name.empty()) description.columns.push_back(std::move(entry));
             }
             tables.push_back(std::move(description));

@@ -5,6 +5,7 @@
 #include <map>
 #include <set>
 
+#include "dsfinvk_failures.h"
 #include "dsfinvk_reconcile.h"
 #include "log_time.h"
 #include "text.h"
@@ -43,8 +44,9 @@ struct Range {
 
 class TseReconciler {
 public:
-    TseReconciler(Bookkeeping& books, RowChecks& checks, const TseExport& tse, RaisedFindings& findings)
-        : books_(books), checks_(checks), tse_(tse), findings_(findings), claimed_(tse.finishes.size(), false),
+    TseReconciler(Bookkeeping& books, RowChecks& checks, const TseExport& tse, const ReceiptRows* rows,
+                  RaisedFindings& findings)
+        : books_(books), checks_(checks), tse_(tse), rows_(rows), findings_(findings), claimed_(tse.finishes.size(), false),
           ranges_(tse.serials.size())
     {
         for (const TseFinish& log : tse.finishes) ranges_[log.serial].add(log.transaction, log.seconds);
@@ -55,6 +57,7 @@ public:
     {
         identity();
         for (size_t i = 0; i < books_.rows.size(); ++i) matchRow(i);
+        if (rows_) linkFailureRows(books_, checks_, tse_, *rows_, clientRegisters(), claimed_, findings_);
         Reconciliation out;
         out.periods = coveredPeriods(books_);
         coverage(out);
@@ -73,6 +76,7 @@ private:
     Bookkeeping& books_;
     RowChecks& checks_;
     const TseExport& tse_;
+    const ReceiptRows* rows_;
     RaisedFindings& findings_;
     std::vector<bool> claimed_;
     std::vector<Range> ranges_;
@@ -272,9 +276,10 @@ void TseReconciler::coverage(Reconciliation& out)
 
 }  // namespace
 
-Reconciliation reconcileWithTse(Bookkeeping& books, RowChecks& checks, const TseExport& tse, RaisedFindings& findings)
+Reconciliation reconcileWithTse(Bookkeeping& books, RowChecks& checks, const TseExport& tse, RaisedFindings& findings,
+                                const ReceiptRows* rows)
 {
-    return TseReconciler(books, checks, tse, findings).run();
+    return TseReconciler(books, checks, tse, rows, findings).run();
 }
 
 }  // namespace tse

@@ -88,9 +88,25 @@ uint32_t Bookkeeping::closingOf(ClosingKey key)
     const auto found = closingIndex.find(key);
     if (found != closingIndex.end()) return found->second;
     const auto index = static_cast<uint32_t>(closings.size());
-    closings.push_back(Closing{key, false, {}, std::nullopt, {}, {}, {}, {}});
+    Closing closing;
+    closing.key = key;
+    closing.source = static_cast<uint16_t>(sourceTables.empty() ? 0 : sourceTables.size() - 1);
+    closings.push_back(std::move(closing));
     closingIndex.emplace(std::move(key), index);
     return index;
+}
+
+bool Bookkeeping::hasTable(uint32_t closing, std::string_view table) const
+{
+    const uint16_t source = closings[closing].source;
+    return source < sourceTables.size() && sourceTables[source].count(table) != 0;
+}
+
+void Bookkeeping::releaseLines()
+{
+    lines = std::vector<LineRow>();
+    lineVat = std::vector<LineVatRow>();
+    linePool = RecordPool();
 }
 
 std::string Bookkeeping::where(const RowPlace& place) const

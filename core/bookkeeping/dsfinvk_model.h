@@ -12,6 +12,7 @@
 #include <initializer_list>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -60,6 +61,7 @@ struct TableFile {
     std::string table;  // "transactions_tse.csv"
     CsvEncoding encoding = CsvEncoding::Utf8;
     size_t rows = 0;
+    char decimalSymbol = ',', groupingSymbol = '.';  // for the texts kept as written
 };
 
 // Where a row stands: its file and line.
@@ -77,6 +79,12 @@ struct ClosingKey {
     }
 };
 
+// An amount as the tables write it, exact: in units of 10^-5, the finest
+// the description declares.
+using Amount = int64_t;
+constexpr Amount AMOUNT_UNIT = 100000;  // one euro
+constexpr Amount CENT = AMOUNT_UNIT / 100;
+
 struct Closing {
     ClosingKey key;
     bool booked = false;  // cashpointclosing.csv holds it
@@ -85,6 +93,10 @@ struct Closing {
     std::string businessDay;                // Z_BUCHUNGSTAG
     std::string startId, endId;             // Z_START_ID, Z_ENDE_ID
     std::string kasseSerial;                // KASSE_SERIENNR of cashregister.csv
+    std::string baseCurrency;               // KASSE_BASISWAEH_CODE; empty: EUR
+    std::optional<Amount> payments, cash;   // Z_SE_ZAHLUNGEN, Z_SE_BARZAHLUNGEN
+    bool registerRow = false, location = false;  // cashregister.csv and location.csv hold it
+    uint16_t source = 0;                    // the export that first named it
 };
 
 // A TSE as tse.csv describes it, once however many closings repeat it.
@@ -116,17 +128,12 @@ struct TseRow {
 };
 
 // A receipt of transactions.csv.
-enum ReceiptField : size_t { BON_ID, BON_NR, BON_TYP, BON_TERMINAL, BON_START, BON_END, BON_GROSS };
+enum ReceiptField : size_t { BON_ID, BON_NR, BON_TYP, BON_TERMINAL, BON_START, BON_END, BON_GROSS, BON_NAME };
 struct BookedReceipt {
     RecordPool::Ref record = 0;
     uint32_t closing = 0;
     RowPlace place;
 };
-
-// An amount as the tables write it, exact: in units of 10^-5, the finest
-// the description declares.
-using Amount = int64_t;
-constexpr Amount AMOUNT_UNIT = 100000;  // one euro
 
 // A row of transactions_vat.csv: one VAT key of a receipt.
 struct VatRow {
@@ -135,14 +142,63 @@ struct VatRow {
     RowPlace place;
     uint32_t key = 0;
     Amount gross = 0;
+    Amount netVatOff = 0;  // BON_NETTO + BON_UST - BON_BRUTTO; 0 when neither is written
 };
 
 // A row of datapayment.csv: one payment of a receipt, in the base currency.
+enum PaymentField : size_t { PAY_BON_ID, PAY_TYPE, PAY_NAME, PAY_CURRENCY };
 struct PaymentRow {
     RecordPool::Ref record = 0;  // BON_ID, ZAHLART_TYP, ZAHLART_NAME, ZAHLWAEH_CODE
     uint32_t closing = 0;
     RowPlace place;
     Amount base = 0;
+    Amount paid = 0;  // in its currency (ZAHLWAEH_BETRAG); the base amount when none is named
+};
+
+// A line item of lines.csv; its texts are in Bookkeeping::linePool.
+enum LineField : size_t { LINE_BON_ID, LINE_POS, LINE_TEXT, LINE_QUANTITY, LINE_PRICE };
+struct LineRow {
+    RecordPool::Ref record = 0;  // BON_ID, POS_ZEILE, ARTIKELTEXT, MENGE, STK_BR
+    uint32_t closing = 0;
+    uint32_t businessCase = 0;  // GV_TYP, GV_NAME and AGENTUR_ID, in Bookkeeping::texts
+    RowPlace place;
+};
+
+// A line's amount under one VAT key, of lines_vat.csv.
+struct LineVatRow {
+    RecordPool::Ref record = 0;  // BON_ID, POS_ZEILE, in Bookkeeping::linePool
+    uint32_t closing = 0;
+    uint32_t key = 0;
+    Amount gross = 0;
+    Amount netVatOff = 0;  // POS_NETTO + POS_UST - POS_BRUTTO; 0 when neither is written
+    RowPlace place;
+};
+
+// A total of the closing module: businesscases.csv (a business case and
+// VAT key), payment.csv (a payment type and name) or cash_per_currency.csv
+// (a currency).
+struct ClosingAmount {
+    uint32_t closing = 0;
+    uint32_t what = 0;  // in Bookkeeping::texts
+    uint32_t key = 0;   // the VAT key of a business case
+    Amount amount = 0;
+    RowPlace place;
+};
+
+// The rate vat.csv gives a key for a closing, in units of 10^-5 percent.
+struct VatRate {
+    uint32_t closing = 0;
+    uint32_t key = 0;
+    Amount rate = 0;
+    RowPlace place;
+};
+
+// A row of references.csv of type Transaktion: a receipt naming another.
+enum ReferenceField : size_t { REF_BON_ID, REF_KASSE, REF_CLOSING, REF_TARGET };
+struct ReferenceRow {
+    RecordPool::Ref record = 0;  // BON_ID, REF_Z_KASSE_ID, REF_Z_NR, REF_BON_ID
+    uint32_t closing = 0;
+    RowPlace place;
 };
 
 struct Terminal {
@@ -157,6 +213,8 @@ std::optional<int64_t> bookedSeconds(std::string_view text);
 // The whole bookkeeping as read.
 struct Bookkeeping {
     RecordPool pool;
+    RecordPool linePool;  // the texts of the line items, released once they are checked
+    TextSet texts;        // business cases, payment types, currencies
     std::vector<TableFile> files;
     std::vector<Closing> closings;
     std::map<ClosingKey, uint32_t> closingIndex;
@@ -167,8 +225,21 @@ struct Bookkeeping {
     std::vector<BookedReceipt> receipts;
     std::vector<VatRow> vat;
     std::vector<PaymentRow> payments;
+    std::vector<LineRow> lines;
+    std::vector<LineVatRow> lineVat;
+    std::vector<ClosingAmount> businessCases, closingPayments, cashPerCurrency;
+    std::vector<VatRate> vatRates;
+    std::vector<ReferenceRow> references;
     std::vector<std::string> tablesRead;  // per file: "shop.zip:transactions_tse.csv (51 rows)"
     bool receiptsTable = false, closingsTable = false, vatTable = false, paymentsTable = false;
+    // Per export: the tables it holds whole (every file read), by name.
+    std::vector<std::set<std::string, std::less<>>> sourceTables;
+    std::vector<std::string> sourceLabels;
+
+    // The export of the closing holds the table whole: the checks that need
+    // it can be made for the closing.
+    bool hasTable(uint32_t closing, std::string_view table) const;
+    void releaseLines();  // the line items, once the checks that need them are done
 
     uint32_t closingOf(ClosingKey key);
     std::string_view rowField(const TseRow& row, TseRowField field) const { return pool.field(row.record, field); }

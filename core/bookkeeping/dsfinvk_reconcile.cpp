@@ -6,13 +6,13 @@
 #include <set>
 
 #include "dsfinvk_amounts.h"
+#include "dsfinvk_rebuild.h"
 #include "log_time.h"
 #include "text.h"
 
 namespace tse {
 namespace {
 
-constexpr int64_t TIME_TOLERANCE = 1;      // exporters round log times instead of cutting them
 constexpr int64_t RECEIPT_TOLERANCE = 60;  // a receipt's own clock against the TSE's
 constexpr size_t SHOWN_PROCESS_DATA = 80;
 constexpr int64_t DAY = 86400;
@@ -69,8 +69,9 @@ std::optional<std::string_view> signedProcessData(const Bookkeeping& books, cons
 
 class BooksReconciler {
 public:
-    BooksReconciler(const Bookkeeping& books, RowChecks& checks, const TseExport* tse, RaisedFindings& findings)
-        : books_(books), checks_(checks), tse_(tse), findings_(findings)
+    BooksReconciler(const Bookkeeping& books, RowChecks& checks, const TseExport* tse, const ReceiptRows* rows,
+                    RaisedFindings& findings)
+        : books_(books), checks_(checks), tse_(tse), rows_(rows), findings_(findings)
     {
         const auto rowKey = [&](uint32_t i) { return ReceiptKey{books_.rows[i].closing, books_.rowField(books_.rows[i], ROW_BON_ID)}; };
         rowOrder_ = sortedByReceipt(books_.rows.size(), rowKey);
@@ -101,6 +102,7 @@ private:
     const Bookkeeping& books_;
     RowChecks& checks_;
     const TseExport* tse_;
+    const ReceiptRows* rows_;
     RaisedFindings& findings_;
     std::vector<uint32_t> rowOrder_, vatOrder_, paymentOrder_;
 };
@@ -249,14 +251,22 @@ void BooksReconciler::amounts(size_t row)
     if (differences.empty()) return;
     std::string words = "the booked amounts differ from the signed processData " + quoted(*data, SHOWN_PROCESS_DATA) + ": ";
     for (size_t i = 0; i < differences.size(); ++i) words += (i ? "; " : "") + differences[i];
+    // Set beside the signed text, the rebuilt one shows at a glance which amount was changed.
+    const BookedReceipt* receipt = books_.findReceipt(key.first, key.second);
+    if (rows_ && receipt) {
+        const std::vector<std::string> rebuilt = rebuildProcessData(
+            books_, *rows_, static_cast<size_t>(receipt - books_.receipts.data()), "Kassenbeleg-V1");
+        if (!rebuilt.empty()) words += "; processData rebuilt from the bookkeeping: " + quoted(rebuilt.front(), SHOWN_PROCESS_DATA);
+    }
     findings_.raise(FindingCode::AmountsDiffer, FindingSubject::Row, row, words);
 }
 
 }  // namespace
 
-void reconcileBookkeeping(const Bookkeeping& books, RowChecks& checks, const TseExport* tse, RaisedFindings& findings)
+void reconcileBookkeeping(const Bookkeeping& books, RowChecks& checks, const TseExport* tse, RaisedFindings& findings,
+                          const ReceiptRows* rows)
 {
-    BooksReconciler(books, checks, tse, findings).run();
+    BooksReconciler(books, checks, tse, rows, findings).run();
 }
 
 std::vector<CoveredPeriod> coveredPeriods(const Bookkeeping& books)

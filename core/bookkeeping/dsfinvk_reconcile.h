@@ -12,6 +12,7 @@
 
 #include "dsfinvk_findings.h"
 #include "dsfinvk_model.h"
+#include "dsfinvk_receipt_rows.h"
 #include "dsfinvk_report.h"
 #include "dsfinvk_tse_export.h"
 #include "dsfinvk_verify.h"
@@ -31,13 +32,14 @@ struct Reconciliation {
 // receipt's row, its time, the signed amounts against the booked ones, and
 // one TSE transaction in one row.
 void reconcileBookkeeping(const Bookkeeping& books, RowChecks& checks, const TseExport* tse,
-                          RaisedFindings& findings);
+                          RaisedFindings& findings, const ReceiptRows* rows = nullptr);
 
 // The bookkeeping against the TSE export: the same TSE, each row against
 // its Finish and Start log, each Finish log of a covered register and
-// period against the rows.
+// period against the rows; with the receipts' rows, the failure rows
+// against the Finish logs no row claims.
 Reconciliation reconcileWithTse(Bookkeeping& books, RowChecks& checks, const TseExport& tse,
-                                RaisedFindings& findings);
+                                RaisedFindings& findings, const ReceiptRows* rows = nullptr);
 
 // The periods the closings cover, by register.
 std::vector<CoveredPeriod> coveredPeriods(const Bookkeeping& books);

@@ -92,6 +92,22 @@ struct UncoveredSales {
     int64_t first = 0, last = 0;
 };
 
+// One total of a closing checked against what its receipts add up to: a
+// column of cashpointclosing.csv or a row of the closing module.
+struct ClosingTotal {
+    std::string name;      // "Z_SE_BARZAHLUNGEN", "payment.csv Bar/Bar", "businesscases.csv Umsatz/Warenverkauf/0 key 1"
+    std::string booked;    // as the table books it (an exact decimal, or a BON_ID); empty when it books none
+    std::string computed;  // from the receipts
+    bool differs = false;
+};
+
+struct ClosingCheck {
+    std::string kasseId, closing, created;  // Z_KASSE_ID, Z_NR, Z_ERSTELLUNG
+    size_t receipts = 0;
+    std::vector<ClosingTotal> totals;
+    bool differs() const;
+};
+
 struct BookkeepingSummary {
     size_t rows = 0, valid = 0, invalid = 0, unsigned_ = 0, unverifiable = 0;
     size_t matched = 0, differs = 0, unbooked = 0, unknown = 0, outside = 0;
@@ -147,6 +163,7 @@ struct BookkeepingReport {
     std::vector<std::string> tablesRead;  // "transactions_tse.csv (51 rows)", per export
     std::vector<CoveredPeriod> periods;
     std::vector<UncoveredSales> uncovered;
+    std::vector<ClosingCheck> closings;  // the closings' totals against their receipts
     std::optional<AuditSummary> tseAudit;  // the TSE export's own audit, when given
     // Rows in reading order, then the TSE's Finish logs that no row books.
     LazyList<BookedTransaction> transactions;

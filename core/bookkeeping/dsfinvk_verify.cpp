@@ -37,14 +37,14 @@ std::vector<Bytes> signatureReadings(std::string_view text)
 void decodeKey(TseDeclaration& d)
 {
     ReceiptKeys keys = receiptKeys(d.keyText);
-    if (keys.key.ok()) {
+    if (keys.key) {
         d.key = *keys.key;
         d.otherKeys = std::move(keys.otherKeys);
         d.serialNumber = toHex(d.key->serialNumber());
         d.curve = std::string(d.key->curveInfo().displayName);
         return;
     }
-    d.problem = d.keyText.empty() ? "TSE_PUBLIC_KEY is empty" : "TSE_PUBLIC_KEY is no usable key: " + keys.key.message();
+    d.problem = d.keyText.empty() ? "TSE_PUBLIC_KEY is empty" : "TSE_PUBLIC_KEY is no usable key: " + keys.key.error().message;
     const std::optional<Bytes> serial = declaredSerial(d.declaredSerial);
     d.serialNumber = serial ? toHex(*serial) : d.declaredSerial;
 }
@@ -107,8 +107,9 @@ void readNumbers(const RowInput& in, RowCheck& out);
 
 class RowVerifier {
 public:
-    RowVerifier(const Bookkeeping& books, RowChecks& checks, const KeyVerifierSet& verifiers)
-        : books_(books), checks_(checks), verifiers_(verifiers)
+    RowVerifier(const Bookkeeping& books, RowChecks& checks, const KeyVerifierSet& verifiers,
+                const RebuiltProcessData* rebuilt)
+        : books_(books), checks_(checks), verifiers_(verifiers), rebuilt_(rebuilt)
     {
     }
 
@@ -117,7 +118,9 @@ public:
 private:
     bool readFields(RowCheck& out);
     void rebuild(const TseRow& row, const RowInput& in, const TseDeclaration& tse, RowCheck& out,
-                 VerifyScratch& scratch, bool otherEncoding);
+                 VerifyScratch& scratch, bool otherEncoding, const std::vector<std::string>* rebuiltData);
+    std::vector<std::string> candidates(const RowInput& in, const TseRow& row, bool otherEncoding,
+                                        const std::vector<std::string>* rebuiltData) const;
     bool tryForms(Receipt& receipt, const std::vector<std::pair<uint8_t, std::string>>& clients,
                   const TseDeclaration& tse, const IsoTime& end, RowCheck& out, VerifyScratch& scratch);
     void fail(RowCheck& out, RowVerdict verdict, RowCause cause, const std::string& reason)
@@ -130,6 +133,7 @@ private:
     const Bookkeeping& books_;
     RowChecks& checks_;
     const KeyVerifierSet& verifiers_;
+    const RebuiltProcessData* rebuilt_;
 };
 
 // The numbers and times a row states, whatever its signature says.
@@ -184,14 +188,20 @@ void RowVerifier::verify(size_t index, VerifyScratch& scratch, bool otherEncodin
                         closing.key.number);
     }
     if (!tse->problem.empty()) return fail(out, RowVerdict::Unverifiable, RowCause::TseUnusable, tse->problem);
-    if (in.processData.empty()) {
+    // Without processData the booked amounts stand in for it.
+    const std::vector<std::string>* rebuiltData = nullptr;
+    if (in.processData.empty() && rebuilt_) {
+        const auto found = rebuilt_->find(index);
+        if (found != rebuilt_->end()) rebuiltData = &found->second;
+    }
+    if (in.processData.empty() && !rebuiltData) {
         return fail(out, RowVerdict::Unverifiable, RowCause::NoProcessData,
                     row.processDataColumn ? "the row holds no processData (TSE_VORGANGSDATEN) to rebuild the signed "
-                                            "message from"
+                                            "message from, nor booked amounts to rebuild it from"
                                           : "the table has no processData column (TSE_VORGANGSDATEN) to rebuild the "
-                                            "signed message from");
+                                            "signed message from, nor booked amounts to rebuild it from");
     }
-    rebuild(row, in, *tse, out, scratch, otherEncoding);
+    rebuild(row, in, *tse, out, scratch, otherEncoding, rebuiltData);
 }
 
 // r || s of the signature, as a log holds it, whichever way the row wrote it.
@@ -269,8 +279,20 @@ bool RowVerifier::tryForms(Receipt& receipt, const std::vector<std::pair<uint8_t
     return false;
 }
 
+std::vector<std::string> RowVerifier::candidates(const RowInput& in, const TseRow& row, bool otherEncodingToo,
+                                                 const std::vector<std::string>* rebuiltData) const
+{
+    std::vector<std::string> out = rebuiltData ? *rebuiltData : std::vector<std::string>{std::string(in.processData)};
+    if (!rebuiltData && !in.other.empty()) out.emplace_back(in.other);
+    if (otherEncodingToo) {
+        const CsvEncoding declared = books_.files[row.place.file].encoding;
+        for (size_t i = 0, n = out.size(); i < n; ++i) out.push_back(otherEncoding(out[i], declared));
+    }
+    return out;
+}
+
 void RowVerifier::rebuild(const TseRow& row, const RowInput& in, const TseDeclaration& tse, RowCheck& out,
-                          VerifyScratch& scratch, bool otherEncodingToo)
+                          VerifyScratch& scratch, bool otherEncodingToo, const std::vector<std::string>* rebuiltData)
 {
     const std::vector<Bytes> readings = signatureReadings(in.signature);
     if (readings.empty()) return fail(out, RowVerdict::Invalid, RowCause::BadField, "TSE_TA_SIG is neither base64 nor hexadecimal");
@@ -298,17 +320,26 @@ void RowVerifier::rebuild(const TseRow& row, const RowInput& in, const TseDeclar
     receipt.algorithmText = tse.algorithmText;
     receipt.signatureReadings = readings;
     receipt.signatureText = std::string(in.signature);
-    std::vector<std::string> candidates = {std::string(in.processData)};
-    if (!in.other.empty()) candidates.emplace_back(in.other);
-    if (otherEncodingToo) {
-        for (size_t i = 0, n = candidates.size(); i < n; ++i) candidates.push_back(otherEncoding(candidates[i], declared));
-    }
-    for (const std::string& data : candidates) {
+    for (const std::string& data : candidates(in, row, otherEncodingToo, rebuiltData)) {
         receipt.processData = data;
-        if (tryForms(receipt, clients, tse, end, out, scratch)) return;
+        if (!tryForms(receipt, clients, tse, end, out, scratch)) continue;
+        if (rebuiltData) {
+            const std::string notes = checks_.textOf(out.reason);
+            out.reason = checks_.text("verified against processData rebuilt from the bookkeeping, " + quoted(data, 120) +
+                                      (notes.empty() ? "" : "; " + notes));
+        }
+        return;
     }
     std::string tried;
     for (const auto& client : clients) tried += (tried.empty() ? "" : ", ") + quoted(client.second);
+    if (rebuiltData) {
+        return fail(out, RowVerdict::Invalid, RowCause::RebuiltMismatch,
+                    "the row carries no processData, and the signature does not hold over processData rebuilt from "
+                    "the bookkeeping, " + quoted(rebuiltData->front(), 120) + " (" + std::string(tse.algorithm->name) +
+                        " on " + tse.curve + "; tried client ID " + tried +
+                        " and every time format): the booked amounts are not the signed ones, or the register wrote "
+                        "processData in another form");
+    }
     fail(out, RowVerdict::Invalid, RowCause::Mismatch,
          "the signature does not hold over the rebuilt Finish log (" + std::string(tse.algorithm->name) + " on " +
              tse.curve + "); tried client ID " + tried + " and every time format");
@@ -323,7 +354,7 @@ void runRows(const Bookkeeping& books, const VerifyOptions& options, RowChecks& 
         if (tse && tse->key && tse->problem.empty()) verifiers.count(*tse->key);
     }
     verifiers.build(options.jobs);
-    RowVerifier verifier(books, checks, verifiers);
+    RowVerifier verifier(books, checks, verifiers, options.rebuilt);
     std::atomic<uint64_t> done{0};
     parallelFor((indices.size() + CHUNK - 1) / CHUNK, options.jobs, [&](size_t chunk) {
         if (options.cancel && options.cancel->load()) return;
@@ -418,7 +449,7 @@ void verifyRows(const Bookkeeping& books, const VerifyOptions& options, RowCheck
 void checkEncodings(const Bookkeeping& books, const VerifyOptions& options, RowChecks& checks,
                     RaisedFindings& findings)
 {
-    for (uint16_t file = 0; file < books.files.size(); ++file) {
+    for (size_t file = 0; file < books.files.size(); ++file) {
         std::vector<size_t> failed;
         bool anyValid = false;
         for (size_t i = 0; i < books.rows.size(); ++i) {

@@ -13,6 +13,7 @@
 
 #include "dsfinvk_findings.h"
 #include "dsfinvk_model.h"
+#include "dsfinvk_rebuild.h"
 #include "dsfinvk_report.h"
 #include "receipt_verify.h"
 #include "thread_annotations.h"
@@ -29,6 +30,7 @@ enum class RowCause : uint8_t {
     NoProcessData,  // nothing to rebuild the signed message from
     BadField,       // a number or time that must be one is not
     Mismatch,       // the signature does not hold over the rebuilt log
+    RebuiltMismatch,  // nor over processData rebuilt from the booked amounts, the row having none
 };
 
 constexpr int64_t NO_TIME = INT64_MIN;
@@ -79,6 +81,11 @@ struct RowChecks {
         ExclusiveLock<Mutex> hold(lock);
         return texts.add(value);
     }
+    std::string textOf(uint32_t id)
+    {
+        ExclusiveLock<Mutex> hold(lock);
+        return std::string(texts[id]);
+    }
 };
 
 // Decodes the keys of tse.csv and judges each declaration: TSE_SERIAL
@@ -88,6 +95,8 @@ void judgeDeclarations(Bookkeeping& books, RaisedFindings& findings);
 struct VerifyOptions {
     unsigned jobs = 1;
     std::function<void(uint64_t done, uint64_t total)> progress;
+    // For rows without processData: the texts rebuilt from the bookkeeping.
+    const RebuiltProcessData* rebuilt = nullptr;
     const std::atomic<bool>* cancel = nullptr;  // rows left once it is set stay unverified
 };
 

@@ -5,6 +5,8 @@
 
 #include <openssl/obj_mac.h>
 
+#include "text.h"
+
 namespace tse {
 namespace {
 
@@ -24,13 +26,6 @@ constexpr HashInfo HASHES[] = {
 bool isSha3(Hash hash)
 {
     return hash >= Hash::Sha3_224;
-}
-
-std::string lower(std::string_view text)
-{
-    std::string out(text);
-    std::transform(out.begin(), out.end(), out.begin(), [](unsigned char c) { return std::tolower(c); });
-    return out;
 }
 
 }  // namespace
@@ -129,11 +124,17 @@ const SignatureAlgorithm* algorithmByOid(std::string_view dottedOid)
     return nullptr;
 }
 
+std::string_view algorithmName(std::string_view dottedOid)
+{
+    const SignatureAlgorithm* algorithm = algorithmByOid(dottedOid);
+    return algorithm ? algorithm->name : dottedOid;
+}
+
 const SignatureAlgorithm* algorithmByName(std::string_view name)
 {
-    const std::string wanted = lower(name);
+    const std::string wanted = asciiLower(name);
     for (const SignatureAlgorithm& algorithm : signatureAlgorithms()) {
-        if (lower(algorithm.name) == wanted) return &algorithm;
+        if (asciiLower(algorithm.name) == wanted) return &algorithm;
         if (algorithm.scheme != Scheme::EcdsaPlain) continue;
         const std::string digits(HASHES[static_cast<int>(algorithm.hash)].plainName);
         const std::string dashless = isSha3(algorithm.hash) ? "3" + digits.substr(2) : digits;

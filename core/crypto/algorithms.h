@@ -46,6 +46,9 @@ struct SignatureAlgorithm {
 
 const std::vector<SignatureAlgorithm>& signatureAlgorithms();
 const SignatureAlgorithm* algorithmByOid(std::string_view dottedOid);
+// What a report calls the algorithm with this OID: its name, or the OID
+// itself when no TSE algorithm has it. A view of the argument then.
+std::string_view algorithmName(std::string_view dottedOid);
 // Accepts the names receipts use ("ecdsa-plain-SHA256") and the aliases seen
 // in the field ("SHA256withECDSA", "ecdsa-with-SHA256"), regardless of case.
 const SignatureAlgorithm* algorithmByName(std::string_view name);

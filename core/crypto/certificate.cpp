@@ -37,7 +37,7 @@ bool looksLikePem(ByteView data)
     return head.find("-----BEGIN") != std::string::npos;
 }
 
-KeyResult keyOf(X509* certificate)
+Result<PublicKey> keyOf(X509* certificate)
 {
     EvpPkeyPtr evp(X509_get_pubkey(certificate));
     ERR_clear_error();  // a key type libcrypto cannot decode leaves a reason behind

@@ -30,14 +30,14 @@ public:
     bool selfIssued() const;
     // The key when it is an EC key on a supported curve; otherwise the
     // error says why not.
-    const KeyResult& key() const { return key_; }
+    const Result<PublicKey>& key() const { return key_; }
     // The curve's name as OpenSSL knows it even when unsupported ("" if none).
     std::string curveName() const;
     Bytes der() const;
 
 private:
     std::shared_ptr<X509> x509_;
-    KeyResult key_;
+    Result<PublicKey> key_;
 };
 
 // Every certificate in the data: all PEM blocks of a (multi-certificate) PEM

@@ -24,7 +24,7 @@ struct SignatureCheck {
 
 // What one thread reuses from signature to signature: a BN_CTX, numbers,
 // points and digest contexts. Never shared between threads; one scratch
-// serves verifiers of any key and curve.
+// serves verifiers and signature searches of any key and curve.
 class VerifyScratch {
 public:
     VerifyScratch();
@@ -32,9 +32,11 @@ public:
     VerifyScratch(const VerifyScratch&) = delete;
     VerifyScratch& operator=(const VerifyScratch&) = delete;
 
+    struct State;  // known inside the crypto part only
+
 private:
     friend class KeyVerifier;
-    struct State;
+    friend class SignatureSearch;
     std::unique_ptr<State> state_;
 };
 
@@ -80,8 +82,10 @@ public:
     // this build (P-256 has a dedicated implementation on x86-64).
     static bool tablesPayOff(Curve curve);
 
+    struct Tables;  // known inside the crypto part only
+
 private:
-    struct Tables;
+    static std::shared_ptr<const Tables> makeTables(const PublicKey& key);
     void verifyBlock(const SignatureCheck* checks, size_t count, bool* verdicts, VerifyScratch& scratch) const;
 
     PublicKey key_;

@@ -9,6 +9,7 @@
 #include <openssl/x509.h>
 
 #include "openssl_ptr.h"
+#include "text.h"
 
 namespace tse {
 namespace {
@@ -21,7 +22,7 @@ constexpr uint8_t DER_SEQUENCE = 0x30;
 // lengths can hold.
 constexpr size_t MAX_KEY_ENCODING_SIZE = 1u << 20;
 
-KeyResult fail(const std::string& error)
+Result<PublicKey> fail(const std::string& error)
 {
     return Error{error, std::nullopt};
 }
@@ -146,7 +147,7 @@ Result<PublicKey> PublicKey::fromEvp(EVP_PKEY* key)
     return out;
 }
 
-KeyResult keyFromPoint(ByteView point, std::optional<Curve> curve)
+Result<PublicKey> keyFromPoint(ByteView point, std::optional<Curve> curve)
 {
     if (point.empty()) return fail("the public key is empty");
     bool sizeFits = false;
@@ -158,7 +159,7 @@ KeyResult keyFromPoint(ByteView point, std::optional<Curve> curve)
     }
     ERR_clear_error();  // the curves the point is not on leave their reasons behind
     if (!sizeFits) {
-        return fail("a public key point of " + std::to_string(point.size()) + " bytes starting with " +
+        return fail("a public key point of " + counted(point.size(), "byte", "bytes") + " starting with " +
                     tagNameForPoint(point[0]) + " fits no supported curve");
     }
     if (found.empty()) {
@@ -175,7 +176,7 @@ KeyResult keyFromPoint(ByteView point, std::optional<Curve> curve)
     return PublicKey::fromEvp(found[0].second.get());
 }
 
-KeyResult keyFromSubjectPublicKeyInfo(ByteView data)
+Result<PublicKey> keyFromSubjectPublicKeyInfo(ByteView data)
 {
     if (data.size() > MAX_KEY_ENCODING_SIZE) return fail("the data is too large for a public key");
     EvpPkeyPtr evp;
@@ -191,7 +192,7 @@ KeyResult keyFromSubjectPublicKeyInfo(ByteView data)
     return PublicKey::fromEvp(evp.get());
 }
 
-KeyResult keyFromAnyEncoding(ByteView data)
+Result<PublicKey> keyFromAnyEncoding(ByteView data)
 {
     if (!data.empty() && data[0] == DER_SEQUENCE) {
         return keyFromSubjectPublicKeyInfo(data);

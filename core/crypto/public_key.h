@@ -39,16 +39,14 @@ private:
     std::shared_ptr<EVP_PKEY> evpKey_;
 };
 
-using KeyResult = Result<PublicKey>;
-
 // A raw point, uncompressed (04...) or compressed (02.../03...), on the given
 // curve, or on the one supported curve of its size that it lies on.
-KeyResult keyFromPoint(ByteView point, std::optional<Curve> curve = std::nullopt);
+Result<PublicKey> keyFromPoint(ByteView point, std::optional<Curve> curve = std::nullopt);
 // A SubjectPublicKeyInfo in DER or PEM.
-KeyResult keyFromSubjectPublicKeyInfo(ByteView data);
+Result<PublicKey> keyFromSubjectPublicKeyInfo(ByteView data);
 // Whatever a receipt or a user hands over: a raw point or a
 // SubjectPublicKeyInfo (DER), told apart by their first octet.
-KeyResult keyFromAnyEncoding(ByteView data);
+Result<PublicKey> keyFromAnyEncoding(ByteView data);
 
 }  // namespace tse
 

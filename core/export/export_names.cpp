@@ -42,6 +42,7 @@ std::vector<std::string_view> nameParts(std::string_view stem, std::string_view&
         stem = stem.substr(0, clientAt);
     }
     std::vector<std::string_view> parts;
+    parts.reserve(8);  // a TSE's names have four to six, and this runs for every log
     size_t start = 0;
     while (true) {
         const size_t end = stem.find('_', start);
@@ -94,12 +95,6 @@ void note(std::string& out, const std::string& text)
 }
 
 }  // namespace
-
-std::string_view baseName(std::string_view memberName)
-{
-    const size_t slash = memberName.find_last_of('/');
-    return slash == std::string_view::npos ? memberName : memberName.substr(slash + 1);
-}
 
 bool unsafeMemberName(std::string_view memberName)
 {

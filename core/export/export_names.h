@@ -15,9 +15,6 @@ namespace tse {
 enum class MemberKind { Log, Certificate, Info, Other };
 MemberKind classifyMember(std::string_view memberName);
 
-// The last path component of a member name.
-std::string_view baseName(std::string_view memberName);
-
 // True for names that would leave the export if used as a path: absolute
 // paths and any ".." component.
 bool unsafeMemberName(std::string_view memberName);

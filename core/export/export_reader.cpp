@@ -4,13 +4,19 @@
 #include <cstdio>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <set>
+#include <string>
+#include <vector>
 
 #include <archive.h>
 #include <archive_entry.h>
 
 #include "export_names.h"
 #include "file_reader.h"
+#include "plain_tar.h"
+#include "text.h"
+#include "utf8_names.h"
 
 namespace tse {
 namespace {
@@ -55,40 +61,39 @@ std::string archiveError(archive* a)
     return text ? text : "unknown archive error";
 }
 
-// Reads one member's data, at most `limit` bytes; a larger member is drained
-// in blocks, never held. False when the archive itself breaks off.
-bool readMemberData(archive* a, archive_entry* entry, size_t limit, ExportMember& member)
+std::string tooLarge(size_t limit)
 {
-    if (archive_entry_size_is_set(entry) && archive_entry_size(entry) > static_cast<la_int64_t>(limit)) {
-        member.error = "is larger than " + std::to_string(limit >> 20) + " MiB (" +
-                       std::to_string(archive_entry_size(entry)) + " bytes)";
-        if (archive_read_data_skip(a) < ARCHIVE_WARN) {
-            member.error += " and breaks off: " + archiveError(a);
-            return false;
-        }
-        return true;
+    return "is larger than " + std::to_string(limit >> 20) + " MiB";
+}
+
+// Reads one member's data, at most `limit` bytes; a larger member is drained
+// in blocks, never held. `intact` turns false when the archive itself
+// breaks off inside the member.
+Result<Bytes> readMemberData(archive* a, archive_entry* entry, size_t limit, bool& intact)
+{
+    const auto drain = [&](std::string why) -> Result<Bytes> {
+        intact = archive_read_data_skip(a) >= ARCHIVE_WARN;
+        if (!intact) why += " and breaks off: " + archiveError(a);
+        return Error{why};
+    };
+    intact = true;
+    const bool sized = archive_entry_size_is_set(entry) != 0;
+    if (sized && archive_entry_size(entry) > static_cast<la_int64_t>(limit)) {
+        return drain(tooLarge(limit) + " (" + std::to_string(archive_entry_size(entry)) + " bytes)");
     }
     Bytes data;
+    if (sized) data.reserve(static_cast<size_t>(archive_entry_size(entry)));
     uint8_t block[READ_BLOCK];
     while (true) {
         const la_ssize_t got = archive_read_data(a, block, sizeof block);
         if (got < 0) {
-            member.error = "is cut off after " + std::to_string(data.size()) + " bytes: " + archiveError(a);
-            return false;
+            intact = false;
+            return Error{"is cut off after " + counted(data.size(), "byte", "bytes") + ": " + archiveError(a)};
         }
-        if (got == 0) break;
-        if (data.size() + static_cast<size_t>(got) > limit) {
-            member.error = "is larger than " + std::to_string(limit >> 20) + " MiB";
-            if (archive_read_data_skip(a) < ARCHIVE_WARN) {
-                member.error += " and breaks off: " + archiveError(a);
-                return false;
-            }
-            return true;
-        }
+        if (got == 0) return data;
+        if (data.size() + static_cast<size_t>(got) > limit) return drain(tooLarge(limit));
         data.insert(data.end(), block, block + got);
     }
-    member.contents = std::move(data);
-    return true;
 }
 
 // The parts of a split archive that should lie between the first and the
@@ -117,8 +122,8 @@ std::string splitProblem(const ExportSource& source)
     for (size_t i = 1; !error && i + 1 < source.paths.size(); ++i) {
         const uintmax_t size = fs::file_size(source.paths[i], error);
         if (!error && size < first) {
-            return "the split archive's part " + source.paths[i] + " holds " + std::to_string(size) +
-                   " bytes, fewer than the " + std::to_string(first) + " of " + source.paths.front() +
+            return "the split archive's part " + source.paths[i] + " holds " + counted(size, "byte", "bytes") +
+                   ", fewer than the " + std::to_string(first) + " of " + source.paths.front() +
                    "; only the last part may be shorter";
         }
     }
@@ -171,8 +176,20 @@ std::string compressedStreamProblem(const ExportSource& source, uint64_t tarByte
     return {};
 }
 
-Result<ExportRead> readArchive(const ExportSource& source, size_t limit, const MemberVisitor& visit,
-                               const ByteProgress& progress)
+// Why an entry's bytes are not read, in the words that follow its name;
+// nullopt for a regular file.
+std::optional<std::string> notReadable(archive_entry* entry)
+{
+    if (const char* target = archive_entry_hardlink(entry)) return "is a hard link to " + escapeText(std::string_view(target));
+    if (archive_entry_filetype(entry) == AE_IFLNK) {
+        const char* target = archive_entry_symlink(entry);
+        return "is a symbolic link to " + escapeText(std::string_view(target ? target : ""));
+    }
+    if (archive_entry_filetype(entry) != AE_IFREG) return "is not a regular file";
+    return std::nullopt;
+}
+
+ArchivePtr openArchive(const ExportSource& source, bool& opened)
 {
     ArchivePtr a(archive_read_new());
     archive_read_support_filter_all(a.get());
@@ -181,98 +198,181 @@ Result<ExportRead> readArchive(const ExportSource& source, size_t limit, const M
     std::vector<const char*> names;
     for (const std::string& path : source.paths) names.push_back(path.c_str());
     names.push_back(nullptr);
-    ExportRead result;
-    const std::string split = splitProblem(source);
-    // A compressed file that breaks off before the first member fails as it
-    // is opened, or at its first header; a cut file, not a foreign one.
-    const auto unopened = [&](const std::string& reason) -> Result<ExportRead> {
-        const std::string compression = compressionOf(source.paths.front());
-        // An empty file: an export without members.
-        if (compression.empty() && split.empty() && sourceSize(source) == 0) return result;
-        if (compression.empty() && split.empty()) {
-            return Error{source.label() +
-                             (reason.empty() ? " is not a TAR archive: " : " cannot be opened as a TAR archive: ") +
-                             archiveError(a.get()),
-                         {}};
-        }
-        result.truncation = source.label() + (compression.empty() ? " breaks off before its first member: "
-                                                             : "'s " + compression + " stream ends early or is damaged "
-                                                               "before its first member: ") +
-                       archiveError(a.get()) + (split.empty() ? "" : "; " + split);
-        return result;
-    };
-    if (archive_read_open_filenames(a.get(), names.data(), READ_BLOCK) != ARCHIVE_OK) return unopened("open");
-    archive_entry* entry = nullptr;
-    size_t members = 0;
-    std::string lastMember;
-    // What was read up to where, for a report on an archive that ends early.
-    const auto readSoFar = [&](la_int64_t at) {
-        return std::to_string(members) + " members were read up to byte " + std::to_string(at) +
-               " of the TAR stream" + (lastMember.empty() ? "" : ", the last one " + lastMember);
-    };
-    // A split archive that ends early without a gap in its parts has most
-    // likely lost the part after its last one.
-    const std::string base = splitBase(source.paths.front());
-    const std::string afterLast =
-        base.empty() ? std::string() : "; the part " + partName(base, static_cast<int>(source.paths.size()) + 1) +
-                                           " that would follow " + source.paths.back() + " is probably missing";
-    const auto cut = [&](std::string what) {
-        result.truncation = source.label() + " " + what + (split.empty() ? afterLast : "; " + split);
-        return result;
-    };
+    opened = archive_read_open_filenames(a.get(), names.data(), READ_BLOCK) == ARCHIVE_OK;
+    return a;
+}
+
+// One pass over an archive, member by member, keeping what it takes to say
+// how far it got when the archive ends early.
+class ArchivePass {
+public:
+    // The first `handed` members were handed on already, by the short way.
+    ArchivePass(const ExportSource& source, size_t limit, const MemberVisitor& visit, const ByteProgress& progress,
+                size_t handed)
+        : source_(source), limit_(limit), visit_(visit), progress_(progress), handed_(handed),
+          split_(splitProblem(source))
+    {
+    }
+
+    Result<ExportRead> run();
+
+private:
+    Result<ExportRead> unopened(bool atOpen);
+    ExportRead cut(const std::string& what);
+    std::string readSoFar(la_int64_t at) const;
+    std::optional<ExportRead> atEnd(la_int64_t position);
+    std::optional<ExportRead> visitEntry(archive_entry* entry, la_int64_t position);
+    ExportRead finished();
+
+    const ExportSource& source_;
+    const size_t limit_;
+    const MemberVisitor& visit_;
+    const ByteProgress& progress_;
+    size_t handed_;
+    const std::string split_;  // what is wrong with the parts of a split archive
+    ArchivePtr a_;
+    size_t headers_ = 0;  // entries read, directories included
+    std::string lastMember_;
+    ExportRead result_;
+};
+
+Result<ExportRead> ArchivePass::run()
+{
+    bool opened = false;
+    a_ = openArchive(source_, opened);
+    if (!opened) return unopened(true);
     while (true) {
-        const la_int64_t before = archive_filter_bytes(a.get(), 0);
-        const int status = archive_read_next_header(a.get(), &entry);
-        const la_int64_t position = status < ARCHIVE_WARN ? before : archive_read_header_position(a.get());
+        archive_entry* entry = nullptr;
+        const la_int64_t before = archive_filter_bytes(a_.get(), 0);
+        const int status = archive_read_next_header(a_.get(), &entry);
+        const la_int64_t position = status < ARCHIVE_WARN ? before : archive_read_header_position(a_.get());
         if (status == ARCHIVE_EOF) {
-            // The TAR reader takes a stream that stops at a member boundary
-            // for a proper end; only the marker's zero blocks tell them apart.
-            // A ZIP ends with its central directory instead, which its reader
-            // checks itself.
-            const bool tar = (archive_format(a.get()) & ARCHIVE_FORMAT_BASE_MASK) == ARCHIVE_FORMAT_TAR;
-            if (tar && archive_filter_bytes(a.get(), 0) == position && members > 0) {
-                return cut("ends without the TAR end-of-archive marker: " + readSoFar(position) +
-                           "; any members after it are missing");
-            }
-            break;
+            if (std::optional<ExportRead> early = atEnd(position)) return *early;
+            return finished();
         }
         if (status < ARCHIVE_WARN) {
-            if (members == 0) return unopened({});
-            return cut("breaks off after " + readSoFar(position) + ": " + archiveError(a.get()));
+            if (headers_ == 0) return unopened(false);
+            return cut("breaks off after " + readSoFar(position) + ": " + archiveError(a_.get()));
         }
-        ++members;
+        ++headers_;
         if (archive_entry_filetype(entry) == AE_IFDIR) continue;
-        ExportMember member;
-        const char* name = archive_entry_pathname(entry);
-        member.name = name ? name : "";
-        member.source = source.label();
-        bool intact = true;
-        if (archive_entry_filetype(entry) != AE_IFREG) {
-            member.error = "is not a regular file";
-            member.special = true;
-            intact = archive_read_data_skip(a.get()) >= ARCHIVE_WARN;
-        } else {
-            intact = readMemberData(a.get(), entry, limit, member);
-            ++result.members;
-        }
-        const std::string memberName = member.name;
-        const std::string memberError = member.error;
-        visit(std::move(member));
-        if (progress) progress(static_cast<uint64_t>(archive_filter_bytes(a.get(), -1)));
-        if (!intact) {
-            --members;
-            return cut("breaks off inside the member " + (memberName.empty() ? "without a name" : memberName) +
-                       ", which " + memberError + "; " +
-                       readSoFar(position) + " before it");
-        }
-        lastMember = memberName;
+        if (std::optional<ExportRead> broken = visitEntry(entry, position)) return *broken;
     }
-    if (!split.empty()) return cut("is incomplete: " + split);
-    if (archive_filter_count(a.get()) > 1) {
-        const std::string problem = compressedStreamProblem(source, static_cast<uint64_t>(archive_filter_bytes(a.get(), 0)));
+}
+
+// A compressed file that breaks off before the first member fails as it is
+// opened, or at its first header; a cut file, not a foreign one.
+Result<ExportRead> ArchivePass::unopened(bool atOpen)
+{
+    const std::string compression = compressionOf(source_.paths.front());
+    // An empty file: an export without members.
+    if (compression.empty() && split_.empty() && sourceSize(source_) == 0) return result_;
+    if (compression.empty() && split_.empty()) {
+        return Error{source_.label() + (atOpen ? " cannot be opened as a TAR archive: " : " is not a TAR archive: ") +
+                     archiveError(a_.get())};
+    }
+    result_.truncation = source_.label() +
+                         (compression.empty() ? " breaks off before its first member: "
+                                              : "'s " + compression +
+                                                    " stream ends early or is damaged before its first member: ") +
+                         archiveError(a_.get()) + (split_.empty() ? "" : "; " + split_);
+    return result_;
+}
+
+// A split archive that ends early without a gap in its parts has most
+// likely lost the part after its last one.
+ExportRead ArchivePass::cut(const std::string& what)
+{
+    const std::string base = splitBase(source_.paths.front());
+    const std::string afterLast =
+        base.empty() ? std::string()
+                     : "; the part " + partName(base, static_cast<int>(source_.paths.size()) + 1) +
+                           " that would follow " + source_.paths.back() + " is probably missing";
+    result_.truncation = source_.label() + " " + what + (split_.empty() ? afterLast : "; " + split_);
+    return result_;
+}
+
+std::string ArchivePass::readSoFar(la_int64_t at) const
+{
+    return counted(headers_, "member was", "members were") + " read up to byte " + std::to_string(at) + " of the TAR stream" +
+           (lastMember_.empty() ? "" : ", the last one " + lastMember_);
+}
+
+// The TAR reader takes a stream that stops at a member boundary for a
+// proper end; only the marker's zero blocks tell them apart. A ZIP ends with
+// its central directory instead, which its reader checks itself.
+std::optional<ExportRead> ArchivePass::atEnd(la_int64_t position)
+{
+    const bool tar = (archive_format(a_.get()) & ARCHIVE_FORMAT_BASE_MASK) == ARCHIVE_FORMAT_TAR;
+    if (tar && archive_filter_bytes(a_.get(), 0) == position && headers_ > 0) {
+        return cut("ends without the TAR end-of-archive marker: " + readSoFar(position) +
+                   "; any members after it are missing");
+    }
+    return std::nullopt;
+}
+
+// Hands one entry to the visitor; the truncated result when the archive
+// breaks off inside it.
+std::optional<ExportRead> ArchivePass::visitEntry(archive_entry* entry, la_int64_t position)
+{
+    ExportMember member;
+    const char* name = archive_entry_pathname(entry);
+    member.name = name ? name : "";
+    member.nameIsUtf8 = name == nullptr || isUtf8(name);
+    bool intact = true;
+    if (std::optional<std::string> reason = notReadable(entry)) {
+        member.contents = Error{std::move(*reason)};
+        member.special = true;
+        intact = archive_read_data_skip(a_.get()) >= ARCHIVE_WARN;
+    } else if (archive_entry_is_data_encrypted(entry)) {
+        member.contents = Error{"is encrypted"};
+        intact = archive_read_data_skip(a_.get()) >= ARCHIVE_WARN;
+        ++result_.members;
+    } else {
+        member.contents = readMemberData(a_.get(), entry, limit_, intact);
+        ++result_.members;
+    }
+    if (intact) {
+        lastMember_ = member.name;
+        if (handed_ > 0) {
+            --handed_;
+            return std::nullopt;
+        }
+        visit_(std::move(member));
+        if (progress_) progress_(static_cast<uint64_t>(archive_filter_bytes(a_.get(), -1)));
+        return std::nullopt;
+    }
+    const std::string broken = member.name.empty() ? "without a name" : member.name;
+    const std::string reason = member.contents ? std::string() : member.contents.error().message;
+    visit_(std::move(member));
+    if (progress_) progress_(static_cast<uint64_t>(archive_filter_bytes(a_.get(), -1)));
+    --headers_;
+    return cut("breaks off inside the member " + broken + ", which " + reason + "; " + readSoFar(position) +
+               " before it");
+}
+
+ExportRead ArchivePass::finished()
+{
+    if (!split_.empty()) return cut("is incomplete: " + split_);
+    if (archive_filter_count(a_.get()) > 1) {
+        const std::string problem =
+            compressedStreamProblem(source_, static_cast<uint64_t>(archive_filter_bytes(a_.get(), 0)));
         if (!problem.empty()) return cut(problem + "; its TAR content was read to the end-of-archive marker");
     }
-    return result;
+    return result_;
+}
+
+// TSEs write plain TARs, which take the short way; libarchive's reader takes
+// whatever that leaves, and says what is wrong with an archive.
+Result<ExportRead> readArchive(const ExportSource& source, size_t limit, const MemberVisitor& visit,
+                               const ByteProgress& progress)
+{
+    if (source.zip || !splitProblem(source).empty()) return ArchivePass(source, limit, visit, progress, 0).run();
+    const PlainTarRead plain = readPlainTar(source, limit, visit, progress);
+    if (plain.complete && (!plain.compressed || compressedStreamProblem(source, plain.tarBytes).empty())) {
+        return ExportRead{plain.handed, std::nullopt};
+    }
+    return ArchivePass(source, limit, visit, progress, plain.handed).run();
 }
 
 Result<ExportRead> readDirectory(const ExportSource& source, size_t limit, const MemberVisitor& visit,
@@ -284,17 +384,15 @@ Result<ExportRead> readDirectory(const ExportSource& source, size_t limit, const
     for (fs::recursive_directory_iterator it(root, error), end; !error && it != end; it.increment(error)) {
         if (it->is_regular_file(error)) files.push_back(it->path());
     }
-    if (error) return Error{source.label() + " cannot be listed: " + error.message(), {}};
+    if (error) return Error{source.label() + " cannot be listed: " + error.message()};
     std::sort(files.begin(), files.end());
     uint64_t done = 0;
     for (const fs::path& file : files) {
         ExportMember member;
         member.name = file.lexically_relative(root).generic_string();
-        member.source = source.label();
-        Result<Bytes> read = readFileBounded(file.string(), limit);
-        if (read) done += read->size();
-        member.error = read.message();
-        member.contents = std::move(read).take();
+        member.nameIsUtf8 = isUtf8(member.name.c_str());
+        member.contents = readFileBounded(file.string(), limit);
+        if (member.contents) done += member.contents->size();
         visit(std::move(member));
         if (progress) progress(done);
     }
@@ -305,11 +403,9 @@ Result<ExportRead> readSingleFile(const ExportSource& source, size_t limit, cons
 {
     ExportMember member;
     member.name = source.label();
-    member.source = source.label();
+    member.nameIsUtf8 = isUtf8(member.name.c_str());
     member.standalone = true;
-    Result<Bytes> read = readFileBounded(member.name, limit);
-    member.error = read.message();
-    member.contents = std::move(read).take();
+    member.contents = readFileBounded(member.name, limit);
     visit(std::move(member));
     return ExportRead{1, std::nullopt};
 }
@@ -368,6 +464,7 @@ uint64_t sourceSize(const ExportSource& source)
 Result<ExportRead> readExportSource(const ExportSource& source, size_t maxMemberSize, const MemberVisitor& visit,
                                     const ByteProgress& progress)
 {
+    const Utf8Names utf8;
     switch (source.kind) {
     case ExportSource::Kind::Archive: return readArchive(source, maxMemberSize, visit, progress);
     case ExportSource::Kind::Directory: return readDirectory(source, maxMemberSize, visit, progress);

@@ -16,10 +16,16 @@ namespace tse {
 // A member of a TSE export that is never unpacked to disk: the bytes stay
 // in memory only as long as the visitor keeps them.
 struct ExportMember {
-    std::string name;    // as in the archive, relative to the directory, or the path given
-    std::string source;  // the archive, directory or file it came from
-    std::optional<Bytes> contents;
-    std::string error;   // why there are no contents: too large, truncated, ...
+    // As in the archive, relative to the directory, or the path given. An
+    // archive's names arrive in UTF-8 whatever the process's locale; a name
+    // whose bytes are no UTF-8 (a TAR written where another character set
+    // was in use) keeps its bytes, for escapeText to show, and says so.
+    std::string name;
+    bool nameIsUtf8 = true;
+    // The bytes, or why there are none, in words that follow the member's
+    // name: "is larger than 16 MiB (B bytes)", "is cut off after ...", "is
+    // encrypted", "is a symbolic link to T", "is not a regular file".
+    Result<Bytes> contents = Error{"was not read"};
     bool standalone = false;  // a file given by itself, not a member of an archive or directory
     bool special = false;     // a link, device or FIFO in an archive: never read
 };

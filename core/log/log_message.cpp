@@ -5,6 +5,7 @@
 
 #include "ber.h"
 #include "oid.h"
+#include "text.h"
 
 namespace tse {
 namespace {
@@ -61,6 +62,13 @@ const std::vector<FieldLayout>& fieldLayouts(LogType type, uint64_t version)
 
 LogType typeFromOid(const BerElement& element)
 {
+    // Compared as encoded, which spares every log the dotted text.
+    static const Bytes transaction = *oidFromText(oid::TRANSACTION_LOG);
+    static const Bytes system = *oidFromText(oid::SYSTEM_LOG);
+    static const Bytes audit = *oidFromText(oid::AUDIT_LOG);
+    if (element.content == ByteView(transaction)) return LogType::Transaction;
+    if (element.content == ByteView(system)) return LogType::System;
+    if (element.content == ByteView(audit)) return LogType::Audit;
     const std::optional<std::string> dotted = oidToText(element.content);
     if (dotted == oid::TRANSACTION_LOG) return LogType::Transaction;
     if (dotted == oid::SYSTEM_LOG) return LogType::System;
@@ -139,9 +147,9 @@ LogTime readLogTime(BerReader& reader)
                                              tagName(found));
     }
     const std::string text = element.content.text();
-    const TimeParse parsed = found == tag::UTC_TIME ? parseUtcTime(text) : parseGeneralizedTime(text);
+    const Result<LogTime> parsed = found == tag::UTC_TIME ? parseUtcTime(text) : parseGeneralizedTime(text);
     if (!parsed) {
-        throw ParseError(element.offset, "the log time is malformed: " + parsed.message());
+        throw ParseError(element.offset, "the log time is malformed: " + parsed.error().message);
     }
     return *parsed;
 }
@@ -151,7 +159,7 @@ LogMessage readMessage(ByteView data)
     BerReader file(data);
     const BerElement outer = file.expect(tag::SEQUENCE, "the log message's SEQUENCE");
     if (!file.atEnd()) {
-        throw ParseError(file.offset(), std::to_string(file.remaining()) + " octets follow the log message");
+        throw ParseError(file.offset(), counted(file.remaining(), "octet follows", "octets follow") + " the log message");
     }
     BerReader reader = file.inside(outer);
     const size_t signedStart = reader.offset();

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "bytes.h"
+#include "civil_time.h"
 #include "result.h"
 
 namespace tse {
@@ -27,38 +28,14 @@ struct LogTime {
     std::string iso() const;
 };
 
-// Days since 1970-01-01 of a proleptic Gregorian date, and back.
-int64_t daysFromCivil(int64_t year, unsigned month, unsigned day);
-struct CivilTime {
-    int64_t year;
-    unsigned month, day, hour, minute, second;
-};
-CivilTime civilFromSeconds(int64_t seconds);
-int64_t secondsFromCivil(const CivilTime& time);
-// "2021-08-02T11:28:58Z"-style text without fraction.
-std::string isoSeconds(int64_t seconds);
-
 // Parsers for the content of a UTCTime (YYMMDDhhmm[ss]Z) or GeneralizedTime
-// (YYYYMMDDhhmmss[.f...]Z); nullopt with the reason for anything else.
-// The time, or why the text is none.
-using TimeParse = Result<LogTime>;
-TimeParse parseUtcTime(std::string_view text);
-TimeParse parseGeneralizedTime(std::string_view text);
+// (YYYYMMDDhhmmss[.f...]Z): the time, or why the text is none.
+Result<LogTime> parseUtcTime(std::string_view text);
+Result<LogTime> parseGeneralizedTime(std::string_view text);
 
 // The UTCTime and GeneralizedTime texts of a moment, as TSEs write them.
 std::string utcTimeText(int64_t seconds, bool withSeconds = true);
 std::string generalizedTimeText(int64_t seconds, std::string_view fraction = {});
-
-// ISO 8601 as receipts and users write it: YYYY-MM-DDThh:mm[:ss[.f...]]
-// followed by Z, +hh:mm, -hh:mm, +hhmm or nothing (then UTC is assumed and
-// `hadZone` is false). The seconds are returned in UTC.
-struct IsoTime {
-    int64_t seconds = 0;
-    std::string fraction;
-    bool hadZone = false;
-    int offsetMinutes = 0;
-};
-std::optional<IsoTime> parseIsoTime(std::string_view text);
 
 // The UTC seconds of a wall-clock time in Germany (CET, CEST from the last
 // Sunday of March to the last Sunday of October, 01:00 UTC each), where

@@ -54,24 +54,24 @@ GreyImage greyCopy(const poppler::image& rendered)
 
 }  // namespace
 
-std::string renderPdfPages(ByteView data, const PdfPageHandler& onPage)
+Result<void> renderPdfPages(ByteView data, const PdfPageHandler& onPage)
 {
     silencePoppler();
     if (data.size() > static_cast<size_t>(INT_MAX)) {
-        return "the PDF is larger than 2 GB";
+        return Error{"the PDF is larger than 2 GB"};
     }
     std::unique_ptr<poppler::document> document(
         poppler::document::load_from_raw_data(reinterpret_cast<const char*>(data.data()), static_cast<int>(data.size())));
     if (!document) {
-        return "the PDF is damaged or cut off";
+        return Error{"the PDF is damaged or cut off"};
     }
     if (document->is_locked()) {
-        return "the PDF is protected by a password";
+        return Error{"the PDF is protected by a password"};
     }
     const int pages = document->pages();
     if (pages > maxPdfPages) {
-        return "the PDF has " + std::to_string(pages) + " pages, more than the " + std::to_string(maxPdfPages) +
-               " read from one file; split it into smaller files";
+        return Error{"the PDF has " + std::to_string(pages) + " pages, more than the " + std::to_string(maxPdfPages) +
+                     " read from one file; split it into smaller files"};
     }
     const int64_t pixelBound = std::min(maxPageRenderPixels, maxPdfRenderPixels / std::max(pages, 1));
     poppler::page_renderer renderer;
@@ -80,12 +80,12 @@ std::string renderPdfPages(ByteView data, const PdfPageHandler& onPage)
     for (int index = 0; index < pages; ++index) {
         std::unique_ptr<poppler::page> page(document->create_page(index));
         if (!page) {
-            return "page " + std::to_string(index + 1) + " of the PDF cannot be read";
+            return Error{"page " + std::to_string(index + 1) + " of the PDF cannot be read"};
         }
         const double dpi = renderDpi(*page, pixelBound);
         const poppler::image rendered = renderer.render_page(page.get(), dpi, dpi);
         if (!rendered.is_valid() || rendered.format() != poppler::image::format_gray8) {
-            return "page " + std::to_string(index + 1) + " of the PDF cannot be rendered";
+            return Error{"page " + std::to_string(index + 1) + " of the PDF cannot be rendered"};
         }
         onPage(index + 1, pages, greyCopy(rendered));
     }

@@ -3,10 +3,10 @@
 
 #include <cstdint>
 #include <functional>
-#include <string>
 
 #include "bytes.h"
 #include "grey_image.h"
+#include "result.h"
 
 namespace tse {
 
@@ -26,18 +26,17 @@ constexpr int64_t maxPdfRenderPixels = 200'000'000;
 // pages.
 using PdfPageHandler = std::function<void(int page, int pages, const GreyImage&)>;
 
-// Renders every page of the PDF in grey and hands each to onPage. Returns an
-// error text when the data is no PDF poppler can open (or has too many
-// pages); empty when every page was rendered. A page that cannot be
-// rendered is reported as an error as well, after the pages before it were
-// handed on.
-std::string renderPdfPages(ByteView data, const PdfPageHandler& onPage);
+// Renders every page of the PDF in grey and hands each to onPage. An error
+// when the data is no PDF poppler can open (or has too many pages), or when
+// a page cannot be rendered; the pages before that one were handed on all
+// the same, since the codes on them count.
+Result<void> renderPdfPages(ByteView data, const PdfPageHandler& onPage);
 
 // Renders as renderPdfPages does, somewhere else. Poppler decodes a page's
 // streams whole before any bound of ours applies, and a small stream may
 // inflate to gigabytes; a program can render in a process of its own under
 // limits of memory and time, which the core leaves to it.
-using PdfRenderer = std::function<std::string(ByteView data, const PdfPageHandler& onPage)>;
+using PdfRenderer = std::function<Result<void>(ByteView data, const PdfPageHandler& onPage)>;
 
 }  // namespace tse
 

@@ -40,18 +40,18 @@ ImageScan scanImage(ByteView data, const PdfRenderer& renderPdf)
         const PdfPageHandler onPage = [&scan](int page, int pages, const GreyImage& image) {
             addCodes(scan, page, image, maxReadWork / std::max(pages, 1));
         };
-        scan.error = renderPdf ? renderPdf(data, onPage) : renderPdfPages(data, onPage);
+        const Result<void> rendered = renderPdf ? renderPdf(data, onPage) : renderPdfPages(data, onPage);
+        if (!rendered) scan.error = rendered.error().message;
         return scan;
     }
-    const RasterDecode decoded = decodeRaster(data);
-    scan.format = decoded.format;
-    if (!decoded.error.empty()) {
-        scan.error = decoded.format.empty() ? "not a picture tse-check reads (PNG, JPEG, WebP, HEIC/HEIF, TIFF, "
-                                              "GIF, BMP or PDF)"
-                                            : decoded.error;
+    const Result<RasterPicture> decoded = decodeRaster(data);
+    if (!decoded) {
+        scan.format = rasterFormat(data);
+        scan.error = decoded.error().message;
         return scan;
     }
-    addCodes(scan, 0, decoded.image, maxReadWork);
+    scan.format = decoded->format;
+    addCodes(scan, 0, decoded->image, maxReadWork);
     return scan;
 }
 

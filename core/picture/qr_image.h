@@ -20,10 +20,12 @@ struct ImageCode {
     std::array<PicturePoint, 4> corners;
 };
 
+// The codes and an error together, not a Result: a scan keeps the codes of
+// the pages of a PDF read before a broken one, and those count.
 struct ImageScan {
     std::vector<ImageCode> codes;  // every QR code found, in reading order
     std::string format;            // "PNG", "JPEG", "PDF", ...; empty when unknown
-    std::string error;             // set when the data is no readable picture
+    std::string error;             // set when the data is no readable picture, or a page of it is not
 };
 
 // Reads every QR code in a picture (PNG, JPEG, WebP, HEIC/HEIF, TIFF, GIF,

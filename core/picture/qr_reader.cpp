@@ -8,6 +8,8 @@
 
 #include <zbar.h>
 
+#include "code_findings.h"
+
 // Results as UTF-8 text; without this ZXing 1.4 hands out wide strings.
 #define ZX_USE_UTF8 1
 #include <ReadBarcode.h>
@@ -34,21 +36,6 @@ struct Prepared {
     GreyImage image;
     Mapping toPicture;
 };
-
-struct Reading {
-    std::vector<ReadCode> codes;
-    std::vector<PicturePoint> unreadable;  // centres of codes located but not decoded
-};
-
-PicturePoint centre(const std::array<PicturePoint, 4>& corners)
-{
-    PicturePoint c;
-    for (const PicturePoint& p : corners) {
-        c.x += p.x / 4;
-        c.y += p.y / 4;
-    }
-    return c;
-}
 
 Reading readWithZxing(const Prepared& prepared)
 {
@@ -131,67 +118,6 @@ Reading readWithZbar(const Prepared& prepared)
     return reading;
 }
 
-// What all passes together found so far, and how often each code was read.
-class Findings {
-public:
-    void add(const Reading& reading)
-    {
-        for (const ReadCode& code : reading.codes) {
-            auto known = std::find_if(found_.begin(), found_.end(),
-                                      [&](const Found& seen) { return seen.code.text == code.text; });
-            if (known == found_.end()) {
-                found_.push_back({code, 1});
-            } else {
-                ++known->reads;
-            }
-        }
-        unreadable_.insert(unreadable_.end(), reading.unreadable.begin(), reading.unreadable.end());
-    }
-
-    // Every code read by two readings (two readers, or one reader on two
-    // preparations) and no code located but left unread: further passes
-    // are very unlikely to add anything.
-    bool complete() const
-    {
-        return !found_.empty() &&
-               std::none_of(unreadable_.begin(), unreadable_.end(), [&](PicturePoint p) { return !nearFound(p); }) &&
-               std::all_of(found_.begin(), found_.end(), [](const Found& f) { return f.reads >= 2; });
-    }
-
-    std::vector<ReadCode> codes() const
-    {
-        std::vector<ReadCode> out;
-        for (const Found& f : found_) {
-            out.push_back(f.code);
-        }
-        std::stable_sort(out.begin(), out.end(), [](const ReadCode& a, const ReadCode& b) {
-            const PicturePoint ca = centre(a.corners);
-            const PicturePoint cb = centre(b.corners);
-            return ca.y != cb.y ? ca.y < cb.y : ca.x < cb.x;
-        });
-        return out;
-    }
-
-private:
-    struct Found {
-        ReadCode code;
-        int reads = 0;
-    };
-
-    bool nearFound(PicturePoint point) const
-    {
-        return std::any_of(found_.begin(), found_.end(), [&](const Found& f) {
-            const PicturePoint c = centre(f.code.corners);
-            const double size = std::hypot(f.code.corners[0].x - f.code.corners[2].x,
-                                           f.code.corners[0].y - f.code.corners[2].y);
-            return std::hypot(point.x - c.x, point.y - c.y) < size / 2;
-        });
-    }
-
-    std::vector<Found> found_;
-    std::vector<PicturePoint> unreadable_;
-};
-
 // Pictures above this size are not enlarged: their codes have enough
 // pixels, and four times the pixels would cost too much time and memory.
 constexpr int64_t maxPixelsToEnlarge = 2'000'000;
@@ -265,7 +191,7 @@ std::vector<ReadCode> readQrCodes(const GreyImage& image, int64_t workLimit)
     if (contrastRange(image) < minCodeContrast) {
         return {};
     }
-    Findings findings;
+    CodeFindings findings;
     // The cheap path: both readers on the picture as it is. A clean picture
     // ends here.
     const Prepared plain{image, {}};

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 #include <vips/vips.h>
 
@@ -170,6 +171,60 @@ ImagePtr openHeader(ByteView data)
     return image;
 }
 
+// The loader for the data's format; an error that says what the data
+// are not when there is none.
+Result<const Loader*> knownLoader(ByteView data)
+{
+    const Loader* loader = loaderFor(data);
+    if (loader != nullptr && vipsReady()) return loader;
+    const char* format = formatByMagic(data);
+    if (format == nullptr) {
+        return Error{"not a picture tse-check reads (PNG, JPEG, WebP, HEIC/HEIF, TIFF, GIF, BMP or PDF)"};
+    }
+    const std::string claim = pngClaimTooLarge(data);
+    return Error{claim.empty() ? "the " + std::string(format) + " picture's header cannot be read" : claim};
+}
+
+// Upright, without alpha, one band of grey bytes, at most maxReadPixels;
+// false when the picture breaks on the way, a damaged one.
+bool toGrey(ImagePtr& image, int64_t pixels)
+{
+    return apply(image, [](VipsImage* in, VipsImage** out) { return vips_autorot(in, out, nullptr); }) &&
+           (!vips_image_hasalpha(image.get()) ||
+            apply(image, [](VipsImage* in, VipsImage** out) {
+                // A code printed on a transparent background is dark on white.
+                VipsArrayDouble* white = vips_array_double_newv(1, 255.0);
+                const int status = vips_flatten(in, out, "background", white, nullptr);
+                vips_area_unref(VIPS_AREA(white));
+                return status;
+            })) &&
+           apply(image, [](VipsImage* in, VipsImage** out) {
+               return vips_colourspace(in, out, VIPS_INTERPRETATION_B_W, nullptr);
+           }) &&
+           apply(image, [](VipsImage* in, VipsImage** out) { return vips_cast_uchar(in, out, nullptr); }) &&
+           (pixels <= maxReadPixels || apply(image, [&](VipsImage* in, VipsImage** out) {
+                const double scale = std::sqrt(static_cast<double>(maxReadPixels) / static_cast<double>(pixels));
+                return vips_resize(in, out, scale, nullptr);
+            })) &&
+           // A grey picture with an alpha band flattened may keep two bands.
+           (vips_image_get_bands(image.get()) == 1 ||
+            apply(image, [](VipsImage* in, VipsImage** out) { return vips_extract_band(in, out, 0, nullptr); }));
+}
+
+// The pixels decoded into memory; nullopt when decoding fails (a file cut
+// short, say).
+std::optional<GreyImage> pixelsOf(VipsImage* image)
+{
+    size_t size = 0;
+    std::unique_ptr<void, GFree> pixels(vips_image_write_to_memory(image, &size));
+    vips_error_clear();
+    const int width = vips_image_get_width(image);
+    const int height = vips_image_get_height(image);
+    if (!pixels || size != static_cast<size_t>(width) * static_cast<size_t>(height)) return std::nullopt;
+    const auto* bytes = static_cast<const uint8_t*>(pixels.get());
+    return GreyImage{width, height, std::vector<uint8_t>(bytes, bytes + size)};
+}
+
 }  // namespace
 
 PictureSize rasterSize(ByteView data)
@@ -190,71 +245,23 @@ std::string rasterFormat(ByteView data)
     return loader == nullptr ? std::string() : loader->format;
 }
 
-RasterDecode decodeRaster(ByteView data)
+Result<RasterPicture> decodeRaster(ByteView data)
 {
-    RasterDecode result;
-    const Loader* loader = loaderFor(data);
-    if (loader == nullptr || !vipsReady()) {
-        const char* format = formatByMagic(data);
-        if (format == nullptr) {
-            result.error = "not a picture format tse-check reads";
-        } else {
-            result.format = format;
-            const std::string claim = pngClaimTooLarge(data);
-            result.error = claim.empty() ? "the " + result.format + " picture's header cannot be read" : claim;
-        }
-        return result;
-    }
-    result.format = loader->format;
+    const Result<const Loader*> loader = knownLoader(data);
+    if (!loader) return loader.error();
+    const std::string format = (*loader)->format;
     ImagePtr image = openHeader(data);
     if (!image) {
         const std::string claim = pngClaimTooLarge(data);
-        result.error = claim.empty() ? "the " + result.format + " picture's header cannot be read" : claim;
-        return result;
+        return Error{claim.empty() ? "the " + format + " picture's header cannot be read" : claim};
     }
     const int64_t width = vips_image_get_width(image.get());
     const int64_t height = vips_image_get_height(image.get());
-    if (width <= 0 || height <= 0) {
-        result.error = "the picture has no pixels";
-        return result;
-    }
-    if (width * height > maxPicturePixels) {
-        result.error = tooLarge(width, height);
-        return result;
-    }
-    const bool decoded =
-        apply(image, [](VipsImage* in, VipsImage** out) { return vips_autorot(in, out, nullptr); }) &&
-        (!vips_image_hasalpha(image.get()) ||
-         apply(image, [](VipsImage* in, VipsImage** out) {
-             // A code printed on a transparent background is dark on white.
-             VipsArrayDouble* white = vips_array_double_newv(1, 255.0);
-             const int status = vips_flatten(in, out, "background", white, nullptr);
-             vips_area_unref(VIPS_AREA(white));
-             return status;
-         })) &&
-        apply(image, [](VipsImage* in, VipsImage** out) {
-            return vips_colourspace(in, out, VIPS_INTERPRETATION_B_W, nullptr);
-        }) &&
-        apply(image, [](VipsImage* in, VipsImage** out) { return vips_cast_uchar(in, out, nullptr); }) &&
-        (width * height <= maxReadPixels || apply(image, [&](VipsImage* in, VipsImage** out) {
-             const double scale = std::sqrt(static_cast<double>(maxReadPixels) / static_cast<double>(width * height));
-             return vips_resize(in, out, scale, nullptr);
-         })) &&
-        // A grey picture with an alpha band flattened may keep two bands.
-        (vips_image_get_bands(image.get()) == 1 ||
-         apply(image, [](VipsImage* in, VipsImage** out) { return vips_extract_band(in, out, 0, nullptr); }));
-    size_t size = 0;
-    std::unique_ptr<void, GFree> pixels(decoded ? vips_image_write_to_memory(image.get(), &size) : nullptr);
-    vips_error_clear();
-    const int outWidth = decoded ? vips_image_get_width(image.get()) : 0;
-    const int outHeight = decoded ? vips_image_get_height(image.get()) : 0;
-    if (!pixels || size != static_cast<size_t>(outWidth) * static_cast<size_t>(outHeight)) {
-        result.error = "the " + result.format + " picture is damaged or cut off";
-        return result;
-    }
-    const auto* bytes = static_cast<const uint8_t*>(pixels.get());
-    result.image = GreyImage{outWidth, outHeight, std::vector<uint8_t>(bytes, bytes + size)};
-    return result;
+    if (width <= 0 || height <= 0) return Error{"the picture has no pixels"};
+    if (width * height > maxPicturePixels) return Error{tooLarge(width, height)};
+    std::optional<GreyImage> grey = toGrey(image, width * height) ? pixelsOf(image.get()) : std::nullopt;
+    if (!grey) return Error{"the " + format + " picture is damaged or cut off"};
+    return RasterPicture{std::move(*grey), format};
 }
 
 }  // namespace tse

@@ -6,6 +6,7 @@
 
 #include "bytes.h"
 #include "grey_image.h"
+#include "result.h"
 
 namespace tse {
 
@@ -18,10 +19,10 @@ constexpr int64_t maxPicturePixels = 100'000'000;
 // pictures are shrunk to it while they are decoded.
 constexpr int64_t maxReadPixels = 16'000'000;
 
-struct RasterDecode {
+// A picture decoded: its pixels and its format as a user knows it.
+struct RasterPicture {
     GreyImage image;
-    std::string format;  // "PNG", "JPEG", ... as a user knows it
-    std::string error;   // set when the data is no readable picture
+    std::string format;  // "PNG", "JPEG", ...
 };
 
 // The name of the raster format the data is in, told by its content;
@@ -38,7 +39,9 @@ PictureSize rasterSize(ByteView data);
 
 // A PNG, JPEG, WebP, HEIC/HEIF, TIFF, GIF or BMP picture as grey pixels,
 // turned upright as its EXIF orientation says, shrunk to maxReadPixels.
-RasterDecode decodeRaster(ByteView data);
+// The error names the format when the data begin like one ("the PNG
+// picture is damaged or cut off"), and lists what is read when they do not.
+Result<RasterPicture> decodeRaster(ByteView data);
 
 }  // namespace tse
 

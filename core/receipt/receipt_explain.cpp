@@ -6,12 +6,16 @@
 #include <climits>
 #include <cstdlib>
 #include <functional>
-#include <mutex>
+#include <map>
+#include <memory>
 #include <optional>
 
 #include "der.h"
 #include "log_message.h"
 #include "receipt_verify.h"
+#include "signature_search.h"
+#include "text.h"
+#include "thread_annotations.h"
 
 namespace tse {
 namespace {
@@ -69,12 +73,37 @@ private:
     std::atomic<bool> cut_{false};
 };
 
+// The tables of G that the explanations of a batch share, one per curve,
+// built when first needed (none on P-256, where libcrypto has its own).
+// The explanations run one after another, so no lock is needed.
+class GeneratorTables {
+public:
+    std::shared_ptr<const GeneratorTable> of(Curve curve)
+    {
+        auto [entry, added] = built_.try_emplace(curve);
+        if (added) entry->second = generatorTable(curve);
+        return entry->second;
+    }
+
+private:
+    std::map<Curve, std::shared_ptr<const GeneratorTable>> built_;
+};
+
+// What the search under one reading of the key shares among its
+// candidates and threads: the signatures, their search over messages and
+// the bound.
+struct SearchContext {
+    const std::vector<ReceiptSignature>& signatures;
+    const SignatureSearch& search;
+    Budget& budget;
+};
+
 // The receipt as changed, rebuilt in every shape and time encoding; each
 // check counts against the bound.
-std::optional<ReceiptForm> holdsInAnyForm(const Receipt& receipt, const std::vector<ReceiptSignature>& signatures,
-                                          Budget& budget)
+std::optional<ReceiptForm> holdsInAnyForm(const Receipt& receipt, const SearchContext& context, VerifyScratch& scratch)
 {
-    return ReceiptMatcher(receipt, signatures).holdsAt(receipt.logTime.time.seconds, [&] { return budget.take(); });
+    return ReceiptMatcher(receipt, context.signatures, nullptr, &context.search)
+        .holdsAt(receipt.logTime.time.seconds, [&] { return context.budget.take(); }, &scratch);
 }
 
 std::string fieldLabel(const std::string& field)
@@ -298,14 +327,15 @@ Explanation explained(const Candidate& c, const ReceiptForm& form)
     return e;
 }
 
-std::optional<Explanation> firstDiscrete(const std::vector<Candidate>& candidates,
-                                         const std::vector<ReceiptSignature>& signatures, unsigned jobs, Budget& budget)
+std::optional<Explanation> firstDiscrete(const std::vector<Candidate>& candidates, const SearchContext& context,
+                                         unsigned jobs)
 {
     std::atomic<size_t> first{SIZE_MAX};
     std::vector<std::optional<ReceiptForm>> results(candidates.size());
     parallelFor(candidates.size(), jobs, [&](size_t i) {
         if (i > first) return;
-        results[i] = holdsInAnyForm(candidates[i].receipt, signatures, budget);
+        VerifyScratch scratch;
+        results[i] = holdsInAnyForm(candidates[i].receipt, context, scratch);
         if (!results[i]) return;
         size_t seen = first.load();
         while (i < seen && !first.compare_exchange_weak(seen, i)) {
@@ -320,57 +350,66 @@ struct WindowHit {
     ReceiptForm form;
 };
 
-// Nearest seconds first, so that a bound cuts off the least likely ones.
-// `searched` is how far either side every second was tried.
-std::optional<WindowHit> searchWindow(const Receipt& r, const std::vector<ReceiptSignature>& signatures,
-                                      int64_t window, unsigned jobs, Budget& budget, int64_t& searched)
+// Nearest seconds first, so that a bound cuts off the least likely ones;
+// a chunk stops as soon as a nearer one has a hit. `searched` is how far
+// either side every second was tried.
+std::optional<WindowHit> searchWindow(const Receipt& r, const SearchContext& context, int64_t window, unsigned jobs,
+                                      int64_t& searched)
 {
-    const ReceiptMatcher search(r, signatures);
+    const ReceiptMatcher search(r, context.signatures, nullptr, &context.search);
+    Budget& budget = context.budget;
     const auto chunks = static_cast<size_t>((window + WINDOW_CHUNK - 1) / WINDOW_CHUNK);
     std::atomic<size_t> firstChunk{SIZE_MAX};
-    std::mutex lock;
-    std::optional<WindowHit> best;
+    struct {
+        Mutex lock;
+        std::optional<WindowHit> hit TSE_GUARDED_BY(lock);
+    } best;
     std::vector<char> complete(chunks, 0);
     parallelFor(chunks, jobs, [&](size_t chunk) {
         if (chunk > firstChunk || budget.cut()) return;
+        VerifyScratch scratch;
         const int64_t from = static_cast<int64_t>(chunk) * WINDOW_CHUNK + 1;
         const int64_t to = std::min(window, from + WINDOW_CHUNK - 1);
-        for (int64_t distance = from; distance <= to; ++distance) {
+        for (int64_t distance = from; distance <= to && chunk <= firstChunk; ++distance) {
             for (const int64_t delta : {distance, -distance}) {
-                const std::optional<ReceiptForm> form = search.holdsAt(r.logTime.time.seconds + delta, [&] { return budget.take(); });
+                const std::optional<ReceiptForm> form =
+                    search.holdsAt(r.logTime.time.seconds + delta, [&] { return budget.take(); }, &scratch);
                 if (budget.cut()) return;
                 if (!form) continue;
-                std::lock_guard<std::mutex> guard(lock);
-                if (!best || std::abs(delta) < std::abs(best->delta)) best = WindowHit{delta, *form};
+                ExclusiveLock<Mutex> guard(best.lock);
+                if (!best.hit || std::abs(delta) < std::abs(best.hit->delta)) best.hit = WindowHit{delta, *form};
                 firstChunk = std::min(firstChunk.load(), chunk);
                 return;
             }
         }
-        complete[chunk] = 1;
+        if (chunk <= firstChunk) complete[chunk] = 1;
     });
     size_t whole = 0;
     while (whole < chunks && complete[whole]) ++whole;
     searched = std::min(window, static_cast<int64_t>(whole) * WINDOW_CHUNK);
-    return best;
+    ExclusiveLock<Mutex> guard(best.lock);
+    return best.hit;
 }
 
-Explanation explainWithKey(const Receipt& receipt, const ExplainOptions& options, Budget& budget)
+Explanation explainWithKey(const Receipt& receipt, const ExplainOptions& options, Budget& budget,
+                           GeneratorTables& tables)
 {
-    std::string reason;
-    const std::vector<ReceiptSignature> signatures = receiptSignatures(receipt, reason);
+    const Result<std::vector<ReceiptSignature>> signatures = receiptSignatures(receipt);
     Explanation none;
-    if (signatures.empty()) {
-        none.sentence = "nothing to explain: " + reason;
+    if (!signatures) {
+        none.sentence = "nothing to explain: " + signatures.error().message;
         return none;
     }
+    const SignatureSearch search(receipt.key, plainOctets(receipt, *signatures), tables.of(receipt.key.curve()));
+    const SearchContext context{*signatures, search, budget};
     CandidateList list(receipt);
     none.tried = discreteChanges(list, receipt);
-    if (std::optional<Explanation> found = firstDiscrete(list.items, signatures, options.jobs, budget)) return *found;
+    if (std::optional<Explanation> found = firstDiscrete(list.items, context, options.jobs)) return *found;
 
     const int64_t window = std::min(options.timeWindow, MAX_TIME_WINDOW);
     if (window > 0 && !budget.cut()) {
         int64_t searched = 0;
-        std::optional<WindowHit> hit = searchWindow(receipt, signatures, window, options.jobs, budget, searched);
+        std::optional<WindowHit> hit = searchWindow(receipt, context, window, options.jobs, searched);
         none.searchedWindow = searched;
         if (hit) {
             const int64_t seconds = receipt.logTime.time.seconds + hit->delta;
@@ -390,15 +429,13 @@ Explanation explainWithKey(const Receipt& receipt, const ExplainOptions& options
     return none;
 }
 
-}  // namespace
-
-Explanation explainReceipt(const Receipt& receipt, const ExplainOptions& options)
+Explanation explainWithTables(const Receipt& receipt, const ExplainOptions& options, GeneratorTables& tables)
 {
     Budget budget(options.maxChecks);
     Explanation result;
     const std::vector<Receipt> readings = withEachKey(receipt);
     for (size_t i = 0; i < readings.size() && !budget.cut(); ++i) {
-        Explanation e = explainWithKey(readings[i], options, budget);
+        Explanation e = explainWithKey(readings[i], options, budget, tables);
         if (e.found || i == 0) result = std::move(e);
         if (result.found) break;
     }
@@ -406,8 +443,8 @@ Explanation explainReceipt(const Receipt& receipt, const ExplainOptions& options
     if (!result.found && budget.cut()) {
         result.cutShort = true;
         const int64_t window = std::min(options.timeWindow, MAX_TIME_WINDOW);
-        result.sentence = "the search was cut short after " + std::to_string(result.checks) +
-                          " signature checks, the work bound" +
+        result.sentence = "the search was cut short after " + counted(result.checks, "signature check", "signature checks") +
+                          ", the work bound" +
                           (window > 0 ? ", with the log time searched " + std::to_string(result.searchedWindow) +
                                             " s of " + std::to_string(window) + " s either side"
                                       : std::string()) +
@@ -416,16 +453,25 @@ Explanation explainReceipt(const Receipt& receipt, const ExplainOptions& options
     return result;
 }
 
+}  // namespace
+
+Explanation explainReceipt(const Receipt& receipt, const ExplainOptions& options)
+{
+    GeneratorTables tables;
+    return explainWithTables(receipt, options, tables);
+}
+
 std::vector<Explanation> explainReceipts(const std::vector<const Receipt*>& receipts, const ExplainOptions& options,
                                          uint64_t batchChecks)
 {
     std::vector<Explanation> out;
     out.reserve(receipts.size());
     uint64_t left = batchChecks;
+    GeneratorTables tables;
     for (size_t i = 0; i < receipts.size(); ++i) {
         ExplainOptions share = options;
         share.maxChecks = std::min(options.maxChecks, left / (receipts.size() - i));
-        out.push_back(explainReceipt(*receipts[i], share));
+        out.push_back(explainWithTables(*receipts[i], share, tables));
         left -= std::min(left, out.back().checks);
     }
     return out;

@@ -22,11 +22,6 @@ constexpr FormatName FORMAT_NAMES[] = {
     {ReceiptTimeFormat::GeneralizedTimeWithMilliseconds, "generalizedTimeWithMilliseconds"},
 };
 
-bool isBlank(char c)
-{
-    return c == ' ' || c == '\t' || c == '\r' || c == '\n';
-}
-
 std::vector<std::string_view> splitFields(std::string_view text)
 {
     std::vector<std::string_view> fields;
@@ -137,7 +132,7 @@ private:
     bool publicKey(std::string_view text, KeyCache* keys, std::optional<ReceiptKeys>& out)
     {
         ReceiptKeys found = keys != nullptr ? keys->get(std::string(text)) : receiptKeys(text);
-        if (!found.key) return fail("publicKey " + quoted(text) + " is no usable key: " + found.key.message());
+        if (!found.key) return fail("publicKey " + quoted(text) + " is no usable key: " + found.key.error().message);
         out = std::move(found);
         return true;
     }
@@ -175,14 +170,14 @@ std::optional<ReceiptTimeFormat> receiptTimeFormatByName(std::string_view name)
 ReceiptKeys receiptKeys(std::string_view encoded)
 {
     const std::optional<Bytes> octets = fromBase64(encoded);
-    if (!octets) return {KeyResult(Error{"it is not base64", std::nullopt}), {}};
+    if (!octets) return {Result<PublicKey>(Error{"it is not base64", std::nullopt}), {}};
     const bool compressed = !octets->empty() && ((*octets)[0] == 0x02 || (*octets)[0] == 0x03);
     if (!compressed) return {keyFromAnyEncoding(*octets), {}};
     // A compressed point names only x, which often lies on both curves of
     // its size; the signature tells which key the TSE holds.
     ReceiptKeys out{keyFromAnyEncoding(*octets), {}};
     for (const CurveInfo& curve : supportedCurves()) {
-        KeyResult onCurve = keyFromPoint(*octets, curve.curve);
+        Result<PublicKey> onCurve = keyFromPoint(*octets, curve.curve);
         if (!onCurve) continue;
         if (!out.key) {
             out.key = onCurve;
@@ -196,12 +191,12 @@ ReceiptKeys receiptKeys(std::string_view encoded)
 ReceiptKeys KeyCache::get(const std::string& encoded)
 {
     {
-        std::lock_guard<std::mutex> guard(lock_);
+        ExclusiveLock<Mutex> guard(lock_);
         const auto found = keys_.find(encoded);
         if (found != keys_.end()) return found->second;
     }
     ReceiptKeys keys = receiptKeys(encoded);
-    std::lock_guard<std::mutex> guard(lock_);
+    ExclusiveLock<Mutex> guard(lock_);
     return keys_.emplace(encoded, std::move(keys)).first->second;
 }
 
@@ -221,8 +216,8 @@ Result<Receipt> parseReceiptText(std::string_view text, KeyCache* keys)
     if (text.empty()) return Error{"the text is empty", {}};
     const std::vector<std::string_view> fields = splitFields(text);
     if (fields.size() != FIELD_COUNT) {
-        return Error{"the text has " + std::to_string(fields.size()) +
-                                              " fields separated by \";\"; a receipt has 12"};
+        return Error{"the text has " + counted(fields.size(), "field", "fields") +
+                                              " separated by \";\"; a receipt has 12"};
     }
     ReceiptFields read;
     std::optional<ReceiptKeys> found;

@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -15,6 +14,7 @@
 #include "result.h"
 #include "log_time.h"
 #include "public_key.h"
+#include "thread_annotations.h"
 
 namespace tse {
 
@@ -71,7 +71,7 @@ struct Receipt : ReceiptFields {
 // curve costs as much as a verification, and a batch of receipts from one
 // TSE carries the same key thousands of times. Safe to share among threads.
 struct ReceiptKeys {
-    KeyResult key;
+    Result<PublicKey> key;
     std::vector<PublicKey> otherKeys;
 };
 ReceiptKeys receiptKeys(std::string_view encoded);
@@ -81,8 +81,8 @@ public:
     ReceiptKeys get(const std::string& encoded);
 
 private:
-    std::mutex lock_;
-    std::map<std::string, ReceiptKeys> keys_;
+    Mutex lock_;
+    std::map<std::string, ReceiptKeys> keys_ TSE_GUARDED_BY(lock_);
 };
 
 // The text as a scanner, a file or a command line hands it over: blanks, a

@@ -3,6 +3,7 @@
 #include "ber.h"
 #include "der.h"
 #include "log_encoder.h"
+#include "text.h"
 
 namespace tse {
 namespace {
@@ -61,6 +62,15 @@ bool fitsFourOctets(int64_t seconds)
     return seconds >= 0 && seconds <= 0xFFFFFFFFLL;
 }
 
+// The readings come base64 first, then hex; a text that is no base64 (hex
+// with colons between the octets, say) has its hex reading alone.
+bool hexReading(const Receipt& receipt, size_t index)
+{
+    if (index > 0) return true;
+    const std::optional<Bytes> base64 = fromBase64(receipt.signatureText);
+    return !base64 || base64->empty();
+}
+
 }  // namespace
 
 std::string describeForm(const ReceiptForm& form)
@@ -70,23 +80,30 @@ std::string describeForm(const ReceiptForm& form)
            std::string(timeEncodingName(form.time)) + ", " + std::string(signatureEncodingName(form.signature));
 }
 
-std::vector<ReceiptSignature> receiptSignatures(const Receipt& receipt, std::string& reason)
+Result<std::vector<ReceiptSignature>> receiptSignatures(const Receipt& receipt)
 {
     std::vector<ReceiptSignature> out;
     for (size_t i = 0; i < receipt.signatureReadings.size(); ++i) {
         const Bytes& octets = receipt.signatureReadings[i];
-        const bool hex = i > 0 || receipt.signatureText.size() == 2 * octets.size();
+        const bool hex = hexReading(receipt, i);
         if (std::optional<DecodedSignature> plain = DecodedSignature::plain(receipt.key, octets)) {
             out.push_back({*plain, hex ? SignatureEncoding::PlainHex : SignatureEncoding::PlainBase64});
         } else if (std::optional<DecodedSignature> der = DecodedSignature::der(octets)) {
             out.push_back({*der, hex ? SignatureEncoding::DerHex : SignatureEncoding::DerBase64});
         }
     }
-    if (out.empty()) {
-        const size_t expected = 2 * receipt.key.curveInfo().fieldSize;
-        reason = "signature: " + std::to_string(receipt.signatureReadings.front().size()) +
-                 " bytes are neither r||s on " + std::string(receipt.key.curveInfo().displayName) + " (" +
-                 std::to_string(expected) + " bytes) nor a DER signature";
+    if (!out.empty()) return out;
+    const size_t expected = 2 * receipt.key.curveInfo().fieldSize;
+    const size_t size = receipt.signatureReadings.front().size();
+    return Error{"signature: " + counted(size, "byte is", "bytes are") + " neither r||s on " + std::string(receipt.key.curveInfo().displayName) + " (" +
+                 std::to_string(expected) + " bytes) nor a DER signature"};
+}
+
+std::vector<Bytes> plainOctets(const Receipt& receipt, const std::vector<ReceiptSignature>& signatures)
+{
+    std::vector<Bytes> out;
+    for (const ReceiptSignature& signature : signatures) {
+        out.push_back(signature.value.plainOctets(receipt.key.curveInfo().fieldSize));
     }
     return out;
 }
@@ -158,39 +175,52 @@ std::vector<EncodedTime> distinctTimeElements(const Receipt& receipt, int64_t se
 }
 
 ReceiptMatcher::ReceiptMatcher(const Receipt& receipt, const std::vector<ReceiptSignature>& signatures,
-                               const KeyVerifier* verifier)
+                               const KeyVerifier* verifier, const SignatureSearch* search)
     : receipt_(receipt),
       signatures_(signatures),
       // The verifier's tables serve only the key they were built for.
-      verifier_(verifier && verifier->key().point() == receipt.key.point() ? verifier : nullptr)
+      verifier_(verifier && verifier->key().point() == receipt.key.point() ? verifier : nullptr),
+      search_(search)
 {
     for (const MessageShape& shape : messageShapes()) prefixes_.emplace_back(shape, signedPrefix(receipt, shape));
-    if (verifier_) {
-        for (const ReceiptSignature& signature : signatures) {
-            octets_.push_back(signature.value.plainOctets(receipt.key.curveInfo().fieldSize));
-        }
+    if (verifier_) octets_ = plainOctets(receipt, signatures);
+}
+
+// The first signature that holds over the message; `refused` is set when
+// the gate ended the search.
+std::optional<size_t> ReceiptMatcher::holdingSignature(ByteView message, const CheckGate& mayCheck,
+                                                       VerifyScratch* scratch, bool& refused) const
+{
+    const Hash hash = receipt_.algorithm->hash;
+    const CheckGate gate = [&] {
+        refused = mayCheck && !mayCheck();
+        return !refused;
+    };
+    if (search_ && scratch) return search_->find(hash, message, *scratch, gate);
+    for (size_t i = 0; i < signatures_.size(); ++i) {
+        if (!gate()) return std::nullopt;
+        const bool fast = verifier_ && scratch && !octets_[i].empty();
+        const bool holds = fast ? verifier_->verify(SignatureCheck{hash, message, octets_[i]}, *scratch)
+                                : signatures_[i].value.verifies(receipt_.key, hash, message);
+        if (holds) return i;
     }
+    return std::nullopt;
 }
 
 std::optional<ReceiptForm> ReceiptMatcher::holdsAt(int64_t seconds, const CheckGate& mayCheck,
                                                    VerifyScratch* scratch) const
 {
-    const Hash hash = receipt_.algorithm->hash;
     const std::vector<EncodedTime> times = distinctTimeElements(receipt_, seconds);
+    bool refused = false;
     for (const auto& [shape, prefix] : prefixes_) {
         Bytes message = prefix;
         const size_t prefixSize = message.size();
         for (const EncodedTime& time : times) {
             message.resize(prefixSize);
             append(message, time.element);
-            for (size_t i = 0; i < signatures_.size(); ++i) {
-                if (mayCheck && !mayCheck()) return std::nullopt;
-                const ReceiptSignature& signature = signatures_[i];
-                const bool fast = verifier_ && scratch && !octets_[i].empty();
-                const bool holds = fast ? verifier_->verify(SignatureCheck{hash, message, octets_[i]}, *scratch)
-                                        : signature.value.verifies(receipt_.key, hash, message);
-                if (holds) return ReceiptForm{shape, time.encoding, signature.encoding};
-            }
+            const std::optional<size_t> held = holdingSignature(message, mayCheck, scratch, refused);
+            if (held) return ReceiptForm{shape, time.encoding, signatures_[*held].encoding};
+            if (refused) return std::nullopt;
         }
     }
     return std::nullopt;
@@ -230,14 +260,13 @@ ReceiptVerification verifyReceipt(const Receipt& receipt, const KeyVerifier* ver
     ReceiptVerification first;
     const std::vector<Receipt> readings = withEachKey(receipt);
     for (size_t i = 0; i < readings.size(); ++i) {
-        std::string reason;
-        const std::vector<ReceiptSignature> signatures = receiptSignatures(readings[i], reason);
-        if (signatures.empty()) {
-            if (i == 0) return {Verdict::Malformed, reason, {}, {}};
+        const Result<std::vector<ReceiptSignature>> signatures = receiptSignatures(readings[i]);
+        if (!signatures) {
+            if (i == 0) return {Verdict::Malformed, signatures.error().message, {}, {}};
             continue;
         }
         // The tables are the first key's; another reading takes the plain path.
-        ReceiptVerification result = verifyReceipt(readings[i], signatures, verifier, scratch);
+        ReceiptVerification result = verifyReceipt(readings[i], *signatures, verifier, scratch);
         if (result.valid()) {
             if (i > 0) result.heldKey = readings[i].key;
             return result;

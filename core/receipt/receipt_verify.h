@@ -10,8 +10,10 @@
 
 #include "bytes.h"
 #include "key_verifier.h"
-#include "receipt_text.h"
 #include "log_verify.h"
+#include "receipt_text.h"
+#include "result.h"
+#include "signature_search.h"
 
 namespace tse {
 
@@ -54,13 +56,16 @@ struct ReceiptVerification {
     bool valid() const { return verdict == Verdict::Valid; }
 };
 
-// The receipt's signature field decoded the ways that fit its key; empty
-// with a reason when none does.
+// The receipt's signature field decoded the ways that fit its key; an
+// error that says why when none does.
 struct ReceiptSignature {
     DecodedSignature value;
     SignatureEncoding encoding;
 };
-std::vector<ReceiptSignature> receiptSignatures(const Receipt& receipt, std::string& reason);
+Result<std::vector<ReceiptSignature>> receiptSignatures(const Receipt& receipt);
+// Each as r || s of the key's field size, as the tables and a signature
+// search take them; empty for one whose r or s does not fit.
+std::vector<Bytes> plainOctets(const Receipt& receipt, const std::vector<ReceiptSignature>& signatures);
 
 // What a signed message can look like, most common first.
 std::vector<MessageShape> messageShapes();
@@ -87,23 +92,29 @@ class ReceiptMatcher {
 public:
     // All are kept by reference and must outlive the matcher. A verifier of
     // the receipt's key checks through its tables; of another key, it is
-    // not used.
+    // not used. A search made for the receipt's key and these signatures
+    // (in their order) checks a message against all of them at once, as a
+    // search over many messages should.
     ReceiptMatcher(const Receipt& receipt, const std::vector<ReceiptSignature>& signatures,
-                   const KeyVerifier* verifier = nullptr);
+                   const KeyVerifier* verifier = nullptr, const SignatureSearch* search = nullptr);
 
     // Called before each signature check; false stops the search. A search
     // with a bound counts its work here.
     using CheckGate = std::function<bool()>;
 
     // The form under which a signature holds with the log time at `seconds`.
-    // With a verifier, `scratch` is the calling thread's own.
+    // With a verifier or a search, `scratch` is the calling thread's own.
     std::optional<ReceiptForm> holdsAt(int64_t seconds, const CheckGate& mayCheck = {},
                                        VerifyScratch* scratch = nullptr) const;
 
 private:
+    std::optional<size_t> holdingSignature(ByteView message, const CheckGate& mayCheck, VerifyScratch* scratch,
+                                           bool& refused) const;
+
     const Receipt& receipt_;
     const std::vector<ReceiptSignature>& signatures_;
     const KeyVerifier* verifier_;
+    const SignatureSearch* search_;
     std::vector<Bytes> octets_;  // r || s for the verifier, one per signature
     std::vector<std::pair<MessageShape, Bytes>> prefixes_;
 };

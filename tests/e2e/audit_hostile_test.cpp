@@ -4,6 +4,7 @@
 #include <archive.h>
 #include <archive_entry.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -73,6 +74,17 @@ std::vector<size_t> memberStarts(const std::string& tar)
     return starts;
 }
 
+// What a member of an export is, by the end of its name (".log", ".pem",
+// ".csv", "/" for a folder): a cut after each kind leaves the reader in a
+// different branch of its own.
+std::string memberKind(const std::string& tar, size_t start)
+{
+    const std::string name = tar.substr(start, std::min(tar.find('\0', start), start + 100) - start);
+    const size_t at = name.find_last_of("./");
+    if (at == std::string::npos || (name[at] == '/' && at + 1 != name.size())) return "other";
+    return name.substr(at);
+}
+
 // The bytes through a compression filter, as libarchive writes it.
 std::string compressed(const std::string& data, int (*addFilter)(archive*))
 {
@@ -109,14 +121,15 @@ TEST(AuditHostile, CutExportsAreTruncated)
         const std::string name = entry.path().filename().string(), tar = fileText(entry.path().string());
         const std::vector<size_t> starts = memberStarts(tar);
         ASSERT_GT(starts.size(), 10u) << name;
-        // Every member boundary of the small exports, every tenth of the
-        // large ones and always the one just before the marker.
-        const size_t step = starts.size() > 40 ? 10 : 1;
+        // After the first member of each kind (log, certificate, info.csv,
+        // folder) and always just before the marker; inside the header and
+        // inside the data of each such member past the first.
+        std::set<std::string> kinds;
         for (size_t i = 1; i < starts.size(); ++i) {
-            if (i % step != 0 && i + 1 != starts.size()) continue;
+            if (!kinds.insert(memberKind(tar, starts[i - 1])).second && i + 1 != starts.size()) continue;
             cuts.push_back({name + "@" + std::to_string(starts[i]), tar.substr(0, starts[i]),
                             "ends without the TAR end-of-archive marker"});
-            if (i >= 2 && i % 5 == 0) {  // inside a header, then inside the data
+            if (i >= 2) {  // inside a header, then inside the data
                 cuts.push_back({name + "@h" + std::to_string(i), tar.substr(0, starts[i - 1] + 100), "breaks off"});
                 cuts.push_back({name + "@d" + std::to_string(i), tar.substr(0, starts[i - 1] + 513), "breaks off"});
             }
@@ -134,6 +147,13 @@ TEST(AuditHostile, CutExportsAreTruncated)
             cuts.push_back({std::string("tar.") + suffix + "@" + std::to_string(keep), packed.substr(0, keep), ""});
         }
     }
+    // Cut in the padding after the end-of-archive marker: every member is
+    // there, but the stream around them stops early. A megabyte of zeros
+    // puts the middle of their compressed form far past the marker.
+    const std::string padded = compressed(small + std::string(size_t{1} << 20, '\0'), archive_write_add_filter_gzip);
+    const size_t unpadded = compressed(small, archive_write_add_filter_gzip).size();
+    cuts.push_back({"tar.gz cut in the padding", padded.substr(0, (unpadded + padded.size()) / 2),
+                    "its TAR content was read to the end-of-archive marker"});
     for (const Cut& cut : cuts) {
         SCOPED_TRACE(cut.name);
         const std::string path = dir.write("cut-" + std::to_string(&cut - cuts.data()), cut.bytes);

@@ -10,6 +10,7 @@
 #include <map>
 #include <random>
 #include <set>
+#include <sstream>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -41,12 +42,22 @@ struct Audit {
     json report;
 };
 
+// Every report begins with the verdict and the exit status, which agree
+// with the summary's counts and the process's status.
 Audit audit(std::vector<std::string> arguments)
 {
     arguments.insert(arguments.begin(), {"audit", "--json", "-"});
     const fixtures::RunResult run = fixtures::run(fixtures::tseCheckPath(), arguments);
     Audit result{run.status, json::parse(run.out.empty() ? "null" : run.out, nullptr, false)};
     EXPECT_FALSE(result.report.is_discarded()) << run.out << run.err;
+    if (!result.report.is_object()) return result;
+    const nlohmann::ordered_json ordered = nlohmann::ordered_json::parse(run.out);
+    const std::vector<std::string> first{ordered.begin().key(), std::next(ordered.begin()).key()};
+    EXPECT_EQ(first, (std::vector<std::string>{"verdict", "exitStatus"}));
+    EXPECT_EQ(result.report["exitStatus"], run.status);
+    const json& summary = result.report["summary"];
+    const char* verdict = summary["errors"] > 0 ? "FAILED" : summary["warnings"] > 0 ? "PASSED WITH WARNINGS" : "PASSED";
+    EXPECT_EQ(result.report["verdict"], verdict);
     return result;
 }
 
@@ -108,8 +119,13 @@ TEST(Audit, PlantedDefects)
         std::string says = {};  // what the finding's message holds
     };
     fixtures::TempDir dir;
+    // What make-export says each defect gives, taken from the catalogue.
+    std::map<std::string, std::string> listed;
+    std::istringstream list(fixtures::run(makeExportPath(), {"--list-defects"}).out);
+    for (std::string name, code; list >> name >> code;) listed[name] = code;
+    size_t tested = 0;
     for (const Case& c : std::vector<Case>{{"signature-invalid", 1},
-                                           {"certificate-missing", 1, "", "1 logs of TSE"},
+                                           {"certificate-missing", 1, "", "1 log of TSE"},
                                            {"log-unreadable", 1},
                                            {"counter-duplicate", 1},
                                            {"name-mismatch", 1},
@@ -126,10 +142,15 @@ TEST(Audit, PlantedDefects)
                                            {"ecsdsa", 1, "signature-invalid",
                                             "unsupported algorithm: ecsdsa-plain-SHA256"}}) {
         SCOPED_TRACE(c.defect);
+        ++tested;
+        EXPECT_EQ(listed[c.defect], c.code.empty() ? c.defect : c.code);
         const std::string archive = dir.path(c.defect + ".tar");
         makeExport({"-o", archive, "-n", "6", "--curve", "secp256r1", "--defect", c.defect});
         const Audit a = audit({archive});
         EXPECT_EQ(a.status, c.status);
+        EXPECT_EQ(a.report["verdict"], c.status ? "FAILED" : "PASSED WITH WARNINGS");
+        const std::string text = fixtures::run(fixtures::tseCheckPath(), {"audit", archive}).out;
+        EXPECT_EQ(text.substr(0, text.find(':')), a.report["verdict"]);
         EXPECT_EQ(codes(a.report), std::set<std::string>{c.code.empty() ? c.defect : c.code});
         if (!c.says.empty() && !a.report["findings"].empty()) {
             EXPECT_NE(a.report["findings"][0]["message"].get<std::string>().find(c.says), std::string::npos)
@@ -137,6 +158,7 @@ TEST(Audit, PlantedDefects)
         }
         EXPECT_EQ(audit({"--strict", archive}).status, 1);
     }
+    EXPECT_EQ(tested, listed.size()) << "a defect make-export plants is not tested here";
 }
 
 // Every curve and time format, in every container form.
@@ -178,6 +200,10 @@ TEST(Audit, IdenticalLogsCountOnce)
     EXPECT_EQ(twice.status, 0);
     EXPECT_EQ(twice.report["summary"]["logs"], 16);
     EXPECT_EQ(twice.report["summary"]["duplicatesSkipped"], 16);
+    // So do the certificate files the two exports share.
+    const Audit once = audit({dir.path("a.tar")});
+    ASSERT_EQ(twice.report["certificates"].size(), once.report["certificates"].size());
+    for (const json& c : twice.report["certificates"]) EXPECT_EQ(c["copies"], 1) << c["file"];
     // Two TSEs with their own keys: no duplicates, no findings.
     const Audit two = audit({dir.path("a.tar"), dir.path("d")});
     EXPECT_EQ(two.report["summary"]["valid"], 32);
@@ -385,7 +411,7 @@ TEST(Audit, LogsBeforeTheirCertificateAreReadAgainWhenTheyCannotWait)
         options.jobs = 2;
         options.maxPendingBytes = room;
         const tse::Result<tse::AuditReport> outcome = tse::auditExport(options);
-        ASSERT_TRUE(outcome) << outcome.message();
+        ASSERT_TRUE(outcome) << outcome.error().message;
         EXPECT_EQ(outcome->summary.valid, 155u);
         for (const tse::LogRecord& log : outcome->logs) verdicts[room == 0].emplace_back(log.file, log.verdict);
     }

@@ -313,7 +313,8 @@ TEST(Dsfinvk, FindingsFromEditedTables)
              text.replace(text.find(data), data.size(), "\r\n");
              spill(d + "/transactions_tse.csv", text);
          },
-         true, {"processdata-missing", "counter-gap"}, "valid"},
+         // The booked amounts rebuild it, and the signature holds over them.
+         true, {"counter-gap"}, "valid"},
         {"a TSE failure without the TSE export",
          [](const std::string& d, const fixtures::TempDir&) {
              std::string text = slurp(d + "/transactions_tse.csv");

@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# The commands given to `bash -c '...' _ ARG...` expand their arguments
+# themselves, inside the single quotes.
+# shellcheck disable=SC2016
 # Installs the build into a temporary prefix and runs what a user then has:
 # both programs, their man pages and the bash completion. With "package" it
 # also builds the Debian package and checks that it holds the same files.
@@ -50,7 +53,8 @@ check "completion offers the subcommands" bash -c '
 
 if [ "$package" = package ]; then
     check "cpack -G DEB" cpack --config "$build_dir/CPackConfig.cmake" -G DEB -B "$scratch/deb"
-    deb=$(ls "$scratch"/deb/*.deb 2>/dev/null | head -n 1)
+    debs=("$scratch"/deb/*.deb)
+    deb=${debs[0]}
     dpkg-deb -c "$deb" 2>&1 | awk '{ print $NF }' >"$scratch/contents"
     for file in ./usr/bin/signature-verification ./usr/bin/tse-check \
                 ./usr/share/man/man1/signature-verification.1.gz ./usr/share/man/man1/tse-check.1.gz \
@@ -62,7 +66,8 @@ if [ "$package" = package ]; then
     # found, and must still name every one the programs load.
     check "cpack -G DEB without dpkg-shlibdeps" cpack --config "$build_dir/CPackConfig.cmake" -G DEB \
         -B "$scratch/deb-plain" -D CPACK_DEBIAN_PACKAGE_SHLIBDEPS=OFF
-    plain=$(ls "$scratch"/deb-plain/*.deb 2>/dev/null | head -n 1)
+    debs=("$scratch"/deb-plain/*.deb)
+    plain=${debs[0]}
     for library in libssl3 libarchive13 libzxing2 libpoppler-cpp0v5; do
         check "without dpkg-shlibdeps the package depends on $library" \
             bash -c 'dpkg-deb -f "$1" Depends | grep -qE "(^|, )$2( |,|$)"' _ "$plain" "$library"

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <cstdint>
 #include <filesystem>
 #include <map>
 #include <string>
@@ -11,6 +12,8 @@
 #include "file_reader.h"
 #include "fixtures.h"
 #include "log_message.h"
+#include "signature_cases.h"
+#include "signer.h"
 
 using fixtures::run;
 using fixtures::tseCheckPath;
@@ -37,10 +40,10 @@ struct RealReceipt {
     std::string text;
 };
 
-// The QR code texts of every real Finish log that a receipt can stand for:
-// two cloud TSEs on P-256 (unixTime and utcTime) and D-Trust's secp384r1
-// with indefinite-length processData.
-std::vector<RealReceipt> realReceipts(const fixtures::TempDir& dir)
+// The QR code texts of every real Finish log that a receipt can stand for
+// (or of the first `limit` of them): two cloud TSEs on P-256 (unixTime and
+// utcTime) and D-Trust's secp384r1 with indefinite-length processData.
+std::vector<RealReceipt> realReceipts(const fixtures::TempDir& dir, size_t limit = SIZE_MAX)
 {
     std::vector<std::pair<std::string, std::string>> logs;  // log, certificate
     for (const char* name : {"2021-09-30_63641_TSE", "TSE_Export_685e1812-79a4-4c8c-9a07-9e93a019efa7_202109171015",
@@ -57,6 +60,7 @@ std::vector<RealReceipt> realReceipts(const fixtures::TempDir& dir)
     }
     std::vector<RealReceipt> out;
     for (const auto& [log, certificate] : logs) {
+        if (out.size() == limit) break;
         const auto qr = run(tseCheckPath(), {"to-qr", "--cert", certificate, log});
         EXPECT_EQ(qr.status, 0) << log << ": " << qr.err;
         out.push_back({log, qr.out.substr(0, qr.out.find('\n'))});
@@ -125,7 +129,7 @@ TEST(Receipt, ToQrStillRefusesALogWithAdditionalExternalData)
 TEST(Receipt, ReportsEachReceiptWithItsSourceAndTheWorstStatus)
 {
     fixtures::TempDir unpacked;
-    const std::vector<RealReceipt> receipts = realReceipts(unpacked);
+    const std::vector<RealReceipt> receipts = realReceipts(unpacked, 1);
     const std::string good = receipts.front().text;
     std::string late = good;
     const size_t logTime = [&] {
@@ -144,6 +148,7 @@ TEST(Receipt, ReportsEachReceiptWithItsSourceAndTheWorstStatus)
         {{good, late}, 1, {"valid", "invalid"}},
         {{good, late, "V0;K1"}, 2, {"valid", "invalid", "malformed"}},
         {{good, "--from", "/nonexistent/list.txt"}, 2, {"valid"}},
+        {{late, "--from", "/nonexistent/list.txt"}, 2, {"invalid"}},
     };
     for (const auto& c : cases) {
         std::vector<std::string> args{"receipt", "--json"};
@@ -172,6 +177,48 @@ TEST(Receipt, ReportsEachReceiptWithItsSourceAndTheWorstStatus)
     const nlohmann::json explanation = nlohmann::json::parse(json.out)[0]["explanation"];
     EXPECT_EQ(explanation["found"], true);
     EXPECT_EQ(explanation["field"], "logTime");
+}
+
+// A compressed key whose x lies on both 256-bit curves is read first on
+// brainpoolP256r1, and 160 receipts of it turn on tables for that reading.
+// Signed on secp256r1, each receipt holds only under the other reading,
+// which those tables must never serve. Every line and JSON object names
+// the curve and serial number of the key that held.
+TEST(Receipt, ABatchUnderACompressedKeyHoldsOnTheCurveThatSigned)
+{
+    tse::TransactionData transaction;
+    transaction.clientId = "K1";
+    transaction.processType = "Kassenbeleg-V1";
+    transaction.processData = {'B', 'e', 'l', 'e', 'g'};
+    fixtures::TempDir dir;
+    for (const tse::Curve curve : {tse::Curve::Secp256r1, tse::Curve::BrainpoolP256r1}) {
+        const tse::Signer signer = tse::signerWithTwinX(curve);
+        const tse::Bytes& point = signer.publicKey().point();
+        tse::Bytes compressed(point.begin(), point.begin() + 33);
+        compressed[0] = static_cast<uint8_t>(0x02 | (point.back() & 1));
+        std::string list;
+        for (uint64_t n = 1; n <= 160; ++n) {
+            transaction.transactionNumber = n;
+            const std::string text = tse::signedReceiptText(signer, tse::Hash::Sha256, transaction, n, 1627903700, 1627903738);
+            list += text.substr(0, text.rfind(';') + 1) + tse::toBase64(compressed) + "\n";
+        }
+        const std::string file = dir.write(std::string(tse::curveInfo(curve).displayName) + ".txt", list);
+        const std::string name(tse::curveInfo(curve).displayName);
+        const auto json = run(tseCheckPath(), {"receipt", "--json", "--from", file});
+        EXPECT_EQ(json.status, 0) << name << ": " << json.err;
+        const nlohmann::json results = nlohmann::json::parse(json.out, nullptr, false);
+        ASSERT_TRUE(results.is_array() && results.size() == 160u) << name << ": " << json.out.substr(0, 300);
+        for (const nlohmann::json& r : results) {
+            EXPECT_EQ(r["verdict"], "valid") << name << " " << r["source"] << ": " << r["reason"];
+            EXPECT_EQ(r["curve"], name) << r["source"];
+            EXPECT_EQ(r["serialNumber"], tse::toHex(signer.publicKey().serialNumber())) << r["source"];
+        }
+        const auto text = run(tseCheckPath(), {"receipt", "--from", file});
+        EXPECT_EQ(text.status, 0) << name;
+        size_t lines = 0;
+        for (size_t at = 0; (at = text.out.find("ecdsa-plain-SHA256 " + name + " ", at)) != std::string::npos; ++at) ++lines;
+        EXPECT_EQ(lines, 160u) << name << ": " << text.out.substr(0, 300);
+    }
 }
 
 }  // namespace

@@ -124,10 +124,19 @@ TEST(TseCheck, RealExportsVerifyAndRead)
             types.insert(entry["type"].get<std::string>());
         }
         EXPECT_EQ(types, e.types) << e.name;
+        // read shows one log of each kind of name (log type, operation,
+        // client: the name with its numbers left out); verify above has
+        // parsed every log.
+        std::set<std::string> kinds;
         for (const std::string& log : logs) {
+            std::string kind = std::filesystem::path(log).filename().string();
+            kind.erase(std::remove_if(kind.begin(), kind.end(), [](char c) { return c >= '0' && c <= '9'; }),
+                       kind.end());
+            if (!kinds.insert(kind).second) continue;
             const auto read = run(tseCheckPath(), {"read", log});
             EXPECT_EQ(read.status, 0) << log << read.err;
         }
+        EXPECT_GE(kinds.size(), e.types.size()) << e.name;
     }
 }
 

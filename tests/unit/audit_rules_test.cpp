@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -60,7 +61,7 @@ std::vector<std::string> findings(const std::vector<Log>& logs, const std::strin
     tse::applyIntegrityRules(report, false);
     std::vector<std::string> out;
     for (const tse::Finding& f : report.findings) {
-        if (f.code == code) out.push_back(f.message);
+        if (tse::findingName(f.code) == code) out.push_back(f.message);
     }
     return out;
 }
@@ -104,7 +105,7 @@ TEST(AuditRules, CountersOfUnreadableLogsCloseGapsOnlyWithOneTse)
         const char* text;
     } cases[] = {
         {"one TSE, the unreadable log fills the gap", {{1}, {2}, unreadable, {4}}, 0, ""},
-        {"one TSE, a real gap", {{1}, {2}, {4}}, 1, "1 signature counters missing between 1 and 4: 3"},
+        {"one TSE, a real gap", {{1}, {2}, {4}}, 1, "1 signature counter missing between 1 and 4: 3"},
         {"one TSE, an unreadable log beyond the last widens the range",
          {{1}, {2}, {Log{7, 0, tse::LogType::Transaction, "", std::nullopt, nullptr}}, {4}},
          1,
@@ -143,6 +144,28 @@ TEST(AuditRules, AClockSetBackIsReportedUnlessTheTseLoggedIt)
     for (const Case& c : cases) {
         EXPECT_EQ(findings(c.logs, "time-regression").size(), c.regressions) << c.name;
     }
+}
+
+// A log lies inside a certificate's validity from notBefore to notAfter,
+// both seconds included, and inside that of every CA above it.
+TEST(AuditRules, LogsAtTheEdgesOfTheValidityLieInsideIt)
+{
+    tse::AuditReport report = reportOf({{1, 999}, {2, 1000}, {3, 1500}, {4, 2000}, {5, 2001}, {6, 2500}});
+    tse::CertificateRecord certificate;
+    certificate.file = "tse.pem";
+    certificate.serialNumber = TSE_A;
+    certificate.notBefore = 1000;
+    certificate.notAfter = 2000;
+    certificate.chain.issuers.push_back(tse::ChainIssuer{"CA", 500, 2500});
+    report.certificates.push_back(certificate);
+    tse::applyIntegrityRules(report, false);
+    std::map<std::string, std::vector<std::string>> outside;  // by the certificate the message names
+    for (const tse::Finding& f : report.findings) {
+        if (f.code != tse::FindingCode::CertificateChain) continue;
+        outside[f.message.find("the CA CA above") != std::string::npos ? "CA" : "tse.pem"] = f.files;
+    }
+    EXPECT_EQ(outside.count("CA"), 0u) << "every log lies within the CA's validity";
+    EXPECT_EQ(outside["tse.pem"], (std::vector<std::string>{"log-1.log", "log-5.log", "log-6.log"}));
 }
 
 TEST(AuditRules, LongCounterRangesAreCutWithACount)

@@ -51,7 +51,7 @@ Bytes signedLog(const tse::Signer& signer, tse::Hash hash, tse::LogContent conte
 tse::LogMessage parsed(const Bytes& log)
 {
     tse::Result<tse::LogMessage> parse = tse::parseLogMessage(log);
-    if (!parse) throw std::runtime_error(parse.message() + " @" + std::to_string(parse.error().offset.value_or(0)));
+    if (!parse) throw std::runtime_error(parse.error().message + " @" + std::to_string(parse.error().offset.value_or(0)));
     return std::move(parse).value();
 }
 
@@ -188,10 +188,10 @@ TEST(CoreMessages, NumbersReadBackWhole)
         const auto at = std::search(wider.begin(), wider.end(), nine.begin(), nine.end());
         ASSERT_NE(at, wider.end());
         at[2] = 0x01;
-        EXPECT_NE(tse::parseLogMessage(wider).message().find("wider than 64 bits"), std::string::npos);
+        EXPECT_NE(tse::parseLogMessage(wider).error().message.find("wider than 64 bits"), std::string::npos);
     }
     content.logTime = tse::derUnsigned(0x02, UINT64_MAX);
-    EXPECT_NE(tse::parseLogMessage(signedLog(signer, tse::Hash::Sha256, content)).message().find("beyond any calendar"),
+    EXPECT_NE(tse::parseLogMessage(signedLog(signer, tse::Hash::Sha256, content)).error().message.find("beyond any calendar"),
               std::string::npos);
 }
 
@@ -209,17 +209,17 @@ TEST(CoreMessages, EveryTruncationIsAClearError)
             const Bytes cut(log.begin(), log.begin() + static_cast<long>(size));  // exact size for ASan
             const tse::Result<tse::LogMessage> parse = tse::parseLogMessage(cut);
             ASSERT_FALSE(parse) << size;
-            EXPECT_FALSE(parse.message().empty()) << size;
+            EXPECT_FALSE(parse.error().message.empty()) << size;
             ASSERT_TRUE(parse.error().offset) << size;
             EXPECT_LE(*parse.error().offset, size);
         }
         Bytes longer = log;
         longer.push_back(0);
-        EXPECT_NE(tse::parseLogMessage(longer).message().find("1 octets follow"), std::string::npos);
+        EXPECT_NE(tse::parseLogMessage(longer).error().message.find("1 octet follows"), std::string::npos);
     }
 }
 
-tse::KeyResult keyOf(const tse::Certificate& certificate)
+tse::Result<tse::PublicKey> keyOf(const tse::Certificate& certificate)
 {
     return certificate.key();
 }
@@ -246,7 +246,7 @@ TEST(CoreKeys, EveryEncodingGivesTheTseKey)
         const Bytes spkiDer(spki, spki + spkiSize);
         OPENSSL_free(spki);
         const std::string spkiPem = "-----BEGIN PUBLIC KEY-----\n" + tse::toBase64(spkiDer) + "\n-----END PUBLIC KEY-----\n";
-        const tse::KeyResult results[] = {
+        const tse::Result<tse::PublicKey> results[] = {
             keyOf(tse::loadCertificates(pem).value().at(0)),
             keyOf(tse::loadCertificates(der).value().at(0)),
             tse::keyFromPoint(key.point()),
@@ -254,8 +254,8 @@ TEST(CoreKeys, EveryEncodingGivesTheTseKey)
             tse::keyFromAnyEncoding(spkiDer),
             tse::keyFromSubjectPublicKeyInfo(spkiPem),
         };
-        for (const tse::KeyResult& result : results) {
-            ASSERT_TRUE(result) << curve.displayName << ": " << result.message();
+        for (const tse::Result<tse::PublicKey>& result : results) {
+            ASSERT_TRUE(result) << curve.displayName << ": " << result.error().message;
             EXPECT_EQ(result->serialNumber(), tse::sha256(key.point())) << curve.displayName;
             EXPECT_EQ(result->curve(), curve.curve);
         }
@@ -275,27 +275,27 @@ TEST(CoreKeys, AmbiguousOrForeignKeysAreRefused)
         Bytes point{0x02};
         const Bytes x = tse::sha256(tse::ByteView(std::to_string(i)));
         point.insert(point.end(), x.begin(), x.end());
-        const bool secp = tse::keyFromPoint(point, tse::Curve::Secp256r1).ok();
-        const bool brainpool = tse::keyFromPoint(point, tse::Curve::BrainpoolP256r1).ok();
+        const bool secp = tse::keyFromPoint(point, tse::Curve::Secp256r1).has_value();
+        const bool brainpool = tse::keyFromPoint(point, tse::Curve::BrainpoolP256r1).has_value();
         if (secp && brainpool && !onBoth) onBoth = point;
         if (secp && !brainpool && !onSecpOnly) onSecpOnly = point;
     }
     ASSERT_TRUE(onBoth && onSecpOnly);
-    const tse::KeyResult both = tse::keyFromPoint(*onBoth);
+    const tse::Result<tse::PublicKey> both = tse::keyFromPoint(*onBoth);
     EXPECT_FALSE(both);
-    EXPECT_EQ(both.message(), "the point lies on both brainpoolP256r1 and secp256r1; the curve must be named");
-    const tse::KeyResult named = tse::keyFromPoint(*onBoth, tse::Curve::BrainpoolP256r1);
+    EXPECT_EQ(both.error().message, "the point lies on both brainpoolP256r1 and secp256r1; the curve must be named");
+    const tse::Result<tse::PublicKey> named = tse::keyFromPoint(*onBoth, tse::Curve::BrainpoolP256r1);
     ASSERT_TRUE(named);
     EXPECT_EQ(named->curve(), tse::Curve::BrainpoolP256r1);
-    const tse::KeyResult unique = tse::keyFromPoint(*onSecpOnly);
-    ASSERT_TRUE(unique) << unique.message();
+    const tse::Result<tse::PublicKey> unique = tse::keyFromPoint(*onSecpOnly);
+    ASSERT_TRUE(unique) << unique.error().message;
     EXPECT_EQ(unique->curve(), tse::Curve::Secp256r1);
     EXPECT_EQ(unique->serialNumber(), tse::sha256(unique->point()));
     EXPECT_EQ(compressedPoint(*unique), *onSecpOnly);
     Bytes offCurve = tse::Signer(tse::Curve::Secp384r1).publicKey().point();
     offCurve.back() ^= 1;
     const tse::Certificate rsa = tse::loadCertificates(fixtures::rsaCertificatePem()).value().at(0);
-    const std::pair<tse::KeyResult, std::string> refused[] = {
+    const std::pair<tse::Result<tse::PublicKey>, std::string> refused[] = {
         {tse::keyFromPoint(Bytes(10, 4)), "a public key point of 10 bytes starting with 0x04 fits no supported curve"},
         {tse::keyFromPoint(offCurve), "the point lies on none of the supported curves of its size"},
         {tse::keyFromAnyEncoding(Bytes{0x30, 0x03, 0x02, 0x01, 0x00}), "the data is not a SubjectPublicKeyInfo"},
@@ -303,7 +303,7 @@ TEST(CoreKeys, AmbiguousOrForeignKeysAreRefused)
     };
     for (const auto& [result, error] : refused) {
         EXPECT_FALSE(result);
-        EXPECT_EQ(result.message(), error);
+        EXPECT_EQ(result.error().message, error);
     }
 }
 

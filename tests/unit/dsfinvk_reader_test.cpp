@@ -112,9 +112,9 @@ TEST(DsfinvkCsv, DeclaredLengthsAndDialect)
 TEST(DsfinvkIndex, OfficialDescription)
 {
     const tse::Result<tse::Bytes> file = tse::readFileBounded(DATA + "index.xml", tse::MAX_INDEX_XML);
-    ASSERT_TRUE(file) << file.message();
+    ASSERT_TRUE(file) << file.error().message;
     const tse::Result<std::vector<tse::TableDescription>> index = tse::parseIndexXml(*file);
-    ASSERT_TRUE(index) << index.message();
+    ASSERT_TRUE(index) << index.error().message;
     EXPECT_EQ(index->size(), 20u);
     const tse::TableDescription* rows = tse::findTable(*index, "export/TRANSACTIONS_TSE.csv");
     ASSERT_NE(rows, nullptr);
@@ -134,7 +134,7 @@ TEST(DsfinvkIndex, OfficialDescription)
                              "<VariableLength><ColumnDelimiter>&#x9;</ColumnDelimiter><VariableColumn><Name>A</Name>"
                              "<AlphaNumeric/><MaxLength>5</MaxLength></VariableColumn></VariableLength></Table></Media></DataSet>";
     const tse::Result<std::vector<tse::TableDescription>> parsed = tse::parseIndexXml(tse::ByteView(ansi));
-    ASSERT_TRUE(parsed) << parsed.message();
+    ASSERT_TRUE(parsed) << parsed.error().message;
     ASSERT_EQ(parsed->size(), 1u);
     const tse::CsvDialect& dialect = parsed->front().dialect;
     EXPECT_EQ(dialect.encoding, tse::CsvEncoding::Windows1252);  // the document type's default
@@ -150,7 +150,7 @@ TEST(DsfinvkIndex, OfficialDescription)
     for (const auto& b : broken) {
         const tse::Result<std::vector<tse::TableDescription>> bad = tse::parseIndexXml(tse::ByteView(b.text));
         ASSERT_FALSE(bad) << b.text;
-        EXPECT_FALSE(bad.message().empty()) << b.text;
+        EXPECT_FALSE(bad.error().message.empty()) << b.text;
         EXPECT_EQ(bad.error().offset.has_value(), b.offset) << b.text;
     }
 }
@@ -224,6 +224,8 @@ TEST(DsfinvkAmounts, ExactToTheFifthDecimal)
                                            {"1,2,3", ',', '.', std::nullopt},
                                            {"1,2.3", ',', '.', std::nullopt},
                                            {".5", ',', '.', std::nullopt},
+                                           {"12.50", ',', '.', std::nullopt},  // a decimal point by mistake
+                                           {"1.234.567", ',', '.', 123456700000},
                                            {"", ',', '.', std::nullopt},
                                            {"-", ',', '.', std::nullopt},
                                            {"92233720368547,75808", ',', '.', std::nullopt},
@@ -250,7 +252,7 @@ TEST(DsfinvkIndex, RangeFromSaysWhetherAHeaderLineComes)
                                 "</From></Range><VariableLength><VariableColumn><Name>A</Name></VariableColumn>"
                                 "</VariableLength></Table></Media></DataSet>";
         const tse::Result<std::vector<tse::TableDescription>> parsed = tse::parseIndexXml(tse::ByteView(xml));
-        ASSERT_TRUE(parsed) << parsed.message();
+        ASSERT_TRUE(parsed) << parsed.error().message;
         EXPECT_EQ(parsed->front().dialect.headerLine, header) << from;
     }
 }

@@ -29,7 +29,17 @@ TEST(ExportNames, LogNames)
              {"Unixt_1634636121_Sig-x_Log-Aud.log", false, LogType::Audit, 0, "", ""},
              {"Local_1634636121_Sig-1_Log-Aud.log", false, LogType::Audit, 0, "", ""},
              {"Unixt_1_Sig-1_Log-Tra_No-1_Start.log", false, LogType::Transaction, 0, "", ""},
-             {"Unixt_1_Sig-99999999999999999999_Log-Aud.log", false, LogType::Audit, 0, "", ""}}) {
+             {"Unixt_1_Sig-99999999999999999999_Log-Aud.log", false, LogType::Audit, 0, "", ""},
+             // Some TSEs write "Unix" for the unixTime prefix.
+             {"Unix_1627903738_Sig-1207_Log-Tra_No-538_Finish_Client-K1.log", true, LogType::Transaction, 1207,
+              "Finish", "K1"},
+             // An underscore after "_Client-" belongs to the client ID; anywhere
+             // else, a part too many is no TSE's name.
+             {"Unixt_1_Sig-3_Log-Tra_No-1_Start_Client-K_1_Fc-2.log", true, LogType::Transaction, 3, "Start", "K_1"},
+             {"Unixt_1_Sig-3_Log-Tra_No-1_Start_x_Client-K1.log", false, LogType::Transaction, 0, "", ""},
+             {"Unixt_1_Sig-3_x_Log-Tra_No-1_Start_Client-K1.log", false, LogType::Transaction, 0, "", ""},
+             {"Gent_20181109084236Z_Sig-1743_Log-Sys_UpdateTime_x.log", false, LogType::System, 0, "", ""},
+             {"Unixt_1634636121_Sig-1_Log-Aud_x.log", false, LogType::Audit, 0, "", ""}}) {
         SCOPED_TRACE(c.name);
         const auto name = tse::parseLogName(c.name);
         ASSERT_EQ(name.has_value(), c.parses);
@@ -47,6 +57,10 @@ TEST(ExportNames, MemberKindsAndUnsafeNames)
     EXPECT_EQ(tse::classifyMember("./ABCD_X509_Fc-1.crt"), MemberKind::Certificate);
     EXPECT_EQ(tse::certificateNameSerial("abcd_X509.PEM"), "abcd");
     EXPECT_EQ(tse::classifyMember("abcd_X509.txt"), MemberKind::Other);
+    for (const char* other : {"abcd_X509extra.pem", "abcd_X509_extra.pem", "abcdX509.pem", "_X509x.crt"}) {
+        EXPECT_EQ(tse::certificateNameSerial(other), std::nullopt) << other;
+        EXPECT_EQ(tse::classifyMember(other), MemberKind::Other) << other;
+    }
     EXPECT_EQ(tse::classifyMember("dir/info.csv"), MemberKind::Info);
     for (const char* unsafe : {"../a.log", "/etc/passwd", "a/../../b.log", ""}) EXPECT_TRUE(tse::unsafeMemberName(unsafe));
     for (const char* safe : {"./a.log", "a..b.log", "x/y.log"}) EXPECT_FALSE(tse::unsafeMemberName(safe));
@@ -55,7 +69,7 @@ TEST(ExportNames, MemberKindsAndUnsafeNames)
 TEST(InfoCsv, BothFormsAndQuoting)
 {
     const auto single = tse::parseInfoCsv(std::string("\"description:\", Applause Cafe 35, \"manufacturer:\",\"a \"\"b\"\", c\",\"version:\",0.1.0"));
-    ASSERT_TRUE(single) << single.message();
+    ASSERT_TRUE(single) << single.error().message;
     EXPECT_FALSE(single->perComponent);
     EXPECT_EQ(single->records.at(0), (tse::InfoRecord{{"description", "Applause Cafe 35"},
                                                           {"manufacturer", "a \"b\", c"},
@@ -63,11 +77,17 @@ TEST(InfoCsv, BothFormsAndQuoting)
     const auto components = tse::parseInfoCsv(std::string(
         "\"component:\",\"device\",\"manufacturer:\",\"M\",\"model:\",\"X\",\"version:\",\"1\",\"certification-id:\",\"C\"\r\n"
         "\"description:\",\"d\",,,,,,,,\n"));
-    ASSERT_TRUE(components) << components.message();
+    ASSERT_TRUE(components) << components.error().message;
     EXPECT_TRUE(components->perComponent);
     EXPECT_EQ(components->records.size(), 2u);
     EXPECT_EQ(components->records[1], (tse::InfoRecord{{"description", "d"}}));
     for (const char* bad : {"\"description:,x", "loose,\"version:\",1", ""}) EXPECT_FALSE(tse::parseInfoCsv(std::string(bad))) << bad;
+    // Quotes keep the blanks inside them, in the middle of a line and at the
+    // end of the text; bare fields lose theirs.
+    const auto blanks = tse::parseInfoCsv(std::string("\"model:\",\"  X 1 \", version: , 2 \n\"serial:\",\" 0815 \""));
+    ASSERT_TRUE(blanks) << blanks.error().message;
+    EXPECT_EQ(blanks->records.at(0), (tse::InfoRecord{{"model", "  X 1 "}, {"version", "2"}}));
+    EXPECT_EQ(blanks->records.at(1), (tse::InfoRecord{{"serial", " 0815 "}}));
 }
 
 TEST(CertificateChain, SelfSignedRootsAndTampering)

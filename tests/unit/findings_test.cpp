@@ -87,7 +87,7 @@ TEST(FindingCatalogue, EveryCodeIsExpectedBySomeTest)
 {
     std::string tests;
     for (const char* file : {"audit_test.cpp", "audit_hostile_test.cpp", "dsfinvk_test.cpp", "dsfinvk_reconcile_test.cpp",
-                             "dsfinvk_intake_test.cpp", "tse_check_test.cpp"}) {
+                             "dsfinvk_intake_test.cpp", "dsfinvk_books_test.cpp", "tse_check_test.cpp"}) {
         tests += slurp(ROOT + "tests/e2e/" + file);
     }
     for (const tse::FindingInfo& info : tse::findingCatalogue()) {

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "signature_cases.h"
+#include "signature_search.h"
 
 namespace tse {
 namespace {
@@ -55,6 +56,71 @@ TEST_P(KeyVerifierTest, AgreesWithLibcryptoOnValidAndBrokenSignatures)
         EXPECT_EQ(validByKind[broken], 0) << broken;
     }
     EXPECT_GE(checked, 700u);
+}
+
+// r is x(R) mod n, and an x(R) in [n, p) leaves r = x(R) - n: a verifier
+// that compares x(R) itself, unreduced, refuses what libcrypto accepts.
+// The key is made for the signature, so each case has a key of its own.
+TEST_P(KeyVerifierTest, AgreesWithLibcryptoWhenXOfRIsAboveTheOrder)
+{
+    std::mt19937_64 random(static_cast<uint64_t>(GetParam()) * 104729 + 3);
+    VerifyScratch scratch;
+    for (int round = 0; round < 2; ++round) {
+        const CraftedSignature crafted = signatureWithLargeX(GetParam(), random);
+        SignatureCase otherMessage = crafted.signatureCase;
+        otherMessage.data.push_back(0x01);
+        const KeyVerifier fast(crafted.key, 0, KeyVerifier::Path::Tables);
+        const KeyVerifier plain(crafted.key, 0, KeyVerifier::Path::Plain);
+        const std::vector<SignatureCheck> block = {crafted.signatureCase.check(), otherMessage.check()};
+        bool inBlock[2] = {};
+        fast.verify(block.data(), block.size(), inBlock, scratch);
+        const bool cases[][2] = {{referenceVerdict(crafted.key, crafted.signatureCase), true},
+                                 {referenceVerdict(crafted.key, otherMessage), false}};
+        for (size_t i = 0; i < 2; ++i) {
+            ASSERT_EQ(cases[i][0], cases[i][1]) << "libcrypto's verdict on case " << i;
+            EXPECT_EQ(inBlock[i], cases[i][1]) << "in a block, case " << i;
+            EXPECT_EQ(fast.verify(block[i], scratch), cases[i][1]) << "alone, case " << i;
+            EXPECT_EQ(plain.verify(block[i], scratch), cases[i][1]) << "plain, case " << i;
+        }
+    }
+}
+
+// One signature against many messages: for each valid and broken case,
+// and the crafted x(R) >= n, the search finds what libcrypto says, with
+// the curve's table of G (none on P-256, where libcrypto has its own) and
+// with libcrypto's multiplication; of several readings it names the first
+// that holds; a gate that closes ends it.
+TEST_P(KeyVerifierTest, SignatureSearchAgreesWithLibcrypto)
+{
+    std::mt19937_64 random(static_cast<uint64_t>(GetParam()) * 31 + 7);
+    const std::shared_ptr<const GeneratorTable> table = generatorTable(GetParam());
+    VerifyScratch scratch;
+    const Signer signer(GetParam()), other(GetParam());
+    std::vector<std::pair<PublicKey, SignatureCase>> cases;
+    for (int round = 0; round < 2; ++round) {
+        for (SignatureCase& c : signatureCases(signer, other, random)) {
+            if (!c.prehashed) cases.emplace_back(signer.publicKey(), std::move(c));
+        }
+    }
+    const CraftedSignature crafted = signatureWithLargeX(GetParam(), random);
+    cases.emplace_back(crafted.key, crafted.signatureCase);
+    for (const auto& [key, c] : cases) {
+        const bool expected = referenceVerdict(key, c);
+        for (const std::shared_ptr<const GeneratorTable>& multiples : {table, std::shared_ptr<const GeneratorTable>()}) {
+            const SignatureSearch search(key, {c.signature}, multiples);
+            EXPECT_EQ(search.find(c.hash, c.data, scratch).has_value(), expected)
+                << c.kind << (multiples ? " (table)" : "");
+        }
+    }
+    const Bytes message = {1, 2, 3};
+    const Bytes valid = signer.signPlain(Hash::Sha256, message);
+    const SignatureSearch search(signer.publicKey(), {other.signPlain(Hash::Sha256, message), Bytes(3, 0), valid, valid},
+                                 table);
+    EXPECT_EQ(search.find(Hash::Sha256, message, scratch), std::optional<size_t>(2));
+    EXPECT_EQ(search.find(Hash::Sha384, message, scratch), std::nullopt);
+    int gates = 0;
+    EXPECT_EQ(search.find(Hash::Sha256, message, scratch, [&] { return ++gates <= 2; }), std::nullopt);
+    EXPECT_EQ(gates, 3);
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryCurve, KeyVerifierTest,

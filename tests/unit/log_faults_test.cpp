@@ -59,7 +59,7 @@ struct Parts {
 
 TEST(LogFaults, EachFaultIsRefusedAndNamed)
 {
-    ASSERT_TRUE(tse::parseLogMessage(Parts{}.encoded())) << tse::parseLogMessage(Parts{}.encoded()).message();
+    ASSERT_TRUE(tse::parseLogMessage(Parts{}.encoded())) << tse::parseLogMessage(Parts{}.encoded()).error().message;
     // processData in chunks, as D-Trust writes it, with a chunk of another
     // tag among them.
     Bytes foreignChunk = {0xA2, 0x80};
@@ -101,7 +101,7 @@ TEST(LogFaults, EachFaultIsRefusedAndNamed)
         c.change(parts, foreignChunk);
         const tse::Result<tse::LogMessage> parse = tse::parseLogMessage(parts.encoded());
         EXPECT_FALSE(parse) << c.name;
-        EXPECT_NE(parse.message().find(c.error), std::string::npos) << c.name << ": " << parse.message();
+        EXPECT_NE(parse.error().message.find(c.error), std::string::npos) << c.name << ": " << parse.error().message;
     }
 }
 

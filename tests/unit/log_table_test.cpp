@@ -2,6 +2,9 @@
 // included, however the numbers of a log show up in them.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <map>
+
 #include "audit_report.h"
 
 namespace tse {
@@ -60,6 +63,61 @@ TEST(LogTable, GivesBackNamesAndFieldsAsGiven)
     size_t seen = 0;
     for (const LogRecord& record : table) seen += record.ordinal > 0;
     EXPECT_EQ(seen, cases.size() - 2);
+}
+
+// Rows come from several threads and are merged and put in order of their
+// ordinals at the end; texts pooled in one table keep their words in the
+// other, and a record read into again leaves nothing of the last one behind.
+TEST(LogTable, MergedTablesSortByOrdinalAndKeepTheirTexts)
+{
+    struct Case {
+        std::string what;
+        std::vector<uint64_t> first, second;  // the ordinals each table takes
+    };
+    const std::vector<Case> cases = {
+        {"in order", {1, 2, 3}, {4, 5, 6}},
+        {"interleaved batches", {1, 2, 7, 8}, {3, 4, 5, 6, 9}},
+        {"reversed, with the gaps of other members", {40, 30, 20}, {35, 25, 15, 5}},
+        {"far apart", {1, 1000000000}, {500, 2}},
+        {"a repeated ordinal", {3, 1}, {3, 2}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        LogTable merged, other;
+        std::map<uint64_t, std::vector<std::string>> expected;
+        const auto add = [&](LogTable& table, uint64_t ordinal, const std::string& client) {
+            LogRecord record;
+            record.file = "Unixt_" + std::to_string(ordinal) + "_Sig-" + std::to_string(ordinal) + "_Log-Aud.log";
+            record.ordinal = ordinal;
+            record.counter = ordinal;
+            record.seconds = static_cast<int64_t>(ordinal);
+            record.clientId = client;
+            record.reason = ordinal % 2 ? "odd" : "";
+            table.push_back(record);
+            expected[ordinal].push_back(record.file + " " + client + " " + record.reason);
+        };
+        for (const uint64_t ordinal : c.first) add(merged, ordinal, "KASSE-" + std::to_string(ordinal % 3));
+        for (const uint64_t ordinal : c.second) add(other, ordinal, "KASSE-" + std::to_string(ordinal % 4));
+        merged.append(std::move(other));
+        EXPECT_TRUE(other.empty());  // NOLINT(bugprone-use-after-move): append leaves the other table empty
+        merged.sortByOrdinal();
+        std::vector<std::string> want, got;
+        for (const auto& [ordinal, lines] : expected) want.insert(want.end(), lines.begin(), lines.end());
+        LogRecord record;
+        for (size_t i = 0; i < merged.size(); ++i) {
+            merged.read(i, record);
+            got.push_back(record.file + " " + std::string(record.clientId) + " " + record.reason);
+            if (i > 0) {
+                EXPECT_LE(merged.row(i - 1).ordinal, merged.row(i).ordinal);
+            }
+        }
+        // Rows of one ordinal keep no order among themselves.
+        if (c.what == "a repeated ordinal") {
+            std::sort(want.begin(), want.end());
+            std::sort(got.begin(), got.end());
+        }
+        EXPECT_EQ(got, want);
+    }
 }
 
 }  // namespace

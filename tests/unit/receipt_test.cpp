@@ -9,6 +9,7 @@
 #include "receipt_explain.h"
 #include "receipt_text.h"
 #include "receipt_verify.h"
+#include "signature_cases.h"
 #include "signer.h"
 
 namespace {
@@ -68,7 +69,7 @@ std::string joined(const std::vector<std::string>& fields)
 tse::ReceiptVerification verified(const std::string& text)
 {
     const tse::Result<tse::Receipt> parse = tse::parseReceiptText(text);
-    if (!parse) return {tse::Verdict::Malformed, parse.message(), {}, {}};
+    if (!parse) return {tse::Verdict::Malformed, parse.error().message, {}, {}};
     return tse::verifyReceipt(*parse);
 }
 
@@ -137,8 +138,8 @@ TEST(Receipt, VerifiesEveryTimeFormatAndEncoding)
 Bytes compressed(const Bytes& point)
 {
     const size_t half = (point.size() - 1) / 2;
-    Bytes out{static_cast<uint8_t>(0x02 | (point.back() & 1))};
-    out.insert(out.end(), point.begin() + 1, point.begin() + 1 + static_cast<long>(half));
+    Bytes out(point.begin(), point.begin() + 1 + static_cast<long>(half));
+    out[0] = static_cast<uint8_t>(0x02 | (point.back() & 1));
     return out;
 }
 
@@ -172,7 +173,7 @@ TEST(Receipt, VerifiesEveryKeySignatureAndMessageShape)
             std::vector<std::string> fields = receiptFields(signer, {});
             fields[KEY] = tse::toBase64(key);
             const tse::Result<tse::Receipt> parse = tse::parseReceiptText(joined(fields));
-            ASSERT_TRUE(parse) << name << ": " << parse.message();
+            ASSERT_TRUE(parse) << name << ": " << parse.error().message;
             const tse::ReceiptVerification result = tse::verifyReceipt(*parse);
             EXPECT_TRUE(result.valid()) << name;
             EXPECT_EQ(result.heldKey.value_or(parse->key).curve(), curve) << name << " key of " << key.size();
@@ -222,6 +223,94 @@ TEST(Receipt, VerifiesDerSignaturesUnderAPlainLabel)
     const tse::ReceiptVerification result = verified(joined(fields));
     EXPECT_TRUE(result.valid()) << result.reason;
     EXPECT_EQ(result.form.signature, tse::SignatureEncoding::DerBase64);
+}
+
+// The signature field as r||s or DER, in base64 or in hex (upper or lower
+// case, with blanks or colons between the octets, which base64 cannot hold):
+// each holds and the form names the encoding as it was written.
+TEST(Receipt, NamesEachSignatureEncodingAsWritten)
+{
+    const tse::Signer signer(Curve::BrainpoolP256r1);
+    std::vector<std::string> fields = receiptFields(signer, {});
+    const tse::Result<tse::Receipt> parse = tse::parseReceiptText(joined(fields));
+    ASSERT_TRUE(parse);
+    Bytes message = tse::signedPrefix(*parse, {});
+    tse::append(message, tse::logTimeElement(tse::TimeEncoding::MinimalInteger, parse->logTime.time.seconds, ""));
+    const Bytes der = signer.signDer(Hash::Sha256, message);
+    const Bytes plain = *tse::fromBase64(fields[SIGNATURE]);
+    const auto separated = [](const Bytes& octets, char separator) {
+        std::string text = tse::toHex(octets);
+        for (size_t at = text.size() - 2; at > 0; at -= 2) text.insert(at, 1, separator);
+        return text;
+    };
+    using E = tse::SignatureEncoding;
+    const struct {
+        std::string text;
+        E encoding;
+    } cases[] = {
+        {tse::toBase64(der), E::DerBase64},        {tse::toHex(der), E::DerHex},
+        {lowercase(tse::toHex(der)), E::DerHex},   {separated(der, ':'), E::DerHex},
+        {separated(der, ' '), E::DerHex},          {fields[SIGNATURE], E::PlainBase64},
+        {separated(plain, ':'), E::PlainHex},      {lowercase(separated(plain, ' ')), E::PlainHex},
+    };
+    for (const auto& c : cases) {
+        fields[SIGNATURE] = c.text;
+        const tse::ReceiptVerification result = verified(joined(fields));
+        EXPECT_TRUE(result.valid()) << c.text << ": " << result.reason;
+        EXPECT_EQ(tse::describeForm(result.form), tse::describeForm({{}, tse::TimeEncoding::MinimalInteger, c.encoding}))
+            << c.text;
+    }
+}
+
+// The names receipts and cash registers give the algorithms, in any case:
+// each stands for its hash, so a receipt signed over that hash holds.
+TEST(Receipt, AlgorithmNamesInEverySpelling)
+{
+    const tse::Signer signer(Curve::Secp256r1);
+    const struct {
+        const char* name;
+        Hash hash;
+    } names[] = {
+        {"ecdsa-plain-SHA256", Hash::Sha256},   {"SHA256withECDSA", Hash::Sha256},
+        {"ecdsa-with-SHA384", Hash::Sha384},    {"sha512WITHecdsa", Hash::Sha512},
+        {"ecdsa-plain-SHA3-256", Hash::Sha3_256}, {"SHA3-256withECDSA", Hash::Sha3_256},
+        {"SHA3256withECDSA", Hash::Sha3_256},   {"ecdsa-plain-SHA3256", Hash::Sha3_256},
+        {"ecdsa-with-SHA3224", Hash::Sha3_224}, {"ECDSA-PLAIN-sha3512", Hash::Sha3_512},
+        {"sha3384withecdsa", Hash::Sha3_384},
+    };
+    for (const auto& n : names) {
+        Signed s;
+        s.hash = n.hash;
+        std::vector<std::string> fields = receiptFields(signer, s);
+        fields[ALG] = n.name;
+        const tse::ReceiptVerification result = verified(joined(fields));
+        EXPECT_TRUE(result.valid()) << n.name << ": " << result.reason;
+    }
+    for (const char* unknown : {"SHA3_256withECDSA", "ecdsa-plain-SHA3", "ecdsa-plain-SHA-256", "SHA256ECDSA"}) {
+        EXPECT_EQ(tse::algorithmByName(unknown), nullptr) << unknown;
+    }
+}
+
+// A compressed point whose x lies on both 256-bit curves stands for a key
+// on either; fixed keys, so that every run has such a point. The receipt
+// holds under the key that signed, whichever curve is read first.
+TEST(Receipt, ACompressedKeyOnBothCurvesHoldsUnderTheOneThatSigned)
+{
+    for (const Curve curve : {Curve::Secp256r1, Curve::BrainpoolP256r1}) {
+        const tse::Signer signer = tse::signerWithTwinX(curve);
+        const std::string name(tse::curveInfo(curve).displayName);
+        std::vector<std::string> fields = receiptFields(signer, {});
+        fields[KEY] = tse::toBase64(compressed(signer.publicKey().point()));
+        const tse::Result<tse::Receipt> parse = tse::parseReceiptText(joined(fields));
+        ASSERT_TRUE(parse) << name << ": " << parse.error().message;
+        ASSERT_EQ(parse->otherKeys.size(), 1u) << name;
+        EXPECT_NE(parse->key.curve(), parse->otherKeys[0].curve()) << name;
+        const tse::ReceiptVerification result = tse::verifyReceipt(*parse);
+        EXPECT_TRUE(result.valid()) << name << ": " << result.reason;
+        const tse::PublicKey& held = result.heldKey.value_or(parse->key);
+        EXPECT_EQ(held.curve(), curve) << name;
+        EXPECT_EQ(held.serialNumber(), signer.publicKey().serialNumber()) << name;
+    }
 }
 
 // How scanners and files hand a text over; the surroundings are not part of
@@ -302,7 +391,7 @@ TEST(ReceiptExplain, FindsEachPlantedChange)
         std::vector<std::string> fields = receiptFields(signer, c.signedFields);
         c.print(fields);
         const tse::Result<tse::Receipt> parse = tse::parseReceiptText(joined(fields));
-        ASSERT_TRUE(parse) << c.kind << ": " << parse.message();
+        ASSERT_TRUE(parse) << c.kind << ": " << parse.error().message;
         ASSERT_EQ(tse::verifyReceipt(*parse).verdict, tse::Verdict::Invalid) << c.kind;
         const tse::Explanation e = tse::explainReceipt(*parse);
         EXPECT_TRUE(e.found) << c.kind << ": " << e.sentence;
@@ -323,6 +412,46 @@ TEST(ReceiptExplain, RandomSignatureIsExplainedByNothing)
     EXPECT_FALSE(e.found) << e.sentence;
     EXPECT_NE(e.sentence.find("no change explains the failure; tried: "), std::string::npos) << e.sentence;
     EXPECT_NE(e.sentence.find("log time off by up to 600 s"), std::string::npos) << e.sentence;
+}
+
+// A batch within a bound of its own: each receipt that nothing explains is
+// cut short at an even share of what is left, the last as much as the
+// first, and a receipt a cheap change explains among them is explained.
+TEST(ReceiptExplain, ABatchSharesItsBoundEvenly)
+{
+    const tse::Signer signer(Curve::Secp256r1);
+    std::vector<tse::Receipt> receipts;
+    for (uint64_t n = 1; n <= 4; ++n) {
+        Signed s;
+        s.transactionNumber = n;
+        std::vector<std::string> fields = receiptFields(signer, s);
+        if (n == 2) {
+            fields[TYPE] = "KASSENBELEG-V1";
+        } else {
+            fields[DATA] = "Beleg^9.57_0.00_0.00_0.00_0.00^9.57:Bar";  // nothing explains it
+        }
+        tse::Result<tse::Receipt> parse = tse::parseReceiptText(joined(fields));
+        ASSERT_TRUE(parse) << parse.error().message;
+        receipts.push_back(std::move(parse).value());
+    }
+    std::vector<const tse::Receipt*> batch;
+    for (const tse::Receipt& r : receipts) batch.push_back(&r);
+    constexpr uint64_t BOUND = 6000;
+    const std::vector<tse::Explanation> explained = tse::explainReceipts(batch, {}, BOUND);
+    ASSERT_EQ(explained.size(), 4u);
+    EXPECT_TRUE(explained[1].found) << explained[1].sentence;
+    EXPECT_EQ(explained[1].field, "processType");
+    uint64_t left = BOUND;
+    for (size_t i = 0; i < explained.size(); ++i) {
+        const uint64_t share = left / (explained.size() - i);
+        if (i != 1) {
+            EXPECT_FALSE(explained[i].found) << i;
+            EXPECT_TRUE(explained[i].cutShort) << i;
+            EXPECT_LE(explained[i].checks, share) << i;
+            EXPECT_GE(explained[i].checks, share / 2) << i;
+        }
+        left -= explained[i].checks;
+    }
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "access.h"
+#include "serve/access.h"
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>

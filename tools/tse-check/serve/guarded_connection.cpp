@@ -1,4 +1,4 @@
-#include "guarded_connection.h"
+#include "serve/guarded_connection.h"
 
 #include <arpa/inet.h>
 #include <poll.h>
@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "serve_options.h"
+#include "serve/serve_options.h"
 
 namespace tsecheck::serve {
 namespace {

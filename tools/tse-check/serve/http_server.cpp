@@ -1,12 +1,12 @@
-#include "http_server.h"
+#include "serve/http_server.h"
 
 #include <httplib.h>
 
 #include <chrono>
 
-#include "guarded_connection.h"
-
 #include "text.h"
+
+#include "serve/guarded_connection.h"
 
 namespace tsecheck::serve {
 namespace {

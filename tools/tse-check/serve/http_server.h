@@ -8,8 +8,8 @@
 #include <memory>
 #include <string>
 
-#include "server_context.h"
-#include "serve_options.h"
+#include "serve/serve_options.h"
+#include "serve/server_context.h"
 
 namespace tsecheck::serve {
 

@@ -1,8 +1,8 @@
 // A job's page: its files, its progress with a cancel button while it
 // runs, and its result: the reports to open and download.
-#include "job_status.h"
-#include "page_frame.h"
-#include "pages.h"
+#include "serve/job_status.h"
+#include "serve/page_frame.h"
+#include "serve/pages.h"
 
 namespace tsecheck::serve {
 namespace {

@@ -1,11 +1,12 @@
-#include "job_run.h"
+#include "serve/job_run.h"
 
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
-#include "tse_check_jobs.h"
-#include "tse_check_support.h"
+#include "shared/inputs.h"
+#include "shared/jobs.h"
+#include "shared/output.h"
 
 namespace tsecheck::serve {
 namespace {
@@ -21,7 +22,7 @@ std::vector<std::string> pathsOf(const Job& job, const std::string& field)
     return paths;
 }
 
-DocumentPaths documentsOf(Job& job, const std::string& check)
+ReportPaths documentsOf(Job& job, const std::string& check)
 {
     for (const char* type : {".json", ".csv", ".html"}) job.outcome.documents.push_back(check + type);
     return {job.documentPath(check + ".json"), job.documentPath(check + ".csv"), job.documentPath(check + ".html")};
@@ -46,7 +47,7 @@ void runAuditJob(Job& job)
         const tse::AuditReport report = runAudit(options);
         progress.logs = report.summary.logs;
         progress.done = progress.total.load();
-        job.outcome.exitStatus = writeAuditDocuments(report, options, documentsOf(job, "audit"), &summary);
+        job.outcome.exitStatus = writeAuditReports(report, options, documentsOf(job, "audit"), &summary);
     }
     job.outcome.summaries.push_back(summary.str());
 }
@@ -68,7 +69,7 @@ void runBookkeepingJob(Job& job, std::vector<std::string> tse)
     if (options.dsfinvk.empty()) refuse(EXIT_BAD_INPUT, "No DSFinV-K export given: add its ZIP or TAR archive");
     std::ostringstream summary;
     const tse::BookkeepingReport report = runBookkeeping(options);
-    const int status = writeBookkeepingDocuments(report, options, documentsOf(job, "dsfinvk"), &summary);
+    const int status = writeBookkeepingReports(report, options, documentsOf(job, "dsfinvk"), &summary);
     job.outcome.exitStatus = std::max(job.outcome.exitStatus, status);
     job.outcome.summaries.push_back(summary.str());
 }
@@ -87,9 +88,7 @@ void runReceiptJob(Job& job)
         progress.total = total;
     };
     const ReceiptBatch batch = checkReceipts(options);
-    std::ofstream out(job.documentPath("receipt.json"), std::ios::binary);
-    out << batch.document.dump(2) << '\n';
-    if (!out.flush()) refuse(EXIT_BAD_INPUT, "Cannot write the receipts' JSON in the server's folder");
+    writeTo(job.documentPath("receipt.json"), [&batch](std::ostream& out) { out << batch.document.dump(2) << '\n'; });
     job.outcome.documents.push_back("receipt.json");
     std::string errors;
     for (const std::string& line : batch.errors) errors += line + "\n";

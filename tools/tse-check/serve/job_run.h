@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "jobs.h"
+#include "serve/jobs.h"
 
 namespace tsecheck::serve {
 

@@ -1,4 +1,4 @@
-#include "job_status.h"
+#include "serve/job_status.h"
 
 #include "text.h"
 

@@ -6,7 +6,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "jobs.h"
+#include "serve/jobs.h"
 
 namespace tsecheck::serve {
 

@@ -1,10 +1,10 @@
-#include "jobs.h"
+#include "serve/jobs.h"
 
 #include <sys/stat.h>
 
 #include <filesystem>
 
-#include "access.h"
+#include "serve/access.h"
 
 namespace tsecheck::serve {
 

@@ -20,7 +20,7 @@
 #include <thread>
 #include <vector>
 
-#include "uploads.h"
+#include "serve/uploads.h"
 
 namespace tsecheck::serve {
 

@@ -1,7 +1,7 @@
 // The style and the script of the server's pages, served from memory as
 // /static/app.css and /static/app.js: nothing from elsewhere, and no
 // inline script, so that the pages' policy can forbid it.
-#include "pages.h"
+#include "serve/pages.h"
 
 namespace tsecheck::serve {
 

@@ -1,4 +1,4 @@
-#include "page_frame.h"
+#include "serve/page_frame.h"
 
 namespace tsecheck::serve {
 

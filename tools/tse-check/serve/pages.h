@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "jobs.h"
+#include "serve/jobs.h"
 
 namespace tsecheck::serve {
 

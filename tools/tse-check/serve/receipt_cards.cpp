@@ -8,8 +8,9 @@
 
 #include "dsfinvk_check.h"
 #include "html_writer.h"
-#include "pages.h"
 #include "receipt_text.h"
+
+#include "serve/pages.h"
 
 namespace tsecheck::serve {
 namespace {

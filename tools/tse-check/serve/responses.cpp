@@ -3,8 +3,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "pages.h"
-#include "server_context.h"
+#include "serve/pages.h"
+#include "serve/server_context.h"
 
 namespace tsecheck::serve {
 

@@ -6,8 +6,8 @@
 #include <filesystem>
 #include <fstream>
 
-#include "job_status.h"
-#include "server_context.h"
+#include "serve/job_status.h"
+#include "serve/server_context.h"
 
 namespace tsecheck::serve {
 namespace {

@@ -2,8 +2,8 @@
 // job's page and its cancel button, and the style and script they share.
 #include <httplib.h>
 
-#include "pages.h"
-#include "server_context.h"
+#include "serve/pages.h"
+#include "serve/server_context.h"
 
 namespace tsecheck::serve {
 namespace {

@@ -14,15 +14,17 @@
 #include <mutex>
 #include <thread>
 
-#include "access.h"
-#include "http_server.h"
-#include "job_run.h"
 #include "parallel.h"
-#include "serve_folder.h"
-#include "terminal_qr.h"
 #include "text.h"
-#include "tse_check_commands.h"
-#include "tse_check_support.h"
+
+#include "commands.h"
+#include "serve/access.h"
+#include "serve/http_server.h"
+#include "serve/job_run.h"
+#include "serve/serve_folder.h"
+#include "serve/terminal_qr.h"
+#include "shared/inputs.h"
+#include "shared/options.h"
 
 namespace tsecheck {
 namespace {
@@ -108,10 +110,10 @@ Settings settingsOf(const ServeOptions& options)
 {
     Settings settings;
     tse::Result<ListenAddress> address = parseListen(options.listen);
-    if (!address) refuse(EXIT_BAD_INPUT, address.message());
+    if (!address) refuse(EXIT_BAD_INPUT, address.error().message);
     settings.address = *address;
     tse::Result<uint64_t> size = parseSize(options.maxUpload);
-    if (!size) refuse(EXIT_BAD_INPUT, "--max-upload: " + size.message());
+    if (!size) refuse(EXIT_BAD_INPUT, "--max-upload: " + size.error().message);
     settings.maxUpload = *size;
     settings.jobs = options.jobs ? options.jobs : tse::defaultJobs();
     if (!(options.keepMinutes >= 0) || options.keepMinutes > 7 * 24 * 60) {
@@ -171,8 +173,7 @@ Command addServeCommand(CLI::App& parent)
         ->type_name("HOST:PORT");
     app->add_option("--token", options->token, "Access token (default: a random 128-bit one)")->type_name("TEXT");
     app->add_option("--max-upload", options->maxUpload, "Largest upload of one job (default 4GiB)")->type_name("SIZE");
-    app->add_option("--jobs,-j", options->jobs, "Jobs that run at once (default: the number of cores)")
-        ->check(CLI::Range(1u, 256u));
+    addJobsAtOnceOption(*app, options->jobs);
     app->add_option("--keep", options->keepMinutes, "Minutes a finished job's results are kept (default 60)")
         ->type_name("MINUTES");
     app->add_option("--idle-timeout", options->idleSeconds,

@@ -1,4 +1,4 @@
-#include "serve_folder.h"
+#include "serve/serve_folder.h"
 
 #include <signal.h>
 #include <sys/stat.h>

@@ -1,4 +1,4 @@
-#include "serve_options.h"
+#include "serve/serve_options.h"
 
 #include <arpa/inet.h>
 

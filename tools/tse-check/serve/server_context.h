@@ -9,8 +9,8 @@
 #include <memory>
 #include <string>
 
-#include "access.h"
-#include "jobs.h"
+#include "serve/access.h"
+#include "serve/jobs.h"
 
 namespace httplib {
 class ContentReader;

@@ -1,6 +1,6 @@
 // The start page: the two checks as forms, and what the verdicts mean.
-#include "page_frame.h"
-#include "pages.h"
+#include "serve/page_frame.h"
+#include "serve/pages.h"
 
 namespace tsecheck::serve {
 namespace {

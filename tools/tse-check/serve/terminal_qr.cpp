@@ -1,4 +1,4 @@
-#include "terminal_qr.h"
+#include "serve/terminal_qr.h"
 
 #include <qrencode.h>
 

@@ -6,8 +6,9 @@
 #include <set>
 
 #include "receipt_text.h"
-#include "server_context.h"
-#include "serve_options.h"
+
+#include "serve/serve_options.h"
+#include "serve/server_context.h"
 
 namespace tsecheck::serve {
 namespace {

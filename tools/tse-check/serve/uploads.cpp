@@ -1,4 +1,4 @@
-#include "uploads.h"
+#include "serve/uploads.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -8,7 +8,7 @@
 #include <cstring>
 #include <filesystem>
 
-#include "serve_options.h"
+#include "serve/serve_options.h"
 
 namespace tsecheck::serve {
 
