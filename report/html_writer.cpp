@@ -1,37 +1,11 @@
 #include "html_writer.h"
 
+#include "text.h"
+
 namespace report {
 namespace {
 
 constexpr std::string_view REPLACEMENT = "\xEF\xBF\xBD";
-
-// The length of the well-formed UTF-8 sequence at the start of text, or 0:
-// no overlong forms, no surrogates, nothing above U+10FFFF.
-size_t utf8Length(std::string_view text)
-{
-    const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
-    const unsigned char first = byte(0);
-    size_t length = 0;
-    unsigned char low = 0x80, high = 0xBF;
-    if (first >= 0xC2 && first <= 0xDF) length = 2;
-    else if (first >= 0xE0 && first <= 0xEF) {
-        length = 3;
-        if (first == 0xE0) low = 0xA0;
-        if (first == 0xED) high = 0x9F;
-    } else if (first >= 0xF0 && first <= 0xF4) {
-        length = 4;
-        if (first == 0xF0) low = 0x90;
-        if (first == 0xF4) high = 0x8F;
-    } else {
-        return 0;
-    }
-    if (text.size() < length) return 0;
-    if (byte(1) < low || byte(1) > high) return 0;
-    for (size_t i = 2; i < length; ++i) {
-        if (byte(i) < 0x80 || byte(i) > 0xBF) return 0;
-    }
-    return length;
-}
 
 }  // namespace
 
@@ -56,13 +30,17 @@ void appendEscaped(std::string& out, std::string_view text)
             ++i;
             continue;
         }
-        const size_t length = utf8Length(text.substr(i));
-        if (length == 0) {
+        // A control, a separator or an invisible format character (one that
+        // turns an amount around on screen) shows as one replacement
+        // character; a byte outside well-formed UTF-8 as one each.
+        const tse::Utf8Sequence sequence = tse::utf8At(text, i);
+        if (sequence.length == 0) {
             out += REPLACEMENT;
             ++i;
         } else {
-            out.append(text, i, length);
-            i += length;
+            if (sequence.printable) out.append(text, i, sequence.length);
+            else out += REPLACEMENT;
+            i += sequence.length;
         }
     }
 }

@@ -12,6 +12,34 @@ bool invisibleFormat(uint32_t code)
            (code >= 0xFFF9 && code <= 0xFFFB);
 }
 
+// Overlong forms, surrogates and values past U+10FFFF are not well-formed;
+// the C1 controls (U+0080 to U+009F, among them a terminal's CSI), the line
+// and paragraph separators U+2028/U+2029 and the invisible format
+// characters would break a line, drive a terminal or turn the text around
+// on screen, so they are not shown as themselves.
+Utf8Sequence utf8At(ByteView value, size_t i)
+{
+    const uint8_t c = value[i];
+    if (c < 0x80) return {1, c >= 0x20 && c < 0x7F};
+    const size_t length = c >= 0xC2 && c <= 0xDF ? 2 : c >= 0xE0 && c <= 0xEF ? 3 : c >= 0xF0 && c <= 0xF4 ? 4 : 0;
+    if (length == 0 || i + length > value.size()) return {};
+    const uint8_t second = value[i + 1];
+    uint8_t low = 0x80, high = 0xBF;
+    if (c == 0xE0) low = 0xA0;
+    if (c == 0xED) high = 0x9F;
+    if (c == 0xF0) low = 0x90;
+    if (c == 0xF4) high = 0x8F;
+    if (second < low || second > high) return {};
+    for (size_t k = 2; k < length; ++k) {
+        if ((value[i + k] & 0xC0) != 0x80) return {};
+    }
+    uint32_t code = 0;
+    if (length == 2) code = ((c & 0x1Fu) << 6) | (second & 0x3Fu);
+    if (length == 3) code = ((c & 0x0Fu) << 12) | ((second & 0x3Fu) << 6) | (value[i + 2] & 0x3Fu);
+    const bool c1 = code >= 0x80 && code <= 0x9F;
+    return {length, length == 4 || !(c1 || invisibleFormat(code))};
+}
+
 namespace {
 
 char lowerLetter(char c)
@@ -20,30 +48,10 @@ char lowerLetter(char c)
 }
 
 // The length of a well-formed UTF-8 sequence at `i` that is printable, or 0.
-// Overlong forms, surrogates and values past U+10FFFF are not well-formed;
-// the C1 controls (U+0080 to U+009F, among them a terminal's CSI), the line
-// and paragraph separators U+2028/U+2029 and the invisible format
-// characters would break a line, drive a terminal or turn the text around
-// on screen, so they are escaped like the ASCII controls.
 size_t utf8Length(ByteView value, size_t i)
 {
-    const uint8_t c = value[i];
-    const size_t length = c >= 0xC2 && c <= 0xDF ? 2 : c >= 0xE0 && c <= 0xEF ? 3 : c >= 0xF0 && c <= 0xF4 ? 4 : 0;
-    if (length == 0 || i + length > value.size()) return 0;
-    const uint8_t second = value[i + 1];
-    uint8_t low = 0x80, high = 0xBF;
-    if (c == 0xC2) low = 0xA0;
-    if (c == 0xE0) low = 0xA0;
-    if (c == 0xED) high = 0x9F;
-    if (c == 0xF0) low = 0x90;
-    if (c == 0xF4) high = 0x8F;
-    if (second < low || second > high) return 0;
-    for (size_t k = 2; k < length; ++k) {
-        if ((value[i + k] & 0xC0) != 0x80) return 0;
-    }
-    if (length == 2 && invisibleFormat(((c & 0x1Fu) << 6) | (second & 0x3Fu))) return 0;
-    if (length == 3 && invisibleFormat(((c & 0x0Fu) << 12) | ((second & 0x3Fu) << 6) | (value[i + 2] & 0x3Fu))) return 0;
-    return length;
+    const Utf8Sequence sequence = utf8At(value, i);
+    return sequence.printable && value[i] >= 0x80 ? sequence.length : 0;
 }
 
 // Both escapes in one: with `backslash`, a '\\' is escaped too, which makes

@@ -43,6 +43,16 @@ std::string escapeText(ByteView value);
 // U+202E reads backwards; they are escaped wherever controls are.
 bool invisibleFormat(uint32_t code);
 
+// The UTF-8 sequence at value[i]: its length when well-formed (0 when it is
+// overlong, a surrogate, past U+10FFFF or cut short) and whether it shows
+// as itself: not a control (C0, DEL, C1), a separator or an invisible
+// format character.
+struct Utf8Sequence {
+    size_t length = 0;
+    bool printable = false;
+};
+Utf8Sequence utf8At(ByteView value, size_t i);
+
 // The same escapes without the one for the backslash, for messages that
 // embed values escaped already: escaping them again changes nothing. The
 // last guard before text reaches a terminal or a JSON document.

@@ -33,6 +33,13 @@ TEST(HtmlEscaping, InputNeverBecomesMarkup)
         {"\xE2\x82", bad + bad},                     // cut short at the end
         {"\xE2\x82<", bad + bad + "&lt;"},           // cut short before markup
         {"\xF4\x90\x80\x80", bad + bad + bad + bad},  // above U+10FFFF
+        // What would turn an amount around or hide in it: RIGHT-TO-LEFT
+        // OVERRIDE, an isolate, a zero-width space, a C1 control (CSI), a
+        // line separator; each one replacement. Arabic letters stay.
+        {"9.\xE2\x80\xAE" "00", "9." + bad + "00"},
+        {"\xE2\x81\xA7x\xE2\x80\x8B", bad + "x" + bad},
+        {"\xC2\x9B" "2J\xE2\x80\xA8", bad + "2J" + bad},
+        {"\xD8\xB3\xD8\xA7", "\xD8\xB3\xD8\xA7"},
     };
     for (const Case& c : cases) EXPECT_EQ(report::escaped(c.input), c.expected) << c.input;
 }
