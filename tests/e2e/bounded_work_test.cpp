@@ -99,9 +99,19 @@ TEST(BoundedWork, ExplainingABatchOfInvalidReceipts)
 
 // -j 1024 in an address space that holds a few hundred thread stacks: the
 // audit and the receipt check run on the threads they get, and report.
+// g++ says it is building with AddressSanitizer one way, clang another.
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define ADDRESS_SANITIZER 1
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__)
+#define ADDRESS_SANITIZER 1
+#endif
+
 TEST(BoundedWork, FewerThreadsThanAskedFor)
 {
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(ADDRESS_SANITIZER)
     GTEST_SKIP() << "AddressSanitizer reserves more address space than the limit allows";
 #else
     const fixtures::RunLimits limits{120, 0, 0, 1024};
