@@ -2,6 +2,7 @@
 // same JSON as the command line for real exports, receipts and pictures,
 // cancel, keep time and stop, and hostile clients. Every request goes to
 // 127.0.0.0/8 only, and every loop is bounded in count and time.
+#include <csignal>
 #include <gtest/gtest.h>
 
 #include <httplib.h>
@@ -23,6 +24,14 @@
 #include "serve_process.h"
 
 namespace {
+
+// A server that refuses an upload may close the connection while the
+// client is still sending; the test must see the answer or the error, not
+// die of SIGPIPE.
+[[maybe_unused]] const bool SIGPIPE_IGNORED = [] {
+    std::signal(SIGPIPE, SIG_IGN);
+    return true;
+}();
 
 using nlohmann::json;
 using fixtures::ServeProcess;
@@ -311,8 +320,16 @@ TEST(ServeJobs, SameJsonAsTheCommandLine)
                                   fileItem("image", photo)});
     ASSERT_EQ(receipts.value("state", ""), "done") << receipts.dump();
     EXPECT_EQ(receipts["exitStatus"], 1);
-    EXPECT_EQ(receipts["result"],
-              commandJson({"receipt", "--json", "--explain", text, broken, "--image", photo}, {dir.path("")}));
+    // How many candidates the explanation tried before it found the change
+    // depends on how its threads were scheduled; everything else must agree.
+    const auto withoutChecks = [](json results) {
+        for (json& r : results) {
+            if (r.contains("explanation") && r["explanation"].is_object()) r["explanation"].erase("checks");
+        }
+        return results;
+    };
+    EXPECT_EQ(withoutChecks(receipts["result"]),
+              withoutChecks(commandJson({"receipt", "--json", "--explain", text, broken, "--image", photo}, {dir.path("")})));
 }
 
 TEST(ServeJobs, CancelKeepTimeAndStopLeaveNoFile)
