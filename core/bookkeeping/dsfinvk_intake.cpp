@@ -91,10 +91,10 @@ private:
     std::optional<std::vector<TableDescription>> readIndex(const ExportSource& source, std::string& problem);
     Result<bool> readTables(const ExportSource& source, const std::vector<TableDescription>* index);
     void readMember(const ExportSource& source, const std::vector<TableDescription>* index, ExportMember&& member);
-    void readTable(const std::string& label, const std::string& table, const TableSpec& spec, ByteView data,
+    void readTable(const std::string& label, const std::string& table, const TableLayout& layout, ByteView data,
                    const TableDescription* description);
     void broken(const std::string& table) { broken_.insert(table), sourceBroken_.insert(table); }
-    std::optional<FileColumns> fileColumns(const std::string& label, const TableSpec& spec,
+    std::optional<FileColumns> fileColumns(const std::string& label, const TableLayout& layout,
                                            const std::vector<std::string>& header, char delimiter);
     void reportMissing(const ExportSource& source, const std::vector<TableDescription>* index);
 
@@ -113,17 +113,17 @@ private:
 
 // The columns of one file, checked once: a table that lacks what the
 // checks need is not read at all, rather than read as empty fields.
-std::optional<FileColumns> Intake::fileColumns(const std::string& label, const TableSpec& spec,
+std::optional<FileColumns> Intake::fileColumns(const std::string& label, const TableLayout& layout,
                                                const std::vector<std::string>& header, char delimiter)
 {
-    FileColumns columns = columnsOf(spec, header);
+    FileColumns columns = columnsOf(layout, header);
     std::vector<std::string_view> missing;
-    for (size_t i = 0; i < spec.required; ++i) {
-        if (!columns.has(i)) missing.push_back(spec.columns[i]);
+    for (size_t i = 0; i < layout.required; ++i) {
+        if (!columns.has(i)) missing.push_back(layout.columns[i]);
     }
-    if (spec.table == Table::Payments && !columns.has(7) && !columns.has(8)) missing.push_back("BASISWAEH_BETRAG");
+    if (layout.table == Table::Payments && !columns.has(7) && !columns.has(8)) missing.push_back("BASISWAEH_BETRAG");
     if (missing.empty()) return columns;
-    broken(std::string(spec.file));
+    broken(std::string(layout.file));
     std::string names;
     for (const std::string_view name : missing) names += (names.empty() ? "" : ", ") + std::string(name);
     findings_.raise(FindingCode::TableUnreadable, label + " lacks the column" + (missing.size() > 1 ? "s " : " ") +
@@ -132,7 +132,7 @@ std::optional<FileColumns> Intake::fileColumns(const std::string& label, const T
     return std::nullopt;
 }
 
-void Intake::readTable(const std::string& label, const std::string& table, const TableSpec& spec, ByteView data,
+void Intake::readTable(const std::string& label, const std::string& table, const TableLayout& layout, ByteView data,
                        const TableDescription* description)
 {
     const CsvDialect dialect = description ? description->dialect : CsvDialect();
@@ -145,7 +145,7 @@ void Intake::readTable(const std::string& label, const std::string& table, const
     std::optional<FileColumns> columns;
     bool checked = false;
     const auto begin = [&](const std::vector<std::string>& header) {
-        columns = fileColumns(label, spec, header, dialect.columnDelimiter), checked = true;
+        columns = fileColumns(label, layout, header, dialect.columnDelimiter), checked = true;
         rules_.beginFile(table, label, header, description ? &description->columns : nullptr, dialect);
     };
     const CsvRead read = readCsv(data, dialect, declared, [&](const std::vector<std::string>& header, const CsvRecord& r) {
@@ -154,9 +154,9 @@ void Intake::readTable(const std::string& label, const std::string& table, const
         ++books_.files[file].rows;
         const RowPlace place{file, static_cast<uint32_t>(r.line)};
         rules_.check(r, place);
-        reader_.read(spec, *columns, r, place, dialect);
+        reader_.read(layout, *columns, r, place, dialect);
     });
-    if (!checked && !read.header.empty()) columns = fileColumns(label, spec, read.header, dialect.columnDelimiter);
+    if (!checked && !read.header.empty()) columns = fileColumns(label, layout, read.header, dialect.columnDelimiter);
     if (!checked && read.header.empty() && read.problems.empty()) {
         broken(table);
         findings_.raise(FindingCode::TableUnreadable, label + " is empty: it has no header line, so none of its "
@@ -202,9 +202,9 @@ void Intake::readMember(const ExportSource& source, const std::vector<TableDescr
                             " leads outside the export; it was not used");
         return;
     }
-    const TableSpec* spec = specOf(table);
+    const TableLayout* layout = layoutOf(table);
     const TableDescription* description = index ? findTable(*index, table) : nullptr;
-    if (spec == nullptr && description == nullptr) return;  // read for its presence only
+    if (layout == nullptr && description == nullptr) return;  // read for its presence only
     present_.insert(table);
     seen_.insert(table);
     if (!member.contents) {
@@ -213,7 +213,7 @@ void Intake::readMember(const ExportSource& source, const std::vector<TableDescr
         return;
     }
     // A table no check reads still keeps the field rules.
-    readTable(label, table, spec ? *spec : otherTableSpec(), *member.contents, description);
+    readTable(label, table, layout ? *layout : otherTableLayout(), *member.contents, description);
 }
 
 Result<bool> Intake::readTables(const ExportSource& source, const std::vector<TableDescription>* index)

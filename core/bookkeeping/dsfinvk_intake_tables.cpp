@@ -8,7 +8,7 @@ namespace tse {
 namespace {
 
 // The tables of the TSE, the closing and its master data.
-std::vector<TableSpec> closingSpecs()
+std::vector<TableLayout> closingSpecs()
 {
     return {
         {"transactions_tse.csv",
@@ -37,7 +37,7 @@ std::vector<TableSpec> closingSpecs()
 }
 
 // The receipts and their parts, the closing module, rates and references.
-std::vector<TableSpec> receiptSpecs()
+std::vector<TableLayout> receiptSpecs()
 {
     return {
         {"transactions.csv",
@@ -84,14 +84,14 @@ std::vector<TableSpec> receiptSpecs()
     };
 }
 
-const std::vector<TableSpec>& tableSpecs()
+const std::vector<TableLayout>& tableLayouts()
 {
-    static const std::vector<TableSpec> specs = [] {
-        std::vector<TableSpec> all = closingSpecs();
-        for (TableSpec& spec : receiptSpecs()) all.push_back(std::move(spec));
+    static const std::vector<TableLayout> layouts = [] {
+        std::vector<TableLayout> all = closingSpecs();
+        for (TableLayout& layout : receiptSpecs()) all.push_back(std::move(layout));
         return all;
     }();
-    return specs;
+    return layouts;
 }
 
 // The three parts of a business case as one text (they never hold this byte).
@@ -102,24 +102,24 @@ std::string businessCase(std::string_view type, std::string_view name, std::stri
 
 }  // namespace
 
-const TableSpec* specOf(std::string_view file)
+const TableLayout* layoutOf(std::string_view file)
 {
-    for (const TableSpec& spec : tableSpecs()) {
-        if (spec.file == file) return &spec;
+    for (const TableLayout& layout : tableLayouts()) {
+        if (layout.file == file) return &layout;
     }
     return nullptr;
 }
 
-const TableSpec& otherTableSpec()
+const TableLayout& otherTableLayout()
 {
-    static const TableSpec other{"", Table::Other, {}, 0};
+    static const TableLayout other{"", Table::Other, {}, 0};
     return other;
 }
 
-FileColumns columnsOf(const TableSpec& spec, const std::vector<std::string>& header)
+FileColumns columnsOf(const TableLayout& layout, const std::vector<std::string>& header)
 {
     FileColumns columns;
-    for (const std::string_view name : spec.columns) {
+    for (const std::string_view name : layout.columns) {
         const auto found = std::find(header.begin(), header.end(), name);
         columns.at.push_back(found == header.end() ? SIZE_MAX : static_cast<size_t>(found - header.begin()));
     }
@@ -154,10 +154,10 @@ std::optional<uint32_t> RecordReader::vatKey(std::string_view text, RowPlace pla
     return std::nullopt;
 }
 
-void RecordReader::read(const TableSpec& spec, const FileColumns& c, const CsvRecord& record, RowPlace place,
+void RecordReader::read(const TableLayout& layout, const FileColumns& c, const CsvRecord& record, RowPlace place,
                         const CsvDialect& dialect)
 {
-    switch (spec.table) {
+    switch (layout.table) {
     case Table::Tse: return readTse(c, record, place);
     case Table::Rows: return readRow(c, record, place);
     case Table::Closings: return readClosing(c, record, place, dialect);
@@ -179,7 +179,7 @@ void RecordReader::read(const TableSpec& spec, const FileColumns& c, const CsvRe
     case Table::LineVat: return readLineVat(c, record, place, dialect);
     case Table::BusinessCases:
     case Table::ClosingPayments:
-    case Table::CashPerCurrency: return readClosingAmount(spec.table, c, record, place, dialect);
+    case Table::CashPerCurrency: return readClosingAmount(layout.table, c, record, place, dialect);
     case Table::VatRates: return readVatRate(c, record, place, dialect);
     case Table::References: return readReference(c, record, place);
     case Table::Other: return;

@@ -25,19 +25,19 @@ enum class Table {
 
 // The columns the checks read of a table: its first `required` must be
 // there, the others are read when they are.
-struct TableSpec {
+struct TableLayout {
     std::string_view file;
     Table table;
     std::vector<std::string_view> columns;
     size_t required;
 };
 
-// The spec of a table file, nullptr for one no check reads.
-const TableSpec* specOf(std::string_view file);
+// The layout of a table file, nullptr for one no check reads.
+const TableLayout* layoutOf(std::string_view file);
 // A table that no check reads but whose rows keep the field rules.
-const TableSpec& otherTableSpec();
+const TableLayout& otherTableLayout();
 
-// One file's columns in the order of its spec; SIZE_MAX where absent.
+// One file's columns in the order of its layout; SIZE_MAX where absent.
 struct FileColumns {
     std::vector<size_t> at;
     std::string_view operator()(const CsvRecord& record, size_t column) const
@@ -47,7 +47,7 @@ struct FileColumns {
     }
     bool has(size_t column) const { return at[column] != SIZE_MAX; }
 };
-FileColumns columnsOf(const TableSpec& spec, const std::vector<std::string>& header);
+FileColumns columnsOf(const TableLayout& layout, const std::vector<std::string>& header);
 
 // Keeps what the checks need of each record.
 class RecordReader {
@@ -56,7 +56,7 @@ public:
         : books_(books), rules_(rules), findings_(findings)
     {
     }
-    void read(const TableSpec& spec, const FileColumns& c, const CsvRecord& record, RowPlace place,
+    void read(const TableLayout& layout, const FileColumns& c, const CsvRecord& record, RowPlace place,
               const CsvDialect& dialect);
 
 private:

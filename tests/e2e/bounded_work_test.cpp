@@ -99,16 +99,6 @@ TEST(BoundedWork, ExplainingABatchOfInvalidReceipts)
 
 // -j 1024 in an address space that holds a few hundred thread stacks: the
 // audit and the receipt check run on the threads they get, and report.
-// g++ says it is building with AddressSanitizer one way, clang another.
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define ADDRESS_SANITIZER 1
-#endif
-#endif
-#if defined(__SANITIZE_ADDRESS__)
-#define ADDRESS_SANITIZER 1
-#endif
-
 TEST(BoundedWork, FewerThreadsThanAskedFor)
 {
 #if defined(ADDRESS_SANITIZER)

@@ -15,16 +15,6 @@
 #include "dsfinvk_tables.h"
 #include "fixtures.h"
 
-// g++ says it is building with AddressSanitizer one way, clang another.
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define ADDRESS_SANITIZER 1
-#endif
-#endif
-#if defined(__SANITIZE_ADDRESS__)
-#define ADDRESS_SANITIZER 1
-#endif
-
 namespace {
 
 using nlohmann::json;

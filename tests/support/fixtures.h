@@ -11,6 +11,17 @@
 
 #include "myutils.h"
 
+// Tests that measure memory or limit the address space need to know: g++
+// says it is building with AddressSanitizer one way, clang another.
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define ADDRESS_SANITIZER 1
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__)
+#define ADDRESS_SANITIZER 1
+#endif
+
 namespace fixtures {
 
 using Bytes = std::vector<uint8_t>;
