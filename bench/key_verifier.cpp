@@ -4,10 +4,10 @@
 // costs; `key-verifier differential N [SEED]` checks N generated cases (valid
 // and broken signatures) against libcrypto's verdict and exits 1 on any
 // difference.
-#include <malloc.h>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <malloc.h>
 #include <string>
 #include <vector>
 
@@ -58,9 +58,9 @@ int speed(size_t count)
         const double build = cpuSeconds() - start;
         const size_t heap = mallinfo2().uordblks - heapBefore;
         const double plainRate = rate(plain), tableRate = rate(tables);
-        std::printf("%-16s %12.0f %12.0f %6.2fx %10.1f %10zu %10zu\n", std::string(curveInfo(curve).displayName).c_str(),
-                    plainRate, tableRate, tableRate / plainRate, build * 1000, heap / 1024,
-                    tables.tableBytes() / 1024);
+        std::printf("%-16s %12.0f %12.0f %6.2fx %10.1f %10zu %10zu\n",
+                    std::string(curveInfo(curve).displayName).c_str(), plainRate, tableRate, tableRate / plainRate,
+                    build * 1000, heap / 1024, tables.tableBytes() / 1024);
     }
     return 0;
 }

@@ -29,7 +29,8 @@ int main(int argc, char** argv)
         char name[32];
         std::snprintf(name, sizeof(name), "%03zu.jpg", i);
         std::ofstream(dir + "/" + name, std::ios::binary)
-            .write(reinterpret_cast<const char*>(series[i].jpeg.data()), static_cast<std::streamsize>(series[i].jpeg.size()));
+            .write(reinterpret_cast<const char*>(series[i].jpeg.data()),
+                   static_cast<std::streamsize>(series[i].jpeg.size()));
         expected << name << "\t" << series[i].text << "\t" << series[i].name << "\n";
     }
     return 0;

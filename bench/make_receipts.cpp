@@ -39,6 +39,7 @@ int main(int argc, char** argv)
     }
     const tse::Signer signer(curve->curve);
     const int64_t start = 1700000000;
-    for (long i = 1; i <= count; ++i) std::cout << receiptText(signer, static_cast<uint64_t>(i), start + 30 * i) << '\n';
+    for (long i = 1; i <= count; ++i)
+        std::cout << receiptText(signer, static_cast<uint64_t>(i), start + 30 * i) << '\n';
     return 0;
 }

@@ -8,8 +8,8 @@
 #include "algorithms.h"
 #include "bytes.h"
 #include "log_message.h"
-#include "public_key.h"
 #include "log_verify.h"
+#include "public_key.h"
 
 namespace {
 
@@ -17,12 +17,11 @@ namespace {
 // that inputs near them reach the signature check itself.
 const tse::PublicKey& fixedKey()
 {
-    static constexpr std::string_view PEM =
-        "-----BEGIN PUBLIC KEY-----\n"
-        "MHYwEAYHKoZIzj0CAQYFK4EEACIDYgAEeu/sgADuI4imEqOS/QQZtJhTZOPH7Wcc\n"
-        "TG8Lm2nYHVrC1MjPxZNOSs6LCQLDwwDOyC+60n+pg7VlYL+0Xn3gxEAQKJGP4Vkb\n"
-        "En7t+/PCbW8Vg8BozXLRWa8+gCDnY7EP\n"
-        "-----END PUBLIC KEY-----\n";
+    static constexpr std::string_view PEM = "-----BEGIN PUBLIC KEY-----\n"
+                                            "MHYwEAYHKoZIzj0CAQYFK4EEACIDYgAEeu/sgADuI4imEqOS/QQZtJhTZOPH7Wcc\n"
+                                            "TG8Lm2nYHVrC1MjPxZNOSs6LCQLDwwDOyC+60n+pg7VlYL+0Xn3gxEAQKJGP4Vkb\n"
+                                            "En7t+/PCbW8Vg8BozXLRWa8+gCDnY7EP\n"
+                                            "-----END PUBLIC KEY-----\n";
     static const tse::PublicKey key = tse::keyFromSubjectPublicKeyInfo(PEM).value();
     return key;
 }

@@ -20,12 +20,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             dialect.encoding = encoding;
             dialect.headerLine = header;
             size_t lastLine = 0;
-            const tse::CsvRead read = tse::readCsv(input, dialect, declared,
-                                                   [&](const std::vector<std::string>& columns, const tse::CsvRecord& record) {
-                                                       if (record.fields.size() != columns.size()) std::abort();
-                                                       if (record.line <= lastLine) std::abort();
-                                                       lastLine = record.line;
-                                                   });
+            const tse::CsvRead read = tse::readCsv(
+                input, dialect, declared, [&](const std::vector<std::string>& columns, const tse::CsvRecord& record) {
+                    if (record.fields.size() != columns.size()) std::abort();
+                    if (record.line <= lastLine) std::abort();
+                    lastLine = record.line;
+                });
             for (const tse::CsvProblem& problem : read.problems) {
                 if (problem.line == 0 || problem.message.empty()) std::abort();
             }

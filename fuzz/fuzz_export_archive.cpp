@@ -28,11 +28,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     source.kind = tse::ExportSource::Kind::Archive;
     source.paths = {"/proc/self/fd/" + std::to_string(fd)};
     size_t members = 0;
-    const tse::Result<tse::ExportRead> read = tse::readExportSource(source, MAX_MEMBER_SIZE, [&](tse::ExportMember&& member) {
-        ++members;
-        if (!member.contents && member.contents.error().message.empty()) std::abort();
-        if (member.contents && member.contents->size() > MAX_MEMBER_SIZE) std::abort();
-    });
+    const tse::Result<tse::ExportRead> read =
+        tse::readExportSource(source, MAX_MEMBER_SIZE, [&](tse::ExportMember&& member) {
+            ++members;
+            if (!member.contents && member.contents.error().message.empty()) std::abort();
+            if (member.contents && member.contents->size() > MAX_MEMBER_SIZE) std::abort();
+        });
     if (!read && read.error().message.empty()) std::abort();
     if (read && read->members > members) std::abort();
     close(fd);

@@ -18,10 +18,7 @@ struct CurveKeys {
     tse::Signer signer;
     tse::KeyVerifier fast;
 
-    explicit CurveKeys(tse::Curve curve)
-        : signer(curve), fast(signer.publicKey(), 0, tse::KeyVerifier::Path::Tables)
-    {
-    }
+    explicit CurveKeys(tse::Curve curve) : signer(curve), fast(signer.publicKey(), 0, tse::KeyVerifier::Path::Tables) {}
 };
 
 CurveKeys& keys(size_t index)

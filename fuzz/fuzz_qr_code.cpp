@@ -18,10 +18,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         const std::vector<uint8_t> signature = builder.getSignature();
         const std::vector<uint8_t> message = builder.getASN1Data();
         const size_t headerSize = message.size() < 259 ? 3 : 4;
-        verifySignatureFromQR(message.data() + headerSize,
-                              static_cast<uint32_t>(message.size() - headerSize),
-                              signature.data(), static_cast<uint32_t>(signature.size()),
-                              publicKey.data(), static_cast<int32_t>(publicKey.size()));
+        verifySignatureFromQR(message.data() + headerSize, static_cast<uint32_t>(message.size() - headerSize),
+                              signature.data(), static_cast<uint32_t>(signature.size()), publicKey.data(),
+                              static_cast<int32_t>(publicKey.size()));
     } catch (int) {
         // The parser, the derivations and the builder give up this way.
     } catch (const std::invalid_argument&) {

@@ -16,7 +16,7 @@ void appendEscaped(std::string& out, std::string_view text);
 std::string escaped(std::string_view text);
 
 struct Attribute {
-    std::string_view name;  // written by this program, never from the input
+    std::string_view name;   // written by this program, never from the input
     std::string_view value;  // escaped
 };
 

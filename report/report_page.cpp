@@ -288,7 +288,8 @@ void ReportPage::table(const Table& table)
     const bool closed = table.rows > OPEN_TABLE_ROWS;
     Html html(buffer_);
     html.trusted(closed ? "<details class=\"closed\">" : "<details open>").open("summary");
-    html.text(table.caption + " (" + std::to_string(table.rows) + (table.rows == 1 ? " row)" : " rows)")).close("summary");
+    html.text(table.caption + " (" + std::to_string(table.rows) + (table.rows == 1 ? " row)" : " rows)"))
+        .close("summary");
     html.open("table", {{"class", "logs"}}).trusted("<thead><tr>");
     for (const std::string& column : table.columns) html.trusted("<th>").text(column);
     html.trusted("</tr></thead><tbody>\n");
@@ -309,8 +310,9 @@ void ReportPage::table(const Table& table)
     }
     html.trusted("</tbody></table></details>");
     if (closed) {
-        html.element("p", "The " + std::to_string(table.rows) +
-                              " rows are not printed; the HTML file holds them (open the list) and so does --csv.",
+        html.element("p",
+                     "The " + std::to_string(table.rows) +
+                         " rows are not printed; the HTML file holds them (open the list) and so does --csv.",
                      {{"class", "print-only"}});
     }
     flush();

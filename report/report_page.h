@@ -35,7 +35,7 @@ struct Fact {
 };
 
 struct PageHead {
-    std::string title;        // "TSE export audit"
+    std::string title;  // "TSE export audit"
     Verdict verdict = Verdict::Passed;
     std::string verdictLine;  // "17 logs, 1 error, 2 warnings", after the verdict
     std::vector<InputFile> inputs;

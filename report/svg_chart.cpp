@@ -51,7 +51,8 @@ void svgText(std::string& out, double x, double y, std::string_view text, std::s
     out += "</text>";
 }
 
-void openSvg(std::string& out, double height, std::string_view id, const std::string& title, const std::string& description)
+void openSvg(std::string& out, double height, std::string_view id, const std::string& title,
+             const std::string& description)
 {
     const std::string prefix(id);
     out += "<svg xmlns=\"http://www.w3.org/2000/svg\" class=\"chart\" viewBox=\"0 0 " + num(WIDTH) + " " + num(height) +
@@ -88,15 +89,16 @@ void marker(std::string& out, Marker shape, double x, double y, const char* colo
     switch (shape) {
     case Marker::Circle: out += "<circle cx=\"" + num(x) + "\" cy=\"" + num(y) + "\" r=\"3.5\" " + fill + "/>"; break;
     case Marker::Square:
-        out += "<rect x=\"" + num(x - 3.2) + "\" y=\"" + num(y - 3.2) + "\" width=\"6.4\" height=\"6.4\" " + fill + "/>";
+        out +=
+            "<rect x=\"" + num(x - 3.2) + "\" y=\"" + num(y - 3.2) + "\" width=\"6.4\" height=\"6.4\" " + fill + "/>";
         break;
     case Marker::Diamond:
         out += "<path d=\"M" + num(x) + "," + num(y - 4.5) + "L" + num(x + 4.5) + "," + num(y) + "L" + num(x) + "," +
                num(y + 4.5) + "L" + num(x - 4.5) + "," + num(y) + "Z\" " + fill + "/>";
         break;
     case Marker::Triangle:
-        out += "<path d=\"M" + num(x) + "," + num(y - 5) + "L" + num(x + 5) + "," + num(y + 4) + "L" + num(x - 5) + "," +
-               num(y + 4) + "Z\" " + fill + "/>";
+        out += "<path d=\"M" + num(x) + "," + num(y - 5) + "L" + num(x + 5) + "," + num(y + 4) + "L" + num(x - 5) +
+               "," + num(y + 4) + "Z\" " + fill + "/>";
         break;
     case Marker::Cross:
         out += "<path d=\"M" + num(x - 4) + "," + num(y - 4) + "L" + num(x + 4) + "," + num(y + 4) + "M" + num(x - 4) +
@@ -228,12 +230,14 @@ std::vector<Tick> timeTicks(int64_t low, int64_t high, int count)
     }
     const int64_t span = high - low;
     constexpr int64_t DAY = 86400;
-    const std::array<int64_t, 20> steps{1, 2, 5, 10, 15, 30, 60, 300, 900, 1800, 3600, 3 * 3600, 6 * 3600, 12 * 3600, DAY, 2 * DAY, 7 * DAY,
-                                        14 * DAY, 0, 0};
+    const std::array<int64_t, 20> steps{1,    2,        5,        10,        15,  30,      60,      300,      900, 1800,
+                                        3600, 3 * 3600, 6 * 3600, 12 * 3600, DAY, 2 * DAY, 7 * DAY, 14 * DAY, 0,   0};
     for (const int64_t step : steps) {
         if (step == 0) break;
         if (span / step <= count) {
-            const TimeDetail detail = step < 60 ? TimeDetail::Second : step < DAY ? TimeDetail::Minute : TimeDetail::Day;
+            const TimeDetail detail = step < 60    ? TimeDetail::Second
+                                      : step < DAY ? TimeDetail::Minute
+                                                   : TimeDetail::Day;
             // Whole steps from midnight; weeks start on a Monday.
             const int64_t origin = step == 7 * DAY || step == 14 * DAY ? 4 * DAY : 0;
             int64_t at = low - origin;
@@ -275,14 +279,13 @@ std::vector<Point> downsample(const std::vector<Point>& points, size_t columns)
     std::vector<Point> out;
     size_t i = 0;
     while (i < points.size()) {
-        const size_t column = high > low ? static_cast<size_t>((points[i].x - low) / (high - low) *
-                                                               static_cast<double>(columns - 1))
-                                         : 0;
+        const size_t column =
+            high > low ? static_cast<size_t>((points[i].x - low) / (high - low) * static_cast<double>(columns - 1)) : 0;
         Point lowest = points[i], highest = points[i];
         size_t j = i;
-        while (j < points.size() && (high > low ? static_cast<size_t>((points[j].x - low) / (high - low) *
-                                                                    static_cast<double>(columns - 1))
-                                                : 0) == column) {
+        while (j < points.size() &&
+               (high > low ? static_cast<size_t>((points[j].x - low) / (high - low) * static_cast<double>(columns - 1))
+                           : 0) == column) {
             if (points[j].y < lowest.y) lowest = points[j];
             if (points[j].y > highest.y) highest = points[j];
             ++j;
@@ -374,7 +377,8 @@ LegendEntry drawMarks(std::string& out, const MarkedPoints& m, const char* colou
 std::string lineChart(const XYChart& chart, std::string_view id)
 {
     const Bounds bounds = boundsOf(chart);
-    const double plotBottom = 250, height = 330 + 18.0 * static_cast<double>((chart.series.size() + chart.marks.size()) / 4);
+    const double plotBottom = 250,
+                 height = 330 + 18.0 * static_cast<double>((chart.series.size() + chart.marks.size()) / 4);
     std::string out;
     openSvg(out, height, id, chart.title, chart.description);
     const Scale x{padded(bounds.xLow, bounds.xHigh, false), padded(bounds.xLow, bounds.xHigh, true), LEFT,
@@ -438,8 +442,9 @@ std::string barChart(const BarChart& chart, std::string_view id)
     }
     std::vector<LegendEntry> entries;
     for (size_t l = 0; l < chart.layers.size(); ++l) {
-        entries.push_back(LegendEntry{chart.layers[l].name, "<rect x=\"-9\" y=\"-6\" width=\"18\" height=\"12\" fill=\"" +
-                                                                fillOf(id, l) + "\" stroke=\"#333\"/>"});
+        entries.push_back(
+            LegendEntry{chart.layers[l].name, "<rect x=\"-9\" y=\"-6\" width=\"18\" height=\"12\" fill=\"" +
+                                                  fillOf(id, l) + "\" stroke=\"#333\"/>"});
     }
     legend(out, entries, plotBottom + 40);
     out += "</svg>";
@@ -468,7 +473,8 @@ std::string intervalChart(const IntervalChart& chart, std::string_view id)
     const double highD = padded(static_cast<double>(low), static_cast<double>(high), true);
     const Scale x{lowD, highD, LEFT + 150, LEFT + PLOT_WIDTH};
     if (chart.band) {
-        const double from = x.at(static_cast<double>(chart.band->first)), to = x.at(static_cast<double>(chart.band->second));
+        const double from = x.at(static_cast<double>(chart.band->first)),
+                     to = x.at(static_cast<double>(chart.band->second));
         out += "<rect x=\"" + num(from) + "\" y=\"" + num(plotTop - 4) + "\" width=\"" + num(std::max(to - from, 1.5)) +
                "\" height=\"" + num(plotBottom - plotTop + 4) + "\" fill=\"" + fillOf(id, 2) +
                "\" stroke=\"#009E73\" stroke-dasharray=\"4 2\"/>";
@@ -497,8 +503,8 @@ std::string intervalChart(const IntervalChart& chart, std::string_view id)
     out += "<path d=\"M" + num(x.from) + "," + num(plotBottom) + "H" + num(x.to) + "\" class=\"frame\"/>";
     if (chart.band) {
         legend(out,
-               {LegendEntry{chart.bandName, "<rect x=\"-9\" y=\"-6\" width=\"18\" height=\"12\" fill=\"" + fillOf(id, 2) +
-                                                "\" stroke=\"#009E73\" stroke-dasharray=\"4 2\"/>"}},
+               {LegendEntry{chart.bandName, "<rect x=\"-9\" y=\"-6\" width=\"18\" height=\"12\" fill=\"" +
+                                                fillOf(id, 2) + "\" stroke=\"#009E73\" stroke-dasharray=\"4 2\"/>"}},
                plotBottom + 40);
     }
     out += "</svg>";

@@ -25,7 +25,7 @@ std::vector<Tick> numberTicks(double low, double high, int count);
 // About `count` ticks at whole minutes, hours, days, months or years (UTC),
 // labelled as dates, with the time of day when the span is short.
 std::vector<Tick> timeTicks(int64_t low, int64_t high, int count);
-std::string formatNumber(double value);                // "12,345", "2.5"
+std::string formatNumber(double value);  // "12,345", "2.5"
 enum class TimeDetail { Day, Minute, Second };
 // "2023-11-14", "2023-11-14 22:13", "2023-11-14 22:13:20" (UTC)
 std::string formatTime(int64_t seconds, TimeDetail detail = TimeDetail::Day);

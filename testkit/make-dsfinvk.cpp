@@ -80,7 +80,8 @@ int encodeKey(const void* key, unsigned char** out)
 
 std::string timeFormatName(const tse::LogTime& time)
 {
-    if (time.format == tse::TimeFormat::GeneralizedTime && !time.fraction.empty()) return "generalizedTimeWithMilliseconds";
+    if (time.format == tse::TimeFormat::GeneralizedTime && !time.fraction.empty())
+        return "generalizedTimeWithMilliseconds";
     return std::string(tse::timeFormatName(time.format));
 }
 
@@ -89,7 +90,8 @@ void readCertificates(const Bytes& contents, bool spkiKey, std::map<std::string,
     for (const tse::Certificate& certificate : tse::loadCertificates(contents).value_or({})) {
         if (!certificate.key()) continue;
         TseInfo key;
-        key.keyBase64 = tse::toBase64(spkiKey ? der(encodeKey, certificate.key()->evpKey()) : certificate.key()->point());
+        key.keyBase64 =
+            tse::toBase64(spkiKey ? der(encodeKey, certificate.key()->evpKey()) : certificate.key()->point());
         key.certificateBase64 = tse::toBase64(der(encodeCertificate, certificate.x509()));
         keys.emplace(tse::toHex(certificate.key()->serialNumber()), key);
     }
@@ -106,7 +108,8 @@ void readLog(const Bytes& contents, std::vector<Sale>& sales, Starts& starts)
     const std::optional<uint64_t> number = m.transactionNumber();
     if (!number) return;
     const std::string operation = tse::asciiLower(m.operation());
-    if (operation.rfind("start", 0) == 0) starts.emplace(std::make_pair(tse::toHex(m.serialNumber), *number), m.logTime.seconds);
+    if (operation.rfind("start", 0) == 0)
+        starts.emplace(std::make_pair(tse::toHex(m.serialNumber), *number), m.logTime.seconds);
     if (operation.rfind("finish", 0) != 0) return;
     Sale sale;
     sale.serial = tse::toHex(m.serialNumber);
@@ -132,12 +135,13 @@ void readTse(const Options& options, std::vector<Sale>& sales, std::map<std::str
     const tse::Result<std::vector<tse::ExportSource>> grouping = tse::groupExportPaths(options.tse);
     if (!grouping) throw std::runtime_error(grouping.error().message);
     for (const tse::ExportSource& source : *grouping) {
-        const tse::Result<tse::ExportRead> read = tse::readExportSource(source, 16u << 20, [&](tse::ExportMember&& member) {
-            if (!member.contents) return;
-            const tse::MemberKind kind = tse::classifyMember(member.name);
-            if (kind == tse::MemberKind::Certificate) readCertificates(*member.contents, options.spkiKey, keys);
-            if (kind == tse::MemberKind::Log) readLog(*member.contents, sales, starts);
-        });
+        const tse::Result<tse::ExportRead> read =
+            tse::readExportSource(source, 16u << 20, [&](tse::ExportMember&& member) {
+                if (!member.contents) return;
+                const tse::MemberKind kind = tse::classifyMember(member.name);
+                if (kind == tse::MemberKind::Certificate) readCertificates(*member.contents, options.spkiKey, keys);
+                if (kind == tse::MemberKind::Log) readLog(*member.contents, sales, starts);
+            });
         if (!read) throw std::runtime_error(read.error().message);
     }
     for (Sale& sale : sales) {
@@ -194,7 +198,8 @@ PlanOptions planOptions(const Options& options)
     } catch (const std::logic_error&) {
         plan.parts = 0;
     }
-    if (plan.part < 1 || plan.part > plan.parts || plan.parts > 1000) throw std::runtime_error("--part must be K/N with 1 <= K <= N <= 1000");
+    if (plan.part < 1 || plan.part > plan.parts || plan.parts > 1000)
+        throw std::runtime_error("--part must be K/N with 1 <= K <= N <= 1000");
     return plan;
 }
 
@@ -263,16 +268,20 @@ int runProgram(int argc, char** argv)
     for (const Defect& defect : defects()) defectNames.emplace_back(defect.name);
     std::vector<std::string> variantNames;
     for (const auto& variant : VARIANTS) variantNames.emplace_back(variant.first);
-    app.add_option("--defect", options.defect, "Plant one defect (--list-defects shows them)")->check(CLI::IsMember(defectNames));
+    app.add_option("--defect", options.defect, "Plant one defect (--list-defects shows them)")
+        ->check(CLI::IsMember(defectNames));
     app.add_option("--variant", options.variants,
                    "Write as writers seen in the field do: empty-zero-amounts (line amounts left empty when zero), "
                    "no-cashless-currency-row (no base-currency row in cash_per_currency.csv without cash), "
                    "vat-from-lines (line net to the cent, a receipt's net the sum of its lines')")
         ->check(CLI::IsMember(variantNames));
-    app.add_option("--part", options.part, "Only part K of N of the sales, e.g. 1/2 (consecutive periods of whole days)");
-    app.add_option("--lines", options.lines, "Line items a sale, spread over its VAT keys (default: one to three a key)")
+    app.add_option("--part", options.part,
+                   "Only part K of N of the sales, e.g. 1/2 (consecutive periods of whole days)");
+    app.add_option("--lines", options.lines,
+                   "Line items a sale, spread over its VAT keys (default: one to three a key)")
         ->check(CLI::Range(size_t{1}, size_t{1000}));
-    app.add_flag("--spki-key", options.spkiKey, "Write TSE_PUBLIC_KEY as SubjectPublicKeyInfo instead of the raw point");
+    app.add_flag("--spki-key", options.spkiKey,
+                 "Write TSE_PUBLIC_KEY as SubjectPublicKeyInfo instead of the raw point");
     app.add_flag("--terminals", options.terminals, "One register; every client ID a terminal of it (slaves.csv)");
     app.add_flag_callback(
         "--list-defects",

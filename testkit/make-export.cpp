@@ -53,7 +53,7 @@ struct Options {
     std::string client = "KASSE-01";
     uint64_t firstCounter = 1;
     unsigned jobs = tse::defaultJobs();
-    std::string start;  // ISO 8601 time of the first transaction's Start log
+    std::string start;                        // ISO 8601 time of the first transaction's Start log
     int64_t interval = LOGS_PER_TRANSACTION;  // seconds from one transaction's Start to the next
     bool varied = false;
     int64_t firstLogTime = FIRST_LOG_TIME;  // from `start`
@@ -205,7 +205,8 @@ std::vector<PlannedLog> plan(const Options& options, const tse::Signer& signer)
         log.seconds = log.nameSeconds = seconds++;
         log.signer = &signer;
         log.client = options.client;
-        if (options.varied && type == tse::LogType::Transaction) std::tie(log.processType, log.processData) = variedSale(transaction);
+        if (options.varied && type == tse::LogType::Transaction)
+            std::tie(log.processType, log.processData) = variedSale(transaction);
         logs.push_back(log);
     };
     add(tse::LogType::Audit, "", 0);
@@ -291,7 +292,9 @@ const Defect DEFECTS[] = {
      nullptr},
     {"certificate-chain", FindingCode::CertificateChain, nullptr, nullptr, CertificatePlant::ValidFromMiddle},
     {"unexpected-member", FindingCode::UnexpectedMember, nullptr,
-     [](std::vector<Member>& members, size_t) { members.push_back(Member{"notes.txt", Bytes{'h', 'i', '\n'}}); }},
+     [](std::vector<Member>& members, size_t) {
+         members.push_back(Member{"notes.txt", Bytes{'h', 'i', '\n'}});
+     }},
     {"ca-expired", FindingCode::CertificateChain, nullptr, nullptr, CertificatePlant::CaExpired},
     {"certificate-renamed", FindingCode::NameMismatch, nullptr, nullptr, CertificatePlant::Renamed},
     {"ecsdsa", FindingCode::SignatureInvalid,
@@ -335,9 +338,11 @@ std::vector<Member> exportMembers(const Options& options)
 
     // A certificate valid from the middle transaction on leaves the logs
     // before it outside its validity.
-    const int64_t notBefore =
-        defect.certificate == CertificatePlant::ValidFromMiddle ? logs[middleUpdate(options)].seconds : options.firstLogTime - 86400;
-    const std::string info = "\"description:\",\"synthetic export\",\"manufacturer:\",\"make-export\",\"version:\",\"1.0\"\n";
+    const int64_t notBefore = defect.certificate == CertificatePlant::ValidFromMiddle
+                                  ? logs[middleUpdate(options)].seconds
+                                  : options.firstLogTime - 86400;
+    const std::string info =
+        "\"description:\",\"synthetic export\",\"manufacturer:\",\"make-export\",\"version:\",\"1.0\"\n";
     // Certificates and info.csv first, as devices write them.
     members.insert(members.begin(), {Member{"info.csv", Bytes(info.begin(), info.end())}});
     std::string pem = signer.selfSignedCertificatePem("Synthetic TSE", notBefore, 3650);
@@ -348,15 +353,17 @@ std::vector<Member> exportMembers(const Options& options)
         pem = signer.issuedCertificatePem("Synthetic TSE", ca, "Synthetic CA", notBefore, 3650);
         members.insert(members.begin(), Member{"Synthetic-CA_X509.pem", Bytes(caPem.begin(), caPem.end())});
     }
-    const std::string named = defect.certificate == CertificatePlant::Renamed ? tse::toHex(foreign.publicKey().serialNumber())
-                                                                       : tse::toHex(signer.publicKey().serialNumber());
+    const std::string named = defect.certificate == CertificatePlant::Renamed
+                                  ? tse::toHex(foreign.publicKey().serialNumber())
+                                  : tse::toHex(signer.publicKey().serialNumber());
     members.insert(members.begin(), Member{named + "_X509.pem", Bytes(pem.begin(), pem.end())});
     return members;
 }
 
 void check(archive* a, int status)
 {
-    if (status < ARCHIVE_WARN) throw std::runtime_error(archive_error_string(a) ? archive_error_string(a) : "archive error");
+    if (status < ARCHIVE_WARN)
+        throw std::runtime_error(archive_error_string(a) ? archive_error_string(a) : "archive error");
 }
 
 void writeArchive(const std::string& path, const std::string& format, const std::vector<Member>& members, int64_t mtime)

@@ -116,15 +116,14 @@ int main(int argc, char* argv[])
     const std::string qr = receiptText(*signer, signature);
     const pictures::Picture photo = pictures::shaded(pictures::rotated(pictures::receipt({qr}, 4), -6), 0.4);
     const pictures::Bytes picture = pictures::png(photo);
-    const std::string certificate = signer->selfSignedCertificatePem("Demo TSE (not a real device)",
-                                                                     std::time(nullptr), CERTIFICATE_DAYS);
+    const std::string certificate =
+        signer->selfSignedCertificatePem("Demo TSE (not a real device)", std::time(nullptr), CERTIFICATE_DAYS);
 
-    const bool written =
-        writeFile(dir + "/demo-tse-certificate.pem", certificate) &&
-        writeFile(dir + "/Unixt_1627903738_Sig-1207_Log-Tra_No-538_Finish_Client-DEMO-KASSE-01.log",
-                  tse::ByteView(log).text()) &&
-        writeFile(dir + "/demo-receipt-qr-code.txt", qr + "\n") &&
-        writeFile(dir + "/demo-receipt.png", tse::ByteView(picture).text());
+    const bool written = writeFile(dir + "/demo-tse-certificate.pem", certificate) &&
+                         writeFile(dir + "/Unixt_1627903738_Sig-1207_Log-Tra_No-538_Finish_Client-DEMO-KASSE-01.log",
+                                   tse::ByteView(log).text()) &&
+                         writeFile(dir + "/demo-receipt-qr-code.txt", qr + "\n") &&
+                         writeFile(dir + "/demo-receipt.png", tse::ByteView(picture).text());
     if (!written) {
         std::cerr << "cannot write the samples to " << dir << "\n";
         return 1;

@@ -27,10 +27,9 @@ struct DatedRate {
 // second half of 2020), key 3 the average rate for farmers in force, key 4
 // that for forestry; 5 to 7 carry no VAT.
 const DatedRate RATES[] = {
-    {1, 1900, 1, 1, 1900}, {1, 2020, 7, 1, 1600}, {1, 2021, 1, 1, 1900},
-    {2, 1900, 1, 1, 700},  {2, 2020, 7, 1, 500},  {2, 2021, 1, 1, 700},
-    {3, 1900, 1, 1, 1070}, {3, 2022, 1, 1, 950},  {3, 2023, 1, 1, 900}, {3, 2024, 12, 6, 840}, {3, 2025, 1, 1, 780},
-    {4, 1900, 1, 1, 550},  {5, 1900, 1, 1, 0},    {6, 1900, 1, 1, 0},   {7, 1900, 1, 1, 0},
+    {1, 1900, 1, 1, 1900}, {1, 2020, 7, 1, 1600}, {1, 2021, 1, 1, 1900}, {2, 1900, 1, 1, 700}, {2, 2020, 7, 1, 500},
+    {2, 2021, 1, 1, 700},  {3, 1900, 1, 1, 1070}, {3, 2022, 1, 1, 950},  {3, 2023, 1, 1, 900}, {3, 2024, 12, 6, 840},
+    {3, 2025, 1, 1, 780},  {4, 1900, 1, 1, 550},  {5, 1900, 1, 1, 0},    {6, 1900, 1, 1, 0},   {7, 1900, 1, 1, 0},
 };
 
 // n / d rounded half away from zero, d > 0.
@@ -98,7 +97,8 @@ std::string decimalText(int64_t units, int decimals)
 {
     const bool negative = units < 0;
     std::string digits = std::to_string(negative ? -units : units);
-    if (digits.size() <= static_cast<size_t>(decimals)) digits.insert(0, static_cast<size_t>(decimals) + 1 - digits.size(), '0');
+    if (digits.size() <= static_cast<size_t>(decimals))
+        digits.insert(0, static_cast<size_t>(decimals) + 1 - digits.size(), '0');
     const size_t point = digits.size() - static_cast<size_t>(decimals);
     return (negative ? "-" : "") + digits.substr(0, point) + (decimals ? "," + digits.substr(point) : "");
 }

@@ -101,7 +101,8 @@ Book planBook(const std::vector<Sale>& sales, const std::map<std::string, TseInf
         Receipt receipt = receiptOf(sale, bon, options.lines);
         if (options.terminals) receipt.terminal = book.terminals[sale.clientId];
         closing.created = std::max(closing.created, receipt.end + 1);
-        if (std::find(closing.tses.begin(), closing.tses.end(), sale.serial) == closing.tses.end()) closing.tses.push_back(sale.serial);
+        if (std::find(closing.tses.begin(), closing.tses.end(), sale.serial) == closing.tses.end())
+            closing.tses.push_back(sale.serial);
         closing.receipts.push_back(std::move(receipt));
         if (!book.tses.count(sale.serial)) {
             const auto key = keys.find(sale.serial);

@@ -102,7 +102,7 @@ struct Closing {
     int64_t day = 0;      // the German business day, days since 1970-01-01
     std::vector<Receipt> receipts;
     std::vector<std::string> tses;  // the serials of its TSEs: TSE_ID 1, 2, ...
-    std::map<int, int64_t> rates;  // a key's rate where vat.csv says another than the law
+    std::map<int, int64_t> rates;   // a key's rate where vat.csv says another than the law
     ClosingTotals totals;
 };
 
@@ -110,13 +110,13 @@ struct Closing {
 struct Variants {
     bool emptyZeroAmounts = false;       // line amounts left empty when zero
     bool noCashlessCurrencyRow = false;  // no base-currency cash row when no cash was taken
-    bool vatFromLines = false;           // line net to the cent, a receipt's net the sum of its lines' 
+    bool vatFromLines = false;           // line net to the cent, a receipt's net the sum of its lines'
 };
 
 struct Book {
-    std::vector<Closing> closings;  // in the order they were opened
-    std::map<std::string, TseInfo> tses;            // by serial
-    std::map<std::string, std::string> terminals;   // client ID -> TERMINAL_ID (--terminals)
+    std::vector<Closing> closings;                    // in the order they were opened
+    std::map<std::string, TseInfo> tses;              // by serial
+    std::map<std::string, std::string> terminals;     // client ID -> TERMINAL_ID (--terminals)
     std::map<std::string, uint64_t> lastTransaction;  // by serial, over every part
     Variants variants;
     // What defects change in the writing.

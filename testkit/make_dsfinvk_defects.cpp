@@ -26,7 +26,8 @@ Receipt& receiptAt(Book& book, ReceiptAt at)
 std::vector<ReceiptAt> receiptsFor(const Book& book, const Fits& fits, const char* what)
 {
     std::vector<ReceiptAt> found = receiptsWhere(book, fits);
-    if (found.empty()) throw std::runtime_error(std::string("the bookkeeping holds no ") + what + " to plant the defect in");
+    if (found.empty())
+        throw std::runtime_error(std::string("the bookkeeping holds no ") + what + " to plant the defect in");
     return found;
 }
 
@@ -74,7 +75,8 @@ size_t middleClosing(const Book& book, bool several)
         for (const auto& entry : byRegister) {
             if (entry.second.size() > candidates.size()) candidates = entry.second;
         }
-        if (candidates.size() < 2) throw std::runtime_error("the defect needs a register with two closings in the bookkeeping");
+        if (candidates.size() < 2)
+            throw std::runtime_error("the defect needs a register with two closings in the bookkeeping");
     }
     if (candidates.empty()) throw std::runtime_error("the bookkeeping holds no closing to plant the defect in");
     return candidates[candidates.size() / 2];
@@ -100,7 +102,8 @@ void rowDropped(Book& book)
 
 void amountEdited(Book& book)
 {
-    std::string& data = receiptAt(book, middleOf(book, signedReceipt, "Kassenbeleg-V1 receipt")).tse.front().processData;
+    std::string& data =
+        receiptAt(book, middleOf(book, signedReceipt, "Kassenbeleg-V1 receipt")).tse.front().processData;
     const size_t digit = data.find_first_of("123456789");
     if (digit == std::string::npos) data += "0";
     else data[digit] = data[digit] == '9' ? '1' : static_cast<char>(data[digit] + 1);
@@ -209,7 +212,8 @@ void closingGap(Book& book)
 void bonDuplicate(Book& book)
 {
     const size_t closing = middleClosing(book, true);
-    if (book.closings[closing].receipts.empty()) throw std::runtime_error("bon-duplicate needs a closing with receipts");
+    if (book.closings[closing].receipts.empty())
+        throw std::runtime_error("bon-duplicate needs a closing with receipts");
     renumber(book, closing, 0, -1);
 }
 
@@ -297,29 +301,101 @@ const std::vector<Defect>& defects()
 {
     static const std::vector<Defect> table = {
         {"row-dropped", {"transaction-unbooked"}, "a sale's transactions_tse.csv row left out", false, rowDropped},
-        {"amount-edited", {"signature-invalid", "transaction-differs"}, "a digit of a row's processData changed", false, amountEdited},
+        {"amount-edited",
+         {"signature-invalid", "transaction-differs"},
+         "a digit of a row's processData changed",
+         false,
+         amountEdited},
         {"local-time", {"local-time"}, "a TSE_TA_ENDE in German local time without zone", false, localTime},
-        {"tse-failure", {"unsigned-but-signed"}, "a signed sale booked as a TSE failure, its transaction number kept", false, tseFailure},
-        {"extra-row", {"signature-invalid", "transaction-unknown"}, "a sale booked again under a transaction number the TSE never gave", false, extraRow},
+        {"tse-failure",
+         {"unsigned-but-signed"},
+         "a signed sale booked as a TSE failure, its transaction number kept",
+         false,
+         tseFailure},
+        {"extra-row",
+         {"signature-invalid", "transaction-unknown"},
+         "a sale booked again under a transaction number the TSE never gave",
+         false,
+         extraRow},
         {"old-column", {}, "processData under the older column name TSE_TA_VORGANGSDATEN", false, oldColumn},
         {"wrong-serial", {"serial-mismatch"}, "a TSE_SERIAL that is not the SHA-256 of the key", false, wrongSerial},
-        {"malformed-line", {"csv-malformed"}, "a receipt's row written again, with a quote inside an unquoted field", false, malformedLine},
-        {"amounts-differ", {"amounts-differ"}, "a sale booked with 1.00 more than signed, in every table", false, amountsDiffer},
-        {"reference-missing", {"reference-missing"}, "a references.csv row naming a receipt that does not exist", false, referenceMissing},
-        {"receipt-sum-differs", {"receipt-sum-differs"}, "a line 1.00 above its receipt's VAT table", false, receiptSumDiffers},
-        {"closing-sum-differs", {"closing-sum-differs"}, "a closing's Z_SE_BARZAHLUNGEN 10.00 below its cash payments", true, closingSumDiffers},
+        {"malformed-line",
+         {"csv-malformed"},
+         "a receipt's row written again, with a quote inside an unquoted field",
+         false,
+         malformedLine},
+        {"amounts-differ",
+         {"amounts-differ"},
+         "a sale booked with 1.00 more than signed, in every table",
+         false,
+         amountsDiffer},
+        {"reference-missing",
+         {"reference-missing"},
+         "a references.csv row naming a receipt that does not exist",
+         false,
+         referenceMissing},
+        {"receipt-sum-differs",
+         {"receipt-sum-differs"},
+         "a line 1.00 above its receipt's VAT table",
+         false,
+         receiptSumDiffers},
+        {"closing-sum-differs",
+         {"closing-sum-differs"},
+         "a closing's Z_SE_BARZAHLUNGEN 10.00 below its cash payments",
+         true,
+         closingSumDiffers},
         {"closing-gap", {"closing-gap"}, "a register's closing numbers skip one", false, closingGap},
-        {"bon-duplicate", {"bon-duplicate"}, "a closing's first receipt numbered as the last of the closing before", false, bonDuplicate},
+        {"bon-duplicate",
+         {"bon-duplicate"},
+         "a closing's first receipt numbered as the last of the closing before",
+         false,
+         bonDuplicate},
         {"bon-gap", {"bon-gap"}, "a register's receipt numbers skip one", false, bonGap},
-        {"receipt-outside-closing", {"receipt-outside-closing"}, "a receipt ending a minute after its closing", false, receiptOutsideClosing},
-        {"vat-rate-wrong", {"vat-rate-wrong"}, "vat.csv of a closing gives key 1 the rate of the other half of 2020", false, vatRateWrong},
-        {"unsigned-but-signed", {"unsigned-but-signed"}, "a signed sale booked as a TSE failure without number, times and signature", false, unsignedButSigned},
-        {"failure-while-signing", {"unsigned-transaction", "failure-while-signing"}, "an unsigned sale booked as a TSE failure while the TSE signed", false, failureWhileSigning},
-        {"field-format", {"field-format"}, "a UMS_BRUTTO with three decimals where two are declared", false, fieldFormat},
-        {"first-row-dropped", {"transaction-unbooked"}, "the first row of transactions_tse.csv left out", false, firstRowDropped},
-        {"last-row-dropped", {"transaction-unbooked"}, "the last row of transactions_tse.csv left out", false, lastRowDropped},
-        {"last-rows-dropped", {"transaction-unbooked", "transaction-unbooked", "transaction-unbooked"}, "the last three rows of transactions_tse.csv left out", false, lastRowsDropped},
-        {"last-sale-erased", {"transaction-unbooked", "closing-sum-differs"}, "the last sale taken out of every table but cashpointclosing.csv", true, lastSaleErased},
+        {"receipt-outside-closing",
+         {"receipt-outside-closing"},
+         "a receipt ending a minute after its closing",
+         false,
+         receiptOutsideClosing},
+        {"vat-rate-wrong",
+         {"vat-rate-wrong"},
+         "vat.csv of a closing gives key 1 the rate of the other half of 2020",
+         false,
+         vatRateWrong},
+        {"unsigned-but-signed",
+         {"unsigned-but-signed"},
+         "a signed sale booked as a TSE failure without number, times and signature",
+         false,
+         unsignedButSigned},
+        {"failure-while-signing",
+         {"unsigned-transaction", "failure-while-signing"},
+         "an unsigned sale booked as a TSE failure while the TSE signed",
+         false,
+         failureWhileSigning},
+        {"field-format",
+         {"field-format"},
+         "a UMS_BRUTTO with three decimals where two are declared",
+         false,
+         fieldFormat},
+        {"first-row-dropped",
+         {"transaction-unbooked"},
+         "the first row of transactions_tse.csv left out",
+         false,
+         firstRowDropped},
+        {"last-row-dropped",
+         {"transaction-unbooked"},
+         "the last row of transactions_tse.csv left out",
+         false,
+         lastRowDropped},
+        {"last-rows-dropped",
+         {"transaction-unbooked", "transaction-unbooked", "transaction-unbooked"},
+         "the last three rows of transactions_tse.csv left out",
+         false,
+         lastRowsDropped},
+        {"last-sale-erased",
+         {"transaction-unbooked", "closing-sum-differs"},
+         "the last sale taken out of every table but cashpointclosing.csv",
+         true,
+         lastSaleErased},
     };
     return table;
 }

@@ -22,9 +22,9 @@ namespace {
 constexpr int64_t MAX_CENTS = 1000000000;
 constexpr int64_t MAX_QUANTITY = 1000000 * ONE;  // a million pieces
 
-const std::array<std::string_view, 9> RECEIPT_TYPES = {"Beleg",          "AVTransfer",  "AVBestellung",
-                                                       "AVTraining",     "AVBelegstorno", "AVBelegabbruch",
-                                                       "AVSachbezug",    "AVSonstige",  "AVRechnung"};
+const std::array<std::string_view, 9> RECEIPT_TYPES = {"Beleg",       "AVTransfer",    "AVBestellung",
+                                                       "AVTraining",  "AVBelegstorno", "AVBelegabbruch",
+                                                       "AVSachbezug", "AVSonstige",    "AVRechnung"};
 
 bool isReceiptType(std::string_view type)
 {
@@ -43,8 +43,8 @@ bool takesNoPayment(std::string_view type)
 int64_t bounded(int64_t cents, const Sale& sale)
 {
     if (std::llabs(cents) > MAX_CENTS) {
-        throw std::runtime_error("transaction " + std::to_string(sale.transaction) + " of TSE " + sale.serial.substr(0, 16) +
-                                 "...: processData holds an amount above 10,000,000.00");
+        throw std::runtime_error("transaction " + std::to_string(sale.transaction) + " of TSE " +
+                                 sale.serial.substr(0, 16) + "...: processData holds an amount above 10,000,000.00");
     }
     return cents;
 }
@@ -74,7 +74,8 @@ Line itemLine(int key, int64_t gross, int64_t quantity, std::string text)
 void addLines(Receipt& receipt, size_t lines)
 {
     const uint64_t seed = receipt.bon;
-    const int64_t keys = std::count_if(receipt.keys.begin(), receipt.keys.end(), [](const KeyGross& k) { return k.key != DIFFERENCE_KEY; });
+    const int64_t keys = std::count_if(receipt.keys.begin(), receipt.keys.end(),
+                                       [](const KeyGross& k) { return k.key != DIFFERENCE_KEY; });
     int64_t index = 0;
     for (const KeyGross& k : receipt.keys) {
         if (k.key == DIFFERENCE_KEY) {
@@ -85,8 +86,9 @@ void addLines(Receipt& receipt, size_t lines)
         }
         const int64_t wanted = static_cast<int64_t>(lines);
         const int64_t count = wanted ? std::max<int64_t>(1, wanted / keys + (index++ < wanted % keys ? 1 : 0))
-                              : std::llabs(k.gross) < 3 ? 1
-                                                          : 1 + static_cast<int64_t>((seed + static_cast<uint64_t>(k.key)) % 3);
+                              : std::llabs(k.gross) < 3
+                                  ? 1
+                                  : 1 + static_cast<int64_t>((seed + static_cast<uint64_t>(k.key)) % 3);
         const int64_t part = k.gross / count;
         for (int64_t i = 0; i < count; ++i) {
             const int64_t cents = i + 1 < count ? part : k.gross - part * (count - 1);
@@ -188,7 +190,8 @@ std::optional<int64_t> fixedPoint(std::string_view text, int decimals)
     const std::string_view whole = text.substr(0, dot), fraction = dot == text.npos ? "" : text.substr(dot + 1);
     if (whole.empty() || whole.size() > 10 || fraction.size() > static_cast<size_t>(decimals)) return std::nullopt;
     int64_t value = 0;
-    for (const char c : std::string(whole) + std::string(fraction) + std::string(static_cast<size_t>(decimals) - fraction.size(), '0')) {
+    for (const char c : std::string(whole) + std::string(fraction) +
+                            std::string(static_cast<size_t>(decimals) - fraction.size(), '0')) {
         if (c < '0' || c > '9') return std::nullopt;
         value = value * 10 + (c - '0');
     }
@@ -204,13 +207,14 @@ std::optional<Line> orderLine(std::string_view text)
     if (first == text.npos || last == text.npos || last <= first) return std::nullopt;
     const std::optional<int64_t> quantity = fixedPoint(text.substr(0, first), 3);
     const std::optional<int64_t> price = fixedPoint(text.substr(last + 2), 2);
-    if (!quantity || !price || *quantity == 0 || std::llabs(*quantity) > MAX_QUANTITY || std::llabs(*price) > MAX_CENTS ||
-        std::llabs(*quantity * *price) > MAX_CENTS * LINE_UNITS_PER_CENT) {
+    if (!quantity || !price || *quantity == 0 || std::llabs(*quantity) > MAX_QUANTITY ||
+        std::llabs(*price) > MAX_CENTS || std::llabs(*quantity * *price) > MAX_CENTS * LINE_UNITS_PER_CENT) {
         return std::nullopt;
     }
     Line line;
     line.text = text.substr(first + 2, last - first - 2);
-    for (size_t at = line.text.find("\"\""); at != std::string::npos; at = line.text.find("\"\"", at + 1)) line.text.erase(at, 1);
+    for (size_t at = line.text.find("\"\""); at != std::string::npos; at = line.text.find("\"\"", at + 1))
+        line.text.erase(at, 1);
     line.quantity = *quantity;
     line.unitPrice = *price * LINE_UNITS_PER_CENT;
     line.gross = *quantity * *price;  // thousandths times cents: hundred-thousandths

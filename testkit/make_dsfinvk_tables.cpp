@@ -98,7 +98,8 @@ std::string fine(int64_t amount, bool emptyWhenZero)
 
 Fields closingKey(const Closing& closing)
 {
-    return {{"Z_KASSE_ID", closing.kasse}, {"Z_ERSTELLUNG", tse::isoSeconds(closing.created)},
+    return {{"Z_KASSE_ID", closing.kasse},
+            {"Z_ERSTELLUNG", tse::isoSeconds(closing.created)},
             {"Z_NR", std::to_string(closing.number)}};
 }
 
@@ -142,7 +143,8 @@ void writeTse(Tables& out, const Book& book, const Closing& closing)
                                  {"TSE_PD_ENCODING", "UTF-8"},
                                  {"TSE_PUBLIC_KEY", tse.keyBase64},
                                  {"TSE_ZERTIFIKAT_I", certificate.substr(0, CERTIFICATE_PART)},
-                                 {"TSE_ZERTIFIKAT_II", certificate.size() > CERTIFICATE_PART ? certificate.substr(CERTIFICATE_PART) : ""}}));
+                                 {"TSE_ZERTIFIKAT_II",
+                                  certificate.size() > CERTIFICATE_PART ? certificate.substr(CERTIFICATE_PART) : ""}}));
     }
 }
 
@@ -202,15 +204,16 @@ void writeHead(Tables& out, const Book& book, const Closing& closing, const Rece
     const int64_t gross = receipt.gross();
     for (const std::string& name : {receipt.name, receipt.brokenCopy ? book.bareValue : std::string()}) {
         if (name.empty()) continue;
-        out.add("transactions.csv", with(receiptKey(closing, receipt),
-                                         {{"BON_NR", std::to_string(receipt.bon)},
-                                          {"BON_TYP", receipt.type},
-                                          {"BON_NAME", name},
-                                          {"TERMINAL_ID", receipt.terminal},
-                                          {"BON_STORNO", "0"},
-                                          {"BON_START", isoText(receipt.start)},
-                                          {"BON_ENDE", isoText(receipt.end)},
-                                          {"UMS_BRUTTO", receipt.extraDecimal ? decimalText(gross * 10, 3) : cents(gross)}}));
+        out.add("transactions.csv",
+                with(receiptKey(closing, receipt),
+                     {{"BON_NR", std::to_string(receipt.bon)},
+                      {"BON_TYP", receipt.type},
+                      {"BON_NAME", name},
+                      {"TERMINAL_ID", receipt.terminal},
+                      {"BON_STORNO", "0"},
+                      {"BON_START", isoText(receipt.start)},
+                      {"BON_ENDE", isoText(receipt.end)},
+                      {"UMS_BRUTTO", receipt.extraDecimal ? decimalText(gross * 10, 3) : cents(gross)}}));
     }
     for (const Reference& r : receipt.references) {
         out.add("references.csv", with(receiptKey(closing, receipt), {{"REF_TYP", r.type},
@@ -293,11 +296,12 @@ void writePayments(Tables& out, const Closing& closing, const Receipt& receipt)
 {
     for (const Payment& p : receipt.payments) {
         const bool foreign = !p.currency.empty();
-        out.add("datapayment.csv", with(receiptKey(closing, receipt), {{"ZAHLART_TYP", p.type},
-                                                                       {"ZAHLART_NAME", p.name},
-                                                                       {"ZAHLWAEH_CODE", p.currency},
-                                                                       {"ZAHLWAEH_BETRAG", foreign ? cents(p.amount) : ""},
-                                                                       {"BASISWAEH_BETRAG", cents(p.base)}}));
+        out.add("datapayment.csv",
+                with(receiptKey(closing, receipt), {{"ZAHLART_TYP", p.type},
+                                                    {"ZAHLART_NAME", p.name},
+                                                    {"ZAHLWAEH_CODE", p.currency},
+                                                    {"ZAHLWAEH_BETRAG", foreign ? cents(p.amount) : ""},
+                                                    {"BASISWAEH_BETRAG", cents(p.base)}}));
     }
 }
 
@@ -340,10 +344,12 @@ void writeClosingModule(Tables& out, const Book& book, const Closing& closing)
                                                 {"Z_UST", decimalText(total.vat, 5)}}));
     }
     for (const auto& [p, amount] : payments) {
-        out.add("payment.csv", with(key, {{"ZAHLART_TYP", p.first}, {"ZAHLART_NAME", p.second}, {"Z_ZAHLART_BETRAG", cents(amount)}}));
+        out.add("payment.csv",
+                with(key, {{"ZAHLART_TYP", p.first}, {"ZAHLART_NAME", p.second}, {"Z_ZAHLART_BETRAG", cents(amount)}}));
     }
     for (const auto& [currency, amount] : cash) {
-        out.add("cash_per_currency.csv", with(key, {{"ZAHLART_WAEH", currency}, {"ZAHLART_BETRAG_WAEH", cents(amount)}}));
+        out.add("cash_per_currency.csv",
+                with(key, {{"ZAHLART_WAEH", currency}, {"ZAHLART_BETRAG_WAEH", cents(amount)}}));
     }
 }
 

@@ -28,7 +28,10 @@ uint8_t& at(Picture& picture, int x, int y)
     return picture.pixels[static_cast<size_t>(y) * static_cast<size_t>(picture.width) + static_cast<size_t>(x)];
 }
 
-uint8_t clamped(double value) { return static_cast<uint8_t>(std::clamp(std::lround(value), 0L, 255L)); }
+uint8_t clamped(double value)
+{
+    return static_cast<uint8_t>(std::clamp(std::lround(value), 0L, 255L));
+}
 
 Picture filled(int width, int height, uint8_t grey)
 {
@@ -127,7 +130,8 @@ Picture paperWithCodes(const std::vector<QrModules>& codes, int modulePixels)
         const int left = margin + (paperWidth - side) / 2;
         for (int row = 0; row < code.size; ++row) {
             for (int column = 0; column < code.size; ++column) {
-                if (code.dark[static_cast<size_t>(row) * static_cast<size_t>(code.size) + static_cast<size_t>(column)]) {
+                if (code.dark[static_cast<size_t>(row) * static_cast<size_t>(code.size) +
+                              static_cast<size_t>(column)]) {
                     fillRect(picture, left + (column + 4) * modulePixels, y + (row + 4) * modulePixels, modulePixels,
                              modulePixels, inkGrey);
                 }
@@ -162,7 +166,10 @@ Picture receipt(const std::vector<std::string>& codeTexts, int modulePixels)
     return paperWithCodes(codes, modulePixels);
 }
 
-Picture receiptWithoutCode() { return paperWithCodes({}, 1); }
+Picture receiptWithoutCode()
+{
+    return paperWithCodes({}, 1);
+}
 
 Picture rotated(const Picture& picture, double degrees)
 {
@@ -230,8 +237,9 @@ Picture blurred(const Picture& picture, double sigma)
                     const int sx = std::clamp(x + i * stepX, 0, in.width - 1);
                     const int sy = std::clamp(y + i * stepY, 0, in.height - 1);
                     const int tap = i + radius;
-                    sum += kernel[static_cast<size_t>(tap)] *
-                           in.pixels[(static_cast<size_t>(sy) * static_cast<size_t>(in.width)) + static_cast<size_t>(sx)];
+                    sum +=
+                        kernel[static_cast<size_t>(tap)] *
+                        in.pixels[(static_cast<size_t>(sy) * static_cast<size_t>(in.width)) + static_cast<size_t>(sx)];
                 }
                 at(out, x, y) = clamped(sum / total);
             }
@@ -249,8 +257,9 @@ Picture overexposed(const Picture& picture)
             uint8_t lightest = 0;
             for (int sy = std::max(y - 1, 0); sy <= std::min(y + 1, picture.height - 1); ++sy) {
                 for (int sx = std::max(x - 1, 0); sx <= std::min(x + 1, picture.width - 1); ++sx) {
-                    lightest = std::max(lightest, picture.pixels[static_cast<size_t>(sy) * static_cast<size_t>(picture.width) +
-                                                                 static_cast<size_t>(sx)]);
+                    lightest =
+                        std::max(lightest, picture.pixels[static_cast<size_t>(sy) * static_cast<size_t>(picture.width) +
+                                                          static_cast<size_t>(sx)]);
                 }
             }
             at(out, x, y) = lightest;
@@ -275,7 +284,8 @@ Picture shaded(const Picture& picture, double strength)
     Picture out = picture;
     for (int y = 0; y < picture.height; ++y) {
         for (int x = 0; x < picture.width; ++x) {
-            const double distance = (static_cast<double>(x) / picture.width + static_cast<double>(y) / picture.height) / 2;
+            const double distance =
+                (static_cast<double>(x) / picture.width + static_cast<double>(y) / picture.height) / 2;
             at(out, x, y) = clamped(at(out, x, y) * (1 - strength * distance));
         }
     }

@@ -36,7 +36,6 @@ std::string pemText(Write write)
     return text;
 }
 
-
 EC_KEY* freshKey(Curve curve)
 {
     EC_KEY* key = EC_KEY_new_by_curve_name(curveInfo(curve).nid);
@@ -113,9 +112,8 @@ Bytes Signer::privateScalar() const
 
 std::string Signer::privateKeyPem() const
 {
-    return pemText([&](BIO* bio) {
-        return PEM_write_bio_ECPrivateKey(bio, key_.get(), nullptr, nullptr, 0, nullptr, nullptr);
-    });
+    return pemText(
+        [&](BIO* bio) { return PEM_write_bio_ECPrivateKey(bio, key_.get(), nullptr, nullptr, 0, nullptr, nullptr); });
 }
 
 std::string Signer::selfSignedCertificatePem(const std::string& commonName, int64_t notBefore, int days) const

@@ -62,8 +62,7 @@ size_t BerReader::endOfContents(size_t contentStart) const
 {
     BerReader nested(data_.sub(contentStart, data_.size() - contentStart), base_ + contentStart, depth_ + 1);
     while (true) {
-        if (nested.remaining() >= 2 && nested.data_[nested.position_] == 0 &&
-            nested.data_[nested.position_ + 1] == 0) {
+        if (nested.remaining() >= 2 && nested.data_[nested.position_] == 0 && nested.data_[nested.position_ + 1] == 0) {
             return contentStart + nested.position_;
         }
         if (nested.atEnd()) {
@@ -83,8 +82,9 @@ BerElement BerReader::read()
     const size_t start = position_;
     element.tag = peekTag();
     if ((element.tag & HIGH_TAG_NUMBER) == HIGH_TAG_NUMBER) {
-        throw ParseError(offset(), "tag " + tagName(element.tag) + " announces a multi-octet tag number, "
-                                   "which no log message uses");
+        throw ParseError(offset(), "tag " + tagName(element.tag) +
+                                       " announces a multi-octet tag number, "
+                                       "which no log message uses");
     }
     ++position_;
     bool indefinite = false;
@@ -93,8 +93,7 @@ BerElement BerReader::read()
     element.contentOffset = offset();
     if (indefinite) {
         if (!element.constructed()) {
-            throw ParseError(element.offset, "primitive element " + tagName(element.tag) +
-                                                 " has an indefinite length");
+            throw ParseError(element.offset, "primitive element " + tagName(element.tag) + " has an indefinite length");
         }
         const size_t contentEnd = endOfContents(position_);
         element.content = data_.sub(position_, contentEnd - position_);
@@ -103,7 +102,8 @@ BerElement BerReader::read()
         if (length > remaining()) {
             throw ParseError(element.offset, "element " + tagName(element.tag) + " announces " +
                                                  counted(length, "content octet", "content octets") + ", but only " +
-                                                 std::to_string(remaining()) + (remaining() == 1 ? " remains" : " remain"));
+                                                 std::to_string(remaining()) +
+                                                 (remaining() == 1 ? " remains" : " remain"));
         }
         element.content = data_.sub(position_, static_cast<size_t>(length));
         position_ += static_cast<size_t>(length);

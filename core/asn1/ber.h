@@ -15,8 +15,7 @@ namespace tse {
 // outermost input) at which reading stopped.
 class ParseError : public std::runtime_error {
 public:
-    ParseError(size_t offset, const std::string& reason)
-        : std::runtime_error(reason), offset_(offset) {}
+    ParseError(size_t offset, const std::string& reason) : std::runtime_error(reason), offset_(offset) {}
     size_t offset() const { return offset_; }
 
 private:
@@ -55,7 +54,8 @@ public:
     static constexpr int MAX_DEPTH = 16;
 
     explicit BerReader(ByteView data, size_t baseOffset = 0, int depth = 0)
-        : data_(data), base_(baseOffset), depth_(depth) {}
+        : data_(data), base_(baseOffset), depth_(depth)
+    {}
 
     bool atEnd() const { return position_ >= data_.size(); }
     size_t offset() const { return base_ + position_; }

@@ -29,9 +29,8 @@ void escapeInfo(InfoCsv& info)
 class AuditRun {
 public:
     explicit AuditRun(const AuditOptions& options)
-        : options_(options), pipeline_(options), intake_(report_, seen_, [this](const PublicKey& key) {
-              pipeline_.addKey(key);
-          })
+        : options_(options), pipeline_(options),
+          intake_(report_, seen_, [this](const PublicKey& key) { pipeline_.addKey(key); })
     {
         report_.exports = options.exports;
     }
@@ -44,8 +43,8 @@ private:
     void visit(ExportMember&& member);
     void visitLog(ExportMember&& member);
     void visitInfo(const ExportMember& member, const std::string& shown);
-    void addFinding(FindingCode code, const std::string& message,
-                    std::vector<std::string> files, std::string source = {});
+    void addFinding(FindingCode code, const std::string& message, std::vector<std::string> files,
+                    std::string source = {});
     void finish(const std::vector<ExportSource>& sources);
     void exportFindings();
     void summarize();
@@ -183,14 +182,13 @@ void AuditRun::visit(ExportMember&& member)
                           {shown}, source);
     }
     if (!member.contents) {
-        return addFinding(FindingCode::UnexpectedMember, shown + " " + member.contents.error().message,
-                          {shown}, source);
+        return addFinding(FindingCode::UnexpectedMember, shown + " " + member.contents.error().message, {shown},
+                          source);
     }
     if (kind == MemberKind::Info) return visitInfo(member, shown);
     if (!seen_.firstSighting(*member.contents)) return;
     if (kind == MemberKind::Certificate) return intake_.addMember(member.name, *member.contents);
-    addFinding(FindingCode::UnexpectedMember, shown + " is neither a log, a certificate nor info.csv",
-               {shown}, source);
+    addFinding(FindingCode::UnexpectedMember, shown + " is neither a log, a certificate nor info.csv", {shown}, source);
 }
 
 void AuditRun::visitLog(ExportMember&& member)
@@ -210,8 +208,8 @@ void AuditRun::visitLog(ExportMember&& member)
         record.reason = "the member " + member.contents.error().message;
         return pipeline_.keepUnread(std::move(record));
     }
-    pipeline_.submit(
-        LogItem{ordinal_, std::move(member.name), std::move(member.contents).value(), member.standalone, currentLabel_});
+    pipeline_.submit(LogItem{ordinal_, std::move(member.name), std::move(member.contents).value(), member.standalone,
+                             currentLabel_});
 }
 
 // Every export shows its own info.csv, even one identical to another's.
@@ -248,8 +246,8 @@ void AuditRun::exportFindings()
         if (audited.standalone || audited.logMembers == 0 || audited.info || !audited.infoProblem.empty()) continue;
         const std::string label = escapeText(audited.path);
         addFinding(FindingCode::InfoMissing,
-                   label + " holds " + counted(audited.logMembers, "log member", "log members") + " but no info.csv", {label},
-                   label);
+                   label + " holds " + counted(audited.logMembers, "log member", "log members") + " but no info.csv",
+                   {label}, label);
     }
 }
 

@@ -77,7 +77,8 @@ void LogTable::push_back(const LogRecord& record)
     Row row;
     row.ordinal = record.ordinal;
     if (record.counter) row.counter = *record.counter, row.present |= Row::HAS_COUNTER;
-    if (record.transactionNumber) row.transactionNumber = *record.transactionNumber, row.present |= Row::HAS_TRANSACTION;
+    if (record.transactionNumber)
+        row.transactionNumber = *record.transactionNumber, row.present |= Row::HAS_TRANSACTION;
     if (record.seconds) row.seconds = *record.seconds, row.present |= Row::HAS_SECONDS;
     if (record.type) row.type = static_cast<uint8_t>(*record.type);
     if (record.timeFormat) row.timeFormat = static_cast<uint8_t>(*record.timeFormat);
@@ -203,8 +204,9 @@ void LogTable::sortByOrdinal()
 
 void LogTable::removeOrdinals(const std::unordered_set<uint64_t>& ordinals)
 {
-    rows_.erase(std::remove_if(rows_.begin(), rows_.end(), [&](const Row& row) { return ordinals.count(row.ordinal) > 0; }),
-                rows_.end());
+    rows_.erase(
+        std::remove_if(rows_.begin(), rows_.end(), [&](const Row& row) { return ordinals.count(row.ordinal) > 0; }),
+        rows_.end());
 }
 
 std::optional<LogTime> LogRecord::logTime() const

@@ -5,10 +5,10 @@
 #include <cstdint>
 #include <deque>
 #include <iterator>
-#include <unordered_map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -25,7 +25,7 @@ namespace tse {
 // integrity rule, but not the log itself. The views point into the report's
 // log table, and stay valid as long as the report.
 struct LogRecord {
-    std::string file;    // the member name as in the archive, escaped (escapeText)
+    std::string file;         // the member name as in the archive, escaped (escapeText)
     std::string_view source;  // the export it came from, as given
     uint64_t ordinal = 0;
     std::optional<LogType> type;  // from the content, or the name when unreadable
@@ -57,8 +57,8 @@ public:
         uint64_t ordinal = 0, counter = 0, transactionNumber = 0;
         int64_t seconds = 0;
         // Pool ids; 0 is the empty text.
-        uint32_t file = 0, serialNumber = 0, algorithm = 0, operation = 0, clientId = 0, processType = 0,
-                 fraction = 0, reason = 0, nameProblem = 0, source = 0;
+        uint32_t file = 0, serialNumber = 0, algorithm = 0, operation = 0, clientId = 0, processType = 0, fraction = 0,
+                 reason = 0, nameProblem = 0, source = 0;
         uint8_t type = NONE, verdict = 0, timeFormat = NONE, present = 0;
 
         static constexpr uint8_t NONE = 0xff;
@@ -109,7 +109,19 @@ public:
 private:
     // The columns of pooled texts; each remembers the id it took last,
     // since consecutive logs nearly always share their TSE, client and so on.
-    enum Column { FILE, SERIAL, ALGORITHM, OPERATION, CLIENT, PROCESS, FRACTION, REASON, NAME_PROBLEM, SOURCE, COLUMNS };
+    enum Column {
+        FILE,
+        SERIAL,
+        ALGORITHM,
+        OPERATION,
+        CLIENT,
+        PROCESS,
+        FRACTION,
+        REASON,
+        NAME_PROBLEM,
+        SOURCE,
+        COLUMNS
+    };
     uint32_t intern(std::string_view text, Column column);
     void appendFile(const Row& row, std::string& name) const;
 
@@ -149,7 +161,7 @@ struct AuditSummary {
 
 // One of the exports audited together, with what it holds.
 struct AuditedExport {
-    std::string path;  // the archive (first part), directory or file, as given
+    std::string path;         // the archive (first part), directory or file, as given
     bool standalone = false;  // a log file given by itself, which carries no info.csv
     size_t logMembers = 0;
     std::optional<InfoCsv> info;

@@ -112,8 +112,8 @@ void counterFindings(std::string_view serial, const TseLogs& logs, const std::se
             std::vector<std::string> files;
             for (size_t k = i; k <= j; ++k) files.push_back(logs.file(k));
             out.add(FindingCode::CounterDuplicate,
-                    shortSerial(serial) + ": " + std::to_string(j - i + 1) + " different logs carry signature counter " +
-                        std::to_string(counter),
+                    shortSerial(serial) + ": " + std::to_string(j - i + 1) +
+                        " different logs carry signature counter " + std::to_string(counter),
                     std::move(files));
             i = j;
         }
@@ -121,8 +121,8 @@ void counterFindings(std::string_view serial, const TseLogs& logs, const std::se
     for (; extra != extraCounters.end(); ++extra) present(*extra);
     if (gaps.empty()) return;
     out.add(FindingCode::CounterGap,
-            shortSerial(serial) + ": " + counted(missing, "signature counter", "signature counters") + " missing between " +
-                std::to_string(*first) + " and " + std::to_string(*last) + ": " +
+            shortSerial(serial) + ": " + counted(missing, "signature counter", "signature counters") +
+                " missing between " + std::to_string(*first) + " and " + std::to_string(*last) + ": " +
                 counterRanges(gaps, MAX_RANGES_SHOWN),
             {});
 }
@@ -188,7 +188,8 @@ void transactionFindings(std::string_view serial, const TseLogs& logs, Findings&
         const uint64_t transaction = number(positions[span.begin]);
         std::string problem;
         if (!span.start && firstStarted && transaction > *firstStarted) problem = "has no Start";
-        else if (span.start && !span.finish && lastFinished && transaction < *lastFinished) problem = "has a Start but no Finish";
+        else if (span.start && !span.finish && lastFinished && transaction < *lastFinished)
+            problem = "has a Start but no Finish";
         if (problem.empty()) continue;
         std::vector<std::string> files;
         for (size_t k = span.begin; k < span.end; ++k) files.push_back(logs.file(positions[k]));
@@ -205,7 +206,8 @@ void perTseFindings(const AuditReport& report, Findings& out)
     for (size_t i = 0; i < table.size(); ++i) {
         const LogTable::Row& row = table.row(i);
         if (!row.hasCounter()) continue;
-        if (row.serialNumber != 0) byTse.try_emplace(table.text(row.serialNumber), TseLogs{table, {}}).first->second.indices.push_back(i);
+        if (row.serialNumber != 0)
+            byTse.try_emplace(table.text(row.serialNumber), TseLogs{table, {}}).first->second.indices.push_back(i);
         else unreadableCounters.insert(row.counter);
     }
     for (auto& [serial, logs] : byTse) {
@@ -258,8 +260,8 @@ void certificateFindings(const AuditReport& report, bool trustGiven, Findings& o
         const std::optional<int64_t> from = self ? c.notBefore : c.chain.issuers[where.second].notBefore;
         const std::optional<int64_t> to = self ? c.notAfter : c.chain.issuers[where.second].notAfter;
         const std::string what = self ? c.file : "the CA " + c.chain.issuers[where.second].subject + " above " + c.file;
-        std::string message = counted(files.size(), "log lies", "logs lie") + " outside the validity of " + what + " (" +
-                              (from ? isoSeconds(*from) : "?") + " to " + (to ? isoSeconds(*to) : "?") + ")";
+        std::string message = counted(files.size(), "log lies", "logs lie") + " outside the validity of " + what +
+                              " (" + (from ? isoSeconds(*from) : "?") + " to " + (to ? isoSeconds(*to) : "?") + ")";
         out.add(FindingCode::CertificateChain, std::move(message), std::move(files));
     }
 }

@@ -38,11 +38,10 @@ std::string certificateSerial(const Certificate& certificate)
 
 CertificateIntake::CertificateIntake(AuditReport& report, MemberDigests& seen, KeyMet keyMet)
     : report_(report), seen_(seen), keyMet_(std::move(keyMet))
-{
-}
+{}
 
 Result<size_t> CertificateIntake::loadGiven(const std::vector<std::string>& files,
-                                           const std::vector<std::string>& trustDirectories)
+                                            const std::vector<std::string>& trustDirectories)
 {
     size_t loaded = 0;
     for (const std::string& path : files) {
@@ -54,7 +53,8 @@ Result<size_t> CertificateIntake::loadGiven(const std::vector<std::string>& file
     }
     for (const std::string& directory : trustDirectories) {
         std::error_code error;
-        if (!fs::is_directory(directory, error)) return Error{"the trust directory " + directory + " is not a directory"};
+        if (!fs::is_directory(directory, error))
+            return Error{"the trust directory " + directory + " is not a directory"};
         for (const auto& entry : fs::directory_iterator(directory, error)) {
             if (!entry.is_regular_file(error)) continue;
             const Result<Bytes> read = readFileBounded(entry.path().string(), MAX_CERTIFICATE_FILE);
@@ -94,8 +94,11 @@ void CertificateIntake::add(const std::string& file, ByteView data, bool trusted
 {
     const Result<std::vector<Certificate>> load = loadCertificates(data);
     if (!load) {
-        report_.findings.push_back(Finding{findingSeverity(FindingCode::UnexpectedMember), FindingCode::UnexpectedMember,
-                                           file + " holds no certificate: " + load.error().message, {file}, {}});
+        report_.findings.push_back(Finding{findingSeverity(FindingCode::UnexpectedMember),
+                                           FindingCode::UnexpectedMember,
+                                           file + " holds no certificate: " + load.error().message,
+                                           {file},
+                                           {}});
         return;
     }
     if (!given) checkName(file, *load);
@@ -143,7 +146,8 @@ void CertificateIntake::checkName(const std::string& file, const std::vector<Cer
     for (const Certificate& certificate : certificates) {
         if (equalsIgnoringCase(certificateSerial(certificate), *claimed)) return;
     }
-    report_.findings.push_back(Finding{findingSeverity(FindingCode::NameMismatch), FindingCode::NameMismatch,
+    report_.findings.push_back(Finding{findingSeverity(FindingCode::NameMismatch),
+                                       FindingCode::NameMismatch,
                                        file + ": the name gives the key hash " + *claimed +
                                            ", but the certificate's key hash is " +
                                            certificateSerial(certificates.front()),

@@ -48,7 +48,7 @@ private:
     MemberDigests& seen_;
     KeyMet keyMet_;
     CertificatePool pool_;
-    std::vector<Certificate> listed_;  // beside report_.certificates, in its order
+    std::vector<Certificate> listed_;                          // beside report_.certificates, in its order
     std::unordered_map<Digest, size_t, DigestHash> listedAt_;  // DER digest -> index in both
 };
 

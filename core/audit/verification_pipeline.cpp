@@ -65,9 +65,9 @@ struct BatchedLog {
 // always come from one TSE, share.
 struct WorkerMemory {
     LogTable logs;
-    uint64_t done = 0;  // rows not yet counted in logsDone_
+    uint64_t done = 0;                                         // rows not yet counted in logsDone_
     std::unordered_map<std::string, std::string> serialTexts;  // raw serial number -> hex
-    std::unordered_set<std::string> oidTexts;  // algorithms no table names
+    std::unordered_set<std::string> oidTexts;                  // algorithms no table names
     Bytes lastSerial;
     std::string_view lastSerialText;
     Bytes keySerial;  // of the key found last
@@ -395,8 +395,7 @@ void VerificationPipeline::settleBatch(WorkerMemory& memory)
                 done[i] = true;
             }
         }
-        const std::vector<Verification> verifications =
-            verifyLogs(messages, *tables->verifier, memory.verifyScratch());
+        const std::vector<Verification> verifications = verifyLogs(messages, *tables->verifier, memory.verifyScratch());
         for (size_t k = 0; k < group.size(); ++k) {
             BatchedLog& log = waiting[group[k]];
             settle(std::move(log.record), log.texts, log.message, verifications[k], memory);

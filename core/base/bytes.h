@@ -20,10 +20,12 @@ public:
     constexpr ByteView() = default;
     constexpr ByteView(const uint8_t* data, size_t size) : data_(data), size_(size) {}
     ByteView(const Bytes& bytes) : data_(bytes.data()), size_(bytes.size()) {}  // NOLINT: views convert implicitly
-    ByteView(const std::string& text)  // NOLINT
-        : data_(reinterpret_cast<const uint8_t*>(text.data())), size_(text.size()) {}
+    ByteView(const std::string& text)                                           // NOLINT
+        : data_(reinterpret_cast<const uint8_t*>(text.data())), size_(text.size())
+    {}
     ByteView(std::string_view text)  // NOLINT
-        : data_(reinterpret_cast<const uint8_t*>(text.data())), size_(text.size()) {}
+        : data_(reinterpret_cast<const uint8_t*>(text.data())), size_(text.size())
+    {}
 
     const uint8_t* data() const { return data_; }
     size_t size() const { return size_; }
@@ -51,7 +53,10 @@ private:
 };
 
 bool operator==(ByteView a, ByteView b);
-inline bool operator!=(ByteView a, ByteView b) { return !(a == b); }
+inline bool operator!=(ByteView a, ByteView b)
+{
+    return !(a == b);
+}
 
 std::string toHex(ByteView data);  // uppercase, no separators
 // Hex digits with optional blanks or colons between octets; nullopt for

@@ -64,7 +64,11 @@ CivilTime civilFromSeconds(int64_t seconds)
     const unsigned day = static_cast<unsigned>(dayOfYear - (153 * mp + 2) / 5 + 1);
     const unsigned month = static_cast<unsigned>(mp < 10 ? mp + 3 : mp - 9);
     const int64_t year = yearOfEra + era * 400 + (month <= 2);
-    return CivilTime{year, month, day, static_cast<unsigned>(rest / 3600), static_cast<unsigned>(rest / 60 % 60),
+    return CivilTime{year,
+                     month,
+                     day,
+                     static_cast<unsigned>(rest / 3600),
+                     static_cast<unsigned>(rest / 60 % 60),
                      static_cast<unsigned>(rest % 60)};
 }
 

@@ -6,7 +6,7 @@ namespace tse {
 namespace {
 
 constexpr FindingInfo CATALOGUE[] = {
-#define TSE_FINDING_INFO(name, code, severity, parts, meaning) \
+#define TSE_FINDING_INFO(name, code, severity, parts, meaning)                                                         \
     {FindingCode::name, code, Severity::severity, parts, meaning},
     TSE_FINDINGS(TSE_FINDING_INFO)
 #undef TSE_FINDING_INFO

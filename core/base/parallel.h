@@ -2,8 +2,8 @@
 #define TSE_CORE_PARALLEL_H
 
 #include <algorithm>
-#include <condition_variable>
 #include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <exception>
 #include <functional>

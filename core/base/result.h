@@ -13,7 +13,8 @@ namespace tse {
 // Why something could not be had, in words a user understands; for input
 // that could not be read, also the byte at which reading stopped.
 struct Error {
-    Error(std::string words, std::optional<size_t> at = std::nullopt) : message(std::move(words)), offset(at) {}  // NOLINT
+    Error(std::string words, std::optional<size_t> at = std::nullopt)
+        : message(std::move(words)), offset(at) {}  // NOLINT
 
     std::string message;
     std::optional<size_t> offset;
@@ -46,7 +47,7 @@ namespace detail {
 template <typename T>
 class [[nodiscard]] Result {
 public:
-    Result(T value) : state_(std::in_place_index<0>, std::move(value)) {}     // NOLINT: converts implicitly
+    Result(T value) : state_(std::in_place_index<0>, std::move(value)) {}      // NOLINT: converts implicitly
     Result(Error error) : state_(std::in_place_index<1>, std::move(error)) {}  // NOLINT
 
     bool has_value() const { return state_.index() == 0; }

@@ -79,7 +79,8 @@ std::vector<std::pair<uint32_t, uint32_t>> receiptsOfClosings(const Bookkeeping&
 std::string closingName(const Bookkeeping& books, uint32_t closing)
 {
     const ClosingKey& key = books.closings[closing].key;
-    return "closing " + escapeUnsafe(key.number) + " of register " + quoted(key.kasse) + " (created " + escapeUnsafe(key.created) + ")";
+    return "closing " + escapeUnsafe(key.number) + " of register " + quoted(key.kasse) + " (created " +
+           escapeUnsafe(key.created) + ")";
 }
 
 std::string amountText(Amount amount)

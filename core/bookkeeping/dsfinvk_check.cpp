@@ -44,7 +44,9 @@ void judgeRows(CheckState& s)
         case RowCause::BadField: raise(FindingCode::FieldInvalid); break;
         case RowCause::NoSignature: raise(FindingCode::SignatureMissing); break;
         case RowCause::NoTse: raise(FindingCode::ReferenceMissing); break;
-        case RowCause::TseUnusable: if (!c.provenByLog) raise(FindingCode::SignatureUnverifiable); break;
+        case RowCause::TseUnusable:
+            if (!c.provenByLog) raise(FindingCode::SignatureUnverifiable);
+            break;
         case RowCause::NoProcessData:
             raise(c.provenByLog ? FindingCode::ProcessDataMissing : FindingCode::SignatureUnverifiable);
             break;
@@ -133,7 +135,8 @@ std::string fillIn(const CheckState& s, std::string_view words, const TseRow* ro
         }
         const auto field = static_cast<size_t>(words[++i] - '0');
         if (c == ROW_VALUE && row) out += quoted(s.books.rowField(*row, static_cast<TseRowField>(field)), 80);
-        if (c == RECEIPT_VALUE && receipt) out += quoted(s.books.receiptField(*receipt, static_cast<ReceiptField>(field)), 80);
+        if (c == RECEIPT_VALUE && receipt)
+            out += quoted(s.books.receiptField(*receipt, static_cast<ReceiptField>(field)), 80);
     }
     return out;
 }
@@ -151,7 +154,8 @@ void describe(const CheckState& s, const RaisedFinding& r, BookkeepingFinding& f
     case FindingSubject::Row: {
         const TseRow& row = s.books.rows[r.index];
         const BookedReceipt* receipt = s.books.findReceipt(row.closing, s.books.rowField(row, ROW_BON_ID));
-        const std::string label = s.books.closings[row.closing].key.kasse + "/" + std::string(s.books.rowField(row, ROW_BON_ID));
+        const std::string label =
+            s.books.closings[row.closing].key.kasse + "/" + std::string(s.books.rowField(row, ROW_BON_ID));
         f.message = label + " (" + s.books.where(row.place) + "): " + fillIn(s, words, &row, receipt);
         f.transactions = {label};
         // A failure row that the TSE did sign names the log that signed it too.
@@ -164,8 +168,8 @@ void describe(const CheckState& s, const RaisedFinding& r, BookkeepingFinding& f
     case FindingSubject::Receipt: {
         const BookedReceipt& receipt = s.books.receipts[r.index];
         const bool sums = words.size() == 1 && words[0] == SUMS_VALUE;
-        f.message = receiptLabel(s, receipt) + " (" + s.books.where(receipt.place) + "): " +
-                    (sums ? s.bookChecks.describeReceipt(r.index) : fillIn(s, words, nullptr, &receipt));
+        f.message = receiptLabel(s, receipt) + " (" + s.books.where(receipt.place) +
+                    "): " + (sums ? s.bookChecks.describeReceipt(r.index) : fillIn(s, words, nullptr, &receipt));
         f.transactions = {receiptLabel(s, receipt)};
         return;
     }
@@ -173,7 +177,9 @@ void describe(const CheckState& s, const RaisedFinding& r, BookkeepingFinding& f
         f.message = words;
         f.transactions = {logLabel(*s.tse, s.tse->finishes[r.index])};
         return;
-    case FindingSubject::Place: f.message = s.books.where(RowPlace{r.file, r.index}) + ": " + std::string(words); return;
+    case FindingSubject::Place:
+        f.message = s.books.where(RowPlace{r.file, r.index}) + ": " + std::string(words);
+        return;
     case FindingSubject::None: f.message = words; return;
     }
 }
@@ -200,7 +206,9 @@ BookkeepingFinding findingAt(const CheckState& s, size_t position)
 void orderFindings(CheckState& s)
 {
     s.sorted = s.raised.sorted();
-    const auto rank = [](Severity severity, FindingCode code) { return std::make_pair(severity, static_cast<int>(code)); };
+    const auto rank = [](Severity severity, FindingCode code) {
+        return std::make_pair(severity, static_cast<int>(code));
+    };
     for (size_t i = 0; i < s.sorted.size(); ++i) s.order.emplace_back(false, i);
     if (s.tse) {
         for (size_t i = 0; i < s.tse->audit.findings.size(); ++i) s.order.emplace_back(true, i);
@@ -235,8 +243,8 @@ void summarise(const CheckState& s, BookkeepingReport& report)
     for (size_t i = 0; i < report.findings.size(); ++i) {
         (report.findings[i].severity == Severity::Error ? sum.errors : sum.warnings) += 1;
     }
-    sum.closings = static_cast<size_t>(std::count_if(s.books.closings.begin(), s.books.closings.end(),
-                                                     [](const Closing& c) { return c.booked; }));
+    sum.closings = static_cast<size_t>(
+        std::count_if(s.books.closings.begin(), s.books.closings.end(), [](const Closing& c) { return c.booked; }));
     sum.receipts = s.books.receipts.size();
     if (s.tse) {
         sum.tseLogs = s.tse->audit.summary.logs;
@@ -249,8 +257,16 @@ std::vector<BookedTse> bookedTses(const CheckState& s)
 {
     std::vector<BookedTse> out;
     for (const TseDeclaration& d : s.books.tses) {
-        BookedTse t{d.serialNumber, d.declaredSerial, d.algorithmText, d.timeFormatText, d.encoding, d.curve,
-                    d.key ? std::string() : d.problem, d.certificate, d.inTseExport, 0};
+        BookedTse t{d.serialNumber,
+                    d.declaredSerial,
+                    d.algorithmText,
+                    d.timeFormatText,
+                    d.encoding,
+                    d.curve,
+                    d.key ? std::string() : d.problem,
+                    d.certificate,
+                    d.inTseExport,
+                    0};
         for (const RowCheck& c : s.checks.rows) t.rows += c.tse != NONE && &s.books.tses[c.tse] == &d;
         out.push_back(std::move(t));
     }
@@ -289,7 +305,8 @@ Result<BookkeepingReport> checkBookkeeping(const BookkeepingOptions& options)
     auto state = std::make_shared<CheckState>();
     CheckState& s = *state;
     s.strict = options.strict;
-    Result<Bookkeeping> books = readBookkeeping(IntakeOptions{options.dsfinvk, options.maxTableSize, options.maxTotalSize}, s.raised);
+    Result<Bookkeeping> books =
+        readBookkeeping(IntakeOptions{options.dsfinvk, options.maxTableSize, options.maxTotalSize}, s.raised);
     if (!books) return books.error();
     s.books = std::move(books).value();
     judgeDeclarations(s.books, s.raised);
@@ -305,7 +322,7 @@ Result<BookkeepingReport> checkBookkeeping(const BookkeepingOptions& options)
     if (cancelled(options)) return Error{AUDIT_CANCELLED};
     checkEncodings(s.books, verify, s.checks, s.raised);
     if (!options.tse.empty()) {
-        TseExportOptions read{options.tse, options.certificateFiles, options.trustDirectories, options.jobs, {},
+        TseExportOptions read{options.tse,   options.certificateFiles, options.trustDirectories, options.jobs, {},
                               options.cancel};
         if (options.progress) {
             read.progress = [&](const AuditProgress& p) { options.progress({"tse", p.bytesDone, p.bytesTotal}); };
@@ -351,7 +368,8 @@ std::string_view matchStateName(MatchState state)
 std::string BookedTransaction::label() const
 {
     if (row) return kasseId + "/" + bonId;
-    return "TSE " + serialNumber.substr(0, 16) + ".../" + (transactionNumber ? std::to_string(*transactionNumber) : "?");
+    return "TSE " + serialNumber.substr(0, 16) + ".../" +
+           (transactionNumber ? std::to_string(*transactionNumber) : "?");
 }
 
 std::string BookedTransaction::logTime() const

@@ -43,10 +43,12 @@ std::string readable(std::string_view text)
 void firstAndLast(const Bookkeeping& books, uint32_t from, uint32_t to, Computed& out)
 {
     if (from == to) return;
-    const bool numbers = std::all_of(books.receipts.begin() + from, books.receipts.begin() + to,
-                                     [&](const BookedReceipt& r) { return parseDecimal(books.receiptField(r, BON_ID)).has_value(); });
+    const bool numbers =
+        std::all_of(books.receipts.begin() + from, books.receipts.begin() + to,
+                    [&](const BookedReceipt& r) { return parseDecimal(books.receiptField(r, BON_ID)).has_value(); });
     const auto rank = [&](const BookedReceipt& r) {
-        if (numbers) return std::make_pair(static_cast<int64_t>(*parseDecimal(books.receiptField(r, BON_ID))), int64_t{0});
+        if (numbers)
+            return std::make_pair(static_cast<int64_t>(*parseDecimal(books.receiptField(r, BON_ID))), int64_t{0});
         return std::make_pair(bookedSeconds(books.receiptField(r, BON_START)).value_or(INT64_MAX), int64_t{0});
     };
     const auto byRank = [&](const BookedReceipt& a, const BookedReceipt& b) { return rank(a) < rank(b); };
@@ -81,7 +83,8 @@ void addLines(const Bookkeeping& books, const ReceiptRows& rows, uint32_t receip
         const std::string_view position = books.linePool.field(row.record, 1);
         std::string businessCase = "(no line in lines.csv)";
         for (const uint32_t l : lines) {
-            if (books.linePool.field(books.lines[l].record, LINE_POS) == position) businessCase = books.texts[books.lines[l].businessCase];
+            if (books.linePool.field(books.lines[l].record, LINE_POS) == position)
+                businessCase = books.texts[books.lines[l].businessCase];
         }
         out.cases[{businessCase, row.key}] += row.gross;
     }
@@ -116,7 +119,9 @@ std::vector<Booked> bookedModules(const Bookkeeping& books)
 
 class ClosingSums {
 public:
-    ClosingSums(const Bookkeeping& books, uint32_t closing, ClosingCheck& check) : books_(books), closing_(closing), check_(check) {}
+    ClosingSums(const Bookkeeping& books, uint32_t closing, ClosingCheck& check)
+        : books_(books), closing_(closing), check_(check)
+    {}
 
     void amount(const std::string& name, std::optional<Amount> booked, Amount computed, Amount tolerance = 0)
     {
@@ -130,7 +135,8 @@ public:
     // Every entry of either side; one that only one side has counts as zero
     // on the other, so a row of nothing written or left out is no difference.
     template <typename Key, typename Name>
-    void amounts(const std::map<Key, Amount>& booked, const std::map<Key, Amount>& computed, const Name& name, Amount tolerance)
+    void amounts(const std::map<Key, Amount>& booked, const std::map<Key, Amount>& computed, const Name& name,
+                 Amount tolerance)
     {
         std::map<Key, std::pair<Amount, Amount>> both;
         for (const auto& [key, value] : booked) both[key].first = value;
@@ -153,10 +159,12 @@ private:
 // The closing module must hold what the closing's sales need, once it is
 // part of the export at all; a closing whose module lacks a table's rows
 // is found here, not as a difference of every total.
-bool complete(bool booked, bool needed, std::string_view table, const Bookkeeping& books, uint32_t closing, FindingTally& tally)
+bool complete(bool booked, bool needed, std::string_view table, const Bookkeeping& books, uint32_t closing,
+              FindingTally& tally)
 {
     if (booked || !needed) return true;
-    tally.add(FindingCode::FieldInvalid, "closings whose sales " + std::string(table) + " does not sum up at all (an incomplete closing module)",
+    tally.add(FindingCode::FieldInvalid,
+              "closings whose sales " + std::string(table) + " does not sum up at all (an incomplete closing module)",
               "closing", [&] { return closingName(books, closing); });
     return false;
 }
@@ -166,8 +174,8 @@ bool anyNonZero(const std::map<std::string, Amount>& sums)
     return std::any_of(sums.begin(), sums.end(), [](const auto& entry) { return entry.second != 0; });
 }
 
-ClosingCheck checkClosing(const Bookkeeping& books, const ReceiptRows& rows, uint32_t c, std::pair<uint32_t, uint32_t> range,
-                          const Booked& booked, FindingTally& tally)
+ClosingCheck checkClosing(const Bookkeeping& books, const ReceiptRows& rows, uint32_t c,
+                          std::pair<uint32_t, uint32_t> range, const Booked& booked, FindingTally& tally)
 {
     const Closing& closing = books.closings[c];
     ClosingCheck check{closing.key.kasse, closing.key.number, closing.key.created, range.second - range.first, {}};
@@ -178,19 +186,29 @@ ClosingCheck checkClosing(const Bookkeeping& books, const ReceiptRows& rows, uin
     if (payments && closing.cash) s.amount("Z_SE_BARZAHLUNGEN", closing.cash, sums.cash);
     s.id("Z_START_ID", closing.startId, sums.first);
     s.id("Z_ENDE_ID", closing.endId, sums.last);
-    if (payments && s.has("payment.csv") && complete(booked.anyPayment, anyNonZero(sums.paymentTypes), "payment.csv", books, c, tally)) {
-        s.amounts(booked.paymentTypes, sums.paymentTypes, [](const std::string& k) { return "payment.csv " + readable(k); }, 0);
+    if (payments && s.has("payment.csv") &&
+        complete(booked.anyPayment, anyNonZero(sums.paymentTypes), "payment.csv", books, c, tally)) {
+        s.amounts(
+            booked.paymentTypes, sums.paymentTypes, [](const std::string& k) { return "payment.csv " + readable(k); },
+            0);
     }
     if (payments && s.has("cash_per_currency.csv") &&
         complete(booked.anyCurrency, anyNonZero(sums.currencies), "cash_per_currency.csv", books, c, tally)) {
-        s.amounts(booked.currencies, sums.currencies, [](const std::string& k) { return "cash_per_currency.csv " + readable(k); }, 0);
+        s.amounts(
+            booked.currencies, sums.currencies,
+            [](const std::string& k) { return "cash_per_currency.csv " + readable(k); }, 0);
     }
     const bool lines = s.has("lines.csv") && s.has("lines_vat.csv") && s.has("businesscases.csv");
     const bool cases = std::any_of(sums.cases.begin(), sums.cases.end(), [](const auto& e) { return e.second != 0; });
     if (lines && complete(booked.anyCase, cases, "businesscases.csv", books, c, tally)) {
         // Five decimals on both sides, summed by different writers: a
         // difference below a cent is rounding.
-        s.amounts(booked.cases, sums.cases, [](const CaseKey& k) { return "businesscases.csv " + readable(k.first) + " key " + std::to_string(k.second); }, CENT - 1);
+        s.amounts(
+            booked.cases, sums.cases,
+            [](const CaseKey& k) {
+                return "businesscases.csv " + readable(k.first) + " key " + std::to_string(k.second);
+            },
+            CENT - 1);
     }
     return check;
 }
@@ -212,7 +230,8 @@ void checkClosingSums(const Bookkeeping& books, const ReceiptRows& rows, RaisedF
             words += (words.empty() ? ": " : "; ") + t.name + " books " + (t.booked.empty() ? "nothing" : t.booked) +
                      ", its receipts give " + (t.computed.empty() ? "nothing" : t.computed);
         }
-        if (!words.empty()) findings.raise(FindingCode::ClosingSumDiffers, books.closings[c].place, closingName(books, c) + words);
+        if (!words.empty())
+            findings.raise(FindingCode::ClosingSumDiffers, books.closings[c].place, closingName(books, c) + words);
         out.closings.push_back(std::move(check));
     }
 }

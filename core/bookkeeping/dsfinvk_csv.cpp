@@ -84,7 +84,8 @@ public:
                 return finish(problem, oversized, endField);
             }
             if (afterQuote) {
-                if (problem.empty()) problem = "has text after the closing quote of field " + std::to_string(record.fields.size() + 1);
+                if (problem.empty())
+                    problem = "has text after the closing quote of field " + std::to_string(record.fields.size() + 1);
                 continue;
             }
             if (quote != '\0' && c == quote) {
@@ -302,7 +303,8 @@ std::optional<int64_t> parseAmount(std::string_view text, char decimalSymbol, ch
 std::string formatAmount(int64_t hundredths)
 {
     const bool negative = hundredths < 0;
-    const uint64_t magnitude = negative ? static_cast<uint64_t>(-(hundredths + 1)) + 1 : static_cast<uint64_t>(hundredths);
+    const uint64_t magnitude =
+        negative ? static_cast<uint64_t>(-(hundredths + 1)) + 1 : static_cast<uint64_t>(hundredths);
     std::string cents = std::to_string(magnitude % 100);
     if (cents.size() < 2) cents.insert(0, "0");
     return (negative ? "-" : "") + std::to_string(magnitude / 100) + "." + cents;

@@ -125,8 +125,8 @@ void FailureLinker::linked(size_t row, size_t index)
                     "booked as a TSE failure (" + rowValue(ROW_FAILURE) +
                         ") without a transaction number, but the TSE signed this sale as transaction " +
                         std::to_string(log.transaction) + " at " + isoSeconds(log.seconds) + " in " + tse_.file(log) +
-                        ": the register's client, the booked amounts (processData " + quoted(tse_.processData(log), 80) +
-                        ") and the receipt's time agree");
+                        ": the register's client, the booked amounts (processData " +
+                        quoted(tse_.processData(log), 80) + ") and the receipt's time agree");
 }
 
 void FailureLinker::working(size_t row, const std::vector<size_t>& logs)
@@ -134,7 +134,8 @@ void FailureLinker::working(size_t row, const std::vector<size_t>& logs)
     const TseFinish &first = tse_.finishes[logs.front()], &last = tse_.finishes[logs.back()];
     findings_.raise(FindingCode::FailureWhileSigning, FindingSubject::Row, row,
                     "booked as a TSE failure (" + rowValue(ROW_FAILURE) + "), while TSE " +
-                        tse_.serials[first.serial].substr(0, 16) + "... signed " + std::to_string(logs.size()) + (logs.size() == 1 ? " transaction" : " transactions") +
+                        tse_.serials[first.serial].substr(0, 16) + "... signed " + std::to_string(logs.size()) +
+                        (logs.size() == 1 ? " transaction" : " transactions") +
                         " within five minutes of the receipt (" + isoSeconds(first.seconds) +
                         (logs.size() > 1 ? " to " + isoSeconds(last.seconds) : "") + "): the TSE was working");
 }

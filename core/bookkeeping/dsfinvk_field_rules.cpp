@@ -10,19 +10,38 @@
 namespace tse {
 namespace {
 
-constexpr std::array<std::string_view, 9> RECEIPT_TYPES = {
-    "Beleg", "AVTransfer", "AVBestellung", "AVTraining", "AVBelegstorno", "AVBelegabbruch", "AVSachbezug",
-    "AVSonstige", "AVRechnung"};
-constexpr std::array<std::string_view, 25> BUSINESS_CASES = {
-    "Umsatz", "Pfand", "PfandRueckzahlung", "Rabatt", "Aufschlag", "ZuschussEcht", "ZuschussUnecht", "TrinkgeldAG",
-    "TrinkgeldAN", "EinzweckgutscheinKauf", "EinzweckgutscheinEinloesung", "MehrzweckgutscheinKauf",
-    "MehrzweckgutscheinEinloesung", "Forderungsentstehung", "Forderungsaufloesung", "Anzahlungseinstellung",
-    "Anzahlungsaufloesung", "Anfangsbestand", "Privatentnahme", "Privateinlage", "Geldtransit", "Lohnzahlung",
-    "Einzahlung", "Auszahlung", "DifferenzSollIst"};
+constexpr std::array<std::string_view, 9> RECEIPT_TYPES = {"Beleg",       "AVTransfer",    "AVBestellung",
+                                                           "AVTraining",  "AVBelegstorno", "AVBelegabbruch",
+                                                           "AVSachbezug", "AVSonstige",    "AVRechnung"};
+constexpr std::array<std::string_view, 25> BUSINESS_CASES = {"Umsatz",
+                                                             "Pfand",
+                                                             "PfandRueckzahlung",
+                                                             "Rabatt",
+                                                             "Aufschlag",
+                                                             "ZuschussEcht",
+                                                             "ZuschussUnecht",
+                                                             "TrinkgeldAG",
+                                                             "TrinkgeldAN",
+                                                             "EinzweckgutscheinKauf",
+                                                             "EinzweckgutscheinEinloesung",
+                                                             "MehrzweckgutscheinKauf",
+                                                             "MehrzweckgutscheinEinloesung",
+                                                             "Forderungsentstehung",
+                                                             "Forderungsaufloesung",
+                                                             "Anzahlungseinstellung",
+                                                             "Anzahlungsaufloesung",
+                                                             "Anfangsbestand",
+                                                             "Privatentnahme",
+                                                             "Privateinlage",
+                                                             "Geldtransit",
+                                                             "Lohnzahlung",
+                                                             "Einzahlung",
+                                                             "Auszahlung",
+                                                             "DifferenzSollIst"};
 constexpr std::array<std::string_view, 7> PAYMENT_TYPES = {
     "Bar", "Unbar", "Keine", "ECKarte", "Kreditkarte", "ElZahlungsdienstleister", "Guthabenkarte"};
-constexpr std::array<std::string_view, 4> REFERENCE_TYPES = {
-    "Transaktion", "ExterneRechnung", "ExternerLieferschein", "ExterneSonstige"};
+constexpr std::array<std::string_view, 4> REFERENCE_TYPES = {"Transaktion", "ExterneRechnung", "ExternerLieferschein",
+                                                             "ExterneSonstige"};
 
 template <size_t N>
 bool among(const std::array<std::string_view, N>& words, std::string_view value)
@@ -113,7 +132,8 @@ void FieldRules::beginFile(std::string_view table, std::string label, const std:
                 column.accuracy = d.accuracy;
             }
         }
-        if (column.key || column.vocabulary || column.maxLength || column.numeric) columns_.push_back(std::move(column));
+        if (column.key || column.vocabulary || column.maxLength || column.numeric)
+            columns_.push_back(std::move(column));
     }
 }
 
@@ -121,13 +141,15 @@ void FieldRules::checkKey(const Column& column, std::string_view value, RowPlace
 {
     if (!value.empty() && (column.name != "Z_NR" || parseDecimal(value))) return;
     tally_.add(FindingCode::FieldInvalid, table_ + ": rows without their full key", "row", [&] {
-        return where(place) + " (" + column.name + (value.empty() ? " empty" : " " + quoted(value) + " is no whole number") + ")";
+        return where(place) + " (" + column.name +
+               (value.empty() ? " empty" : " " + quoted(value) + " is no whole number") + ")";
     });
 }
 
 void FieldRules::checkNumber(const Column& column, std::string_view value, RowPlace place)
 {
-    const std::optional<unsigned> decimals = writtenDecimals(value, dialect_.decimalSymbol, dialect_.digitGroupingSymbol);
+    const std::optional<unsigned> decimals =
+        writtenDecimals(value, dialect_.decimalSymbol, dialect_.digitGroupingSymbol);
     if (!decimals) return note(FindingCode::FieldInvalid, column.name + " is no number", place, value);
     if (*decimals <= column.accuracy) return;
     tally_.addOnce(FindingCode::FieldFormat,

@@ -32,7 +32,8 @@ CsvDialect dialectOf(const pugi::xml_node& table)
     }
     const pugi::xml_node variable = table.child("VariableLength");
     dialect.columnDelimiter = singleCharacter(variable.child("ColumnDelimiter"), ';');
-    if (const pugi::xml_node records = variable.child("RecordDelimiter")) dialect.recordDelimiter = records.child_value();
+    if (const pugi::xml_node records = variable.child("RecordDelimiter"))
+        dialect.recordDelimiter = records.child_value();
     dialect.textEncapsulator = singleCharacter(variable.child("TextEncapsulator"), '\0');
     return dialect;
 }
@@ -68,7 +69,8 @@ Result<std::vector<TableDescription>> parseIndexXml(ByteView data)
                 entry.maxLength = static_cast<size_t>(std::strtoul(column.child_value("MaxLength"), nullptr, 10));
                 if (const pugi::xml_node numeric = column.child("Numeric")) {
                     entry.numeric = true;
-                    entry.accuracy = static_cast<unsigned>(std::min(5ul, std::strtoul(numeric.child_value("Accuracy"), nullptr, 10)));
+                    entry.accuracy = static_cast<unsigned>(
+                        std::min(5ul, std::strtoul(numeric.child_value("Accuracy"), nullptr, 10)));
                 }
                 if (!entry.name.empty()) description.columns.push_back(std::move(entry));
             }

@@ -77,8 +77,7 @@ class Intake {
 public:
     Intake(const IntakeOptions& options, Bookkeeping& books, RaisedFindings& findings)
         : options_(options), books_(books), findings_(findings)
-    {
-    }
+    {}
 
     Result<bool> readSource(const ExportSource& source);
     void raiseTallied() { tally_.raiseAll(findings_); }
@@ -104,10 +103,10 @@ private:
     FindingTally tally_;
     FieldRules rules_{tally_};
     RecordReader reader_{books_, rules_, findings_};
-    std::set<std::string> seen_;           // tables of any export
-    std::set<std::string> present_;        // tables of the export being read
-    std::set<std::string> broken_;         // tables with a file that could not be read
-    std::set<std::string> sourceBroken_;   // of the export being read
+    std::set<std::string> seen_;          // tables of any export
+    std::set<std::string> present_;       // tables of the export being read
+    std::set<std::string> broken_;        // tables with a file that could not be read
+    std::set<std::string> sourceBroken_;  // of the export being read
     size_t total_ = 0;
 };
 
@@ -141,21 +140,23 @@ void Intake::readTable(const std::string& label, const std::string& table, const
     std::vector<CsvColumn> declared = description ? description->columns : std::vector<CsvColumn>();
     for (CsvColumn& column : declared) column.maxLength = 0;
     const auto file = static_cast<uint16_t>(books_.files.size());
-    books_.files.push_back(TableFile{label, table, dialect.encoding, 0, dialect.decimalSymbol, dialect.digitGroupingSymbol});
+    books_.files.push_back(
+        TableFile{label, table, dialect.encoding, 0, dialect.decimalSymbol, dialect.digitGroupingSymbol});
     std::optional<FileColumns> columns;
     bool checked = false;
     const auto begin = [&](const std::vector<std::string>& header) {
         columns = fileColumns(label, layout, header, dialect.columnDelimiter), checked = true;
         rules_.beginFile(table, label, header, description ? &description->columns : nullptr, dialect);
     };
-    const CsvRead read = readCsv(data, dialect, declared, [&](const std::vector<std::string>& header, const CsvRecord& r) {
-        if (!checked) begin(header);
-        if (!columns) return;
-        ++books_.files[file].rows;
-        const RowPlace place{file, static_cast<uint32_t>(r.line)};
-        rules_.check(r, place);
-        reader_.read(layout, *columns, r, place, dialect);
-    });
+    const CsvRead read =
+        readCsv(data, dialect, declared, [&](const std::vector<std::string>& header, const CsvRecord& r) {
+            if (!checked) begin(header);
+            if (!columns) return;
+            ++books_.files[file].rows;
+            const RowPlace place{file, static_cast<uint32_t>(r.line)};
+            rules_.check(r, place);
+            reader_.read(layout, *columns, r, place, dialect);
+        });
     if (!checked && !read.header.empty()) columns = fileColumns(label, layout, read.header, dialect.columnDelimiter);
     if (!checked && read.header.empty() && read.problems.empty()) {
         broken(table);
@@ -167,7 +168,8 @@ void Intake::readTable(const std::string& label, const std::string& table, const
         findings_.raise(FindingCode::CsvMalformed, label + ": " + read.problems[i].message);
     }
     if (read.problems.size() > PROBLEMS_PER_FILE) {
-        findings_.raise(FindingCode::CsvMalformed, label + ": " + std::to_string(read.problems.size() - PROBLEMS_PER_FILE) +
+        findings_.raise(FindingCode::CsvMalformed, label + ": " +
+                                                       std::to_string(read.problems.size() - PROBLEMS_PER_FILE) +
                                                        " more malformed lines");
     }
 }
@@ -197,9 +199,9 @@ void Intake::readMember(const ExportSource& source, const std::vector<TableDescr
     const std::string table = asciiLower(baseName(member.name));
     const std::string label = source.label() + ":" + escapeText(member.name);
     if (!member.standalone && unsafeMemberName(member.name)) {
-        findings_.raise(FindingCode::UnexpectedMember,
-                        "the member name " + escapeText(member.name) + " in " + source.label() +
-                            " leads outside the export; it was not used");
+        findings_.raise(FindingCode::UnexpectedMember, "the member name " + escapeText(member.name) + " in " +
+                                                           source.label() +
+                                                           " leads outside the export; it was not used");
         return;
     }
     const TableLayout* layout = layoutOf(table);
@@ -209,7 +211,8 @@ void Intake::readMember(const ExportSource& source, const std::vector<TableDescr
     seen_.insert(table);
     if (!member.contents) {
         broken(table);
-        findings_.raise(FindingCode::MemberUnreadable, label + " " + member.contents.error().message + "; none of its rows was read");
+        findings_.raise(FindingCode::MemberUnreadable,
+                        label + " " + member.contents.error().message + "; none of its rows was read");
         return;
     }
     // A table no check reads still keeps the field rules.
@@ -290,12 +293,26 @@ Result<bool> Intake::readSource(const ExportSource& source)
 
 const std::vector<std::string>& standardTables()
 {
-    static const std::vector<std::string> tables = {
-        "cashpointclosing.csv", "location.csv",         "cashregister.csv", "slaves.csv",
-        "pa.csv",               "tse.csv",              "vat.csv",          "businesscases.csv",
-        "payment.csv",          "cash_per_currency.csv", "transactions.csv", "datapayment.csv",
-        "lines.csv",            "itemamounts.csv",      "subitems.csv",     "transactions_tse.csv",
-        "transactions_vat.csv", "lines_vat.csv",        "allocation_groups.csv", "references.csv"};
+    static const std::vector<std::string> tables = {"cashpointclosing.csv",
+                                                    "location.csv",
+                                                    "cashregister.csv",
+                                                    "slaves.csv",
+                                                    "pa.csv",
+                                                    "tse.csv",
+                                                    "vat.csv",
+                                                    "businesscases.csv",
+                                                    "payment.csv",
+                                                    "cash_per_currency.csv",
+                                                    "transactions.csv",
+                                                    "datapayment.csv",
+                                                    "lines.csv",
+                                                    "itemamounts.csv",
+                                                    "subitems.csv",
+                                                    "transactions_tse.csv",
+                                                    "transactions_vat.csv",
+                                                    "lines_vat.csv",
+                                                    "allocation_groups.csv",
+                                                    "references.csv"};
     return tables;
 }
 

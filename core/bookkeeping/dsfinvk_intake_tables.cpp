@@ -128,7 +128,8 @@ FileColumns columnsOf(const TableLayout& layout, const std::vector<std::string>&
 
 uint32_t RecordReader::closingOf(const FileColumns& c, const CsvRecord& record)
 {
-    return books_.closingOf(ClosingKey{std::string(c(record, 0)), std::string(c(record, 1)), std::string(c(record, 2))});
+    return books_.closingOf(
+        ClosingKey{std::string(c(record, 0)), std::string(c(record, 1)), std::string(c(record, 2))});
 }
 
 std::optional<Amount> RecordReader::amount(std::string_view text, std::string_view column, RowPlace place,
@@ -169,7 +170,8 @@ void RecordReader::read(const TableLayout& layout, const FileColumns& c, const C
         return;
     }
     case Table::Terminals:
-        books_.terminals.push_back(Terminal{closingOf(c, record), std::string(c(record, 3)), std::string(c(record, 4))});
+        books_.terminals.push_back(
+            Terminal{closingOf(c, record), std::string(c(record, 3)), std::string(c(record, 4))});
         return;
     case Table::Location: books_.closings[closingOf(c, record)].location = true; return;
     case Table::Receipts: return readReceipt(c, record, place);
@@ -195,8 +197,8 @@ void RecordReader::readTse(const FileColumns& c, const CsvRecord& record, RowPla
     d.certificateText = std::string(c(record, 9)) + std::string(c(record, 10));
     d.place = place;
     // One TSE stands in tse.csv once per closing; it is judged once.
-    const auto content = std::make_tuple(d.declaredSerial, d.algorithmText, d.timeFormatText, d.encoding, d.keyText,
-                                         d.certificateText);
+    const auto content =
+        std::make_tuple(d.declaredSerial, d.algorithmText, d.timeFormatText, d.encoding, d.keyText, d.certificateText);
     auto found = tseByContent_.find(content);
     if (found == tseByContent_.end()) {
         found = tseByContent_.emplace(content, static_cast<uint32_t>(books_.tses.size())).first;
@@ -244,7 +246,8 @@ void RecordReader::readClosing(const FileColumns& c, const CsvRecord& record, Ro
     closing.booked = true;
     closing.place = place;
     closing.createdSeconds = bookedSeconds(closing.key.created);
-    if (!closing.createdSeconds) rules_.note(FindingCode::FieldInvalid, "Z_ERSTELLUNG is no ISO 8601 time", place, closing.key.created);
+    if (!closing.createdSeconds)
+        rules_.note(FindingCode::FieldInvalid, "Z_ERSTELLUNG is no ISO 8601 time", place, closing.key.created);
     closing.businessDay = c(record, 3);
     closing.startId = c(record, 4);
     closing.endId = c(record, 5);
@@ -256,14 +259,14 @@ void RecordReader::readReceipt(const FileColumns& c, const CsvRecord& record, Ro
 {
     for (const size_t time : {size_t{7}, size_t{8}}) {
         if (c.has(time) && !bookedSeconds(c(record, time))) {
-            rules_.note(FindingCode::FieldInvalid, std::string(time == 7 ? "BON_START" : "BON_ENDE") + " is no ISO 8601 time",
-                        place, c(record, time));
+            rules_.note(FindingCode::FieldInvalid,
+                        std::string(time == 7 ? "BON_START" : "BON_ENDE") + " is no ISO 8601 time", place,
+                        c(record, time));
         }
     }
-    books_.receipts.push_back(BookedReceipt{
-        books_.pool.add({c(record, 3), c(record, 5), c(record, 4), c(record, 6), c(record, 7), c(record, 8), c(record, 9),
-                         c(record, 10)}),
-        closingOf(c, record), place});
+    books_.receipts.push_back(BookedReceipt{books_.pool.add({c(record, 3), c(record, 5), c(record, 4), c(record, 6),
+                                                             c(record, 7), c(record, 8), c(record, 9), c(record, 10)}),
+                                            closingOf(c, record), place});
 }
 
 void RecordReader::readVat(const FileColumns& c, const CsvRecord& record, RowPlace place, const CsvDialect& dialect)
@@ -387,8 +390,8 @@ void RecordReader::readVatRate(const FileColumns& c, const CsvRecord& record, Ro
 void RecordReader::readReference(const FileColumns& c, const CsvRecord& record, RowPlace place)
 {
     if (c(record, 4) != "Transaktion") return;
-    books_.references.push_back(
-        ReferenceRow{books_.pool.add({c(record, 3), c(record, 6), c(record, 7), c(record, 5)}), closingOf(c, record), place});
+    books_.references.push_back(ReferenceRow{books_.pool.add({c(record, 3), c(record, 6), c(record, 7), c(record, 5)}),
+                                             closingOf(c, record), place});
 }
 
 }  // namespace tse

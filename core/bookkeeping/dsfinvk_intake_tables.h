@@ -19,8 +19,23 @@
 namespace tse {
 
 enum class Table {
-    Tse, Rows, Closings, Registers, Terminals, Receipts, Vat, Payments, Lines, LineVat, BusinessCases,
-    ClosingPayments, CashPerCurrency, VatRates, References, Location, Other
+    Tse,
+    Rows,
+    Closings,
+    Registers,
+    Terminals,
+    Receipts,
+    Vat,
+    Payments,
+    Lines,
+    LineVat,
+    BusinessCases,
+    ClosingPayments,
+    CashPerCurrency,
+    VatRates,
+    References,
+    Location,
+    Other
 };
 
 // The columns the checks read of a table: its first `required` must be
@@ -54,8 +69,7 @@ class RecordReader {
 public:
     RecordReader(Bookkeeping& books, FieldRules& rules, RaisedFindings& findings)
         : books_(books), rules_(rules), findings_(findings)
-    {
-    }
+    {}
     void read(const TableLayout& layout, const FileColumns& c, const CsvRecord& record, RowPlace place,
               const CsvDialect& dialect);
 

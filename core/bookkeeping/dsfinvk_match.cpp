@@ -46,8 +46,8 @@ class TseReconciler {
 public:
     TseReconciler(Bookkeeping& books, RowChecks& checks, const TseExport& tse, const ReceiptRows* rows,
                   RaisedFindings& findings)
-        : books_(books), checks_(checks), tse_(tse), rows_(rows), findings_(findings), claimed_(tse.finishes.size(), false),
-          ranges_(tse.serials.size())
+        : books_(books), checks_(checks), tse_(tse), rows_(rows), findings_(findings),
+          claimed_(tse.finishes.size(), false), ranges_(tse.serials.size())
     {
         for (const TseFinish& log : tse.finishes) ranges_[log.serial].add(log.transaction, log.seconds);
         for (const TseStart& log : tse.starts) ranges_[log.serial].add(log.transaction, log.seconds);
@@ -99,12 +99,12 @@ void TseReconciler::identity()
     }
     for (const std::string& serial : exported) held += (held.empty() ? "" : ", ") + shortSerial(serial);
     if (shared) return;
-    findings_.raise(FindingCode::TseMismatch,
-                    (books_.tses.empty() ? std::string("tse.csv declares no TSE")
-                                         : "tse.csv declares the TSE " + declared) +
-                        ", the TSE export holds " + (held.empty() ? std::string("none") : held) +
-                        ": the bookkeeping and the TSE export share no TSE, so no sale can be checked against "
-                        "what the TSE signed");
+    findings_.raise(
+        FindingCode::TseMismatch,
+        (books_.tses.empty() ? std::string("tse.csv declares no TSE") : "tse.csv declares the TSE " + declared) +
+            ", the TSE export holds " + (held.empty() ? std::string("none") : held) +
+            ": the bookkeeping and the TSE export share no TSE, so no sale can be checked against "
+            "what the TSE signed");
 }
 
 uint8_t TseReconciler::compare(size_t row, const TseFinish& log, std::vector<std::string>& details) const
@@ -114,11 +114,14 @@ uint8_t TseReconciler::compare(size_t row, const TseFinish& log, std::vector<std
     uint8_t differences = 0;
     const auto differ = [&](uint8_t bit, std::string text) { differences |= bit, details.push_back(std::move(text)); };
     if (c.counter != NO_NUMBER && c.counter != log.counter) {
-        differ(DIFFERS_COUNTER, "signatureCounter " + std::to_string(c.counter) + " against the TSE's " + std::to_string(log.counter));
+        differ(DIFFERS_COUNTER,
+               "signatureCounter " + std::to_string(c.counter) + " against the TSE's " + std::to_string(log.counter));
     }
     const std::string_view type = books_.rowField(r, ROW_PROCESS_TYPE), logType = tse_.texts[log.processType];
-    if (type != logType) differ(DIFFERS_PROCESS_TYPE, "processType " + quoted(type) + " against the TSE's " + quoted(logType));
-    const std::string_view data = books_.rowField(r, ROW_PROCESS_DATA), other = books_.rowField(r, ROW_OTHER_PROCESS_DATA);
+    if (type != logType)
+        differ(DIFFERS_PROCESS_TYPE, "processType " + quoted(type) + " against the TSE's " + quoted(logType));
+    const std::string_view data = books_.rowField(r, ROW_PROCESS_DATA),
+                           other = books_.rowField(r, ROW_OTHER_PROCESS_DATA);
     const std::string_view signedData = tse_.processData(log);
     if (!data.empty() && data != signedData && other != signedData) {
         differ(DIFFERS_PROCESS_DATA, "processData " + quoted(data, SHOWN_PROCESS_DATA) + " against the TSE's " +
@@ -128,11 +131,14 @@ uint8_t TseReconciler::compare(size_t row, const TseFinish& log, std::vector<std
     const std::optional<IsoTime> end = parseIsoTime(books_.rowField(r, ROW_END));
     const bool asUtc = end && !end->hadZone && std::llabs(end->seconds - log.seconds) <= TIME_TOLERANCE;
     if (c.logSeconds == NO_TIME) {
-        differ(DIFFERS_LOG_TIME, "logTime " + quoted(books_.rowField(r, ROW_END)) + " against the Finish log's " + isoSeconds(log.seconds));
+        differ(DIFFERS_LOG_TIME, "logTime " + quoted(books_.rowField(r, ROW_END)) + " against the Finish log's " +
+                                     isoSeconds(log.seconds));
     } else if (std::llabs(c.logSeconds - log.seconds) > TIME_TOLERANCE && !asUtc) {
-        differ(DIFFERS_LOG_TIME, "logTime " + isoSeconds(c.logSeconds) + " against the Finish log's " + isoSeconds(log.seconds));
+        differ(DIFFERS_LOG_TIME,
+               "logTime " + isoSeconds(c.logSeconds) + " against the Finish log's " + isoSeconds(log.seconds));
     }
-    if (c.hasSignature && c.signatureHash != log.signatureHash) differ(DIFFERS_SIGNATURE, "signature is not the Finish log's");
+    if (c.hasSignature && c.signatureHash != log.signatureHash)
+        differ(DIFFERS_SIGNATURE, "signature is not the Finish log's");
     return differences;
 }
 
@@ -150,7 +156,8 @@ uint8_t TseReconciler::compareStart(size_t row, uint32_t serial, std::vector<std
     }
     const std::optional<uint64_t> first = tse_.firstStarted(serial);
     if (!first || c.transaction <= *first) return 0;
-    details.push_back("startTime " + (c.startSeconds == NO_TIME ? std::string("unreadable") : isoSeconds(c.startSeconds)) +
+    details.push_back("startTime " +
+                      (c.startSeconds == NO_TIME ? std::string("unreadable") : isoSeconds(c.startSeconds)) +
                       ", and the TSE export holds no Start log of transaction " + std::to_string(c.transaction));
     return DIFFERS_START_TIME;
 }
@@ -182,7 +189,8 @@ void TseReconciler::matched(size_t row, uint32_t serial, const TseFinish& log)
             (c.cause == RowCause::NoProcessData || c.cause == RowCause::TseUnusable)) {
             c.provenByLog = true;
             c.verdict = RowVerdict::Valid;
-            c.reason = checks_.text("verified through the TSE export's Finish log " + file + ", whose signature it carries");
+            c.reason =
+                checks_.text("verified through the TSE export's Finish log " + file + ", whose signature it carries");
         }
         return;
     }
@@ -230,7 +238,8 @@ std::map<std::string, std::set<std::string>> TseReconciler::clientRegisters() co
     for (size_t i = 0; i < books_.rows.size(); ++i) {
         const RowCheck& c = checks_.rows[i];
         if (c.log == NONE) continue;
-        out[std::string(tse_.texts[tse_.finishes[c.log].clientId])].insert(books_.closings[books_.rows[i].closing].key.kasse);
+        out[std::string(tse_.texts[tse_.finishes[c.log].clientId])].insert(
+            books_.closings[books_.rows[i].closing].key.kasse);
     }
     return out;
 }
@@ -252,17 +261,19 @@ void TseReconciler::coverage(Reconciliation& out)
         if (found != registers.end()) {
             kasse = *found->second.begin();
             for (const CoveredPeriod& p : out.periods) {
-                if (found->second.count(p.kasseId) && log.seconds > p.from - TIME_TOLERANCE && log.seconds <= p.to) period = &p;
+                if (found->second.count(p.kasseId) && log.seconds > p.from - TIME_TOLERANCE && log.seconds <= p.to)
+                    period = &p;
             }
         }
         if (period) {
             out.logs[i] = LogState::Unbooked;
             findings_.raise(FindingCode::TransactionUnbooked, FindingSubject::Log, i,
-                            "transaction " + std::to_string(log.transaction) + " (" + tse_.file(log) + ", processData " +
-                                quoted(tse_.processData(log), SHOWN_PROCESS_DATA) + ") was signed at " +
-                                isoSeconds(log.seconds) + " for register " + quoted(period->kasseId) +
-                                " inside the period of its closing " + period->closing + " (" + isoSeconds(period->from) +
-                                " to " + isoSeconds(period->to) + "), but the bookkeeping does not hold it");
+                            "transaction " + std::to_string(log.transaction) + " (" + tse_.file(log) +
+                                ", processData " + quoted(tse_.processData(log), SHOWN_PROCESS_DATA) +
+                                ") was signed at " + isoSeconds(log.seconds) + " for register " +
+                                quoted(period->kasseId) + " inside the period of its closing " + period->closing +
+                                " (" + isoSeconds(period->from) + " to " + isoSeconds(period->to) +
+                                "), but the bookkeeping does not hold it");
             continue;
         }
         out.logs[i] = LogState::Outside;

@@ -89,14 +89,14 @@ struct Closing {
     ClosingKey key;
     bool booked = false;  // cashpointclosing.csv holds it
     RowPlace place;
-    std::optional<int64_t> createdSeconds;  // Z_ERSTELLUNG, UTC
-    std::string businessDay;                // Z_BUCHUNGSTAG
-    std::string startId, endId;             // Z_START_ID, Z_ENDE_ID
-    std::string kasseSerial;                // KASSE_SERIENNR of cashregister.csv
-    std::string baseCurrency;               // KASSE_BASISWAEH_CODE; empty: EUR
-    std::optional<Amount> payments, cash;   // Z_SE_ZAHLUNGEN, Z_SE_BARZAHLUNGEN
+    std::optional<int64_t> createdSeconds;       // Z_ERSTELLUNG, UTC
+    std::string businessDay;                     // Z_BUCHUNGSTAG
+    std::string startId, endId;                  // Z_START_ID, Z_ENDE_ID
+    std::string kasseSerial;                     // KASSE_SERIENNR of cashregister.csv
+    std::string baseCurrency;                    // KASSE_BASISWAEH_CODE; empty: EUR
+    std::optional<Amount> payments, cash;        // Z_SE_ZAHLUNGEN, Z_SE_BARZAHLUNGEN
     bool registerRow = false, location = false;  // cashregister.csv and location.csv hold it
-    uint16_t source = 0;                    // the export that first named it
+    uint16_t source = 0;                         // the export that first named it
 };
 
 // A TSE as tse.csv describes it, once however many closings repeat it.
@@ -110,15 +110,24 @@ struct TseDeclaration {
     std::string curve;
     const SignatureAlgorithm* algorithm = nullptr;
     std::optional<ReceiptTimeFormat> timeFormat;  // a hint: the others are tried too
-    std::string problem;  // why its rows cannot be verified; empty when they can
+    std::string problem;                          // why its rows cannot be verified; empty when they can
     bool certificate = false;
     bool inTseExport = false;  // the TSE export holds its certificate or its logs
 };
 
 // A row of transactions_tse.csv; its fields are in the pool in this order.
 enum TseRowField : size_t {
-    ROW_BON_ID, ROW_TSE_ID, ROW_TANR, ROW_START, ROW_END, ROW_PROCESS_TYPE, ROW_COUNTER, ROW_SIGNATURE,
-    ROW_FAILURE, ROW_PROCESS_DATA, ROW_OTHER_PROCESS_DATA
+    ROW_BON_ID,
+    ROW_TSE_ID,
+    ROW_TANR,
+    ROW_START,
+    ROW_END,
+    ROW_PROCESS_TYPE,
+    ROW_COUNTER,
+    ROW_SIGNATURE,
+    ROW_FAILURE,
+    ROW_PROCESS_DATA,
+    ROW_OTHER_PROCESS_DATA
 };
 struct TseRow {
     RecordPool::Ref record = 0;
@@ -243,7 +252,10 @@ struct Bookkeeping {
 
     uint32_t closingOf(ClosingKey key);
     std::string_view rowField(const TseRow& row, TseRowField field) const { return pool.field(row.record, field); }
-    std::string_view receiptField(const BookedReceipt& r, ReceiptField field) const { return pool.field(r.record, field); }
+    std::string_view receiptField(const BookedReceipt& r, ReceiptField field) const
+    {
+        return pool.field(r.record, field);
+    }
     std::string where(const RowPlace& place) const;  // "shop.zip:transactions_tse.csv:17"
     // The receipt of (closing, BON_ID), once receipts are sorted by
     // sortReceipts(); nullptr when transactions.csv has none.

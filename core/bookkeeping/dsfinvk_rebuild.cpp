@@ -112,7 +112,8 @@ std::vector<std::string> rebuildProcessData(const Bookkeeping& books, const Rece
 {
     // Only tables read whole rebuild it: a missing one would rebuild nothing.
     const uint32_t closing = books.receipts[receipt].closing;
-    if (processType == "Bestellung-V1") return books.hasTable(closing, "lines.csv") ? orderTexts(books, rows, receipt) : std::vector<std::string>();
+    if (processType == "Bestellung-V1")
+        return books.hasTable(closing, "lines.csv") ? orderTexts(books, rows, receipt) : std::vector<std::string>();
     if (processType != "Kassenbeleg-V1" || !books.hasTable(closing, "transactions_vat.csv") ||
         !books.hasTable(closing, "datapayment.csv")) {
         return {};
@@ -125,7 +126,8 @@ std::vector<std::string> rebuildProcessData(const Bookkeeping& books, const Rece
     };
     amounts.payments = merged(amounts.payments);
     add(kassenbelegText(type, amounts));
-    std::stable_partition(amounts.payments.begin(), amounts.payments.end(), [](const ReceiptAmounts::Payment& p) { return p.cash; });
+    std::stable_partition(amounts.payments.begin(), amounts.payments.end(),
+                          [](const ReceiptAmounts::Payment& p) { return p.cash; });
     add(kassenbelegText(type, amounts));
     return texts;
 }
@@ -138,8 +140,8 @@ RebuiltProcessData rebuildMissingProcessData(const Bookkeeping& books, const Rec
         if (!books.rowField(row, ROW_PROCESS_DATA).empty() || books.rowField(row, ROW_SIGNATURE).empty()) continue;
         const BookedReceipt* receipt = books.findReceipt(row.closing, books.rowField(row, ROW_BON_ID));
         if (!receipt) continue;
-        std::vector<std::string> texts = rebuildProcessData(books, rows, static_cast<size_t>(receipt - books.receipts.data()),
-                                                            books.rowField(row, ROW_PROCESS_TYPE));
+        std::vector<std::string> texts = rebuildProcessData(
+            books, rows, static_cast<size_t>(receipt - books.receipts.data()), books.rowField(row, ROW_PROCESS_TYPE));
         if (!texts.empty()) out.emplace(i, std::move(texts));
     }
     return out;

@@ -61,8 +61,9 @@ ReceiptRows groupByReceipt(const Bookkeeping& books)
     }
     const size_t n = books.receipts.size();
     ReceiptRows out;
-    out.vat = groupRows(index, books.vat.size(), n,
-                        [&](size_t i) { return Key{books.vat[i].closing, books.pool.field(books.vat[i].bonId, 0)}; });
+    out.vat = groupRows(index, books.vat.size(), n, [&](size_t i) {
+        return Key{books.vat[i].closing, books.pool.field(books.vat[i].bonId, 0)};
+    });
     out.payments = groupRows(index, books.payments.size(), n, [&](size_t i) {
         return Key{books.payments[i].closing, books.pool.field(books.payments[i].record, PAY_BON_ID)};
     });

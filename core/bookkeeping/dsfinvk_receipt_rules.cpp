@@ -56,8 +56,10 @@ void checkReceiptRules(const Bookkeeping& books, const ReceiptRows& rows, Findin
     for (uint32_t c = 0; c < books.closings.size(); ++c) {
         const Closing& closing = books.closings[c];
         if (!closing.booked) continue;
-        if (books.hasTable(c, "location.csv") && !closing.location) closingRule(books, c, "a row in location.csv", tally);
-        if (books.hasTable(c, "cashregister.csv") && !closing.registerRow) closingRule(books, c, "a row in cashregister.csv", tally);
+        if (books.hasTable(c, "location.csv") && !closing.location)
+            closingRule(books, c, "a row in location.csv", tally);
+        if (books.hasTable(c, "cashregister.csv") && !closing.registerRow)
+            closingRule(books, c, "a row in cashregister.csv", tally);
         if (books.hasTable(c, "vat.csv") && !rates[c]) closingRule(books, c, "rows in vat.csv", tally);
     }
 }

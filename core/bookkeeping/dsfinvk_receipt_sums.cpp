@@ -69,8 +69,8 @@ void ReceiptSums::vat(size_t receipt)
         }
     }
     const uint32_t closing = books_.receipts[receipt].closing;
-    const bool withLines = books_.hasTable(closing, "lines_vat.csv") && books_.hasTable(closing, "transactions_vat.csv") &&
-                           !rows_.lineVat.of(receipt).empty();
+    const bool withLines = books_.hasTable(closing, "lines_vat.csv") &&
+                           books_.hasTable(closing, "transactions_vat.csv") && !rows_.lineVat.of(receipt).empty();
     for (const KeySums& s : sums_) {
         if (withLines && roundedToCents(s.lines) != roundedToCents(s.vat)) {
             out_.push_back({SumKind::LinesAgainstVat, s.key, s.lines, s.vat});
@@ -82,7 +82,8 @@ void ReceiptSums::totals(size_t receipt)
 {
     const BookedReceipt& r = books_.receipts[receipt];
     const TableFile& file = books_.files[r.place.file];
-    const std::optional<Amount> total = parseExactAmount(books_.receiptField(r, BON_GROSS), file.decimalSymbol, file.groupingSymbol);
+    const std::optional<Amount> total =
+        parseExactAmount(books_.receiptField(r, BON_GROSS), file.decimalSymbol, file.groupingSymbol);
     if (!total) return;  // a field rule says so
     if (books_.hasTable(r.closing, "transactions_vat.csv")) {
         Amount vat = 0;
@@ -91,10 +92,13 @@ void ReceiptSums::totals(size_t receipt)
     }
     const RowGroup payments = rows_.payments.of(receipt);
     // A sale without payments breaks a rule of its own.
-    if (books_.receiptField(r, BON_TYP) != "Beleg" || payments.empty() || !books_.hasTable(r.closing, "datapayment.csv")) return;
+    if (books_.receiptField(r, BON_TYP) != "Beleg" || payments.empty() ||
+        !books_.hasTable(r.closing, "datapayment.csv"))
+        return;
     Amount paid = 0;
     for (const uint32_t i : payments) paid += books_.payments[i].base;
-    if (roundedToCents(paid) != roundedToCents(*total)) out_.push_back({SumKind::PaymentsAgainstTotal, 0, paid, *total});
+    if (roundedToCents(paid) != roundedToCents(*total))
+        out_.push_back({SumKind::PaymentsAgainstTotal, 0, paid, *total});
 }
 
 std::vector<SumDifference> ReceiptSums::differences(size_t receipt)

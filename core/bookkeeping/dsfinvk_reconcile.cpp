@@ -31,7 +31,8 @@ std::string shortSerial(std::string_view serial)
 
 std::string rowLabel(const Bookkeeping& books, size_t row)
 {
-    return books.closings[books.rows[row].closing].key.kasse + "/" + std::string(books.rowField(books.rows[row], ROW_BON_ID));
+    return books.closings[books.rows[row].closing].key.kasse + "/" +
+           std::string(books.rowField(books.rows[row], ROW_BON_ID));
 }
 
 // (closing, BON_ID) of the rows of one table, sorted, for lookups by receipt.
@@ -60,7 +61,8 @@ rowsOf(const std::vector<uint32_t>& order, const KeyOf& keyOf, const ReceiptKey&
 std::optional<std::string_view> signedProcessData(const Bookkeeping& books, const RowCheck& check, size_t row,
                                                   const TseExport* tse)
 {
-    if (check.verdict == RowVerdict::Valid && !check.provenByLog) return books.rowField(books.rows[row], ROW_PROCESS_DATA);
+    if (check.verdict == RowVerdict::Valid && !check.provenByLog)
+        return books.rowField(books.rows[row], ROW_PROCESS_DATA);
     if (tse && check.log != NONE && tse->finishes[check.log].verdict == LogVerdict::Valid) {
         return tse->processData(tse->finishes[check.log]);
     }
@@ -73,7 +75,9 @@ public:
                     RaisedFindings& findings)
         : books_(books), checks_(checks), tse_(tse), rows_(rows), findings_(findings)
     {
-        const auto rowKey = [&](uint32_t i) { return ReceiptKey{books_.rows[i].closing, books_.rowField(books_.rows[i], ROW_BON_ID)}; };
+        const auto rowKey = [&](uint32_t i) {
+            return ReceiptKey{books_.rows[i].closing, books_.rowField(books_.rows[i], ROW_BON_ID)};
+        };
         rowOrder_ = sortedByReceipt(books_.rows.size(), rowKey);
         vatOrder_ = sortedByReceipt(books_.vat.size(), [&](uint32_t i) { return vatKey(i); });
         paymentOrder_ = sortedByReceipt(books_.payments.size(), [&](uint32_t i) { return paymentKey(i); });
@@ -116,7 +120,8 @@ void BooksReconciler::duplicates()
         if (c.tse != NONE && c.transaction != NO_NUMBER && c.verdict != RowVerdict::Unsigned) order.push_back(i);
     }
     const auto key = [&](size_t i) {
-        return std::make_pair(std::string_view(books_.tses[checks_.rows[i].tse].serialNumber), checks_.rows[i].transaction);
+        return std::make_pair(std::string_view(books_.tses[checks_.rows[i].tse].serialNumber),
+                              checks_.rows[i].transaction);
     };
     std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) { return key(a) < key(b); });
     for (size_t first = 0; first < order.size();) {
@@ -147,7 +152,9 @@ void BooksReconciler::links()
                         "BON_ID " + rowValue(ROW_BON_ID) + " names no receipt of closing " +
                             books_.closings[row.closing].key.number + " in transactions.csv");
     }
-    const auto rowKey = [&](uint32_t i) { return ReceiptKey{books_.rows[i].closing, books_.rowField(books_.rows[i], ROW_BON_ID)}; };
+    const auto rowKey = [&](uint32_t i) {
+        return ReceiptKey{books_.rows[i].closing, books_.rowField(books_.rows[i], ROW_BON_ID)};
+    };
     for (size_t r = 0; r < books_.receipts.size(); ++r) {
         const BookedReceipt& receipt = books_.receipts[r];
         if (books_.receiptField(receipt, BON_TYP) != "Beleg") continue;
@@ -179,7 +186,8 @@ void BooksReconciler::receiptTime(size_t row, const BookedReceipt& receipt)
 std::vector<std::string> BooksReconciler::compareVat(const ReceiptAmounts& signed_, const ReceiptKey& key) const
 {
     Amount booked[5] = {0, 0, 0, 0, 0};
-    const auto range = rowsOf(vatOrder_, [&](uint32_t i) { return vatKey(i); }, key);
+    const auto range = rowsOf(
+        vatOrder_, [&](uint32_t i) { return vatKey(i); }, key);
     for (auto it = range.first; it != range.second; ++it) {
         const VatRow& vat = books_.vat[*it];
         // A key of the business's own stands for no amount of processData;
@@ -204,7 +212,8 @@ std::vector<std::string> BooksReconciler::comparePayments(const ReceiptAmounts& 
         const bool base = p.currency.empty() || equalsIgnoringCase(p.currency, "EUR");
         signedPayments[{p.cash, base ? std::string() : p.currency}] += p.amount * (AMOUNT_UNIT / 100);
     }
-    const auto range = rowsOf(paymentOrder_, [&](uint32_t i) { return paymentKey(i); }, key);
+    const auto range = rowsOf(
+        paymentOrder_, [&](uint32_t i) { return paymentKey(i); }, key);
     for (auto it = range.first; it != range.second; ++it) {
         const PaymentRow& p = books_.payments[*it];
         const std::string_view currency = books_.pool.field(p.record, 3);
@@ -222,7 +231,8 @@ std::vector<std::string> BooksReconciler::comparePayments(const ReceiptAmounts& 
         const Amount a = signedPayments.count(k) ? signedPayments.at(k) : 0, b = booked.count(k) ? booked.at(k) : 0;
         if (a == b) continue;
         out.push_back(std::string(k.first ? "cash" : "non-cash") + (k.second.empty() ? "" : " " + k.second) +
-                      " payments: signed " + formatExactAmount(a) + ", booked in datapayment.csv " + formatExactAmount(b));
+                      " payments: signed " + formatExactAmount(a) + ", booked in datapayment.csv " +
+                      formatExactAmount(b));
     }
     return out;
 }
@@ -249,14 +259,16 @@ void BooksReconciler::amounts(size_t row)
         differences.insert(differences.end(), payments.begin(), payments.end());
     }
     if (differences.empty()) return;
-    std::string words = "the booked amounts differ from the signed processData " + quoted(*data, SHOWN_PROCESS_DATA) + ": ";
+    std::string words =
+        "the booked amounts differ from the signed processData " + quoted(*data, SHOWN_PROCESS_DATA) + ": ";
     for (size_t i = 0; i < differences.size(); ++i) words += (i ? "; " : "") + differences[i];
     // Set beside the signed text, the rebuilt one shows at a glance which amount was changed.
     const BookedReceipt* receipt = books_.findReceipt(key.first, key.second);
     if (rows_ && receipt) {
-        const std::vector<std::string> rebuilt = rebuildProcessData(
-            books_, *rows_, static_cast<size_t>(receipt - books_.receipts.data()), "Kassenbeleg-V1");
-        if (!rebuilt.empty()) words += "; processData rebuilt from the bookkeeping: " + quoted(rebuilt.front(), SHOWN_PROCESS_DATA);
+        const std::vector<std::string> rebuilt =
+            rebuildProcessData(books_, *rows_, static_cast<size_t>(receipt - books_.receipts.data()), "Kassenbeleg-V1");
+        if (!rebuilt.empty())
+            words += "; processData rebuilt from the bookkeeping: " + quoted(rebuilt.front(), SHOWN_PROCESS_DATA);
     }
     findings_.raise(FindingCode::AmountsDiffer, FindingSubject::Row, row, words);
 }
@@ -273,7 +285,8 @@ std::vector<CoveredPeriod> coveredPeriods(const Bookkeeping& books)
 {
     std::map<std::string, std::vector<const Closing*>> byRegister;
     for (const Closing& closing : books.closings) {
-        if ((closing.booked || !books.closingsTable) && closing.createdSeconds) byRegister[closing.key.kasse].push_back(&closing);
+        if ((closing.booked || !books.closingsTable) && closing.createdSeconds)
+            byRegister[closing.key.kasse].push_back(&closing);
     }
     std::vector<CoveredPeriod> periods;
     for (auto& [kasse, closings] : byRegister) {

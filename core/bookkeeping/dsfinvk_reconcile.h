@@ -31,15 +31,15 @@ struct Reconciliation {
 // Links and amounts inside the bookkeeping: every row's receipt, every
 // receipt's row, its time, the signed amounts against the booked ones, and
 // one TSE transaction in one row.
-void reconcileBookkeeping(const Bookkeeping& books, RowChecks& checks, const TseExport* tse,
-                          RaisedFindings& findings, const ReceiptRows* rows = nullptr);
+void reconcileBookkeeping(const Bookkeeping& books, RowChecks& checks, const TseExport* tse, RaisedFindings& findings,
+                          const ReceiptRows* rows = nullptr);
 
 // The bookkeeping against the TSE export: the same TSE, each row against
 // its Finish and Start log, each Finish log of a covered register and
 // period against the rows; with the receipts' rows, the failure rows
 // against the Finish logs no row claims.
-Reconciliation reconcileWithTse(Bookkeeping& books, RowChecks& checks, const TseExport& tse,
-                                RaisedFindings& findings, const ReceiptRows* rows = nullptr);
+Reconciliation reconcileWithTse(Bookkeeping& books, RowChecks& checks, const TseExport& tse, RaisedFindings& findings,
+                                const ReceiptRows* rows = nullptr);
 
 // The periods the closings cover, by register.
 std::vector<CoveredPeriod> coveredPeriods(const Bookkeeping& books);

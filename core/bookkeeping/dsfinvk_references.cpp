@@ -21,8 +21,11 @@ void orphans(const Bookkeeping& books, const RowGroups& groups, const std::vecto
     for (const uint32_t i : groups.orphans()) {
         const Row& row = table[i];
         if (!books.hasTable(row.closing, "transactions.csv")) continue;
-        tally.add(FindingCode::ReferenceMissing, std::string(name) + ": rows naming a receipt that transactions.csv does not hold",
-                  "row", [&] { return books.where(row.place) + " (BON_ID " + quoted(bonId(row)) + " of " + closingName(books, row.closing) + ")"; });
+        tally.add(FindingCode::ReferenceMissing,
+                  std::string(name) + ": rows naming a receipt that transactions.csv does not hold", "row", [&] {
+                      return books.where(row.place) + " (BON_ID " + quoted(bonId(row)) + " of " +
+                             closingName(books, row.closing) + ")";
+                  });
     }
 }
 
@@ -32,7 +35,9 @@ std::map<std::pair<std::string_view, std::string_view>, uint32_t> closingsByNumb
 {
     std::map<std::pair<std::string_view, std::string_view>, uint32_t> out;
     for (uint32_t c = 0; c < books.closings.size(); ++c) {
-        out.emplace(std::make_pair(std::string_view(books.closings[c].key.kasse), std::string_view(books.closings[c].key.number)), c);
+        out.emplace(std::make_pair(std::string_view(books.closings[c].key.kasse),
+                                   std::string_view(books.closings[c].key.number)),
+                    c);
     }
     return out;
 }
@@ -41,16 +46,18 @@ void references(const Bookkeeping& books, FindingTally& tally)
 {
     const auto closings = closingsByNumber(books);
     for (const ReferenceRow& ref : books.references) {
-        std::string_view kasse = books.pool.field(ref.record, REF_KASSE), number = books.pool.field(ref.record, REF_CLOSING);
+        std::string_view kasse = books.pool.field(ref.record, REF_KASSE),
+                         number = books.pool.field(ref.record, REF_CLOSING);
         const std::string_view target = books.pool.field(ref.record, REF_TARGET);
         if (kasse.empty()) kasse = books.closings[ref.closing].key.kasse;
         if (number.empty()) number = books.closings[ref.closing].key.number;
         const auto closing = closings.find({kasse, number});
         if (closing != closings.end() && books.findReceipt(closing->second, target)) continue;
-        tally.add(FindingCode::ReferenceMissing, "references.csv: references of type Transaktion to a receipt that transactions.csv does not hold",
+        tally.add(FindingCode::ReferenceMissing,
+                  "references.csv: references of type Transaktion to a receipt that transactions.csv does not hold",
                   "row", [&] {
-                      return books.where(ref.place) + " (REF_BON_ID " + quoted(target) + " of closing " + escapeUnsafe(number) +
-                             " of register " + quoted(kasse) + ")";
+                      return books.where(ref.place) + " (REF_BON_ID " + quoted(target) + " of closing " +
+                             escapeUnsafe(number) + " of register " + quoted(kasse) + ")";
                   });
     }
 }
@@ -59,15 +66,24 @@ void references(const Bookkeeping& books, FindingTally& tally)
 
 void checkReferences(const Bookkeeping& books, const ReceiptRows& rows, FindingTally& tally)
 {
-    orphans(books, rows.lines, books.lines, "lines.csv", [&](const LineRow& r) { return books.linePool.field(r.record, LINE_BON_ID); }, tally);
-    orphans(books, rows.lineVat, books.lineVat, "lines_vat.csv", [&](const LineVatRow& r) { return books.linePool.field(r.record, 0); }, tally);
-    orphans(books, rows.vat, books.vat, "transactions_vat.csv", [&](const VatRow& r) { return books.pool.field(r.bonId, 0); }, tally);
-    orphans(books, rows.payments, books.payments, "datapayment.csv", [&](const PaymentRow& r) { return books.pool.field(r.record, PAY_BON_ID); }, tally);
+    orphans(
+        books, rows.lines, books.lines, "lines.csv",
+        [&](const LineRow& r) { return books.linePool.field(r.record, LINE_BON_ID); }, tally);
+    orphans(
+        books, rows.lineVat, books.lineVat, "lines_vat.csv",
+        [&](const LineVatRow& r) { return books.linePool.field(r.record, 0); }, tally);
+    orphans(
+        books, rows.vat, books.vat, "transactions_vat.csv",
+        [&](const VatRow& r) { return books.pool.field(r.bonId, 0); }, tally);
+    orphans(
+        books, rows.payments, books.payments, "datapayment.csv",
+        [&](const PaymentRow& r) { return books.pool.field(r.record, PAY_BON_ID); }, tally);
     if (books.closingsTable) {
         for (const BookedReceipt& receipt : books.receipts) {
             if (books.closings[receipt.closing].booked) continue;
-            tally.add(FindingCode::ReferenceMissing, "transactions.csv: receipts of a closing that cashpointclosing.csv does not hold",
-                      "receipt", [&] { return books.where(receipt.place) + " (" + closingName(books, receipt.closing) + ")"; });
+            tally.add(FindingCode::ReferenceMissing,
+                      "transactions.csv: receipts of a closing that cashpointclosing.csv does not hold", "receipt",
+                      [&] { return books.where(receipt.place) + " (" + closingName(books, receipt.closing) + ")"; });
         }
     }
     references(books, tally);

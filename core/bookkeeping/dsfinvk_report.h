@@ -43,12 +43,13 @@ struct BookedTransaction {
     std::string logFraction;
     std::optional<int64_t> startSeconds;
     RowVerdict verdict = RowVerdict::Unverifiable;
-    std::optional<MatchState> match;       // none without a TSE export
-    std::vector<std::string> differences;  // "signatureCounter", "processType", "processData", "logTime", "startTime", "signature"
+    std::optional<MatchState> match;  // none without a TSE export
+    std::vector<std::string>
+        differences;     // "signatureCounter", "processType", "processData", "logTime", "startTime", "signature"
     std::string reason;  // why it is not valid, or how it held
     std::optional<ReceiptForm> form;  // the message shape, time and signature encoding that held
-    bool localTime = false;  // TSE_TA_ENDE had no zone and was read as German time
-    std::string failure;     // TSE_TA_FEHLER
+    bool localTime = false;           // TSE_TA_ENDE had no zone and was read as German time
+    std::string failure;              // TSE_TA_FEHLER
 
     std::string label() const;    // how findings name it: "KASSE-1/B17" or "TSE 1A2B3C4D.../42"
     std::string logTime() const;  // ISO 8601 UTC, or ""
@@ -59,7 +60,7 @@ struct BookkeepingFinding {
     std::string code;  // "signature-invalid", "transaction-unbooked", ...
     std::string message;
     std::vector<std::string> transactions;  // labels of the transactions, or the TSE export's files, it concerns
-    bool tseExport = false;  // raised by the audit of the TSE export
+    bool tseExport = false;                 // raised by the audit of the TSE export
 };
 
 // A TSE as the bookkeeping describes it in tse.csv (once, however many
@@ -95,8 +96,8 @@ struct UncoveredSales {
 // One total of a closing checked against what its receipts add up to: a
 // column of cashpointclosing.csv or a row of the closing module.
 struct ClosingTotal {
-    std::string name;      // "Z_SE_BARZAHLUNGEN", "payment.csv Bar/Bar", "businesscases.csv Umsatz/Warenverkauf/0 key 1"
-    std::string booked;    // as the table books it (an exact decimal, or a BON_ID); empty when it books none
+    std::string name;    // "Z_SE_BARZAHLUNGEN", "payment.csv Bar/Bar", "businesscases.csv Umsatz/Warenverkauf/0 key 1"
+    std::string booked;  // as the table books it (an exact decimal, or a BON_ID); empty when it books none
     std::string computed;  // from the receipts
     bool differs = false;
 };
@@ -163,7 +164,7 @@ struct BookkeepingReport {
     std::vector<std::string> tablesRead;  // "transactions_tse.csv (51 rows)", per export
     std::vector<CoveredPeriod> periods;
     std::vector<UncoveredSales> uncovered;
-    std::vector<ClosingCheck> closings;  // the closings' totals against their receipts
+    std::vector<ClosingCheck> closings;    // the closings' totals against their receipts
     std::optional<AuditSummary> tseAudit;  // the TSE export's own audit, when given
     // Rows in reading order, then the TSE's Finish logs that no row books.
     LazyList<BookedTransaction> transactions;

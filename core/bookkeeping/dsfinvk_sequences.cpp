@@ -43,9 +43,10 @@ void closingGaps(const Bookkeeping& books, const std::vector<uint32_t>& closings
         const Closing &before = books.closings[closings[i - 1]], &after = books.closings[closings[i]];
         const std::optional<uint64_t> a = parseDecimal(before.key.number), b = parseDecimal(after.key.number);
         if (!a || !b || *b == *a + 1) continue;
-        std::string words = "closing numbers of register " + quoted(after.key.kasse) + ": " + escapeUnsafe(after.key.number) +
-                            " (created " + escapeUnsafe(after.key.created) + ") follows " + escapeUnsafe(before.key.number) +
-                            " (created " + escapeUnsafe(before.key.created) + ")";
+        std::string words = "closing numbers of register " + quoted(after.key.kasse) + ": " +
+                            escapeUnsafe(after.key.number) + " (created " + escapeUnsafe(after.key.created) +
+                            ") follows " + escapeUnsafe(before.key.number) + " (created " +
+                            escapeUnsafe(before.key.created) + ")";
         if (*b == *a) words += ": the number stands twice";
         else if (*b < *a) words += ": the number goes back";
         else words += ": " + std::to_string(*a + 1) + (*b - *a > 2 ? " to " + std::to_string(*b - 1) : "") + " missing";
@@ -65,8 +66,12 @@ void bonDuplicates(const Bookkeeping& books, const std::vector<uint32_t>& closin
             const auto inserted = first.emplace(bon, c);
             if (inserted.second) continue;
             const uint32_t earlier = inserted.first->second;
-            tally.add(FindingCode::BonDuplicate, closingName(books, c) + ": receipts with a BON_ID an earlier receipt of the register has",
-                      "receipt", [&] { return "BON_ID " + quoted(bon) + " (first in closing " + escapeUnsafe(books.closings[earlier].key.number) + ")"; });
+            tally.add(FindingCode::BonDuplicate,
+                      closingName(books, c) + ": receipts with a BON_ID an earlier receipt of the register has",
+                      "receipt", [&] {
+                          return "BON_ID " + quoted(bon) + " (first in closing " +
+                                 escapeUnsafe(books.closings[earlier].key.number) + ")";
+                      });
         }
     }
 }
@@ -91,7 +96,8 @@ void bonGaps(const Bookkeeping& books, const std::string& kasse, const std::vect
     for (const uint32_t c : closings) {
         std::vector<uint64_t> numbers;
         for (uint32_t r = ranges[c].first; r < ranges[c].second; ++r) {
-            if (const std::optional<uint64_t> n = parseDecimal(books.receiptField(books.receipts[r], BON_NR))) numbers.push_back(*n);
+            if (const std::optional<uint64_t> n = parseDecimal(books.receiptField(books.receipts[r], BON_NR)))
+                numbers.push_back(*n);
         }
         std::sort(numbers.begin(), numbers.end());
         numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
@@ -106,9 +112,9 @@ void bonGaps(const Bookkeeping& books, const std::string& kasse, const std::vect
     }
     for (const auto& [from, to] : missing) count += to - from + 1;
     if (missing.empty()) return;
-    findings.raise(FindingCode::BonGap, "receipt numbers (BON_NR) of register " + quoted(kasse) + ": " + std::to_string(count) +
-                                            " missing between " + std::to_string(*lowest) + " and " + std::to_string(*last) +
-                                            ": " + rangesText(missing));
+    findings.raise(FindingCode::BonGap, "receipt numbers (BON_NR) of register " + quoted(kasse) + ": " +
+                                            std::to_string(count) + " missing between " + std::to_string(*lowest) +
+                                            " and " + std::to_string(*last) + ": " + rangesText(missing));
 }
 
 void receiptsOutside(const Bookkeeping& books, const std::vector<uint32_t>& closings,
@@ -127,7 +133,8 @@ void receiptsOutside(const Bookkeeping& books, const std::vector<uint32_t>& clos
                           (before ? "outside its period, after " + isoSeconds(*before) + " and up to its creation"
                                   : "after its creation"),
                       "receipt", [&] {
-                          return "BON_ID " + quoted(books.receiptField(books.receipts[r], BON_ID)) + " ended " + quoted(endText);
+                          return "BON_ID " + quoted(books.receiptField(books.receipts[r], BON_ID)) + " ended " +
+                                 quoted(endText);
                       });
         }
         before = created;

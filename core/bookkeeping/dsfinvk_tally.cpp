@@ -18,9 +18,11 @@ FindingTally::Entry& FindingTally::entry_(FindingCode code, const std::string& g
 void FindingTally::raiseAll(RaisedFindings& findings) const
 {
     for (const Entry& entry : order_) {
-        std::string words = entry.group + ": " + std::to_string(entry.count) + " " + entry.noun + (entry.count == 1 ? "" : "s");
+        std::string words =
+            entry.group + ": " + std::to_string(entry.count) + " " + entry.noun + (entry.count == 1 ? "" : "s");
         for (size_t i = 0; i < entry.examples.size(); ++i) words += (i ? "; " : ": ") + entry.examples[i];
-        if (entry.count > entry.examples.size()) words += "; and " + std::to_string(entry.count - entry.examples.size()) + " more";
+        if (entry.count > entry.examples.size())
+            words += "; and " + std::to_string(entry.count - entry.examples.size()) + " more";
         findings.raise(entry.code, words);
     }
 }

@@ -34,7 +34,8 @@ public:
     // As add, but a case at the same place as the group's last one is not
     // counted again (two checks may find the same value wanting).
     template <typename Example>
-    void addOnce(FindingCode code, const std::string& group, std::string_view noun, uint64_t place, const Example& example)
+    void addOnce(FindingCode code, const std::string& group, std::string_view noun, uint64_t place,
+                 const Example& example)
     {
         Entry& entry = entry_(code, group, noun);
         if (entry.count && entry.lastPlace == place) return;

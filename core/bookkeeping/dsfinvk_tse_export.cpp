@@ -11,7 +11,8 @@ namespace {
 
 bool startsWithWord(const std::string& operation, std::string_view word)
 {
-    return operation.size() >= word.size() && equalsIgnoringCase(std::string_view(operation).substr(0, word.size()), word);
+    return operation.size() >= word.size() &&
+           equalsIgnoringCase(std::string_view(operation).substr(0, word.size()), word);
 }
 
 // Collects the transaction logs on the audit's verifying threads.

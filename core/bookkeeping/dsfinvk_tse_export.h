@@ -23,7 +23,7 @@ struct TseFinish {
     uint32_t serial = 0;  // index into TseExport::serials
     uint64_t transaction = 0, counter = 0;
     int64_t seconds = 0;
-    uint64_t ordinal = 0;  // of its record in the audit's log table
+    uint64_t ordinal = 0;        // of its record in the audit's log table
     uint64_t signatureHash = 0;  // of r || s
     RecordPool::Ref processData = 0;
     uint32_t fraction = 0, clientId = 0, processType = 0;  // in TseExport::texts

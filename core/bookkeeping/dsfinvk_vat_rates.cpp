@@ -24,14 +24,31 @@ struct DatedRate {
 };
 
 const DatedRate RATES[] = {
-    {1, 1968, 1, 1, 1900}, {1, 2020, 7, 1, 1600}, {1, 2021, 1, 1, 1900},
-    {2, 1968, 1, 1, 700},  {2, 2020, 7, 1, 500},  {2, 2021, 1, 1, 700},
-    {3, 1968, 1, 1, 1070}, {3, 2022, 1, 1, 950},  {3, 2023, 1, 1, 900}, {3, 2024, 12, 6, 840}, {3, 2025, 1, 1, 780},
+    {1, 1968, 1, 1, 1900},
+    {1, 2020, 7, 1, 1600},
+    {1, 2021, 1, 1, 1900},
+    {2, 1968, 1, 1, 700},
+    {2, 2020, 7, 1, 500},
+    {2, 2021, 1, 1, 700},
+    {3, 1968, 1, 1, 1070},
+    {3, 2022, 1, 1, 950},
+    {3, 2023, 1, 1, 900},
+    {3, 2024, 12, 6, 840},
+    {3, 2025, 1, 1, 780},
     {4, 1968, 1, 1, 550},
-    {5, 1968, 1, 1, 0},    {6, 1968, 1, 1, 0},    {7, 1968, 1, 1, 0},   {8, 1968, 1, 1, 0},
+    {5, 1968, 1, 1, 0},
+    {6, 1968, 1, 1, 0},
+    {7, 1968, 1, 1, 0},
+    {8, 1968, 1, 1, 0},
     // Historic keys: the old rates, for sales made or returned after a change.
-    {11, 1968, 1, 1, 1900}, {12, 1968, 1, 1, 700}, {21, 1968, 1, 1, 1600}, {22, 1968, 1, 1, 500},
-    {13, 1968, 1, 1, 1070}, {23, 1968, 1, 1, 950}, {33, 1968, 1, 1, 900},  {43, 1968, 1, 1, 840},
+    {11, 1968, 1, 1, 1900},
+    {12, 1968, 1, 1, 700},
+    {21, 1968, 1, 1, 1600},
+    {22, 1968, 1, 1, 500},
+    {13, 1968, 1, 1, 1070},
+    {23, 1968, 1, 1, 950},
+    {33, 1968, 1, 1, 900},
+    {43, 1968, 1, 1, 840},
 };
 
 std::string rateText(int64_t hundredths)
@@ -50,11 +67,13 @@ std::set<int64_t> daysOf(const Bookkeeping& books, const BookedReceipt& receipt)
 {
     std::set<int64_t> days;
     for (const ReceiptField field : {BON_START, BON_END}) {
-        if (const std::optional<int64_t> t = bookedSeconds(books.receiptField(receipt, field))) days.insert(germanDay(*t));
+        if (const std::optional<int64_t> t = bookedSeconds(books.receiptField(receipt, field)))
+            days.insert(germanDay(*t));
     }
     const Closing& closing = books.closings[receipt.closing];
     if (days.empty()) {
-        if (const std::optional<IsoTime> day = parseIsoTime(closing.businessDay + "T12:00:00")) days.insert(day->seconds / DAY);
+        if (const std::optional<IsoTime> day = parseIsoTime(closing.businessDay + "T12:00:00"))
+            days.insert(day->seconds / DAY);
         else if (closing.createdSeconds) days.insert(germanDay(*closing.createdSeconds));
     }
     return days;
@@ -77,8 +96,8 @@ void checkReceipt(const Bookkeeping& books, const ReceiptRows& rows, size_t r, c
         const auto rate = rates.find(key);
         if (rate == rates.end()) {
             tally.add(FindingCode::ReferenceMissing,
-                      "vat.csv of " + closingName(books, receipt.closing) + " has no rate for VAT key " + std::to_string(key) +
-                          " that its receipts use",
+                      "vat.csv of " + closingName(books, receipt.closing) + " has no rate for VAT key " +
+                          std::to_string(key) + " that its receipts use",
                       "receipt", [&] { return "BON_ID " + quoted(books.receiptField(receipt, BON_ID)); });
             continue;
         }
@@ -93,8 +112,9 @@ void checkReceipt(const Bookkeeping& books, const ReceiptRows& rows, size_t r, c
                   "vat.csv of " + closingName(books, receipt.closing) + " gives VAT key " + std::to_string(key) + " " +
                       formatExactAmount(rate->second, 2) + " %",
                   "receipt", [&] {
-                      return "BON_ID " + quoted(books.receiptField(receipt, BON_ID)) + " of " + dayText(*days.rbegin()) +
-                             ", when key " + std::to_string(key) + " stood for " + rateText(*legalVatRate(key, *days.rbegin()));
+                      return "BON_ID " + quoted(books.receiptField(receipt, BON_ID)) + " of " +
+                             dayText(*days.rbegin()) + ", when key " + std::to_string(key) + " stood for " +
+                             rateText(*legalVatRate(key, *days.rbegin()));
                   });
     }
 }
@@ -122,7 +142,8 @@ void checkVatRates(const Bookkeeping& books, const ReceiptRows& rows, FindingTal
     std::vector<std::map<uint32_t, Amount>> rates(books.closings.size());
     for (const VatRate& rate : books.vatRates) rates[rate.closing].emplace(rate.key, rate.rate);
     for (size_t r = 0; r < books.receipts.size(); ++r) {
-        if (books.hasTable(books.receipts[r].closing, "vat.csv")) checkReceipt(books, rows, r, rates[books.receipts[r].closing], tally);
+        if (books.hasTable(books.receipts[r].closing, "vat.csv"))
+            checkReceipt(books, rows, r, rates[books.receipts[r].closing], tally);
     }
 }
 

@@ -44,7 +44,8 @@ void decodeKey(TseDeclaration& d)
         d.curve = std::string(d.key->curveInfo().displayName);
         return;
     }
-    d.problem = d.keyText.empty() ? "TSE_PUBLIC_KEY is empty" : "TSE_PUBLIC_KEY is no usable key: " + keys.key.error().message;
+    d.problem =
+        d.keyText.empty() ? "TSE_PUBLIC_KEY is empty" : "TSE_PUBLIC_KEY is no usable key: " + keys.key.error().message;
     const std::optional<Bytes> serial = declaredSerial(d.declaredSerial);
     d.serialNumber = serial ? toHex(*serial) : d.declaredSerial;
 }
@@ -54,7 +55,8 @@ void judgeCertificate(TseDeclaration& d, RaisedFindings& findings)
     if (d.certificateText.empty()) return;
     d.certificate = true;
     const std::optional<Bytes> der = fromBase64(d.certificateText);
-    const std::vector<Certificate> certificates = der ? loadCertificates(*der).value_or({}) : std::vector<Certificate>{};
+    const std::vector<Certificate> certificates =
+        der ? loadCertificates(*der).value_or({}) : std::vector<Certificate>{};
     if (certificates.empty()) {
         findings.raise(FindingCode::CertificateMismatch,
                        "tse.csv: TSE " + d.serialNumber + ": TSE_ZERTIFIKAT_I and II hold no certificate");
@@ -95,7 +97,8 @@ std::vector<std::pair<uint8_t, std::string>> clientsOf(const Bookkeeping& books,
     if (!closing.key.kasse.empty()) clients.emplace_back(3, closing.key.kasse);
     std::vector<std::pair<uint8_t, std::string>> distinct;
     for (auto& client : clients) {
-        const bool seen = std::any_of(distinct.begin(), distinct.end(), [&](const auto& d) { return d.second == client.second; });
+        const bool seen =
+            std::any_of(distinct.begin(), distinct.end(), [&](const auto& d) { return d.second == client.second; });
         if (!seen) distinct.push_back(std::move(client));
     }
     return distinct;
@@ -110,8 +113,7 @@ public:
     RowVerifier(const Bookkeeping& books, RowChecks& checks, const KeyVerifierSet& verifiers,
                 const RebuiltProcessData* rebuilt)
         : books_(books), checks_(checks), verifiers_(verifiers), rebuilt_(rebuilt)
-    {
-    }
+    {}
 
     void verify(size_t index, VerifyScratch& scratch, bool otherEncoding = false);
 
@@ -169,7 +171,8 @@ void RowVerifier::verify(size_t index, VerifyScratch& scratch, bool otherEncodin
     // Unsigned rows keep what they state too: a failure row whose
     // transaction the TSE signed is found by its number.
     readNumbers(in, out);
-    if (!in.failure.empty()) return fail(out, RowVerdict::Unsigned, RowCause::Failure, "TSE failure: " + std::string(in.failure));
+    if (!in.failure.empty())
+        return fail(out, RowVerdict::Unsigned, RowCause::Failure, "TSE failure: " + std::string(in.failure));
     if (in.signature.empty()) {
         return fail(out, RowVerdict::Unsigned, RowCause::NoSignature,
                     "the row has neither a signature nor a TSE_TA_FEHLER text");
@@ -265,7 +268,9 @@ bool RowVerifier::tryForms(Receipt& receipt, const std::vector<std::pair<uint8_t
                 out.localTime = !end.hadZone;
                 std::string notes;
                 const auto note = [&](const std::string& text) { notes += (notes.empty() ? "" : "; ") + text; };
-                if (!end.hadZone) note(std::string("TSE_TA_ENDE has no time zone; it held as ") + (local ? "German local time" : "UTC"));
+                if (!end.hadZone)
+                    note(std::string("TSE_TA_ENDE has no time zone; it held as ") +
+                         (local ? "German local time" : "UTC"));
                 if (f != 0) {
                     note("signed in " + std::string(receiptTimeFormatName(formats[f])) + " though tse.csv says " +
                          quoted(tse.timeFormatText));
@@ -295,7 +300,8 @@ void RowVerifier::rebuild(const TseRow& row, const RowInput& in, const TseDeclar
                           VerifyScratch& scratch, bool otherEncodingToo, const std::vector<std::string>* rebuiltData)
 {
     const std::vector<Bytes> readings = signatureReadings(in.signature);
-    if (readings.empty()) return fail(out, RowVerdict::Invalid, RowCause::BadField, "TSE_TA_SIG is neither base64 nor hexadecimal");
+    if (readings.empty())
+        return fail(out, RowVerdict::Invalid, RowCause::BadField, "TSE_TA_SIG is neither base64 nor hexadecimal");
     std::vector<std::pair<uint8_t, std::string>> clients = clientsOf(books_, row, in.bonId);
     const CsvEncoding declared = books_.files[row.place.file].encoding;
     if (otherEncodingToo) {
@@ -305,7 +311,8 @@ void RowVerifier::rebuild(const TseRow& row, const RowInput& in, const TseDeclar
         }
     }
     if (clients.empty()) {
-        return fail(out, RowVerdict::Invalid, RowCause::BadField, "neither a terminal, the register nor Z_KASSE_ID names the client");
+        return fail(out, RowVerdict::Invalid, RowCause::BadField,
+                    "neither a terminal, the register nor Z_KASSE_ID names the client");
     }
     out.clientId = checks_.text(clients.front().second);
     const IsoTime end = *parseIsoTime(in.end);
@@ -325,8 +332,8 @@ void RowVerifier::rebuild(const TseRow& row, const RowInput& in, const TseDeclar
         if (!tryForms(receipt, clients, tse, end, out, scratch)) continue;
         if (rebuiltData) {
             const std::string notes = checks_.textOf(out.reason);
-            out.reason = checks_.text("verified against processData rebuilt from the bookkeeping, " + quoted(data, 120) +
-                                      (notes.empty() ? "" : "; " + notes));
+            out.reason = checks_.text("verified against processData rebuilt from the bookkeeping, " +
+                                      quoted(data, 120) + (notes.empty() ? "" : "; " + notes));
         }
         return;
     }
@@ -335,8 +342,9 @@ void RowVerifier::rebuild(const TseRow& row, const RowInput& in, const TseDeclar
     if (rebuiltData) {
         return fail(out, RowVerdict::Invalid, RowCause::RebuiltMismatch,
                     "the row carries no processData, and the signature does not hold over processData rebuilt from "
-                    "the bookkeeping, " + quoted(rebuiltData->front(), 120) + " (" + std::string(tse.algorithm->name) +
-                        " on " + tse.curve + "; tried client ID " + tried +
+                    "the bookkeeping, " +
+                        quoted(rebuiltData->front(), 120) + " (" + std::string(tse.algorithm->name) + " on " +
+                        tse.curve + "; tried client ID " + tried +
                         " and every time format): the booked amounts are not the signed ones, or the register wrote "
                         "processData in another form");
     }
@@ -419,7 +427,8 @@ void judgeDeclarations(Bookkeeping& books, RaisedFindings& findings)
 {
     for (TseDeclaration& d : books.tses) {
         decodeKey(d);
-        if (!d.problem.empty()) findings.raise(FindingCode::CertificateMismatch, "tse.csv: TSE " + d.declaredSerial + ": " + d.problem);
+        if (!d.problem.empty())
+            findings.raise(FindingCode::CertificateMismatch, "tse.csv: TSE " + d.declaredSerial + ": " + d.problem);
         d.algorithm = algorithmByName(d.algorithmText);
         if (d.algorithm == nullptr) {
             d.problem = "TSE_SIG_ALGO " + quoted(d.algorithmText) + " is no known signature algorithm";
@@ -446,8 +455,7 @@ void verifyRows(const Bookkeeping& books, const VerifyOptions& options, RowCheck
     runRows(books, options, checks, all, false);
 }
 
-void checkEncodings(const Bookkeeping& books, const VerifyOptions& options, RowChecks& checks,
-                    RaisedFindings& findings)
+void checkEncodings(const Bookkeeping& books, const VerifyOptions& options, RowChecks& checks, RaisedFindings& findings)
 {
     for (size_t file = 0; file < books.files.size(); ++file) {
         std::vector<size_t> failed;
@@ -462,9 +470,11 @@ void checkEncodings(const Bookkeeping& books, const VerifyOptions& options, RowC
         // whole search twice.
         RowChecks sample;
         sample.rows = checks.rows;
-        const std::vector<size_t> few(failed.begin(), failed.begin() + static_cast<long>(std::min<size_t>(failed.size(), 8)));
+        const std::vector<size_t> few(failed.begin(),
+                                      failed.begin() + static_cast<long>(std::min<size_t>(failed.size(), 8)));
         runRows(books, options, sample, few, true);
-        const bool held = std::any_of(few.begin(), few.end(), [&](size_t i) { return sample.rows[i].verdict == RowVerdict::Valid; });
+        const bool held =
+            std::any_of(few.begin(), few.end(), [&](size_t i) { return sample.rows[i].verdict == RowVerdict::Valid; });
         if (!held) continue;
         runRows(books, options, checks, failed, true);
         const bool ansi = books.files[file].encoding == CsvEncoding::Windows1252;

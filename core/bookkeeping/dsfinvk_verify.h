@@ -23,13 +23,13 @@ namespace tse {
 // Why a row is not valid, for the finding it raises once it is judged.
 enum class RowCause : uint8_t {
     None,
-    Failure,        // booked as a TSE failure
-    NoSignature,    // neither signature nor failure text
-    NoTse,          // tse.csv has no TSE of that TSE_ID for the closing
-    TseUnusable,    // the TSE's key or algorithm cannot check signatures
-    NoProcessData,  // nothing to rebuild the signed message from
-    BadField,       // a number or time that must be one is not
-    Mismatch,       // the signature does not hold over the rebuilt log
+    Failure,          // booked as a TSE failure
+    NoSignature,      // neither signature nor failure text
+    NoTse,            // tse.csv has no TSE of that TSE_ID for the closing
+    TseUnusable,      // the TSE's key or algorithm cannot check signatures
+    NoProcessData,    // nothing to rebuild the signed message from
+    BadField,         // a number or time that must be one is not
+    Mismatch,         // the signature does not hold over the rebuilt log
     RebuiltMismatch,  // nor over processData rebuilt from the booked amounts, the row having none
 };
 
@@ -65,8 +65,12 @@ struct RowCheck {
 };
 
 enum : uint8_t {
-    DIFFERS_COUNTER = 1, DIFFERS_PROCESS_TYPE = 2, DIFFERS_PROCESS_DATA = 4, DIFFERS_LOG_TIME = 8,
-    DIFFERS_START_TIME = 16, DIFFERS_SIGNATURE = 32
+    DIFFERS_COUNTER = 1,
+    DIFFERS_PROCESS_TYPE = 2,
+    DIFFERS_PROCESS_DATA = 4,
+    DIFFERS_LOG_TIME = 8,
+    DIFFERS_START_TIME = 16,
+    DIFFERS_SIGNATURE = 32
 };
 std::vector<std::string> differenceNames(uint8_t differences);
 std::string_view clientSourceName(uint8_t source);  // "TERMINAL_SERIENNR", ...; "" for none

@@ -17,9 +17,8 @@ struct HashInfo {
 };
 
 constexpr HashInfo HASHES[] = {
-    {Hash::Sha224, "SHA224", "224"},       {Hash::Sha256, "SHA256", "256"},
-    {Hash::Sha384, "SHA384", "384"},       {Hash::Sha512, "SHA512", "512"},
-    {Hash::Sha3_224, "SHA3-224", "3-224"}, {Hash::Sha3_256, "SHA3-256", "3-256"},
+    {Hash::Sha224, "SHA224", "224"},       {Hash::Sha256, "SHA256", "256"},       {Hash::Sha384, "SHA384", "384"},
+    {Hash::Sha512, "SHA512", "512"},       {Hash::Sha3_224, "SHA3-224", "3-224"}, {Hash::Sha3_256, "SHA3-256", "3-256"},
     {Hash::Sha3_384, "SHA3-384", "3-384"}, {Hash::Sha3_512, "SHA3-512", "3-512"},
 };
 
@@ -138,9 +137,9 @@ const SignatureAlgorithm* algorithmByName(std::string_view name)
         if (algorithm.scheme != Scheme::EcdsaPlain) continue;
         const std::string digits(HASHES[static_cast<int>(algorithm.hash)].plainName);
         const std::string dashless = isSha3(algorithm.hash) ? "3" + digits.substr(2) : digits;
-        for (const std::string& alias : {"sha" + digits + "withecdsa", "sha" + dashless + "withecdsa",
-                                         "ecdsa-with-sha" + digits, "ecdsa-with-sha" + dashless,
-                                         "ecdsa-plain-sha" + dashless}) {
+        for (const std::string& alias :
+             {"sha" + digits + "withecdsa", "sha" + dashless + "withecdsa", "ecdsa-with-sha" + digits,
+              "ecdsa-with-sha" + dashless, "ecdsa-plain-sha" + dashless}) {
             if (alias == wanted) return &algorithm;
         }
     }

@@ -23,7 +23,7 @@ enum class Curve { BrainpoolP256r1, BrainpoolP384r1, BrainpoolP512r1, Secp256r1,
 
 struct CurveInfo {
     Curve curve;
-    std::string_view name;  // OpenSSL's short name, e.g. "prime256v1"
+    std::string_view name;         // OpenSSL's short name, e.g. "prime256v1"
     std::string_view displayName;  // "secp256r1", "brainpoolP384r1"
     int nid;
     size_t fieldSize;  // octets of one coordinate, and of r and of s

@@ -78,7 +78,8 @@ ChainJudgement CertificatePool::judge(const Certificate& certificate) const
         if (isTrusted(*current)) return judgement(ChainStatus::Trusted);
         if (current->selfIssued()) {
             if (!signedBy(*current, *current)) {
-                return judgement(ChainStatus::Invalid, "the self-signature of " + current->subject() + " does not hold");
+                return judgement(ChainStatus::Invalid,
+                                 "the self-signature of " + current->subject() + " does not hold");
             }
             return judgement(ChainStatus::UntrustedRoot, "the chain ends in " + current->subject() +
                                                              ", a self-signed certificate no trusted one vouches for");

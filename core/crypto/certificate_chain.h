@@ -25,7 +25,7 @@ struct ChainIssuer {
 
 struct ChainJudgement {
     ChainStatus status = ChainStatus::Incomplete;
-    std::string reason;  // why it is not trusted; empty when it is
+    std::string reason;                // why it is not trusted; empty when it is
     std::vector<ChainIssuer> issuers;  // nearest first, as far as the chain was found
 };
 

@@ -36,9 +36,10 @@ bool verifyPrehashed(const PublicKey& key, ByteView digest, ByteView signature)
     if (derSize <= 0) return false;
     const std::unique_ptr<unsigned char, void (*)(void*)> owned(der, [](void* p) { OPENSSL_free(p); });
     EvpPkeyCtxPtr context(EVP_PKEY_CTX_new_from_pkey(nullptr, key.evpKey(), nullptr));
-    const int result = context && EVP_PKEY_verify_init(context.get()) == 1
-                           ? EVP_PKEY_verify(context.get(), der, static_cast<size_t>(derSize), digest.data(), digest.size())
-                           : 0;
+    const int result =
+        context && EVP_PKEY_verify_init(context.get()) == 1
+            ? EVP_PKEY_verify(context.get(), der, static_cast<size_t>(derSize), digest.data(), digest.size())
+            : 0;
     ERR_clear_error();
     return result == 1;
 }
@@ -62,8 +63,7 @@ std::pair<unsigned, unsigned> digitWidths(int orderBits, size_t perPoint)
 
 // r, s and e of one check into the scratch's slot i; false when the
 // signature cannot hold (a size or a number out of range) or libcrypto fails.
-bool decodeCheck(const CurveGroup& curve, size_t half, const SignatureCheck& check, VerifyScratch::State& st,
-                 size_t i)
+bool decodeCheck(const CurveGroup& curve, size_t half, const SignatureCheck& check, VerifyScratch::State& st, size_t i)
 {
     if (check.signature.size() != 2 * half) return false;
     BIGNUM* r = st.r[i].get();
@@ -190,9 +190,9 @@ size_t KeyVerifier::minSignatures(Curve curve)
 
 KeyVerifier::KeyVerifier(const PublicKey& key, size_t expectedSignatures, Path path) : key_(key)
 {
-    const bool wanted = path == Path::Tables ||
-                        (path == Path::Automatic && expectedSignatures >= minSignatures(key.curve()) &&
-                         tablesPayOff(key.curve()));
+    const bool wanted =
+        path == Path::Tables ||
+        (path == Path::Automatic && expectedSignatures >= minSignatures(key.curve()) && tablesPayOff(key.curve()));
     if (wanted) tables_ = makeTables(key);
 }
 
@@ -256,8 +256,7 @@ void KeyVerifier::verify(const SignatureCheck* checks, size_t count, bool* verdi
 // ECDSA as libcrypto does it: r and s in [1, n-1], e the leftmost bits of
 // the hash as many as the order has, w = s^-1, u1 = e·w, u2 = r·w, and the
 // signature holds iff R = u1·G + u2·Q is a point and x(R) mod n = r.
-void KeyVerifier::verifyBlock(const SignatureCheck* checks, size_t count, bool* verdicts,
-                              VerifyScratch& scratch) const
+void KeyVerifier::verifyBlock(const SignatureCheck* checks, size_t count, bool* verdicts, VerifyScratch& scratch) const
 {
     VerifyScratch::State& st = *scratch.state_;
     const Tables& t = *tables_;

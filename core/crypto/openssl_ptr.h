@@ -38,7 +38,10 @@ struct OpenSslDeleter {
 template <typename T, void (*Free)(T*)>
 using OpenSslPtr = std::unique_ptr<T, OpenSslDeleter<T, Free>>;
 
-inline void freeBio(BIO* p) { BIO_free(p); }
+inline void freeBio(BIO* p)
+{
+    BIO_free(p);
+}
 
 using BioPtr = OpenSslPtr<BIO, freeBio>;
 using BignumPtr = OpenSslPtr<BIGNUM, BN_free>;

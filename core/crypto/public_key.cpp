@@ -30,17 +30,16 @@ Result<PublicKey> fail(const std::string& error)
 bool pointFits(ByteView point, const CurveInfo& info)
 {
     const bool uncompressed = point[0] == UNCOMPRESSED && point.size() == 1 + 2 * info.fieldSize;
-    const bool compressed = (point[0] == COMPRESSED_EVEN || point[0] == COMPRESSED_ODD) &&
-                            point.size() == 1 + info.fieldSize;
+    const bool compressed =
+        (point[0] == COMPRESSED_EVEN || point[0] == COMPRESSED_ODD) && point.size() == 1 + info.fieldSize;
     return uncompressed || compressed;
 }
 
 Bytes uncompressedPoint(const EC_GROUP* group, const EC_POINT* point)
 {
     Bytes octets(EC_POINT_point2oct(group, point, POINT_CONVERSION_UNCOMPRESSED, nullptr, 0, nullptr));
-    if (octets.empty() ||
-        EC_POINT_point2oct(group, point, POINT_CONVERSION_UNCOMPRESSED, octets.data(), octets.size(), nullptr) !=
-            octets.size()) {
+    if (octets.empty() || EC_POINT_point2oct(group, point, POINT_CONVERSION_UNCOMPRESSED, octets.data(), octets.size(),
+                                             nullptr) != octets.size()) {
         return {};
     }
     return octets;

@@ -26,7 +26,8 @@ constexpr size_t MAX_DIGEST_SIZE = EVP_MAX_MD_SIZE;
 
 void digest(Hash hash, ByteView data, unsigned char* out, unsigned int& size)
 {
-    if (EVP_Digest(data.data(), data.size(), out, &size, hashFunction(hash), nullptr) != 1) checkFailed("hash the data");
+    if (EVP_Digest(data.data(), data.size(), out, &size, hashFunction(hash), nullptr) != 1)
+        checkFailed("hash the data");
 }
 
 // The signature as canonical DER, which is what EVP_PKEY_verify takes.
@@ -101,8 +102,7 @@ Bytes DecodedSignature::plainOctets(size_t half) const
     Bytes out(2 * half);
     const BIGNUM* r = ECDSA_SIG_get0_r(value.get());
     const BIGNUM* s = ECDSA_SIG_get0_s(value.get());
-    if (BN_is_negative(r) || BN_is_negative(s) ||
-        BN_bn2binpad(r, out.data(), static_cast<int>(half)) < 0 ||
+    if (BN_is_negative(r) || BN_is_negative(s) || BN_bn2binpad(r, out.data(), static_cast<int>(half)) < 0 ||
         BN_bn2binpad(s, out.data() + half, static_cast<int>(half)) < 0) {
         return {};
     }

@@ -49,7 +49,8 @@ bool libcryptoHasTableOfG(const EC_GROUP* group)
 unsigned generatorDigitBits(const CurveInfo& info, int orderBits)
 {
     unsigned bits = MIN_DIGIT_BITS;
-    while (bits < MAX_DIGIT_BITS && Comb(bits + 1, orderBits).size() * bytesPerPoint(info) <= KeyVerifier::MAX_TABLE_BYTES) {
+    while (bits < MAX_DIGIT_BITS &&
+           Comb(bits + 1, orderBits).size() * bytesPerPoint(info) <= KeyVerifier::MAX_TABLE_BYTES) {
         ++bits;
     }
     return bits;
@@ -64,8 +65,8 @@ void addTargets(SignatureSearch::Found& found, size_t index, const BIGNUM* r, co
     BignumPtr p = newBignum(), x = newBignum();
     EcPointPtr minusRQ = newPoint(group), point = newPoint(group);
     if (EC_GROUP_get_curve(group, p.get(), nullptr, nullptr, ctx) != 1 ||
-        EC_POINT_mul(group, minusRQ.get(), nullptr, q, r, ctx) != 1 || EC_POINT_invert(group, minusRQ.get(), ctx) != 1 ||
-        !BN_copy(x.get(), r)) {
+        EC_POINT_mul(group, minusRQ.get(), nullptr, q, r, ctx) != 1 ||
+        EC_POINT_invert(group, minusRQ.get(), ctx) != 1 || !BN_copy(x.get(), r)) {
         checkFailed("prepare a signature's points");
     }
     while (BN_cmp(x.get(), p.get()) < 0) {
@@ -120,8 +121,7 @@ void multipleOfG(const SignatureSearch::Found& found, Hash hash, ByteView data, 
     if (BN_bn2binpad(e, st.bytes.data(), static_cast<int>(curve.orderBytes)) < 0) checkFailed("write a scalar");
     signedDigits(st.bytes.data(), curve.orderBytes, g.bits, st.digits1.data(), g.windows());
     bool empty = true;
-    if (!g.addTo(group, st.digits1.data(), sum, empty, ctx) ||
-        (empty && EC_POINT_set_to_infinity(group, sum) != 1)) {
+    if (!g.addTo(group, st.digits1.data(), sum, empty, ctx) || (empty && EC_POINT_set_to_infinity(group, sum) != 1)) {
         checkFailed("multiply G");
     }
 }

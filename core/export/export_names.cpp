@@ -189,8 +189,8 @@ std::string nameMismatch(const LogName& name, const LogMessage& message)
     }
     if (name.type == LogType::Transaction && name.transactionNumber != message.transactionNumber()) {
         const auto number = message.transactionNumber();
-        note(out, "the name's transaction number " + std::to_string(*name.transactionNumber) + " is not the content's " +
-                      (number ? std::to_string(*number) : std::string("(none)")));
+        note(out, "the name's transaction number " + std::to_string(*name.transactionNumber) +
+                      " is not the content's " + (number ? std::to_string(*number) : std::string("(none)")));
     }
     if (name.type != LogType::Audit && !sameOperation(name, message)) {
         note(out, "the name's operation " + name.operation + " is not the content's " + message.operation());

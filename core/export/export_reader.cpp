@@ -180,7 +180,8 @@ std::string compressedStreamProblem(const ExportSource& source, uint64_t tarByte
 // nullopt for a regular file.
 std::optional<std::string> notReadable(archive_entry* entry)
 {
-    if (const char* target = archive_entry_hardlink(entry)) return "is a hard link to " + escapeText(std::string_view(target));
+    if (const char* target = archive_entry_hardlink(entry))
+        return "is a hard link to " + escapeText(std::string_view(target));
     if (archive_entry_filetype(entry) == AE_IFLNK) {
         const char* target = archive_entry_symlink(entry);
         return "is a symbolic link to " + escapeText(std::string_view(target ? target : ""));
@@ -211,8 +212,7 @@ public:
                 size_t handed)
         : source_(source), limit_(limit), visit_(visit), progress_(progress), handed_(handed),
           split_(splitProblem(source))
-    {
-    }
+    {}
 
     Result<ExportRead> run();
 
@@ -271,11 +271,11 @@ Result<ExportRead> ArchivePass::unopened(bool atOpen)
         return Error{source_.label() + (atOpen ? " cannot be opened as a TAR archive: " : " is not a TAR archive: ") +
                      archiveError(a_.get())};
     }
-    result_.truncation = source_.label() +
-                         (compression.empty() ? " breaks off before its first member: "
-                                              : "'s " + compression +
-                                                    " stream ends early or is damaged before its first member: ") +
-                         archiveError(a_.get()) + (split_.empty() ? "" : "; " + split_);
+    result_.truncation =
+        source_.label() +
+        (compression.empty() ? " breaks off before its first member: "
+                             : "'s " + compression + " stream ends early or is damaged before its first member: ") +
+        archiveError(a_.get()) + (split_.empty() ? "" : "; " + split_);
     return result_;
 }
 
@@ -284,18 +284,18 @@ Result<ExportRead> ArchivePass::unopened(bool atOpen)
 ExportRead ArchivePass::cut(const std::string& what)
 {
     const std::string base = splitBase(source_.paths.front());
-    const std::string afterLast =
-        base.empty() ? std::string()
-                     : "; the part " + partName(base, static_cast<int>(source_.paths.size()) + 1) +
-                           " that would follow " + source_.paths.back() + " is probably missing";
+    const std::string afterLast = base.empty()
+                                      ? std::string()
+                                      : "; the part " + partName(base, static_cast<int>(source_.paths.size()) + 1) +
+                                            " that would follow " + source_.paths.back() + " is probably missing";
     result_.truncation = source_.label() + " " + what + (split_.empty() ? afterLast : "; " + split_);
     return result_;
 }
 
 std::string ArchivePass::readSoFar(la_int64_t at) const
 {
-    return counted(headers_, "member was", "members were") + " read up to byte " + std::to_string(at) + " of the TAR stream" +
-           (lastMember_.empty() ? "" : ", the last one " + lastMember_);
+    return counted(headers_, "member was", "members were") + " read up to byte " + std::to_string(at) +
+           " of the TAR stream" + (lastMember_.empty() ? "" : ", the last one " + lastMember_);
 }
 
 // The TAR reader takes a stream that stops at a member boundary for a

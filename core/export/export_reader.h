@@ -36,7 +36,7 @@ struct ExportSource {
     enum class Kind { Archive, Directory, File };
     Kind kind = Kind::File;
     std::vector<std::string> paths;
-    bool zip = false;  // an archive may also be a ZIP file (bookkeeping exports often are)
+    bool zip = false;           // an archive may also be a ZIP file (bookkeeping exports often are)
     std::string label() const;  // the first path, as the user gave it
 };
 

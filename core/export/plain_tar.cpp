@@ -177,8 +177,8 @@ bool readData(RawStream& stream, const Header& header, size_t limit, ExportMembe
 {
     const uint64_t padding = (BLOCK - header.size % BLOCK) % BLOCK;
     if (header.size > limit) {
-        member.contents = Error{"is larger than " + std::to_string(limit >> 20) + " MiB (" +
-                                std::to_string(header.size) + " bytes)"};
+        member.contents =
+            Error{"is larger than " + std::to_string(limit >> 20) + " MiB (" + std::to_string(header.size) + " bytes)"};
         return stream.skip(header.size + padding);
     }
     const uint8_t* data = stream.take(static_cast<size_t>(header.size));

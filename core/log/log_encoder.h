@@ -31,7 +31,7 @@ struct TransactionData {
 };
 
 struct SystemData {
-    std::string operationType;  // eventType in version 3
+    std::string operationType;           // eventType in version 3
     std::optional<Bytes> operationData;  // systemOperationData (v2) or eventData (v3)
 };
 

@@ -54,7 +54,10 @@ public:
     size_t size() const { return entries_.size(); }
 
 private:
-    static std::string serialKey(ByteView serialNumber) { return std::string(serialNumber.begin(), serialNumber.end()); }
+    static std::string serialKey(ByteView serialNumber)
+    {
+        return std::string(serialNumber.begin(), serialNumber.end());
+    }
 
     std::unordered_map<std::string, Entry> entries_;  // by the raw serial number
 };

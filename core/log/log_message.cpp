@@ -21,9 +21,12 @@ struct FieldLayout {
 const std::vector<FieldLayout>& transactionFields()
 {
     static const std::vector<FieldLayout> fields = {
-        {0, "operationType", true, true},     {1, "clientId", true, true},
-        {2, "processData", true, true},       {3, "processType", true, false},
-        {4, "additionalExternalData", false, false}, {5, "transactionNumber", false, true},
+        {0, "operationType", true, true},
+        {1, "clientId", true, true},
+        {2, "processData", true, true},
+        {3, "processType", true, false},
+        {4, "additionalExternalData", false, false},
+        {5, "transactionNumber", false, true},
         {6, "additionalInternalData", false, false},
     };
     return fields;
@@ -42,8 +45,10 @@ const std::vector<FieldLayout>& systemFieldsV2()
 const std::vector<FieldLayout>& systemFieldsV3()
 {
     static const std::vector<FieldLayout> fields = {
-        {0, "eventType", true, true},       {1, "eventOrigin", true, false},
-        {2, "eventTriggeredByUser", true, false}, {3, "eventData", false, false},
+        {0, "eventType", true, true},
+        {1, "eventOrigin", true, false},
+        {2, "eventTriggeredByUser", true, false},
+        {3, "eventData", false, false},
         {4, "additionalInternalData", false, false},
     };
     return fields;
@@ -87,15 +92,15 @@ std::vector<LogField> readCertifiedData(BerReader& reader, LogType type, uint64_
     while (!reader.atEnd() && (reader.peekTag() & 0xC0) == tag::CONTEXT) {
         const BerElement element = reader.read();
         const int number = element.tag & 0x1F;
-        const auto layout = std::find_if(layouts.begin(), layouts.end(),
-                                       [&](const FieldLayout& s) { return s.tag == number; });
+        const auto layout =
+            std::find_if(layouts.begin(), layouts.end(), [&](const FieldLayout& s) { return s.tag == number; });
         if (layout == layouts.end()) {
             throw ParseError(element.offset, "element " + tagName(element.tag) + " has no place in a " +
                                                  std::string(logTypeName(type)) + " log");
         }
         if (number <= lastNumber) {
-            throw ParseError(element.offset, std::string(layout->name) + " (" + tagName(element.tag) +
-                                                 ") is out of order or repeated");
+            throw ParseError(element.offset,
+                             std::string(layout->name) + " (" + tagName(element.tag) + ") is out of order or repeated");
         }
         lastNumber = number;
         LogField field{layout->name, element.tag, {}, layout->text, element.indefinite, 1};
@@ -107,8 +112,8 @@ std::vector<LogField> readCertifiedData(BerReader& reader, LogType type, uint64_
         fields.push_back(std::move(field));
     }
     for (const FieldLayout& layout : layouts) {
-        const bool present = std::any_of(fields.begin(), fields.end(),
-                                         [&](const LogField& f) { return f.name == layout.name; });
+        const bool present =
+            std::any_of(fields.begin(), fields.end(), [&](const LogField& f) { return f.name == layout.name; });
         if (layout.required && !present) {
             throw ParseError(reader.offset(), "the " + std::string(logTypeName(type)) + " log has no " + layout.name +
                                                   " (tag " + tagName(static_cast<uint8_t>(0x80 | layout.tag)) + ")");
@@ -143,8 +148,7 @@ LogTime readLogTime(BerReader& reader)
         return LogTime{TimeFormat::UnixTime, static_cast<int64_t>(seconds), {}, std::to_string(seconds)};
     }
     if (found != tag::UTC_TIME && found != tag::GENERALIZED_TIME) {
-        throw ParseError(element.offset, "expected the log time (tag 0x02, 0x17 or 0x18), found tag " +
-                                             tagName(found));
+        throw ParseError(element.offset, "expected the log time (tag 0x02, 0x17 or 0x18), found tag " + tagName(found));
     }
     const std::string text = element.content.text();
     const Result<LogTime> parsed = found == tag::UTC_TIME ? parseUtcTime(text) : parseGeneralizedTime(text);
@@ -159,7 +163,8 @@ LogMessage readMessage(ByteView data)
     BerReader file(data);
     const BerElement outer = file.expect(tag::SEQUENCE, "the log message's SEQUENCE");
     if (!file.atEnd()) {
-        throw ParseError(file.offset(), counted(file.remaining(), "octet follows", "octets follow") + " the log message");
+        throw ParseError(file.offset(),
+                         counted(file.remaining(), "octet follows", "octets follow") + " the log message");
     }
     BerReader reader = file.inside(outer);
     const size_t signedStart = reader.offset();
@@ -195,8 +200,8 @@ LogMessage readMessage(ByteView data)
         }
         message.seAuditData = stringOctets(reader.read());
     }
-    message.signatureCounter = unsignedValue(reader.expect(tag::INTEGER, "the signatureCounter"),
-                                             "the signatureCounter");
+    message.signatureCounter =
+        unsignedValue(reader.expect(tag::INTEGER, "the signatureCounter"), "the signatureCounter");
     message.logTime = readLogTime(reader);
     message.signedOctets = data.sub(signedStart, reader.offset() - signedStart).copy();
     message.signatureValue = reader.expect(tag::OCTET_STRING, "the signatureValue").content.copy();

@@ -32,8 +32,8 @@ struct LogField {
     std::string name;
     uint8_t tag = 0;
     Bytes value;
-    bool text = true;        // a string a person reads, not binary data
-    bool indefinite = false; // written as constructed with indefinite length
+    bool text = true;         // a string a person reads, not binary data
+    bool indefinite = false;  // written as constructed with indefinite length
     size_t chunks = 1;
 };
 

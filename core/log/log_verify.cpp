@@ -50,9 +50,10 @@ std::optional<Verification> judgeAllButSignature(const LogMessage& message, cons
     }
     const size_t expected = 2 * key.curveInfo().fieldSize;
     if (message.signatureValue.size() != expected) {
-        return outcome(Verdict::Malformed, "the signature has " + counted(message.signatureValue.size(), "byte", "bytes") +
-                                               "; r and s on " + std::string(key.curveInfo().displayName) +
-                                               " make " + std::to_string(expected));
+        return outcome(Verdict::Malformed, "the signature has " +
+                                               counted(message.signatureValue.size(), "byte", "bytes") +
+                                               "; r and s on " + std::string(key.curveInfo().displayName) + " make " +
+                                               std::to_string(expected));
     }
     return std::nullopt;
 }

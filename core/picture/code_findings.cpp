@@ -18,8 +18,8 @@ PicturePoint centre(const std::array<PicturePoint, 4>& corners)
 void CodeFindings::add(const Reading& reading)
 {
     for (const ReadCode& code : reading.codes) {
-        auto known = std::find_if(found_.begin(), found_.end(),
-                                  [&](const Found& seen) { return seen.code.text == code.text; });
+        auto known =
+            std::find_if(found_.begin(), found_.end(), [&](const Found& seen) { return seen.code.text == code.text; });
         if (known == found_.end()) {
             found_.push_back({code, 1});
         } else {

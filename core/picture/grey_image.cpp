@@ -13,7 +13,10 @@ size_t at(int y, int width, int x)
 {
     return static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x);
 }
-size_t cells(int width, int height) { return at(height, width, 0); }
+size_t cells(int width, int height)
+{
+    return at(height, width, 0);
+}
 
 // Mean over a (2r+1)-pixel window along rows, then along columns, with
 // running sums so the cost does not grow with the radius.
@@ -30,8 +33,14 @@ std::vector<uint32_t> boxMean(const GreyImage& image, int radius)
         for (int x = 0; x <= std::min(radius, w - 1); ++x, ++count) sum += in[x];
         for (int x = 0; x < w; ++x) {
             out[x] = sum / count;
-            if (x + radius + 1 < w) { sum += in[x + radius + 1]; ++count; }
-            if (x - radius >= 0) { sum -= in[x - radius]; --count; }
+            if (x + radius + 1 < w) {
+                sum += in[x + radius + 1];
+                ++count;
+            }
+            if (x - radius >= 0) {
+                sum -= in[x - radius];
+                --count;
+            }
         }
     }
     std::vector<uint32_t> mean(rows.size());
@@ -41,8 +50,14 @@ std::vector<uint32_t> boxMean(const GreyImage& image, int radius)
         for (int y = 0; y <= std::min(radius, h - 1); ++y, ++count) sum += rows[at(y, w, x)];
         for (int y = 0; y < h; ++y) {
             mean[at(y, w, x)] = sum / count;
-            if (y + radius + 1 < h) { sum += rows[at(y + radius + 1, w, x)]; ++count; }
-            if (y - radius >= 0) { sum -= rows[at(y - radius, w, x)]; --count; }
+            if (y + radius + 1 < h) {
+                sum += rows[at(y + radius + 1, w, x)];
+                ++count;
+            }
+            if (y - radius >= 0) {
+                sum -= rows[at(y - radius, w, x)];
+                --count;
+            }
         }
     }
     return mean;
@@ -110,10 +125,9 @@ GreyImage doubled(const GreyImage& image)
         for (int x = 0; x < out.width; ++x) {
             const int sx = std::min(x / 2 + (x % 2), image.width - 1);
             const int tx = x / 2;
-            const auto sum = static_cast<unsigned>(image.pixels[at(ty, image.width, tx)] +
-                                 image.pixels[at(ty, image.width, sx)] +
-                                 image.pixels[at(sy, image.width, tx)] +
-                                 image.pixels[at(sy, image.width, sx)]);
+            const auto sum =
+                static_cast<unsigned>(image.pixels[at(ty, image.width, tx)] + image.pixels[at(ty, image.width, sx)] +
+                                      image.pixels[at(sy, image.width, tx)] + image.pixels[at(sy, image.width, sx)]);
             out.pixels[at(y, out.width, x)] = static_cast<uint8_t>((sum + 2) / 4);
         }
     }
@@ -129,8 +143,9 @@ GreyImage shrunk(const GreyImage& image, int factor)
         for (int x = 0; x < out.width; ++x) {
             unsigned sum = 0;
             for (int dy = 0; dy < factor; ++dy) {
-                const uint8_t* row = &image.pixels[static_cast<size_t>(y * factor + dy) * static_cast<size_t>(image.width) +
-                                                   static_cast<size_t>(x * factor)];
+                const uint8_t* row =
+                    &image.pixels[static_cast<size_t>(y * factor + dy) * static_cast<size_t>(image.width) +
+                                  static_cast<size_t>(x * factor)];
                 for (int dx = 0; dx < factor; ++dx) sum += row[dx];
             }
             out.pixels[static_cast<size_t>(y) * static_cast<size_t>(out.width) + static_cast<size_t>(x)] =
@@ -145,7 +160,8 @@ GreyImage smoothed(const GreyImage& image, int radius)
     GreyImage out = image;
     for (int round = 0; round < 2 && image.width > 0 && image.height > 0; ++round) {
         const std::vector<uint32_t> mean = boxMean(out, radius);
-        std::transform(mean.begin(), mean.end(), out.pixels.begin(), [](uint32_t v) { return static_cast<uint8_t>(v); });
+        std::transform(mean.begin(), mean.end(), out.pixels.begin(),
+                       [](uint32_t v) { return static_cast<uint8_t>(v); });
     }
     return out;
 }

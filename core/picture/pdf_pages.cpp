@@ -60,8 +60,8 @@ Result<void> renderPdfPages(ByteView data, const PdfPageHandler& onPage)
     if (data.size() > static_cast<size_t>(INT_MAX)) {
         return Error{"the PDF is larger than 2 GB"};
     }
-    std::unique_ptr<poppler::document> document(
-        poppler::document::load_from_raw_data(reinterpret_cast<const char*>(data.data()), static_cast<int>(data.size())));
+    std::unique_ptr<poppler::document> document(poppler::document::load_from_raw_data(
+        reinterpret_cast<const char*>(data.data()), static_cast<int>(data.size())));
     if (!document) {
         return Error{"the PDF is damaged or cut off"};
     }

@@ -1,8 +1,8 @@
 #include "qr_reader.h"
 
 #include <algorithm>
-#include <cstdint>
 #include <cmath>
+#include <cstdint>
 #include <functional>
 #include <memory>
 
@@ -53,8 +53,7 @@ Reading readWithZxing(const Prepared& prepared)
         const ZXing::Position& position = result.position();
         std::array<PicturePoint, 4> corners;
         for (size_t i = 0; i < 4; ++i) {
-            corners[i] = prepared.toPicture({static_cast<double>(position[i].x),
-                                             static_cast<double>(position[i].y)});
+            corners[i] = prepared.toPicture({static_cast<double>(position[i].x), static_cast<double>(position[i].y)});
         }
         if (result.isValid()) {
             reading.codes.push_back({result.text(), corners});
@@ -141,7 +140,10 @@ int contrastRange(const GreyImage& image)
     return high - low;
 }
 
-int64_t pixelCount(const GreyImage& image) { return static_cast<int64_t>(image.width) * image.height; }
+int64_t pixelCount(const GreyImage& image)
+{
+    return static_cast<int64_t>(image.width) * image.height;
+}
 
 using Preparation = std::function<Prepared(const GreyImage&)>;
 using Reader = Reading (*)(const Prepared&);
@@ -164,17 +166,37 @@ std::vector<Pass> photoPasses()
     const std::vector<Reader> zxingFirst{readWithZxing, readWithZbar};
     const std::vector<Reader> zbarFirst{readWithZbar, readWithZxing};
     return {
-        {[](const GreyImage& image) { return Prepared{sharpened(smoothed(image, 1)), {}}; }, zxingFirst},
-        {[](const GreyImage& image) { return Prepared{halved(image), Mapping::scale(2)}; }, zbarFirst},
-        {[](const GreyImage& image) { return Prepared{sharpened(image), {}}; }, zxingFirst},
+        {[](const GreyImage& image) {
+             return Prepared{sharpened(smoothed(image, 1)), {}};
+         },
+         zxingFirst},
+        {[](const GreyImage& image) {
+             return Prepared{halved(image), Mapping::scale(2)};
+         },
+         zbarFirst},
+        {[](const GreyImage& image) {
+             return Prepared{sharpened(image), {}};
+         },
+         zxingFirst},
         {[](const GreyImage& image) {
              return pixelCount(image) > maxPixelsToEnlarge ? Prepared{} : Prepared{doubled(image), Mapping::scale(0.5)};
          },
          zxingFirst},
-        {[](const GreyImage& image) { return Prepared{sharpened(sharpened(smoothed(image, 1))), {}}; }, zxingFirst},
-        {[](const GreyImage& image) { return Prepared{shrunk(image, 3), Mapping::scale(3)}; }, zbarFirst},
-        {[](const GreyImage& image) { return Prepared{evenlyLit(image), {}}; }, zbarFirst},
-        {[](const GreyImage& image) { return Prepared{thresholded(smoothed(halved(image), 1)), Mapping::scale(2)}; },
+        {[](const GreyImage& image) {
+             return Prepared{sharpened(sharpened(smoothed(image, 1))), {}};
+         },
+         zxingFirst},
+        {[](const GreyImage& image) {
+             return Prepared{shrunk(image, 3), Mapping::scale(3)};
+         },
+         zbarFirst},
+        {[](const GreyImage& image) {
+             return Prepared{evenlyLit(image), {}};
+         },
+         zbarFirst},
+        {[](const GreyImage& image) {
+             return Prepared{thresholded(smoothed(halved(image), 1)), Mapping::scale(2)};
+         },
          zbarFirst},
     };
 }

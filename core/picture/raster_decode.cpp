@@ -13,8 +13,8 @@ namespace tse {
 namespace {
 
 struct Loader {
-    const char* vipsName;   // the class of the operation that reads it from memory
-    const char* format;     // what a user calls it
+    const char* vipsName;  // the class of the operation that reads it from memory
+    const char* format;    // what a user calls it
 };
 
 // The formats phones and scanners write. libvips can read many more
@@ -22,9 +22,9 @@ struct Loader {
 // a file of an unexpected kind never reaches a large, rarely hardened
 // decoder.
 constexpr Loader loaders[] = {
-    {"VipsForeignLoadPngBuffer", "PNG"},   {"VipsForeignLoadJpegBuffer", "JPEG"},
-    {"VipsForeignLoadWebpBuffer", "WebP"}, {"VipsForeignLoadHeifBuffer", "HEIC"},
-    {"VipsForeignLoadTiffBuffer", "TIFF"}, {"VipsForeignLoadNsgifBuffer", "GIF"},
+    {"VipsForeignLoadPngBuffer", "PNG"},    {"VipsForeignLoadJpegBuffer", "JPEG"},
+    {"VipsForeignLoadWebpBuffer", "WebP"},  {"VipsForeignLoadHeifBuffer", "HEIC"},
+    {"VipsForeignLoadTiffBuffer", "TIFF"},  {"VipsForeignLoadNsgifBuffer", "GIF"},
     {"VipsForeignLoadMagickBuffer", "BMP"},
 };
 
@@ -42,8 +42,9 @@ bool vipsReady()
         }
         // libvips logs its complaints about broken files to standard error;
         // the reasons the core gives are its own.
-        g_log_set_handler("VIPS", static_cast<GLogLevelFlags>(G_LOG_LEVEL_WARNING | G_LOG_LEVEL_MESSAGE | G_LOG_LEVEL_INFO),
-                          [](const gchar*, GLogLevelFlags, const gchar*, gpointer) {}, nullptr);
+        g_log_set_handler(
+            "VIPS", static_cast<GLogLevelFlags>(G_LOG_LEVEL_WARNING | G_LOG_LEVEL_MESSAGE | G_LOG_LEVEL_INFO),
+            [](const gchar*, GLogLevelFlags, const gchar*, gpointer) {}, nullptr);
         // Cached operations would keep decoded pictures alive after use.
         vips_cache_set_max(0);
         // Pictures are read one per thread of ours; libvips' own pool would
@@ -82,8 +83,8 @@ const char* formatByMagic(ByteView data)
         size_t length;
         const char* format;
     } magics[] = {
-        {"\x89PNG", 0, 4, "PNG"},  {"\xff\xd8\xff", 0, 3, "JPEG"}, {"GIF8", 0, 4, "GIF"},  {"II*\0", 0, 4, "TIFF"},
-        {"MM\0*", 0, 4, "TIFF"},  {"WEBP", 8, 4, "WebP"},          {"ftyp", 4, 4, "HEIC"}, {"BM", 0, 2, "BMP"},
+        {"\x89PNG", 0, 4, "PNG"}, {"\xff\xd8\xff", 0, 3, "JPEG"}, {"GIF8", 0, 4, "GIF"},  {"II*\0", 0, 4, "TIFF"},
+        {"MM\0*", 0, 4, "TIFF"},  {"WEBP", 8, 4, "WebP"},         {"ftyp", 4, 4, "HEIC"}, {"BM", 0, 2, "BMP"},
     };
     for (const auto& m : magics) {
         if (data.size() >= m.offset + m.length && std::memcmp(data.data() + m.offset, m.magic, m.length) == 0) {
@@ -132,7 +133,8 @@ std::string tooLarge(int64_t width, int64_t height)
 // any other picture too large.
 std::string pngClaimTooLarge(ByteView data)
 {
-    if (!startsWith(data, "\x89PNG\r\n\x1a\n", 8) || data.size() < 24 || std::memcmp(data.data() + 12, "IHDR", 4) != 0) {
+    if (!startsWith(data, "\x89PNG\r\n\x1a\n", 8) || data.size() < 24 ||
+        std::memcmp(data.data() + 12, "IHDR", 4) != 0) {
         return {};
     }
     const int64_t width = bigEndian32(data.data() + 16);
@@ -157,8 +159,8 @@ bool apply(ImagePtr& image, Step step)
 // memory. A file cut short is an error, not a grey lower half.
 ImagePtr openHeader(ByteView data)
 {
-    ImagePtr image(vips_image_new_from_buffer(data.data(), data.size(), "", "access", VIPS_ACCESS_SEQUENTIAL,
-                                              "fail_on", VIPS_FAIL_ON_TRUNCATED, nullptr));
+    ImagePtr image(vips_image_new_from_buffer(data.data(), data.size(), "", "access", VIPS_ACCESS_SEQUENTIAL, "fail_on",
+                                              VIPS_FAIL_ON_TRUNCATED, nullptr));
     // Turning a picture upright needs its rows out of order, which a
     // sequential read cannot give.
     int orientation = 1;
@@ -190,22 +192,25 @@ Result<const Loader*> knownLoader(ByteView data)
 bool toGrey(ImagePtr& image, int64_t pixels)
 {
     return apply(image, [](VipsImage* in, VipsImage** out) { return vips_autorot(in, out, nullptr); }) &&
-           (!vips_image_hasalpha(image.get()) ||
-            apply(image, [](VipsImage* in, VipsImage** out) {
-                // A code printed on a transparent background is dark on white.
-                VipsArrayDouble* white = vips_array_double_newv(1, 255.0);
-                const int status = vips_flatten(in, out, "background", white, nullptr);
-                vips_area_unref(VIPS_AREA(white));
-                return status;
-            })) &&
-           apply(image, [](VipsImage* in, VipsImage** out) {
-               return vips_colourspace(in, out, VIPS_INTERPRETATION_B_W, nullptr);
-           }) &&
+           (!vips_image_hasalpha(image.get()) || apply(image,
+                                                       [](VipsImage* in, VipsImage** out) {
+                                                           // A code printed on a transparent background is dark on
+                                                           // white.
+                                                           VipsArrayDouble* white = vips_array_double_newv(1, 255.0);
+                                                           const int status =
+                                                               vips_flatten(in, out, "background", white, nullptr);
+                                                           vips_area_unref(VIPS_AREA(white));
+                                                           return status;
+                                                       })) &&
+           apply(image, [](VipsImage* in,
+                           VipsImage** out) { return vips_colourspace(in, out, VIPS_INTERPRETATION_B_W, nullptr); }) &&
            apply(image, [](VipsImage* in, VipsImage** out) { return vips_cast_uchar(in, out, nullptr); }) &&
-           (pixels <= maxReadPixels || apply(image, [&](VipsImage* in, VipsImage** out) {
-                const double scale = std::sqrt(static_cast<double>(maxReadPixels) / static_cast<double>(pixels));
-                return vips_resize(in, out, scale, nullptr);
-            })) &&
+           (pixels <= maxReadPixels ||
+            apply(image,
+                  [&](VipsImage* in, VipsImage** out) {
+                      const double scale = std::sqrt(static_cast<double>(maxReadPixels) / static_cast<double>(pixels));
+                      return vips_resize(in, out, scale, nullptr);
+                  })) &&
            // A grey picture with an alpha band flattened may keep two bands.
            (vips_image_get_bands(image.get()) == 1 ||
             apply(image, [](VipsImage* in, VipsImage** out) { return vips_extract_band(in, out, 0, nullptr); }));

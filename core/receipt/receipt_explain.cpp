@@ -52,7 +52,8 @@ std::string timeShift(int64_t delta)
 // threads that search.
 class Budget {
 public:
-    explicit Budget(uint64_t limit) : limit_(limit), left_(static_cast<int64_t>(std::min<uint64_t>(limit, INT64_MAX))) {}
+    explicit Budget(uint64_t limit) : limit_(limit), left_(static_cast<int64_t>(std::min<uint64_t>(limit, INT64_MAX)))
+    {}
 
     bool take()
     {
@@ -103,7 +104,8 @@ struct SearchContext {
 std::optional<ReceiptForm> holdsInAnyForm(const Receipt& receipt, const SearchContext& context, VerifyScratch& scratch)
 {
     return ReceiptMatcher(receipt, context.signatures, nullptr, &context.search)
-        .holdsAt(receipt.logTime.time.seconds, [&] { return context.budget.take(); }, &scratch);
+        .holdsAt(
+            receipt.logTime.time.seconds, [&] { return context.budget.take(); }, &scratch);
 }
 
 std::string fieldLabel(const std::string& field)
@@ -138,7 +140,8 @@ public:
         }
         Receipt changed = receipt_;
         changed.*field = value;
-        items.push_back({change, name, quoted(receipt_.*field, std::string::npos), quoted(value, std::string::npos), std::move(changed)});
+        items.push_back({change, name, quoted(receipt_.*field, std::string::npos), quoted(value, std::string::npos),
+                         std::move(changed)});
     }
 
     void number(const std::string& change, uint64_t Receipt::*field, const char* name, uint64_t value)
@@ -270,7 +273,8 @@ void addTextChanges(CandidateList& list, const Receipt& r)
         list.text("UTF-8 in place of Latin-1", f.member, f.name, latin1AsUtf8(value));
     }
     const std::string& data = r.processData;
-    list.text("CR LF line ends", &Receipt::processData, "processData", replaced(replaced(data, "\r\n", "\n"), "\n", "\r\n"));
+    list.text("CR LF line ends", &Receipt::processData, "processData",
+              replaced(replaced(data, "\r\n", "\n"), "\n", "\r\n"));
     list.text("LF line ends", &Receipt::processData, "processData", replaced(data, "\r\n", "\n"));
     list.text("a line end", &Receipt::processData, "processData", data + "\r\n");
     list.text("a line end", &Receipt::processData, "processData", data + "\n");
@@ -372,8 +376,8 @@ std::optional<WindowHit> searchWindow(const Receipt& r, const SearchContext& con
         const int64_t to = std::min(window, from + WINDOW_CHUNK - 1);
         for (int64_t distance = from; distance <= to && chunk <= firstChunk; ++distance) {
             for (const int64_t delta : {distance, -distance}) {
-                const std::optional<ReceiptForm> form =
-                    search.holdsAt(r.logTime.time.seconds + delta, [&] { return budget.take(); }, &scratch);
+                const std::optional<ReceiptForm> form = search.holdsAt(
+                    r.logTime.time.seconds + delta, [&] { return budget.take(); }, &scratch);
                 if (budget.cut()) return;
                 if (!form) continue;
                 ExclusiveLock<Mutex> guard(best.lock);
@@ -443,8 +447,8 @@ Explanation explainWithTables(const Receipt& receipt, const ExplainOptions& opti
     if (!result.found && budget.cut()) {
         result.cutShort = true;
         const int64_t window = std::min(options.timeWindow, MAX_TIME_WINDOW);
-        result.sentence = "the search was cut short after " + counted(result.checks, "signature check", "signature checks") +
-                          ", the work bound" +
+        result.sentence = "the search was cut short after " +
+                          counted(result.checks, "signature check", "signature checks") + ", the work bound" +
                           (window > 0 ? ", with the log time searched " + std::to_string(result.searchedWindow) +
                                             " s of " + std::to_string(window) + " s either side"
                                       : std::string()) +

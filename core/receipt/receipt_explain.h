@@ -21,8 +21,8 @@ struct Explanation {
     std::string sentence;     // the whole finding, or that nothing was found
     std::string form;         // the rebuild under which the signature held
     std::vector<std::string> tried;
-    uint64_t checks = 0;      // signature checks spent
-    bool cutShort = false;    // the work bound ended the search before it was through
+    uint64_t checks = 0;         // signature checks spent
+    bool cutShort = false;       // the work bound ended the search before it was through
     int64_t searchedWindow = 0;  // seconds either side of the log time searched in full
 };
 
@@ -52,7 +52,8 @@ Explanation explainReceipt(const Receipt& receipt, const ExplainOptions& options
 // A batch, one receipt after another (each on every core), within
 // MAX_EXPLAIN_BATCH_CHECKS together: each gets an even share of what is left,
 // at most options.maxChecks.
-std::vector<Explanation> explainReceipts(const std::vector<const Receipt*>& receipts, const ExplainOptions& options = {},
+std::vector<Explanation> explainReceipts(const std::vector<const Receipt*>& receipts,
+                                         const ExplainOptions& options = {},
                                          uint64_t batchChecks = MAX_EXPLAIN_BATCH_CHECKS);
 
 }  // namespace tse

@@ -1,6 +1,5 @@
 #include "receipt_text.h"
 
-
 #include "log_message.h"
 #include "text.h"
 
@@ -33,7 +32,6 @@ std::vector<std::string_view> splitFields(std::string_view text)
         start = end + 1;
     }
 }
-
 
 // Every reading of the signature field that decodes: base64 (plain or DER)
 // and hexadecimal r || s. A hex text is also valid base64, so both are kept.
@@ -217,7 +215,7 @@ Result<Receipt> parseReceiptText(std::string_view text, KeyCache* keys)
     const std::vector<std::string_view> fields = splitFields(text);
     if (fields.size() != FIELD_COUNT) {
         return Error{"the text has " + counted(fields.size(), "field", "fields") +
-                                              " separated by \";\"; a receipt has 12"};
+                     " separated by \";\"; a receipt has 12"};
     }
     ReceiptFields read;
     std::optional<ReceiptKeys> found;

@@ -11,9 +11,9 @@
 
 #include "algorithms.h"
 #include "bytes.h"
-#include "result.h"
 #include "log_time.h"
 #include "public_key.h"
+#include "result.h"
 #include "thread_annotations.h"
 
 namespace tse {
@@ -21,7 +21,13 @@ namespace tse {
 // The log time format as a receipt names it. The two "With..." names ask
 // for the same element as their short forms, only with seconds or a
 // fraction, so they share the rebuild.
-enum class ReceiptTimeFormat { UnixTime, UtcTime, UtcTimeWithSeconds, GeneralizedTime, GeneralizedTimeWithMilliseconds };
+enum class ReceiptTimeFormat {
+    UnixTime,
+    UtcTime,
+    UtcTimeWithSeconds,
+    GeneralizedTime,
+    GeneralizedTimeWithMilliseconds
+};
 
 std::string_view receiptTimeFormatName(ReceiptTimeFormat format);
 TimeFormat elementFormat(ReceiptTimeFormat format);
@@ -58,8 +64,7 @@ struct ReceiptFields {
 struct Receipt : ReceiptFields {
     Receipt(ReceiptFields fields, PublicKey publicKey, std::vector<PublicKey> others = {})
         : ReceiptFields(std::move(fields)), key(std::move(publicKey)), otherKeys(std::move(others))
-    {
-    }
+    {}
 
     PublicKey key;
     // A compressed point names only x, and an x may lie on both curves of

@@ -95,8 +95,9 @@ Result<std::vector<ReceiptSignature>> receiptSignatures(const Receipt& receipt)
     if (!out.empty()) return out;
     const size_t expected = 2 * receipt.key.curveInfo().fieldSize;
     const size_t size = receipt.signatureReadings.front().size();
-    return Error{"signature: " + counted(size, "byte is", "bytes are") + " neither r||s on " + std::string(receipt.key.curveInfo().displayName) + " (" +
-                 std::to_string(expected) + " bytes) nor a DER signature"};
+    return Error{"signature: " + counted(size, "byte is", "bytes are") + " neither r||s on " +
+                 std::string(receipt.key.curveInfo().displayName) + " (" + std::to_string(expected) +
+                 " bytes) nor a DER signature"};
 }
 
 std::vector<Bytes> plainOctets(const Receipt& receipt, const std::vector<ReceiptSignature>& signatures)
@@ -176,11 +177,9 @@ std::vector<EncodedTime> distinctTimeElements(const Receipt& receipt, int64_t se
 
 ReceiptMatcher::ReceiptMatcher(const Receipt& receipt, const std::vector<ReceiptSignature>& signatures,
                                const KeyVerifier* verifier, const SignatureSearch* search)
-    : receipt_(receipt),
-      signatures_(signatures),
+    : receipt_(receipt), signatures_(signatures),
       // The verifier's tables serve only the key they were built for.
-      verifier_(verifier && verifier->key().point() == receipt.key.point() ? verifier : nullptr),
-      search_(search)
+      verifier_(verifier && verifier->key().point() == receipt.key.point() ? verifier : nullptr), search_(search)
 {
     for (const MessageShape& shape : messageShapes()) prefixes_.emplace_back(shape, signedPrefix(receipt, shape));
     if (verifier_) octets_ = plainOctets(receipt, signatures);
@@ -242,7 +241,10 @@ ReceiptVerification verifyReceipt(const Receipt& receipt, const std::vector<Rece
                                   const KeyVerifier* verifier, VerifyScratch* scratch)
 {
     if (distinctTimeElements(receipt, receipt.logTime.time.seconds).empty()) {
-        return {Verdict::Malformed, "logTime " + receipt.logTime.text + " lies before 1970, which unixTime cannot hold", {}, {}};
+        return {Verdict::Malformed,
+                "logTime " + receipt.logTime.text + " lies before 1970, which unixTime cannot hold",
+                {},
+                {}};
     }
     const ReceiptMatcher matcher(receipt, signatures, verifier);
     if (const std::optional<ReceiptForm> form = matcher.holdsAt(receipt.logTime.time.seconds, {}, scratch)) {

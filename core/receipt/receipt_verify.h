@@ -31,7 +31,7 @@ enum class TimeEncoding {
 // The parts of the signed log message that a receipt does not print and
 // that differ between TSEs.
 struct MessageShape {
-    uint64_t version = 2;  // 3 for TSEs of the newer guideline: "finishTransaction"
+    uint64_t version = 2;                // 3 for TSEs of the newer guideline: "finishTransaction"
     bool indefiniteProcessData = false;  // D-Trust: A2 80 04 LL ... 00 00
 };
 

@@ -58,10 +58,14 @@ public:
     {
         const std::string profile = dir.path("profile-" + std::to_string(runs_++));
         fs::create_directories(profile);
-        std::vector<std::string> all{"--headless",         "--no-sandbox",
-                                     "--disable-gpu",      "--disable-quic",
-                                     "--no-first-run",     "--disable-background-networking",
-                                     "--disable-component-update", "--disable-sync",
+        std::vector<std::string> all{"--headless",
+                                     "--no-sandbox",
+                                     "--disable-gpu",
+                                     "--disable-quic",
+                                     "--no-first-run",
+                                     "--disable-background-networking",
+                                     "--disable-component-update",
+                                     "--disable-sync",
                                      "--user-data-dir=" + profile};
         all.insert(all.end(), arguments.begin(), arguments.end());
         return fixtures::run(program_, all, {"HOME=" + dir.path("")}, fixtures::RunLimits{120, 0});
@@ -100,12 +104,12 @@ private:
     mutable int runs_ = 0;
 };
 
-#define REQUIRE_BROWSER(browser)                                                          \
-    if (!(browser).present()) {                                                           \
-        GTEST_SKIP() << "SKIPPED: chromium is not installed (scripts/test installs it)";  \
-    }                                                                                     \
-    if (programOnPath("pdftotext").empty()) {                                             \
-        GTEST_SKIP() << "SKIPPED: pdftotext (poppler-utils) is not installed";            \
+#define REQUIRE_BROWSER(browser)                                                                                       \
+    if (!(browser).present()) {                                                                                        \
+        GTEST_SKIP() << "SKIPPED: chromium is not installed (scripts/test installs it)";                               \
+    }                                                                                                                  \
+    if (programOnPath("pdftotext").empty()) {                                                                          \
+        GTEST_SKIP() << "SKIPPED: pdftotext (poppler-utils) is not installed";                                         \
     }
 
 struct Audited {
@@ -128,7 +132,8 @@ Audited auditToHtml(const fixtures::TempDir& dir, const std::string& name, std::
 std::string thousands(uint64_t n)
 {
     std::string digits = std::to_string(n), out;
-    for (size_t i = 0; i < digits.size(); ++i) out += (i && (digits.size() - i) % 3 == 0 ? "," : "") + digits.substr(i, 1);
+    for (size_t i = 0; i < digits.size(); ++i)
+        out += (i && (digits.size() - i) % 3 == 0 ? "," : "") + digits.substr(i, 1);
     return out;
 }
 
@@ -157,7 +162,8 @@ void expectSaysWhatTheAuditSaid(const std::string& text, const json& report, con
     const std::string counts = thousands(s["logs"]) + " logs, " + thousands(s["errors"]) + " errors, " +
                                thousands(s["warnings"]) + " warnings";
     EXPECT_NE(text.find(counts), std::string::npos) << where << ": " << counts;
-    for (const std::string& code : codesOf(report)) EXPECT_NE(text.find(code), std::string::npos) << where << ": " << code;
+    for (const std::string& code : codesOf(report))
+        EXPECT_NE(text.find(code), std::string::npos) << where << ": " << code;
 }
 
 TEST(BrowserReport, RealExports)
@@ -191,7 +197,8 @@ TEST(BrowserReport, FailingExport)
     std::vector<std::string> exports;
     for (const char* defect : {"signature-invalid", "counter-gap", "time-regression"}) {
         exports.push_back(dir.path(std::string(defect) + ".tar"));
-        const fixtures::RunResult made = fixtures::run(makeExportPath(), {"-o", exports.back(), "-n", "30", "--defect", defect});
+        const fixtures::RunResult made =
+            fixtures::run(makeExportPath(), {"-o", exports.back(), "-n", "30", "--defect", defect});
         ASSERT_EQ(made.status, 0) << made.err;
     }
     const Audited a = auditToHtml(dir, "failing", exports);
@@ -212,7 +219,8 @@ TEST(BrowserReport, HostileClientIdIsShownNotRun)
     REQUIRE_BROWSER(browser);
     fixtures::TempDir dir;
     // First: the check below sees a script that runs.
-    const std::string control = dir.write("control.html", std::string("<title>quiet</title><script>document.title='RAN'</script>"));
+    const std::string control =
+        dir.write("control.html", std::string("<title>quiet</title><script>document.title='RAN'</script>"));
     EXPECT_NE(browser.dom(dir, control).find("<title>RAN</title>"), std::string::npos);
 
     const std::vector<std::string> hostile{"\"><script>alert(1)</script>", "<script>document.title='RAN'</script>",
@@ -224,7 +232,8 @@ TEST(BrowserReport, HostileClientIdIsShownNotRun)
         fields.clientId = hostile[i];
         fields.signatureCounter = 538 + i;
         fields.transactionNumber = 7 + i;
-        arguments.push_back(dir.write("log" + std::to_string(i) + ".log", fixtures::signedExportedLog(key.get(), fields)));
+        arguments.push_back(
+            dir.write("log" + std::to_string(i) + ".log", fixtures::signedExportedLog(key.get(), fields)));
     }
     const Audited a = auditToHtml(dir, "hostile", arguments);
     ASSERT_EQ(a.report["summary"]["valid"], 3) << a.report.dump();
@@ -295,20 +304,23 @@ TEST(BrowserReport, BookkeepingWithPlantedDefects)
     fixtures::TempDir dir;
     const std::string tools = fs::path(fixtures::tseCheckPath()).parent_path().string();
     const std::string tse = dir.path("tse.tar");
-    const fixtures::RunResult exported = fixtures::run(
-        makeExportPath(), {"-o", tse, "-n", "20", "--curve", "secp256r1", "--client", "<script>document.title='RAN'</script>"});
+    const fixtures::RunResult exported =
+        fixtures::run(makeExportPath(), {"-o", tse, "-n", "20", "--curve", "secp256r1", "--client",
+                                         "<script>document.title='RAN'</script>"});
     ASSERT_EQ(exported.status, 0) << exported.err;
     struct Case {
         std::string defect, code;
     };
-    for (const Case& c : std::vector<Case>{{"row-dropped", "transaction-unbooked"}, {"amount-edited", "signature-invalid"}}) {
+    for (const Case& c :
+         std::vector<Case>{{"row-dropped", "transaction-unbooked"}, {"amount-edited", "signature-invalid"}}) {
         const std::string books = dir.path(c.defect);
         const fixtures::RunResult made =
             fixtures::run(tools + "/make-dsfinvk", {"--tse", tse, "--out", books, "--defect", c.defect});
         ASSERT_EQ(made.status, 0) << made.err;
         const std::string page = dir.path(c.defect + ".html"), data = dir.path(c.defect + ".json");
-        const fixtures::RunResult checked = fixtures::run(
-            fixtures::tseCheckPath(), {"dsfinvk", "--no-progress", "--json", data, "--html", page, books, "--tse", tse});
+        const fixtures::RunResult checked =
+            fixtures::run(fixtures::tseCheckPath(),
+                          {"dsfinvk", "--no-progress", "--json", data, "--html", page, books, "--tse", tse});
         EXPECT_EQ(checked.status, 1) << checked.err;
         const json report = json::parse(fileText(data));
         ASSERT_EQ(codesOf(report).count(c.code), 1u) << c.defect;

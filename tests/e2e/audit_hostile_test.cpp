@@ -106,7 +106,6 @@ std::string compressed(const std::string& data, int (*addFilter)(archive*))
     return std::string(buffer.data(), used);
 }
 
-
 // An export cut anywhere before its end is never a passed audit: the error
 // finding export-truncated says how far it was read, exit status 1.
 TEST(AuditHostile, CutExportsAreTruncated)
@@ -139,8 +138,9 @@ TEST(AuditHostile, CutExportsAreTruncated)
     const std::string big = fileText(REAL + "2021-09-30_63641_TSE.tar");
     cuts.push_back({"131072", big.substr(0, 131072), "125 members were read up to byte 131072"});
     const std::string small = fileText(REAL + "logMessages1.tar");
-    const std::pair<const char*, int (*)(archive*)> filters[] = {
-        {"gz", archive_write_add_filter_gzip}, {"bz2", archive_write_add_filter_bzip2}, {"xz", archive_write_add_filter_xz}};
+    const std::pair<const char*, int (*)(archive*)> filters[] = {{"gz", archive_write_add_filter_gzip},
+                                                                 {"bz2", archive_write_add_filter_bzip2},
+                                                                 {"xz", archive_write_add_filter_xz}};
     for (const auto& [suffix, filter] : filters) {
         const std::string packed = compressed(small, filter);
         for (const size_t keep : {size_t{12}, packed.size() / 2, packed.size() - 9, packed.size() - 1}) {
@@ -162,7 +162,8 @@ TEST(AuditHostile, CutExportsAreTruncated)
         const json* truncated = finding(a.report, "export-truncated");
         ASSERT_NE(truncated, nullptr) << a.err;
         EXPECT_EQ((*truncated)["severity"], "error");
-        EXPECT_NE((*truncated)["message"].get<std::string>().find(cut.says), std::string::npos) << (*truncated)["message"];
+        EXPECT_NE((*truncated)["message"].get<std::string>().find(cut.says), std::string::npos)
+            << (*truncated)["message"];
     }
     // The whole exports, plain and compressed, are not cut.
     for (const auto& [suffix, filter] : filters) {
@@ -199,7 +200,8 @@ TEST(AuditHostile, SplitArchivesNameTheMissingPart)
         }
         std::string says = c.says;
         for (const auto& [key, n] : {std::pair<std::string, size_t>{"{3}", 3}, {"{2}", 2}, {"{last}", parts}}) {
-            if (const size_t at = says.find(key); at != std::string::npos) says.replace(at, key.size(), partName(base, n));
+            if (const size_t at = says.find(key); at != std::string::npos)
+                says.replace(at, key.size(), partName(base, n));
         }
         const Audit a = audit({partName(base, 1)});
         EXPECT_EQ(a.status, 1);
@@ -261,15 +263,19 @@ std::string unescape(const std::string& text)
     return out;
 }
 
-
 // Logs of every type whose every text field holds bytes that are no UTF-8,
 // terminal escapes and formula starts, under member names that do too:
 // the JSON of audit and verify parses, the values come back byte for byte,
 // nothing raw reaches the text or CSV, and no CSV cell is a formula.
 TEST(AuditHostile, HostileTextInEveryField)
 {
-    const std::vector<std::string> hostile{"\xFF\xFE", "=HYPERLINK(\"x\")\x1B[31m", "\xC3(\x1B]0;t\x07",
-                                           "+\xE2\x80\xA8\xC2\x9B" "2J", "-\\x41\n\r\t", "@\xED\xA0\x80"};
+    const std::vector<std::string> hostile{"\xFF\xFE",
+                                           "=HYPERLINK(\"x\")\x1B[31m",
+                                           "\xC3(\x1B]0;t\x07",
+                                           "+\xE2\x80\xA8\xC2\x9B"
+                                           "2J",
+                                           "-\\x41\n\r\t",
+                                           "@\xED\xA0\x80"};
     tse::Signer signer(tse::Curve::Secp256r1);
     fixtures::TempDir dir;
     const std::string certificate = dir.write("cert.pem", signer.selfSignedCertificatePem("Hostile", 1500000000, 3650));
@@ -321,7 +327,8 @@ TEST(AuditHostile, HostileTextInEveryField)
     }
     EXPECT_TRUE(a.report["exports"][0]["info"].is_object());
 
-    const fixtures::RunResult text = fixtures::run(fixtures::tseCheckPath(), {"audit", "--cert", certificate, tar}, {}, LIMITS);
+    const fixtures::RunResult text =
+        fixtures::run(fixtures::tseCheckPath(), {"audit", "--cert", certificate, tar}, {}, LIMITS);
     const fixtures::RunResult csv =
         fixtures::run(fixtures::tseCheckPath(), {"audit", "--csv", "-", "--cert", certificate, tar}, {}, LIMITS);
     for (const std::string& output : {text.out, csv.out}) {
@@ -390,9 +397,10 @@ TEST(AuditHostile, SeveralExportsAndRepeatedCertificates)
     const size_t copies = (size_t{1} << 20) / pem.size();
     std::string many;
     for (size_t i = 0; i < copies; ++i) many += pem;
-    const fixtures::RunResult repeated = fixtures::run(
-        fixtures::tseCheckPath(), {"audit", "--cert", dir.write("many.pem", many), first}, {}, LIMITS);
-    EXPECT_NE(repeated.out.find("(" + std::to_string(copies) + " identical copies)"), std::string::npos) << repeated.err;
+    const fixtures::RunResult repeated =
+        fixtures::run(fixtures::tseCheckPath(), {"audit", "--cert", dir.write("many.pem", many), first}, {}, LIMITS);
+    EXPECT_NE(repeated.out.find("(" + std::to_string(copies) + " identical copies)"), std::string::npos)
+        << repeated.err;
     EXPECT_LT(std::count(repeated.out.begin(), repeated.out.end(), '\n'), 40);
 }
 
@@ -466,7 +474,8 @@ TEST(AuditHostile, OutputRefusals)
     };
     for (const Case& c : std::vector<Case>{
              {{"audit", "--json", "-", "--csv", "-", tar}, "cannot share standard output"},
-             {{"audit", "--json", "/nonexistent/dir/report.json", tar}, "Cannot write /nonexistent/dir/report.json: No such file"},
+             {{"audit", "--json", "/nonexistent/dir/report.json", tar},
+              "Cannot write /nonexistent/dir/report.json: No such file"},
              {{"audit", "--csv", dir.path(""), tar}, "Cannot write " + dir.path("") + ": Is a directory"}}) {
         const fixtures::RunResult run = fixtures::run(fixtures::tseCheckPath(), c.arguments, {}, LIMITS);
         EXPECT_EQ(run.status, 2);

@@ -56,7 +56,9 @@ Audit audit(std::vector<std::string> arguments)
     EXPECT_EQ(first, (std::vector<std::string>{"verdict", "exitStatus"}));
     EXPECT_EQ(result.report["exitStatus"], run.status);
     const json& summary = result.report["summary"];
-    const char* verdict = summary["errors"] > 0 ? "FAILED" : summary["warnings"] > 0 ? "PASSED WITH WARNINGS" : "PASSED";
+    const char* verdict = summary["errors"] > 0     ? "FAILED"
+                          : summary["warnings"] > 0 ? "PASSED WITH WARNINGS"
+                                                    : "PASSED";
     EXPECT_EQ(result.report["verdict"], verdict);
     return result;
 }
@@ -76,11 +78,12 @@ TEST(Audit, RealExports)
         uint64_t missingCounters;
         int status;
     };
-    for (const Case& c : std::vector<Case>{{"2021-09-30_63641_TSE.tar", 141, 64, 0},
-                                           {"6e6c6a42-5c8d-4a9c-9572-26c10619d020.tar", 10, 0, 0},
-                                           {"TSE_Export_685e1812-79a4-4c8c-9a07-9e93a019efa7_202109171015.tar", 155, 0, 0},
-                                           {"logMessages1.tar", 17, 1, 0},
-                                           {"softwareUpdate.tar", 25, 1, 1}}) {
+    for (const Case& c :
+         std::vector<Case>{{"2021-09-30_63641_TSE.tar", 141, 64, 0},
+                           {"6e6c6a42-5c8d-4a9c-9572-26c10619d020.tar", 10, 0, 0},
+                           {"TSE_Export_685e1812-79a4-4c8c-9a07-9e93a019efa7_202109171015.tar", 155, 0, 0},
+                           {"logMessages1.tar", 17, 1, 0},
+                           {"softwareUpdate.tar", 25, 1, 1}}) {
         SCOPED_TRACE(c.file);
         const Audit a = audit({REAL + c.file});
         EXPECT_EQ(a.status, c.status);
@@ -93,7 +96,9 @@ TEST(Audit, RealExports)
         }
         uint64_t missing = 0;
         for (const json& f : a.report["findings"]) {
-            if (f["code"] == "counter-gap") missing += std::stoull(f["message"].get<std::string>().substr(f["message"].get<std::string>().find(": ") + 2));
+            if (f["code"] == "counter-gap")
+                missing +=
+                    std::stoull(f["message"].get<std::string>().substr(f["message"].get<std::string>().find(": ") + 2));
             if (f["severity"] == "error") {
                 EXPECT_EQ(f["code"], "signature-invalid") << f["message"];
             }
@@ -124,23 +129,21 @@ TEST(Audit, PlantedDefects)
     std::istringstream list(fixtures::run(makeExportPath(), {"--list-defects"}).out);
     for (std::string name, code; list >> name >> code;) listed[name] = code;
     size_t tested = 0;
-    for (const Case& c : std::vector<Case>{{"signature-invalid", 1},
-                                           {"certificate-missing", 1, "", "1 log of TSE"},
-                                           {"log-unreadable", 1},
-                                           {"counter-duplicate", 1},
-                                           {"name-mismatch", 1},
-                                           {"counter-gap", 0},
-                                           {"transaction-incomplete", 0},
-                                           {"time-regression", 0},
-                                           {"certificate-chain", 0},
-                                           {"unexpected-member", 0},
-                                           // The TSE's certificate holds, its CA's had ended before the logs.
-                                           {"ca-expired", 0, "certificate-chain",
-                                            "22 logs lie outside the validity of the CA CN=Synthetic CA"},
-                                           {"certificate-renamed", 1, "name-mismatch",
-                                            "_X509.pem: the name gives the key hash"},
-                                           {"ecsdsa", 1, "signature-invalid",
-                                            "unsupported algorithm: ecsdsa-plain-SHA256"}}) {
+    for (const Case& c : std::vector<Case>{
+             {"signature-invalid", 1},
+             {"certificate-missing", 1, "", "1 log of TSE"},
+             {"log-unreadable", 1},
+             {"counter-duplicate", 1},
+             {"name-mismatch", 1},
+             {"counter-gap", 0},
+             {"transaction-incomplete", 0},
+             {"time-regression", 0},
+             {"certificate-chain", 0},
+             {"unexpected-member", 0},
+             // The TSE's certificate holds, its CA's had ended before the logs.
+             {"ca-expired", 0, "certificate-chain", "22 logs lie outside the validity of the CA CN=Synthetic CA"},
+             {"certificate-renamed", 1, "name-mismatch", "_X509.pem: the name gives the key hash"},
+             {"ecsdsa", 1, "signature-invalid", "unsupported algorithm: ecsdsa-plain-SHA256"}}) {
         SCOPED_TRACE(c.defect);
         ++tested;
         EXPECT_EQ(listed[c.defect], c.code.empty() ? c.defect : c.code);
@@ -170,11 +173,12 @@ TEST(Audit, CleanExportsInEveryForm)
     const std::vector<std::string> times{"unixTime", "utcTime", "generalizedTime"};
     fixtures::TempDir dir;
     for (size_t i = 0; i < curves.size() * times.size(); ++i) {
-        const std::string curve = curves[i % curves.size()], time = times[i / curves.size()], form = forms[i % forms.size()];
+        const std::string curve = curves[i % curves.size()], time = times[i / curves.size()],
+                          form = forms[i % forms.size()];
         SCOPED_TRACE(curve + " " + time + " " + form);
         const std::string out = dir.path("e" + std::to_string(i) + (form == "dir" ? "" : ".tar"));
-        std::vector<std::string> args{"-o", out, "-n", "3", "--curve", curve, "--time-format", time,
-                                      "--format", form == "split" ? "tar" : form};
+        std::vector<std::string> args{
+            "-o", out, "-n", "3", "--curve", curve, "--time-format", time, "--format", form == "split" ? "tar" : form};
         if (form == "split") args.insert(args.end(), {"--split", "2000"});
         makeExport(args);
         const Audit a = audit({form == "split" ? out + ".001" : out});
@@ -259,7 +263,6 @@ TEST(Audit, LogNamesWhereTheyCount)
     }
 }
 
-
 std::string fileText(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
@@ -290,7 +293,8 @@ TEST(Audit, HostileMembers)
     EXPECT_EQ(a.status, 1);
     std::map<std::string, json> byFile;
     for (const json& log : a.report["logs"]) byFile[log["file"]] = log;
-    for (const char* file : {"Unixt_1_Sig-900_Log-Aud.log", "Unixt_1_Sig-901_Log-Aud.log", "Unixt_1_Sig-902_Log-Aud.log"}) {
+    for (const char* file :
+         {"Unixt_1_Sig-900_Log-Aud.log", "Unixt_1_Sig-901_Log-Aud.log", "Unixt_1_Sig-902_Log-Aud.log"}) {
         EXPECT_EQ(byFile[file]["verdict"], "unreadable") << file;
     }
     EXPECT_NE(byFile["Unixt_1_Sig-902_Log-Aud.log"]["reason"].get<std::string>().find("larger than 16 MiB"),
@@ -310,16 +314,25 @@ TEST(Audit, HostileMembers)
     }
 }
 
-
 TEST(Audit, CsvMatchesJson)
 {
     const std::string tar = REAL + "6e6c6a42-5c8d-4a9c-9572-26c10619d020.tar";
     const json report = audit({tar}).report;
     const auto rows = fixtures::parseCsv(fixtures::run(fixtures::tseCheckPath(), {"audit", "--csv", "-", tar}).out);
     ASSERT_EQ(rows.size(), 11u);
-    const std::vector<std::string> header{"file", "type", "verdict", "signatureCounter", "logTime", "transactionNumber",
-                                          "operationType", "clientId", "processType", "serialNumber",
-                                          "signatureAlgorithm", "reason", "export"};
+    const std::vector<std::string> header{"file",
+                                          "type",
+                                          "verdict",
+                                          "signatureCounter",
+                                          "logTime",
+                                          "transactionNumber",
+                                          "operationType",
+                                          "clientId",
+                                          "processType",
+                                          "serialNumber",
+                                          "signatureAlgorithm",
+                                          "reason",
+                                          "export"};
     EXPECT_EQ(rows[0], header);
     for (size_t i = 1; i < rows.size(); ++i) {
         const json& log = report["logs"][i - 1];

@@ -105,9 +105,8 @@ TEST(BoundedWork, FewerThreadsThanAskedFor)
     GTEST_SKIP() << "AddressSanitizer reserves more address space than the limit allows";
 #else
     const fixtures::RunLimits limits{120, 0, 0, 1024};
-    const fixtures::RunResult audit =
-        fixtures::run(fixtures::tseCheckPath(), {"audit", "--jobs", "1024", "--json", "-", REAL + "logMessages1.tar"}, {},
-                      limits);
+    const fixtures::RunResult audit = fixtures::run(
+        fixtures::tseCheckPath(), {"audit", "--jobs", "1024", "--json", "-", REAL + "logMessages1.tar"}, {}, limits);
     EXPECT_EQ(audit.stopped, "");
     EXPECT_EQ(audit.status, 0) << audit.err;
     const json report = json::parse(audit.out, nullptr, false);

@@ -110,9 +110,9 @@ TEST(DsfinvkBooks, EachPlantedDefectGivesExactlyItsFinding)
     // Every finding of the bookkeeping in itself has a defect that plants it.
     Codes planted;
     for (const Defect& d : defects) planted.insert(d.expected.begin(), d.expected.end());
-    for (const char* code : {"reference-missing", "receipt-sum-differs", "closing-sum-differs", "closing-gap", "bon-duplicate",
-                             "bon-gap", "receipt-outside-closing", "vat-rate-wrong", "unsigned-but-signed",
-                             "failure-while-signing", "field-format"}) {
+    for (const char* code : {"reference-missing", "receipt-sum-differs", "closing-sum-differs", "closing-gap",
+                             "bon-duplicate", "bon-gap", "receipt-outside-closing", "vat-rate-wrong",
+                             "unsigned-but-signed", "failure-while-signing", "field-format"}) {
         EXPECT_TRUE(planted.count(code)) << code;
     }
     for (const std::string& tse : {CLOUD, JSON_TSE}) {
@@ -133,7 +133,8 @@ TEST(DsfinvkBooks, EachPlantedDefectGivesExactlyItsFinding)
             for (const json& f : r.document["findings"]) {
                 if (f["code"] != "amounts-differ") continue;
                 EXPECT_NE(f["message"].get<std::string>().find("processData rebuilt from the bookkeeping: \"Beleg^"),
-                          std::string::npos) << f["message"];
+                          std::string::npos)
+                    << f["message"];
             }
         }
     }
@@ -187,7 +188,8 @@ TEST(DsfinvkBooks, AMissingTableSkipsOnlyItsChecks)
 TEST(DsfinvkBooks, TheHtmlReportShowsTheClosingsTotalsAndMarksWhatDiffers)
 {
     fixtures::TempDir dir;
-    ASSERT_EQ(make("make-dsfinvk", {"--tse", CLOUD, "--out", dir.path("d"), "--defect", "closing-sum-differs"}).status, 0);
+    ASSERT_EQ(make("make-dsfinvk", {"--tse", CLOUD, "--out", dir.path("d"), "--defect", "closing-sum-differs"}).status,
+              0);
     const fixtures::RunResult r =
         fixtures::run(fixtures::tseCheckPath(), {"dsfinvk", dir.path("d"), "--html", dir.path("r.html")}, {}, {180, 0});
     EXPECT_EQ(r.status, 1) << r.err;
@@ -232,7 +234,7 @@ TEST(DsfinvkBooks, FieldRulesAreCountedPerRuleAndTable)
     struct Case {
         std::string table, column;
         std::function<std::string(const std::string&)> value;  // the new value from the old
-        size_t rows;                                            // edited, from the first
+        size_t rows;                                           // edited, from the first
         std::string code, words;
     };
     const std::vector<Case> cases = {
@@ -265,7 +267,8 @@ TEST(DsfinvkBooks, FieldRulesAreCountedPerRuleAndTable)
             if (f["code"] != c.code) continue;
             const std::string message = f["message"];
             EXPECT_NE(message.find(c.words), std::string::npos) << message;
-            EXPECT_EQ(message.find("and " + std::to_string(c.rows - 3) + " more") != std::string::npos, c.rows > 3) << message;
+            EXPECT_EQ(message.find("and " + std::to_string(c.rows - 3) + " more") != std::string::npos, c.rows > 3)
+                << message;
         }
     }
 }
@@ -303,7 +306,8 @@ void bookAsFailures(const std::string& books, const std::set<std::string>& numbe
     fixtures::DsfinvkTable rows(books, "transactions_tse.csv");
     for (size_t i = 0; i < rows.rows.size(); ++i) {
         if (!numbers.count(rows.at(i, "TSE_TANR"))) continue;
-        for (const char* column : {"TSE_TANR", "TSE_TA_START", "TSE_TA_ENDE", "TSE_TA_SIGZ", "TSE_TA_SIG", "TSE_VORGANGSDATEN"}) {
+        for (const char* column :
+             {"TSE_TANR", "TSE_TA_START", "TSE_TA_ENDE", "TSE_TA_SIGZ", "TSE_TA_SIG", "TSE_VORGANGSDATEN"}) {
             rows.at(i, column).clear();
         }
         rows.at(i, "TSE_TA_FEHLER") = "TSE ausgefallen";
@@ -315,8 +319,10 @@ TEST(DsfinvkBooks, FailureRowsAreLinkedToTheLogsThatSignedThem)
 {
     // Every sale of this export has the same amounts: only time tells them apart.
     fixtures::TempDir dir;
-    ASSERT_EQ(make("make-export", {"--out", dir.path("t"), "--format", "dir", "-n", "6", "--interval", "600", "--curve",
-                                   "secp256r1"}).status, 0);
+    ASSERT_EQ(make("make-export",
+                   {"--out", dir.path("t"), "--format", "dir", "-n", "6", "--interval", "600", "--curve", "secp256r1"})
+                  .status,
+              0);
     ASSERT_EQ(make("make-dsfinvk", {"--tse", dir.path("t"), "--out", dir.path("d")}).status, 0);
     const fixtures::DsfinvkTable before(dir.path("d"), "transactions_tse.csv");
     std::map<std::string, std::string> bonOf;  // transaction number -> BON_ID
@@ -341,12 +347,16 @@ TEST(DsfinvkBooks, RegistersAcrossTheRateChangeOf2021AddUpExactly)
 {
     fixtures::TempDir dir;
     for (const std::string client : {"KASSE-A", "KASSE-B"}) {
-        ASSERT_EQ(make("make-export", {"--out", dir.path(client), "--format", "dir", "-n", "40", "--interval", "1800",
-                                       "--start", "2020-12-31T12:00:00Z", "--varied", "--curve", "secp256r1",
-                                       "--client", client}).status, 0);
+        ASSERT_EQ(make("make-export",
+                       {"--out", dir.path(client), "--format", "dir", "-n", "40", "--interval", "1800", "--start",
+                        "2020-12-31T12:00:00Z", "--varied", "--curve", "secp256r1", "--client", client})
+                      .status,
+                  0);
     }
-    ASSERT_EQ(make("make-dsfinvk", {"--tse", dir.path("KASSE-A"), dir.path("KASSE-B"), "--out", dir.path("d"), "--lines", "4"})
-                  .status, 0);
+    ASSERT_EQ(make("make-dsfinvk",
+                   {"--tse", dir.path("KASSE-A"), dir.path("KASSE-B"), "--out", dir.path("d"), "--lines", "4"})
+                  .status,
+              0);
     const Report clean = check(dir.path("d"), "");
     EXPECT_EQ(clean.codes, Codes{}) << clean.document["findings"].dump(1);
     std::set<std::string> registers;

@@ -8,9 +8,9 @@
 #include <array>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <initializer_list>
-#include <fstream>
 #include <map>
 #include <set>
 #include <sstream>
@@ -31,7 +31,8 @@ using Problems = std::multiset<std::string>;
 
 const std::string HERE = std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/'));
 const std::string CLOUD = HERE + "/../data/real-exports/2021-09-30_63641_TSE.tar";  // Kassenbeleg-V1
-const std::string JSON_TSE = HERE + "/../data/real-exports/TSE_Export_685e1812-79a4-4c8c-9a07-9e93a019efa7_202109171015.tar";
+const std::string JSON_TSE =
+    HERE + "/../data/real-exports/TSE_Export_685e1812-79a4-4c8c-9a07-9e93a019efa7_202109171015.tar";
 const std::string INDEX = HERE + "/../data/dsfinvk/index.xml";
 
 std::string tool(const std::string& name)
@@ -68,12 +69,13 @@ Books readBooks(const std::string& dir)
     if (!tables) ADD_FAILURE() << tables.error().message;
     for (const tse::TableDescription& table : tables ? *tables : std::vector<tse::TableDescription>{}) {
         std::vector<Row>& rows = books.tables[table.url];
-        const tse::CsvRead read = tse::readCsv(slurp(dir + "/" + table.url), table.dialect, table.columns,
-                                               [&](const std::vector<std::string>& header, const tse::CsvRecord& record) {
-                                                   Row row;
-                                                   for (size_t i = 0; i < header.size(); ++i) row[header[i]] = record.fields[i];
-                                                   rows.push_back(row);
-                                               });
+        const tse::CsvRead read =
+            tse::readCsv(slurp(dir + "/" + table.url), table.dialect, table.columns,
+                         [&](const std::vector<std::string>& header, const tse::CsvRecord& record) {
+                             Row row;
+                             for (size_t i = 0; i < header.size(); ++i) row[header[i]] = record.fields[i];
+                             rows.push_back(row);
+                         });
         std::vector<std::string> declared;
         for (const tse::CsvColumn& column : table.columns) declared.push_back(column.name);
         if (read.header != declared) books.problems.insert("header");
@@ -127,7 +129,8 @@ void receiptProblems(const Books& books, Problems& out)
 {
     std::map<std::string, const Row*> receipts;
     for (const Row& r : books["transactions.csv"]) receipts[receiptOf(r)] = &r;
-    for (const char* table : {"lines.csv", "lines_vat.csv", "transactions_vat.csv", "datapayment.csv", "transactions_tse.csv"}) {
+    for (const char* table :
+         {"lines.csv", "lines_vat.csv", "transactions_vat.csv", "datapayment.csv", "transactions_tse.csv"}) {
         for (const Row& r : books[table]) {
             if (!receipts.count(receiptOf(r))) out.insert("reference");
         }
@@ -135,8 +138,8 @@ void receiptProblems(const Books& books, Problems& out)
     for (const Row& r : books["references.csv"]) {
         const auto same = [&](const auto& entry) {
             const Row& head = *entry.second;
-            return value(head, "Z_KASSE_ID") == value(r, "REF_Z_KASSE_ID") && value(head, "Z_NR") == value(r, "REF_Z_NR") &&
-                   value(head, "BON_ID") == value(r, "REF_BON_ID");
+            return value(head, "Z_KASSE_ID") == value(r, "REF_Z_KASSE_ID") &&
+                   value(head, "Z_NR") == value(r, "REF_Z_NR") && value(head, "BON_ID") == value(r, "REF_BON_ID");
         };
         if (std::none_of(receipts.begin(), receipts.end(), same)) out.insert("reference");
     }
@@ -150,7 +153,8 @@ void receiptProblems(const Books& books, Problems& out)
     for (const Row& r : books["transactions_vat.csv"]) {
         const int64_t gross = units(value(r, "BON_BRUTTO"), 2);
         keys[receiptOf(r)][value(r, "UST_SCHLUESSEL")] += gross;
-        if (std::llabs(units(value(r, "BON_NETTO"), 2) + units(value(r, "BON_UST"), 2) - gross) > 1) out.insert("receipt-sum");
+        if (std::llabs(units(value(r, "BON_NETTO"), 2) + units(value(r, "BON_UST"), 2) - gross) > 1)
+            out.insert("receipt-sum");
     }
     for (const Row& r : books["datapayment.csv"]) paid[receiptOf(r)] += units(value(r, "BASISWAEH_BETRAG"), 2);
     for (const auto& [key, head] : receipts) {
@@ -178,20 +182,25 @@ void closingProblems(const Books& books, Problems& out)
     }
     std::map<std::string, std::string> caseOf;
     for (const Row& r : books["lines.csv"]) {
-        caseOf[receiptOf(r) + "|" + value(r, "POS_ZEILE")] = value(r, "GV_TYP") + "|" + value(r, "GV_NAME") + "|" + value(r, "AGENTUR_ID");
+        caseOf[receiptOf(r) + "|" + value(r, "POS_ZEILE")] =
+            value(r, "GV_TYP") + "|" + value(r, "GV_NAME") + "|" + value(r, "AGENTUR_ID");
     }
     std::map<std::string, Sums> computed, booked;  // closing -> what -> amounts
     for (const Row& r : books["lines_vat.csv"]) {
         if (!sales.count(receiptOf(r))) continue;
-        std::vector<int64_t>& sum = computed[closingOf(r)]["case " + caseOf[receiptOf(r) + "|" + value(r, "POS_ZEILE")] + "|" + value(r, "UST_SCHLUESSEL")];
+        std::vector<int64_t>& sum =
+            computed[closingOf(r)]
+                    ["case " + caseOf[receiptOf(r) + "|" + value(r, "POS_ZEILE")] + "|" + value(r, "UST_SCHLUESSEL")];
         sum.resize(3);
-        sum[0] += units(value(r, "POS_BRUTTO"), 5), sum[1] += units(value(r, "POS_NETTO"), 5), sum[2] += units(value(r, "POS_UST"), 5);
+        sum[0] += units(value(r, "POS_BRUTTO"), 5), sum[1] += units(value(r, "POS_NETTO"), 5),
+            sum[2] += units(value(r, "POS_UST"), 5);
     }
     for (const Row& r : books["datapayment.csv"]) {
         if (!sales.count(receiptOf(r))) continue;
         Sums& sums = computed[closingOf(r)];
         const int64_t base = units(value(r, "BASISWAEH_BETRAG"), 2);
-        for (const std::string& what : {"payment " + value(r, "ZAHLART_TYP") + "|" + value(r, "ZAHLART_NAME"), std::string("Z_SE_ZAHLUNGEN")}) {
+        for (const std::string& what :
+             {"payment " + value(r, "ZAHLART_TYP") + "|" + value(r, "ZAHLART_NAME"), std::string("Z_SE_ZAHLUNGEN")}) {
             sums[what].resize(1), sums[what][0] += base;
         }
         if (value(r, "ZAHLART_TYP") != "Bar") continue;
@@ -201,11 +210,13 @@ void closingProblems(const Books& books, Problems& out)
         sums["Z_SE_BARZAHLUNGEN"].resize(1), sums["Z_SE_BARZAHLUNGEN"][0] += base;
     }
     for (const Row& r : books["businesscases.csv"]) {
-        booked[closingOf(r)]["case " + value(r, "GV_TYP") + "|" + value(r, "GV_NAME") + "|" + value(r, "AGENTUR_ID") + "|" + value(r, "UST_SCHLUESSEL")] =
-            {units(value(r, "Z_UMS_BRUTTO"), 5), units(value(r, "Z_UMS_NETTO"), 5), units(value(r, "Z_UST"), 5)};
+        booked[closingOf(r)]["case " + value(r, "GV_TYP") + "|" + value(r, "GV_NAME") + "|" + value(r, "AGENTUR_ID") +
+                             "|" + value(r, "UST_SCHLUESSEL")] = {
+            units(value(r, "Z_UMS_BRUTTO"), 5), units(value(r, "Z_UMS_NETTO"), 5), units(value(r, "Z_UST"), 5)};
     }
     for (const Row& r : books["payment.csv"]) {
-        booked[closingOf(r)]["payment " + value(r, "ZAHLART_TYP") + "|" + value(r, "ZAHLART_NAME")] = {units(value(r, "Z_ZAHLART_BETRAG"), 2)};
+        booked[closingOf(r)]["payment " + value(r, "ZAHLART_TYP") + "|" + value(r, "ZAHLART_NAME")] = {
+            units(value(r, "Z_ZAHLART_BETRAG"), 2)};
     }
     for (const Row& r : books["cash_per_currency.csv"]) {
         const int64_t amount = units(value(r, "ZAHLART_BETRAG_WAEH"), 2);
@@ -220,7 +231,8 @@ void closingProblems(const Books& books, Problems& out)
             booked[c][total] = {units(value(r, total), 2)};
         }
         const std::vector<uint64_t>& ids = bons[c];
-        const bool ends = !ids.empty() && std::to_string(*std::min_element(ids.begin(), ids.end())) == value(r, "Z_START_ID") &&
+        const bool ends = !ids.empty() &&
+                          std::to_string(*std::min_element(ids.begin(), ids.end())) == value(r, "Z_START_ID") &&
                           std::to_string(*std::max_element(ids.begin(), ids.end())) == value(r, "Z_ENDE_ID");
         if (computed[c] != booked[c] || !ends) out.insert("closing-sum");
     }
@@ -234,12 +246,14 @@ void sequenceProblems(const Books& books, Problems& out)
     for (const Row& r : books["cashpointclosing.csv"]) closings[value(r, "Z_KASSE_ID")].push_back(&r);
     for (const Row& r : books["transactions.csv"]) receipts[closingOf(r)].push_back(&r);
     for (auto& [kasse, list] : closings) {
-        std::sort(list.begin(), list.end(), [](const Row* a, const Row* b) { return value(*a, "Z_ERSTELLUNG") < value(*b, "Z_ERSTELLUNG"); });
+        std::sort(list.begin(), list.end(),
+                  [](const Row* a, const Row* b) { return value(*a, "Z_ERSTELLUNG") < value(*b, "Z_ERSTELLUNG"); });
         std::map<std::string, int> ids;
         std::set<uint64_t> numbers;
         std::string previous;
         for (size_t i = 0; i < list.size(); ++i) {
-            if (i && std::stoull(value(*list[i], "Z_NR")) != std::stoull(value(*list[i - 1], "Z_NR")) + 1) out.insert("closing-gap");
+            if (i && std::stoull(value(*list[i], "Z_NR")) != std::stoull(value(*list[i - 1], "Z_NR")) + 1)
+                out.insert("closing-gap");
             const std::string created = value(*list[i], "Z_ERSTELLUNG").substr(0, 19);
             for (const Row* r : receipts[closingOf(*list[i])]) {
                 const std::string end = value(*r, "BON_ENDE").substr(0, 19);
@@ -262,11 +276,12 @@ void vatProblems(const Books& books, Problems& out)
     for (const Row& r : books["vat.csv"]) {
         const std::string& date = day[closingOf(r)];
         const bool lowered = date >= "2020-07-01" && date <= "2020-12-31";
-        std::map<std::string, int64_t> legal = {{"1", lowered ? 1600 : 1900}, {"2", lowered ? 500 : 700}, {"4", 550},
-                                                {"5", 0}, {"6", 0}, {"7", 0}};
+        std::map<std::string, int64_t> legal = {
+            {"1", lowered ? 1600 : 1900}, {"2", lowered ? 500 : 700}, {"4", 550}, {"5", 0}, {"6", 0}, {"7", 0}};
         if (date < "2022-01-01") legal["3"] = 1070;
         const auto rate = legal.find(value(r, "UST_SCHLUESSEL"));
-        if (date.empty() || (rate != legal.end() && units(value(r, "UST_SATZ"), 2) != rate->second)) out.insert("vat-rate");
+        if (date.empty() || (rate != legal.end() && units(value(r, "UST_SATZ"), 2) != rate->second))
+            out.insert("vat-rate");
     }
 }
 
@@ -279,13 +294,15 @@ void signedProblems(const Books& books, Problems& out)
     std::map<std::string, std::map<std::string, int64_t>> paid;
     for (const Row& r : books["transactions_vat.csv"]) {
         const int key = std::stoi(value(r, "UST_SCHLUESSEL"));
-        if (key >= 1 && key <= 7) booked[receiptOf(r)][static_cast<size_t>(std::min(key, 5) - 1)] += units(value(r, "BON_BRUTTO"), 2);
+        if (key >= 1 && key <= 7)
+            booked[receiptOf(r)][static_cast<size_t>(std::min(key, 5) - 1)] += units(value(r, "BON_BRUTTO"), 2);
     }
     for (const Row& r : books["datapayment.csv"]) {
         const std::string currency = value(r, "ZAHLWAEH_CODE");
         if (currency.empty() && !value(r, "ZAHLWAEH_BETRAG").empty()) out.insert("payment-form");
         if (value(r, "ZAHLART_TYP") == "Keine") continue;
-        paid[receiptOf(r)][(value(r, "ZAHLART_TYP") == "Bar" ? "Bar" : "Unbar") + (currency.empty() ? "" : ":" + currency)] +=
+        paid[receiptOf(r)]
+            [(value(r, "ZAHLART_TYP") == "Bar" ? "Bar" : "Unbar") + (currency.empty() ? "" : ":" + currency)] +=
             currency.empty() ? units(value(r, "BASISWAEH_BETRAG"), 2) : units(value(r, "ZAHLWAEH_BETRAG"), 2);
     }
     for (const Row& r : books["transactions_tse.csv"]) {
@@ -299,7 +316,8 @@ void signedProblems(const Books& books, Problems& out)
         std::istringstream fields(vat);
         for (size_t i = 0; i < 5 && std::getline(fields, item, '_');) gross[i++] = units(item, 2, '.');
         std::istringstream each(payment);
-        while (std::getline(each, item, '_')) payments[item.substr(item.find(':') + 1)] += units(item.substr(0, item.find(':')), 2, '.');
+        while (std::getline(each, item, '_'))
+            payments[item.substr(item.find(':') + 1)] += units(item.substr(0, item.find(':')), 2, '.');
         if (booked[receiptOf(r)] != gross || paid[receiptOf(r)] != payments) out.insert("signed-amounts");
     }
 }
@@ -341,8 +359,8 @@ TEST(DsfinvkGenerator, EveryTableReadsBackAndAddsUp)
     // with every kind of receipt make-export writes.
     make("make-export", {"--out", dir.path("h2.tar"), "-n", "120", "--varied", "--curve", "secp256r1", "--start",
                          "2020-06-30T12:00:00Z", "--interval", "5000"});
-    make("make-export", {"--out", dir.path("new-year.tar"), "-n", "60", "--varied", "--curve", "brainpoolP256r1", "--client",
-                         "KASSE-B", "--start", "2020-12-30T20:00:00Z", "--interval", "3000"});
+    make("make-export", {"--out", dir.path("new-year.tar"), "-n", "60", "--varied", "--curve", "brainpoolP256r1",
+                         "--client", "KASSE-B", "--start", "2020-12-30T20:00:00Z", "--interval", "3000"});
     struct Source {
         std::string name;
         std::vector<std::string> tse;
@@ -354,8 +372,8 @@ TEST(DsfinvkGenerator, EveryTableReadsBackAndAddsUp)
         {"json", {JSON_TSE}, 70, {"transaction-incomplete", "transaction-incomplete", "transaction-incomplete"}},
         {"2020", {dir.path("h2.tar"), dir.path("new-year.tar")}, 180, {}},
     };
-    const std::vector<std::string> variants = {"--variant", "empty-zero-amounts", "--variant", "no-cashless-currency-row",
-                                               "--variant", "vat-from-lines"};
+    const std::vector<std::string> variants = {
+        "--variant", "empty-zero-amounts", "--variant", "no-cashless-currency-row", "--variant", "vat-from-lines"};
     for (const Source& source : sources) {
         for (const bool varied : {false, true}) {
             SCOPED_TRACE(source.name + (varied ? " as other writers write" : ""));
@@ -393,7 +411,8 @@ TEST(DsfinvkGenerator, EveryTableReadsBackAndAddsUp)
     EXPECT_GT(rowsWhere(variant["lines_vat.csv"], column("POS_UST", "")), 0u);
     EXPECT_GT(rowsWhere(variant["transactions_vat.csv"],
                         [](const Row& r) {
-                            return units(value(r, "BON_NETTO"), 2) + units(value(r, "BON_UST"), 2) != units(value(r, "BON_BRUTTO"), 2);
+                            return units(value(r, "BON_NETTO"), 2) + units(value(r, "BON_UST"), 2) !=
+                                   units(value(r, "BON_BRUTTO"), 2);
                         }),
               0u);
     EXPECT_EQ(readBooks(dir.path("json"))["cash_per_currency.csv"].size(), 5u);  // every closing: EUR 0,00
@@ -411,7 +430,8 @@ TEST(DsfinvkGenerator, EachPlantChangesOnlyWhatItIsNamedFor)
     const std::set<std::string> renumbered = plus(receiptTables, {"cashpointclosing.csv"});
     const std::set<std::string> tseRows = {"transactions_tse.csv"};
     // A cash sale's amounts: everything but its TSE row and the master data.
-    std::set<std::string> closingModule = plus(renumbered, {"businesscases.csv", "payment.csv", "cash_per_currency.csv"});
+    std::set<std::string> closingModule =
+        plus(renumbered, {"businesscases.csv", "payment.csv", "cash_per_currency.csv"});
     closingModule.erase("transactions_tse.csv");
     struct Plant {
         std::string defect;
@@ -442,7 +462,9 @@ TEST(DsfinvkGenerator, EachPlantChangesOnlyWhatItIsNamedFor)
         {"first-row-dropped", tseRows, {}},
         {"last-row-dropped", tseRows, {}},
         {"last-rows-dropped", tseRows, {}},
-        {"last-sale-erased", plus(receiptTables, {"businesscases.csv", "payment.csv"}), {"closing-sum"}},  // paid by card
+        {"last-sale-erased",
+         plus(receiptTables, {"businesscases.csv", "payment.csv"}),
+         {"closing-sum"}},  // paid by card
     };
     // Every defect make-dsfinvk lists has its row here, with its findings.
     std::istringstream listed(make("make-dsfinvk", {"--list-defects"}).out);

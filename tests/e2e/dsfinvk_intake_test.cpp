@@ -22,7 +22,8 @@ namespace fs = std::filesystem;
 
 const std::string REAL = std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) + "/../data/real-exports/";
 const std::string CLOUD = REAL + "2021-09-30_63641_TSE.tar";
-const std::string INDEX_XML = std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) + "/../data/dsfinvk/index.xml";
+const std::string INDEX_XML =
+    std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) + "/../data/dsfinvk/index.xml";
 
 std::string tool(const std::string& name)
 {
@@ -37,7 +38,7 @@ std::string slurp(const std::string& path)
 
 struct Member {
     std::string name, data;
-    std::string link;  // a symbolic link to this target instead of data
+    std::string link;        // a symbolic link to this target instead of data
     bool encrypted = false;  // in a ZIP of its own, read beside the others
 };
 
@@ -47,7 +48,8 @@ void writeZip(const std::string& path, const std::vector<Member>& members, bool 
     std::unique_ptr<archive, int (*)(archive*)> a(archive_write_new(), archive_write_free);
     archive_write_set_format_zip(a.get());
     if (encrypted) {
-        ASSERT_EQ(archive_write_set_options(a.get(), "zip:encryption=zipcrypt"), ARCHIVE_OK) << archive_error_string(a.get());
+        ASSERT_EQ(archive_write_set_options(a.get(), "zip:encryption=zipcrypt"), ARCHIVE_OK)
+            << archive_error_string(a.get());
         archive_write_set_passphrase(a.get(), "secret");
     }
     ASSERT_EQ(archive_write_open_filename(a.get(), path.c_str()), ARCHIVE_OK);
@@ -114,7 +116,8 @@ std::vector<Member> realTables(const fixtures::TempDir& dir, const std::string& 
 Member& memberNamed(std::vector<Member>& members, const std::string& suffix)
 {
     for (Member& m : members) {
-        if (m.name.size() >= suffix.size() && m.name.compare(m.name.size() - suffix.size(), suffix.size(), suffix) == 0) return m;
+        if (m.name.size() >= suffix.size() && m.name.compare(m.name.size() - suffix.size(), suffix.size(), suffix) == 0)
+            return m;
     }
     throw std::runtime_error("no member " + suffix);
 }
@@ -136,7 +139,8 @@ TEST(DsfinvkIntake, MembersThatCannotBeReadAreNamed)
              payments.link = "/etc/passwd";
          },
          "member-unreadable", "link"},
-        {"leading outside", [](std::vector<Member>& m) { memberNamed(m, "/references.csv").name = "../references.csv"; },
+        {"leading outside",
+         [](std::vector<Member>& m) { memberNamed(m, "/references.csv").name = "../references.csv"; },
          "unexpected-member", "../references.csv"},
     };
     for (const Case& c : cases) {
@@ -172,11 +176,12 @@ void declareAnsi(const std::string& folder)
 TEST(DsfinvkIntake, EncodingThatTheSignaturesContradict)
 {
     fixtures::TempDir dir;
-    auto made = fixtures::run(tool("make-export"),
-                              {"--out", dir.path("tse.tar"), "-n", "6", "--curve", "secp256r1", "--client", "Kasse-Müller"}, {},
-                              {120, 0});
+    auto made = fixtures::run(
+        tool("make-export"),
+        {"--out", dir.path("tse.tar"), "-n", "6", "--curve", "secp256r1", "--client", "Kasse-Müller"}, {}, {120, 0});
     ASSERT_EQ(made.status, 0) << made.err;
-    made = fixtures::run(tool("make-dsfinvk"), {"--tse", dir.path("tse.tar"), "--out", dir.path("books")}, {}, {120, 0});
+    made =
+        fixtures::run(tool("make-dsfinvk"), {"--tse", dir.path("tse.tar"), "--out", dir.path("books")}, {}, {120, 0});
     ASSERT_EQ(made.status, 0) << made.err;
     declareAnsi(dir.path("books"));
     const Check check = dsfinvk({dir.path("books"), "--json", "-"});
@@ -205,7 +210,8 @@ TEST(DsfinvkIntake, ManyRowsInASmallZipTakeBoundedMemory)
     EXPECT_LT(fs::file_size(dir.path("many.zip")), 2u << 20);
     // The text report: a JSON document of half a million findings would
     // measure the test's disk, not the check.
-    const fixtures::RunResult r = fixtures::run(fixtures::tseCheckPath(), {"dsfinvk", dir.path("many.zip")}, {}, {300, 0});
+    const fixtures::RunResult r =
+        fixtures::run(fixtures::tseCheckPath(), {"dsfinvk", dir.path("many.zip")}, {}, {300, 0});
     EXPECT_EQ(r.status, 1) << r.err;  // the failure rows name no receipt
     // AddressSanitizer's shadow and quarantine are no measure of the check.
 #if !defined(ADDRESS_SANITIZER)

@@ -15,11 +15,11 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "bytes.h"
 #include "dsfinvk_tables.h"
 #include "findings.h"
 #include "fixtures.h"
 #include "log_time.h"
-#include "bytes.h"
 
 namespace {
 
@@ -192,7 +192,8 @@ std::vector<size_t> byTime(DsfinvkTable& rows)
     std::vector<size_t> order(rows.rows.size());
     for (size_t i = 0; i < order.size(); ++i) order[i] = i;
     const size_t end = rows.column("TSE_TA_ENDE");
-    std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) { return rows.rows[a][end] < rows.rows[b][end]; });
+    std::stable_sort(order.begin(), order.end(),
+                     [&](size_t a, size_t b) { return rows.rows[a][end] < rows.rows[b][end]; });
     return order;
 }
 
@@ -228,13 +229,22 @@ TEST(DsfinvkReconcile, SalesHiddenAtTheEdgesAreUnbooked)
         // they are sales (an order is not), so that is not insisted on.
         {"first row dropped",
          [](Case& c) { removeBons(c, edgeBons(c, false, 1), {"transactions_tse.csv"}); },
-         {"transaction-unbooked"}, true, false, false},
+         {"transaction-unbooked"},
+         true,
+         false,
+         false},
         {"last row dropped",
          [](Case& c) { removeBons(c, edgeBons(c, true, 1), {"transactions_tse.csv"}); },
-         {"transaction-unbooked"}, true, false, false},
+         {"transaction-unbooked"},
+         true,
+         false,
+         false},
         {"last three rows dropped",
          [](Case& c) { removeBons(c, edgeBons(c, true, 3), {"transactions_tse.csv"}); },
-         {"transaction-unbooked"}, true, false, false},
+         {"transaction-unbooked"},
+         true,
+         false,
+         false},
         // The closing still counts it: its totals give the sale away too.
         {"last sale erased from every table",
          [](Case& c) { removeBons(c, edgeBons(c, true, 1), EVERY_SALE_TABLE); },
@@ -318,7 +328,8 @@ TEST(DsfinvkReconcile, TablesThatCannotBeReadAreErrors)
         {"TSE_TANR renamed", [](Case& c) { renameColumn(c, "TSE_TANR", "TSE_TA_NR"); }, unread},
         // Split at its commas, processData holding JSON also has lines that cannot be read.
         {"no transactions.csv", [](Case& c) { fs::remove(c.books + "/transactions.csv"); }, {"required-table-missing"}},
-        {"no cashpointclosing.csv", [](Case& c) { fs::remove(c.books + "/cashpointclosing.csv"); },
+        {"no cashpointclosing.csv",
+         [](Case& c) { fs::remove(c.books + "/cashpointclosing.csv"); },
          {"required-table-missing"}},
         {"index.xml declares a comma", [](Case& c) { declareDelimiter(c, "transactions_tse.csv", ','); }, unread, true,
          false, false},
@@ -371,7 +382,10 @@ TEST(DsfinvkReconcile, SignaturesCannotBeSwitchedOff)
 {
     const auto unknownAlgorithm = [](Case& c) { setAll(c, "tse.csv", "TSE_SIG_ALGO", "ecdsa-plain-SHA999"); };
     expectScenarios({
-        {"unknown TSE_SIG_ALGO, bookkeeping alone", unknownAlgorithm, {"signature-unverifiable", "field-invalid"}, false},
+        {"unknown TSE_SIG_ALGO, bookkeeping alone",
+         unknownAlgorithm,
+         {"signature-unverifiable", "field-invalid"},
+         false},
         {"unknown TSE_SIG_ALGO and an amount edited, bookkeeping alone",
          [&](Case& c) {
              unknownAlgorithm(c);
@@ -408,7 +422,8 @@ fs::path memberWith(const std::string& folder, const std::vector<std::string>& m
 {
     for (const fs::directory_entry& e : fs::recursive_directory_iterator(folder)) {
         const std::string name = e.path().filename().string();
-        if (std::all_of(markers.begin(), markers.end(), [&](const std::string& m) { return name.find(m) != std::string::npos; })) {
+        if (std::all_of(markers.begin(), markers.end(),
+                        [&](const std::string& m) { return name.find(m) != std::string::npos; })) {
             return e.path();
         }
     }
@@ -421,8 +436,12 @@ TEST(DsfinvkReconcile, TheTseExportsOwnStateCounts)
     expectScenarios({
         // The rows of what was cut are unknown or outside, depending on
         // which logs came before the cut.
-        {"export cut before transaction 31", [](Case& c) { cutTarBefore(c, "_No-31_"); }, {"export-truncated"}, true,
-         false, false},
+        {"export cut before transaction 31",
+         [](Case& c) { cutTarBefore(c, "_No-31_"); },
+         {"export-truncated"},
+         true,
+         false,
+         false},
         {"a system log altered",
          [](Case& c) {
              // The other real export holds no system log: one of its Start logs then.
@@ -438,7 +457,9 @@ TEST(DsfinvkReconcile, TheTseExportsOwnStateCounts)
          },
          {"signature-invalid"}},
         {"a Start log removed",
-         [](Case& c) { fs::remove(memberWith(c.unpackTse(), {"_No-13_", "_Start_"})); },
+         [](Case& c) {
+             fs::remove(memberWith(c.unpackTse(), {"_No-13_", "_Start_"}));
+         },
          {"transaction-differs", "counter-gap", "transaction-incomplete"}},
     });
 }
@@ -506,7 +527,8 @@ void lowerReceipt(Case& c, bool blankProcessData)
     vat.removeIf([&](const std::vector<std::string>& r) { return r[bonColumn] == bon; });
     vat.rows.push_back(vat.rows.front());
     vat.at(vat.rows.size() - 1, "BON_ID") = bon;
-    vat.at(vat.rows.size() - 1, "Z_NR") = c.table("transactions.csv").at(c.table("transactions.csv").find("BON_ID", bon), "Z_NR");
+    vat.at(vat.rows.size() - 1, "Z_NR") =
+        c.table("transactions.csv").at(c.table("transactions.csv").find("BON_ID", bon), "Z_NR");
     vat.at(vat.rows.size() - 1, "Z_ERSTELLUNG") =
         c.table("transactions.csv").at(c.table("transactions.csv").find("BON_ID", bon), "Z_ERSTELLUNG");
     vat.at(vat.rows.size() - 1, "UST_SCHLUESSEL") = "1";
@@ -530,7 +552,9 @@ TEST(DsfinvkReconcile, BookedAmountsAgainstTheSignedOnes)
              DsfinvkTable rows = c.table("transactions_tse.csv");
              editVat(c, rows.at(firstWithAmount(rows), "BON_ID"), "1,00");
          },
-         {"amounts-differ", "receipt-sum-differs"}, true, true},
+         {"amounts-differ", "receipt-sum-differs"},
+         true,
+         true},
         {"payment edited",
          [](Case& c) {
              DsfinvkTable rows = c.table("transactions_tse.csv");
@@ -539,14 +563,20 @@ TEST(DsfinvkReconcile, BookedAmountsAgainstTheSignedOnes)
              pay.at(pay.find("BON_ID", bon), "BASISWAEH_BETRAG") = "0,50";
              pay.save();
          },
-         {"amounts-differ", "receipt-sum-differs", "closing-sum-differs"}, true, true},
+         {"amounts-differ", "receipt-sum-differs", "closing-sum-differs"},
+         true,
+         true},
         {"processData blanked and the receipt lowered to 1.00 in every table",
          [](Case& c) { lowerReceipt(c, true); },
-         {"amounts-differ", "signature-invalid", "receipt-sum-differs", "closing-sum-differs"}, true, true},
+         {"amounts-differ", "signature-invalid", "receipt-sum-differs", "closing-sum-differs"},
+         true,
+         true},
         // processData rebuilt from the lowered amounts does not carry the signature.
         {"the same, bookkeeping alone",
          [](Case& c) { lowerReceipt(c, true); },
-         {"signature-invalid", "receipt-sum-differs", "closing-sum-differs"}, false, true},
+         {"signature-invalid", "receipt-sum-differs", "closing-sum-differs"},
+         false,
+         true},
     });
 }
 
@@ -557,8 +587,9 @@ void swapInLargestClosing(Case& c)
     DsfinvkTable rows = c.table("transactions_tse.csv");
     std::map<std::string, std::vector<size_t>> byClosing;
     for (const size_t i : byTime(rows)) byClosing[rows.at(i, "Z_NR") + "/" + rows.at(i, "Z_KASSE_ID")].push_back(i);
-    const auto largest = std::max_element(byClosing.begin(), byClosing.end(),
-                                          [](const auto& a, const auto& b) { return a.second.size() < b.second.size(); });
+    const auto largest = std::max_element(byClosing.begin(), byClosing.end(), [](const auto& a, const auto& b) {
+        return a.second.size() < b.second.size();
+    });
     std::swap(rows.at(largest->second.front(), "BON_ID"), rows.at(largest->second.back(), "BON_ID"));
     rows.save();
 }
@@ -670,17 +701,22 @@ void zipInFolder(const std::string& from, const std::string& zip, const std::str
 TEST(DsfinvkReconcile, LegitimateVariantsStillPass)
 {
     expectScenarios({
-        {"old processData column name", [](Case& c) { renameColumn(c, "TSE_VORGANGSDATEN", "TSE_TA_VORGANGSDATEN"); }, {}},
+        {"old processData column name",
+         [](Case& c) { renameColumn(c, "TSE_VORGANGSDATEN", "TSE_TA_VORGANGSDATEN"); },
+         {}},
         {"times written with +02:00",
          [](Case& c) {
              everyRow(c, [](DsfinvkTable& rows, size_t i) {
-                 for (const char* column : {"TSE_TA_START", "TSE_TA_ENDE"}) rows.at(i, column) = plusTwoHours(rows.at(i, column));
+                 for (const char* column : {"TSE_TA_START", "TSE_TA_ENDE"})
+                     rows.at(i, column) = plusTwoHours(rows.at(i, column));
              });
          },
          {}},
         {"signatures as DER",
          [](Case& c) {
-             everyRow(c, [](DsfinvkTable& rows, size_t i) { rows.at(i, "TSE_TA_SIG") = derSignature(rows.at(i, "TSE_TA_SIG")); });
+             everyRow(c, [](DsfinvkTable& rows, size_t i) {
+                 rows.at(i, "TSE_TA_SIG") = derSignature(rows.at(i, "TSE_TA_SIG"));
+             });
          },
          {}},
     });
@@ -724,7 +760,8 @@ TEST(DsfinvkReconcile, EachAlteredFieldIsNamed)
     };
     const std::vector<FieldCase> cases = {
         {"TSE_TA_ENDE", [](const std::string& v) { return shifted(v, 3600); }, "logTime", false},
-        {"TSE_TA_SIGZ", [](const std::string& v) { return std::to_string(std::stoull(v) + 1); }, "signatureCounter", false},
+        {"TSE_TA_SIGZ", [](const std::string& v) { return std::to_string(std::stoull(v) + 1); }, "signatureCounter",
+         false},
         {"TSE_TA_START", [](const std::string& v) { return shifted(v, -5); }, "startTime", true},
     };
     for (const std::string& tse : {CLOUD, JSON_TSE}) {
@@ -736,7 +773,8 @@ TEST(DsfinvkReconcile, EachAlteredFieldIsNamed)
             EXPECT_EQ(check.count("signature-invalid"), f.signatureHolds ? 0u : 1u);
             const json& row = check.report["transactions"][0];
             EXPECT_EQ(row["match"], "differs");
-            EXPECT_NE(std::find(row["differences"].begin(), row["differences"].end(), f.difference), row["differences"].end())
+            EXPECT_NE(std::find(row["differences"].begin(), row["differences"].end(), f.difference),
+                      row["differences"].end())
                 << row.dump();
         }
     }
@@ -745,8 +783,12 @@ TEST(DsfinvkReconcile, EachAlteredFieldIsNamed)
 TEST(DsfinvkReconcile, UnsignedRows)
 {
     // Neither signature nor failure text: unsigned, and an error of its own.
-    const Check bare = runScenario(
-        {"", [](Case& c) { changeFirst(c, "TSE_TA_SIG", [](const std::string&) { return std::string(); }); }, {}, false}, CLOUD);
+    const Check bare =
+        runScenario({"",
+                     [](Case& c) { changeFirst(c, "TSE_TA_SIG", [](const std::string&) { return std::string(); }); },
+                     {},
+                     false},
+                    CLOUD);
     EXPECT_EQ(bare.report["transactions"][0]["verdict"], "unsigned");
     EXPECT_EQ(bare.count("signature-missing"), 1u);
     EXPECT_EQ(bare.count("signature-invalid"), 0u);
@@ -757,7 +799,8 @@ TEST(DsfinvkReconcile, UnsignedRows)
         return [number](Case& c) {
             DsfinvkTable rows = c.table("transactions_tse.csv");
             rows.rows.insert(rows.rows.begin(), rows.rows.front());
-            for (const char* column : {"TSE_TA_SIG", "TSE_TA_SIGZ", "TSE_TA_START", "TSE_TA_ENDE", "TSE_VORGANGSDATEN"}) {
+            for (const char* column :
+                 {"TSE_TA_SIG", "TSE_TA_SIGZ", "TSE_TA_START", "TSE_TA_ENDE", "TSE_VORGANGSDATEN"}) {
                 rows.at(0, column) = "";
             }
             rows.at(0, "TSE_TANR") = number;
@@ -766,7 +809,8 @@ TEST(DsfinvkReconcile, UnsignedRows)
         };
     };
     expectScenarios({{"failure row the export has no log for", failure("999999"), {"unsigned-transaction"}}});
-    const Check foreign = runScenario({"", [&](Case& c) {
+    const Check foreign = runScenario({"",
+                                       [&](Case& c) {
                                            failure("999999")(c);
                                            DsfinvkTable tses = c.table("tse.csv");
                                            tses.rows.push_back(tses.rows.front());
@@ -787,7 +831,8 @@ TEST(DsfinvkReconcile, RowAtTheExportsLowestNumberWithAnUnreadableTime)
 {
     for (const std::string& tse : {CLOUD, JSON_TSE}) {
         SCOPED_TRACE(tse);
-        const Check check = runScenario({"", [](Case& c) {
+        const Check check = runScenario({"",
+                                         [](Case& c) {
                                              DsfinvkTable rows = c.table("transactions_tse.csv");
                                              const size_t row = lowestTransaction(rows);
                                              const std::string number = rows.at(row, "TSE_TANR");
@@ -804,7 +849,8 @@ TEST(DsfinvkReconcile, RowAtTheExportsLowestNumberWithAnUnreadableTime)
 
 TEST(DsfinvkReconcile, ClientIdFromTheRegisterWhenTheTerminalIsAnother)
 {
-    const Check terminal = runScenario({"", [](Case& c) {
+    const Check terminal = runScenario({"",
+                                        [](Case& c) {
                                             DsfinvkTable slaves = c.table("slaves.csv");
                                             DsfinvkTable registers = c.table("cashregister.csv");
                                             for (size_t i = 0; i < registers.rows.size(); ++i) {
@@ -824,7 +870,8 @@ TEST(DsfinvkReconcile, ClientIdFromTheRegisterWhenTheTerminalIsAnother)
     EXPECT_EQ(terminal.status, 0) << terminal.report["findings"].dump(1);
     EXPECT_EQ(terminal.report["transactions"][0]["clientIdSource"], "KASSE_SERIENNR");
     // Only Z_KASSE_ID names the client the TSE signed.
-    const Check kasse = runScenario({"", [](Case& c) {
+    const Check kasse = runScenario({"",
+                                     [](Case& c) {
                                          const std::string client = c.table("cashregister.csv").at(0, "KASSE_SERIENNR");
                                          setAll(c, "cashregister.csv", "KASSE_SERIENNR", "REGISTER-SERIAL");
                                          fixtures::replaceInColumn(c.books, "Z_KASSE_ID", "Kasse 1", client);

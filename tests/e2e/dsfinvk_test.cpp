@@ -3,9 +3,9 @@
 // real. The JSON and CSV reports are parsed back.
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <set>
-#include <functional>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -58,7 +58,8 @@ std::multiset<std::string> codes(const json& report)
 std::map<std::string, size_t> matches(const json& report)
 {
     std::map<std::string, size_t> out;
-    for (const json& t : report["transactions"]) out[t["match"].is_null() ? "null" : t["match"].get<std::string>()] += 1;
+    for (const json& t : report["transactions"])
+        out[t["match"].is_null() ? "null" : t["match"].get<std::string>()] += 1;
     return out;
 }
 
@@ -69,9 +70,9 @@ TEST(Dsfinvk, RealExportsVerifyAndMatchRowByRow)
         size_t rows;
         std::multiset<std::string> findings;  // the TSE exports' own: a counter gap, three transactions left open
     };
-    for (const Case& c :
-         std::vector<Case>{{CLOUD, 51, {"counter-gap"}},
-                           {JSON_TSE, 70, {"transaction-incomplete", "transaction-incomplete", "transaction-incomplete"}}}) {
+    for (const Case& c : std::vector<Case>{
+             {CLOUD, 51, {"counter-gap"}},
+             {JSON_TSE, 70, {"transaction-incomplete", "transaction-incomplete", "transaction-incomplete"}}}) {
         SCOPED_TRACE(c.tse);
         fixtures::TempDir dir;
         make("make-dsfinvk", {"--tse", c.tse, "--out", dir.path("dsfinvk")});
@@ -104,7 +105,7 @@ TEST(Dsfinvk, EachPlantedDefectGivesExactlyItsFinding)
         std::string defect;
         int status;
         std::vector<std::string> findings;  // the first names the transaction the defect concerns
-        std::string verdict, match;  // of that transaction
+        std::string verdict, match;         // of that transaction
         std::string difference;
     };
     const std::vector<Case> cases = {
@@ -146,7 +147,8 @@ TEST(Dsfinvk, EachPlantedDefectGivesExactlyItsFinding)
             EXPECT_EQ(t["verdict"], c.verdict);
             EXPECT_EQ(t["match"], c.match);
             if (!c.difference.empty()) {
-                EXPECT_NE(std::find(t["differences"].begin(), t["differences"].end(), c.difference), t["differences"].end());
+                EXPECT_NE(std::find(t["differences"].begin(), t["differences"].end(), c.difference),
+                          t["differences"].end());
             }
             if (c.defect == "local-time") {
                 EXPECT_NE(t["reason"].get<std::string>().find("German local time"), std::string::npos);
@@ -181,7 +183,8 @@ TEST(Dsfinvk, PeriodsAndCoverage)
     Check second = dsfinvk({dir.path("second.tar"), "--tse", CLOUD});
     EXPECT_EQ(matches(second.report), (std::map<std::string, size_t>{{"matched", 25}, {"outside", 26}}));
     // The CSV report has one row per transaction.
-    const fixtures::RunResult csv = fixtures::run(fixtures::tseCheckPath(), {"dsfinvk", dir.path("first.zip"), "--tse", CLOUD, "--csv", "-"});
+    const fixtures::RunResult csv =
+        fixtures::run(fixtures::tseCheckPath(), {"dsfinvk", dir.path("first.zip"), "--tse", CLOUD, "--csv", "-"});
     EXPECT_EQ(csv.status, 0);
     std::istringstream lines(csv.out);
     std::string line;
@@ -195,7 +198,8 @@ TEST(Dsfinvk, PeriodsAndCoverage)
 
 TEST(Dsfinvk, GeneratedExportsOnEveryCurveAndTimeFormat)
 {
-    for (const std::string curve : {"secp256r1", "secp384r1", "secp521r1", "brainpoolP256r1", "brainpoolP384r1", "brainpoolP512r1"}) {
+    for (const std::string curve :
+         {"secp256r1", "secp384r1", "secp521r1", "brainpoolP256r1", "brainpoolP384r1", "brainpoolP512r1"}) {
         for (const std::string format : {"unixTime", "utcTime", "generalizedTime"}) {
             SCOPED_TRACE(curve + " " + format);
             fixtures::TempDir dir;
@@ -218,7 +222,8 @@ TEST(Dsfinvk, SeveralTsesRegistersAndTerminals)
 {
     fixtures::TempDir dir;
     make("make-export", {"--out", dir.path("a.tar"), "-n", "5", "--curve", "brainpoolP256r1", "--client", "KASSE-A"});
-    make("make-export", {"--out", dir.path("b"), "--format", "dir", "-n", "3", "--curve", "secp256r1", "--client", "KASSE-B"});
+    make("make-export",
+         {"--out", dir.path("b"), "--format", "dir", "-n", "3", "--curve", "secp256r1", "--client", "KASSE-B"});
     for (const bool terminals : {false, true}) {
         SCOPED_TRACE(terminals ? "terminals" : "registers");
         const std::string out = dir.path(terminals ? "terminals" : "registers");
@@ -305,7 +310,9 @@ TEST(Dsfinvk, FindingsFromEditedTables)
              const size_t first = text.find("\r\n") + 2, second = text.find("\r\n", first) + 2;
              spill(d + "/transactions_tse.csv", text + text.substr(first, second - first));
          },
-         true, {"transaction-duplicate", "transaction-duplicate", "counter-gap"}, "valid"},
+         true,
+         {"transaction-duplicate", "transaction-duplicate", "counter-gap"},
+         "valid"},
         {"processData left out",
          [](const std::string& d, const fixtures::TempDir&) {
              std::string text = slurp(d + "/transactions_tse.csv");
@@ -314,7 +321,9 @@ TEST(Dsfinvk, FindingsFromEditedTables)
              spill(d + "/transactions_tse.csv", text);
          },
          // The booked amounts rebuild it, and the signature holds over them.
-         true, {"counter-gap"}, "valid"},
+         true,
+         {"counter-gap"},
+         "valid"},
         {"a TSE failure without the TSE export",
          [](const std::string& d, const fixtures::TempDir&) {
              std::string text = slurp(d + "/transactions_tse.csv");
@@ -326,7 +335,9 @@ TEST(Dsfinvk, FindingsFromEditedTables)
              line = line.substr(0, at) + ";;;;;TSE ausgefallen;";
              spill(d + "/transactions_tse.csv", text.substr(0, first) + line + text.substr(end));
          },
-         false, {"unsigned-transaction"}, "unsigned"},
+         false,
+         {"unsigned-transaction"},
+         "unsigned"},
         {"another TSE's certificate",
          [](const std::string& d, const fixtures::TempDir& scratch) {
              make("make-export", {"--out", scratch.path("other.tar"), "-n", "1", "--curve", "secp256r1"});
@@ -340,7 +351,9 @@ TEST(Dsfinvk, FindingsFromEditedTables)
              }
              spill(d + "/tse.csv", out);
          },
-         true, {"certificate-mismatch", "counter-gap"}, "valid"},
+         true,
+         {"certificate-mismatch", "counter-gap"},
+         "valid"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);

@@ -56,24 +56,29 @@ TEST(HostileInputs, EndWithAStatusAndTheirMessage)
     const std::string nonAscii = "\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80\x80\xFE\xFF", ff(8, '\xFF');
 
     const HostileCase cases[] = {
-        {{cert, "-l" + empty}, 1, {kTooShort + empty}}, {{cert, "-l" + one}, 1, {kTooShort + one}},
+        {{cert, "-l" + empty}, 1, {kTooShort + empty}},
+        {{cert, "-l" + one}, 1, {kTooShort + one}},
         {{cert, "-l" + hundred}, 1, {kTooShort + hundred}},
         {{cert, "-l" + file(std::string(101, '0'))}, 252, {kFailed}},
         {{cert, "-l" + file(std::string(259, '\xFF'))}, 252, {kFailed}},
         {{cert, "-l" + dir.path("")}, 1, {"[ERROR] Could not read transaction log: " + dir.path("")}},
-        {{"-c" + noCert, log}, 1, {kBadCert + noCert}}, {{"-c" + half, log}, 1, {kBadCert + half}},
+        {{"-c" + noCert, log}, 1, {kBadCert + noCert}},
+        {{"-c" + half, log}, 1, {kBadCert + half}},
         {{"-c" + garbage, log}, 1, {kBadCert + garbage}},
         // The first certificate in the file counts, whatever comes before it.
         {{"-c" + file(fixtures::privateKeyPem(key.get()) + pem), log}, 0, {kSuccess}},
-        {{qr({}, &QrFields::processData, std::string(100000, 'P'))}, 1,
+        {{qr({}, &QrFields::processData, std::string(100000, 'P'))},
+         1,
          {"[ERROR] Error generating ASN.1 data. ERR: -4"}},
         {{"-q" + nonAscii}, 1, {"[ERROR] Got 1 DSFinVK QR Code Parameters (expected 12)", kNotParsed}},
         // Non-ASCII bytes signed as they stand (the version stays V0).
         {{qr({"FinishTransaction", nonAscii, nonAscii, "PT", 7, 538, 0, {}}, &QrFields::version, "V0")}, 0, {kSuccess}},
-        {{"-q" + QrFields{ff, ff, ff, ff, ff, ff, ff, ff, ff, ff, ff, ff}.text()}, 1,
+        {{"-q" + QrFields{ff, ff, ff, ff, ff, ff, ff, ff, ff, ff, ff, ff}.text()},
+         1,
          {"[ERROR] Algorithm " + ff + " is not supported.", kNotParsed}},
         // 0x00 first announces the point at infinity, which takes one byte.
-        {{qr({}, &QrFields::publicKey, fixtures::base64(Bytes(97, 0x00)))}, 252,
+        {{qr({}, &QrFields::publicKey, fixtures::base64(Bytes(97, 0x00)))},
+         252,
          {"[ERROR] Error decoding public key", "[INFO] EC_KEY_CHECK: 0", kQrFailed}},
         {{qr({}, &QrFields::signature, fixtures::base64(Bytes(96, 0xFF)))}, 252, {"[INFO] EC_KEY_CHECK: 1", kQrFailed}},
         // The message keeps the low 32 bits of the seconds, as a signer would.
@@ -89,7 +94,6 @@ TEST(HostileInputs, EndWithAStatusAndTheirMessage)
             EXPECT_NE(lines.find("\n" + line + "\n"), std::string::npos) << line;
         }
     }
-
 }
 
 // Writes the contents into a FIFO once a reader has opened it, as a shell
@@ -168,8 +172,8 @@ TEST(HostileInputs, EndlessLargeAndPipedFilesEndBoundedInMemory)
         for (const auto& [fifo, contents] : c.feeds) {
             writers.emplace_back(feedFifo, fifo, *contents, std::chrono::seconds(limits.seconds));
         }
-        const fixtures::RunResult result = fixtures::run(fixtures::verifierPath(), {"-c" + c.cert, "-l" + c.log},
-                                                         {}, limits);
+        const fixtures::RunResult result =
+            fixtures::run(fixtures::verifierPath(), {"-c" + c.cert, "-l" + c.log}, {}, limits);
         for (std::thread& writer : writers) {
             writer.join();
         }

@@ -54,8 +54,8 @@ std::string converted(const fixtures::TempDir& dir, const std::string& source, c
 // right after the JPEG's start marker.
 Bytes withExifOrientation6(const Bytes& jpeg)
 {
-    const Bytes exif = {0xff, 0xe1, 0, 34, 'E', 'x', 'i', 'f', 0, 0, 'M', 'M', 0, 42, 0, 0, 0, 8, 0, 1,
-                        0x01, 0x12, 0, 3, 0, 0, 0, 1, 0, 6, 0, 0, 0, 0, 0, 0};
+    const Bytes exif = {0xff, 0xe1, 0,    34,   'E', 'x', 'i', 'f', 0, 0, 'M', 'M', 0, 42, 0, 0, 0, 8,
+                        0,    1,    0x01, 0x12, 0,   3,   0,   0,   0, 1, 0,   6,   0, 0,  0, 0, 0, 0};
     Bytes out(jpeg.begin(), jpeg.begin() + 2);
     out.insert(out.end(), exif.begin(), exif.end());
     out.insert(out.end(), jpeg.begin() + 2, jpeg.end());
@@ -132,7 +132,8 @@ TEST(PictureFormats, OnePictureOnStandardInput)
 {
     const fixtures::TempDir dir;
     const std::string photo = dir.write(
-        "photo.jpg", pictures::jpeg(pictures::noisy(pictures::rotated(pictures::receipt({receiptText()}, 4), 30), 8, 1), 80));
+        "photo.jpg",
+        pictures::jpeg(pictures::noisy(pictures::rotated(pictures::receipt({receiptText()}, 4), 30), 8, 1), 80));
     const auto result = run("/bin/sh", {"-c", "\"$0\" receipt --json --image - < \"$1\"", tseCheckPath(), photo});
     ASSERT_EQ(result.status, 0) << result.err;
     const nlohmann::json receipts = nlohmann::json::parse(result.out);
@@ -286,9 +287,9 @@ std::string spacesDeflated(uint64_t count)
     const auto code = [&](uint32_t value, int length) {
         for (int i = length - 1; i >= 0; --i) put((value >> i) & 1, 1);
     };
-    put(1, 1);             // the last block
-    put(1, 2);             // fixed codes
-    code(0x30 + ' ', 8);   // the literal
+    put(1, 1);            // the last block
+    put(1, 2);            // fixed codes
+    code(0x30 + ' ', 8);  // the literal
     const uint64_t copies = (count - 1) / 258;
     for (uint64_t i = 0; i < copies; ++i) {
         code(0xC0 + 5, 8);  // length 258
@@ -324,11 +325,23 @@ TEST(PictureFormats, HugeClaimsAndPagesAreBounded)
         int status;
         const char* message;
     } cases[] = {
-        {"huge.png", [&] { const Bytes b = claimingSize(pictures::png(small), 100000, 100000); return std::string(b.begin(), b.end()); }(),
+        {"huge.png",
+         [&] {
+             const Bytes b = claimingSize(pictures::png(small), 100000, 100000);
+             return std::string(b.begin(), b.end());
+         }(),
          2, "100000x100000 pixels, more than the 100 megapixels allowed"},
-        {"large.png", [&] { const Bytes b = claimingSize(pictures::png(small), 11000, 11000); return std::string(b.begin(), b.end()); }(),
+        {"large.png",
+         [&] {
+             const Bytes b = claimingSize(pictures::png(small), 11000, 11000);
+             return std::string(b.begin(), b.end());
+         }(),
          2, "11000x11000 pixels, more than the 100 megapixels allowed"},
-        {"huge.jpg", [&] { const Bytes b = claimingSize(pictures::jpeg(small, 80), 60000, 60000); return std::string(b.begin(), b.end()); }(),
+        {"huge.jpg",
+         [&] {
+             const Bytes b = claimingSize(pictures::jpeg(small, 80), 60000, 60000);
+             return std::string(b.begin(), b.end());
+         }(),
          2, "60000x60000 pixels, more than the 100 megapixels allowed"},
         // 200 x 200 inches: rendered coarser, within the page bound.
         {"huge-page.pdf", blankPdf(1, 14400), 2, "holds no QR code"},
@@ -339,8 +352,9 @@ TEST(PictureFormats, HugeClaimsAndPagesAreBounded)
         {"nested-forms.pdf", nestedFormsPdf(), 2, "page 1 of the PDF could not be rendered within its processor time"},
         {"inflating.pdf", inflatingPdf(), 2, "page 1 of the PDF could not be rendered within its processor time"},
         // libvips could read it, but a drawing is no photo of a receipt.
-        {"drawing.svg", "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"9\" height=\"9\"><rect width=\"9\" height=\"9\"/></svg>",
-         2, "not a picture tse-check reads (PNG, JPEG, WebP, HEIC/HEIF, TIFF, GIF, BMP or PDF)"},
+        {"drawing.svg",
+         "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"9\" height=\"9\"><rect width=\"9\" height=\"9\"/></svg>", 2,
+         "not a picture tse-check reads (PNG, JPEG, WebP, HEIC/HEIF, TIFF, GIF, BMP or PDF)"},
     };
     for (const auto& c : cases) {
         const std::string file = dir.write(c.name, c.content);

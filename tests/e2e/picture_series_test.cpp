@@ -58,7 +58,8 @@ std::vector<std::string> realReceiptTexts(const fixtures::TempDir& dir)
             const tse::Result<tse::LogMessage> parse =
                 tse::parseLogMessage(tse::readFileBounded(log, 1 << 20).value_or(tse::Bytes{}));
             if (!parse) continue;
-            const auto qr = run(tseCheckPath(), {"to-qr", "--cert", certificates[tse::toHex(parse->serialNumber)], log});
+            const auto qr =
+                run(tseCheckPath(), {"to-qr", "--cert", certificates[tse::toHex(parse->serialNumber)], log});
             if (qr.status != 0) continue;
             texts.push_back(qr.out.substr(0, qr.out.find('\n')));
             ++taken;
@@ -107,8 +108,8 @@ TEST(PictureSeries, ReadsEveryPhotoZbarimgReadsAndNineInTen)
         const bool byZbarimg = zbarimgReads(files[i], series[i].text);
         product += byProduct ? 1 : 0;
         zbarimg += byZbarimg ? 1 : 0;
-        EXPECT_TRUE(byProduct || !byZbarimg) << "zbarimg reads what tse-check does not: picture " << series[i].name
-                                             << " (seed " << seed << ")";
+        EXPECT_TRUE(byProduct || !byZbarimg)
+            << "zbarimg reads what tse-check does not: picture " << series[i].name << " (seed " << seed << ")";
         if (!byProduct) std::cout << "not read: picture " << series[i].name << "\n";
     }
     std::cout << "graded series of " << series.size() << " receipt photos (seed " << seed << "): tse-check read "

@@ -29,9 +29,10 @@ std::string serialLine(const Bytes& publicKey = fixtures::rawPublicKey(kKey.get(
 // What a run prints up to the end of the QR code report.
 std::string parsed(const QrFields& qr, const Bytes& publicKey = fixtures::rawPublicKey(kKey.get()))
 {
-    const char* const labels[] = {"qr-code-version", "kassen-seriennummer", "processType", "processData",
-                                  "transaktions-nummer", "signatur-zaehler", "start-zeit", "log-time", "sig-alg",
-                                  "log-time-format", "signatur", "public-key"};
+    const char* const labels[] = {
+        "qr-code-version",  "kassen-seriennummer", "processType", "processData", "transaktions-nummer",
+        "signatur-zaehler", "start-zeit",          "log-time",    "sig-alg",     "log-time-format",
+        "signatur",         "public-key"};
     std::string text = kStart + serialLine(publicKey) + "\n[INFO] Received QRCodeDataDSFinVK Data: \n";
     std::string fields = qr.text() + ";";
     for (const char* label : labels) {
@@ -43,16 +44,16 @@ std::string parsed(const QrFields& qr, const Bytes& publicKey = fixtures::rawPub
 
 // Everything a run prints for a code that parses and builds: the message
 // holds the signed fields with the serial number of the given key.
-std::string builtRun(const QrFields& qr, LogFields message, const std::string& offsetLines,
-                     const std::string& verdict, const Bytes& publicKey = fixtures::rawPublicKey(kKey.get()))
+std::string builtRun(const QrFields& qr, LogFields message, const std::string& offsetLines, const std::string& verdict,
+                     const Bytes& publicKey = fixtures::rawPublicKey(kKey.get()))
 {
     message.serialNumber = fixtures::sha256(publicKey);
     const Bytes content = fixtures::signedOctets(message);
     const auto size = static_cast<uint8_t>(content.size()), high = static_cast<uint8_t>(content.size() >> 8);
     const Bytes header = high == 0 ? Bytes{0x30, 0x81, size} : Bytes{0x30, 0x82, high, size};
-    return parsed(qr, publicKey) + offsetLines + "[INFO] Given log time in unix format: " +
-           std::to_string(message.logTime) + "\n[INFO] Derived ASN.1 Data: " + fixtures::toHex(header) +
-           fixtures::toHex(content) + "\n" + verdict;
+    return parsed(qr, publicKey) + offsetLines +
+           "[INFO] Given log time in unix format: " + std::to_string(message.logTime) +
+           "\n[INFO] Derived ASN.1 Data: " + fixtures::toHex(header) + fixtures::toHex(content) + "\n" + verdict;
 }
 
 QrFields signedQr(const LogFields& fields = {})
@@ -89,9 +90,9 @@ TEST(QrMode, ValidCodesVerifyInEveryAcceptedSpelling)
         quoted += c == ';' ? std::string("\";\"") : std::string(1, c);
     }
     quoted += "\"";
-    const std::tuple<std::string, QrFields, LogFields> cases[] = {{qr.text(), qr, plain},
-        {quoted, qr, plain}, {";" + qr.text() + ";;", qr, plain}, {keyLine.text(), keyLine, plain},
-        {qr255.text(), qr255, of255}, {qr256.text(), qr256, of256}};
+    const std::tuple<std::string, QrFields, LogFields> cases[] = {
+        {qr.text(), qr, plain},           {quoted, qr, plain},          {";" + qr.text() + ";;", qr, plain},
+        {keyLine.text(), keyLine, plain}, {qr255.text(), qr255, of255}, {qr256.text(), qr256, of256}};
     for (const auto& [text, fields, message] : cases) {
         SCOPED_TRACE(text.substr(0, 60));
         expectRun(text, 0, builtRun(fields, message, kNoOffset, kVerified));
@@ -131,7 +132,7 @@ TEST(QrMode, CodesThatCannotBeVerifiedEndWithStatus1)
     std::vector<std::pair<std::string, std::string>> all(std::begin(cases), std::end(cases));
     for (const std::string& badTime : {time, std::string("2020-06-23"), std::string("2020-06-23T14:20")}) {
         all.push_back(reported(with(&QrFields::logTime, badTime), error("Failed to parse time string " + badTime) +
-                                                                     error("Error generating ASN.1 data. ERR: -3")));
+                                                                      error("Error generating ASN.1 data. ERR: -3")));
     }
     for (const auto& c : all) {
         for (const char* zone : kZones) {

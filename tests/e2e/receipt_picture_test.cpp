@@ -14,7 +14,10 @@ namespace {
 
 // Until the receipt command is merged, the help lists no such subcommand
 // (and "receipt --help" prints the general help with status 0).
-bool receiptCommandBuilt() { return run(tseCheckPath(), {"--help"}).out.find("\n  receipt ") != std::string::npos; }
+bool receiptCommandBuilt()
+{
+    return run(tseCheckPath(), {"--help"}).out.find("\n  receipt ") != std::string::npos;
+}
 
 // Photographed and scanned receipts go through tse-check receipt --image
 // and come out verified, each code named by its file and page.

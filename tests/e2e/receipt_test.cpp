@@ -118,8 +118,9 @@ TEST(Receipt, ToQrStillRefusesALogWithAdditionalExternalData)
     fixtures::TempDir unpacked;
     const std::string dir = fixtures::unpackRealExport(unpacked, "logMessages1") + "/";
     const auto result =
-        run(tseCheckPath(), {"to-qr", "--cert", dir + "DD096487E07B8A77BC03C25BF7067D728D68366EBAEAD656F728F2F14F98F23E_X509.crt",
-                             dir + "Unixt_1634636126_Sig-17_Log-Tra_No-1_Finish_Client-client-1.log"});
+        run(tseCheckPath(),
+            {"to-qr", "--cert", dir + "DD096487E07B8A77BC03C25BF7067D728D68366EBAEAD656F728F2F14F98F23E_X509.crt",
+             dir + "Unixt_1634636126_Sig-17_Log-Tra_No-1_Finish_Client-client-1.log"});
     EXPECT_EQ(result.status, 2);
     EXPECT_NE(result.err.find("additionalExternalData"), std::string::npos) << result.err;
 }
@@ -162,8 +163,8 @@ TEST(Receipt, ReportsEachReceiptWithItsSourceAndTheWorstStatus)
             EXPECT_EQ(document[i]["source"], "argument " + std::to_string(i + 1));
         }
     }
-    EXPECT_NE(run(tseCheckPath(), {"receipt", good, "--from", "/nonexistent/list.txt"}).err.find(
-                  "[ERROR] Receipt list /nonexistent/list.txt does not exist"),
+    EXPECT_NE(run(tseCheckPath(), {"receipt", good, "--from", "/nonexistent/list.txt"})
+                  .err.find("[ERROR] Receipt list /nonexistent/list.txt does not exist"),
               std::string::npos);
 
     const auto piped = run("/bin/sh", {"-c", "printf '%s\\n\\n%s\\n' \"$0\" \"$1\" | \"$2\" receipt --explain --from -",
@@ -199,7 +200,8 @@ TEST(Receipt, ABatchUnderACompressedKeyHoldsOnTheCurveThatSigned)
         std::string list;
         for (uint64_t n = 1; n <= 160; ++n) {
             transaction.transactionNumber = n;
-            const std::string text = tse::signedReceiptText(signer, tse::Hash::Sha256, transaction, n, 1627903700, 1627903738);
+            const std::string text =
+                tse::signedReceiptText(signer, tse::Hash::Sha256, transaction, n, 1627903700, 1627903738);
             list += text.substr(0, text.rfind(';') + 1) + tse::toBase64(compressed) + "\n";
         }
         const std::string file = dir.write(std::string(tse::curveInfo(curve).displayName) + ".txt", list);
@@ -216,7 +218,8 @@ TEST(Receipt, ABatchUnderACompressedKeyHoldsOnTheCurveThatSigned)
         const auto text = run(tseCheckPath(), {"receipt", "--from", file});
         EXPECT_EQ(text.status, 0) << name;
         size_t lines = 0;
-        for (size_t at = 0; (at = text.out.find("ecdsa-plain-SHA256 " + name + " ", at)) != std::string::npos; ++at) ++lines;
+        for (size_t at = 0; (at = text.out.find("ecdsa-plain-SHA256 " + name + " ", at)) != std::string::npos; ++at)
+            ++lines;
         EXPECT_EQ(lines, 160u) << name << ": " << text.out.substr(0, 300);
     }
 }

@@ -50,16 +50,20 @@ TEST(ReportOutputs, EveryPathIsCheckedBeforeTheWork)
         std::string error;  // the whole of standard error
     };
     const std::vector<Case> cases = {
-        {"two to standard output", {"--json", "-", "--csv", "-"},
+        {"two to standard output",
+         {"--json", "-", "--csv", "-"},
          "[ERROR] --json, --csv and --html cannot share standard output; write all but one to files\n"
          "Run with --help for more information.\n"},
-        {"two to one file", {"--json", dir.path("r"), "--html", dir.path("r")},
+        {"two to one file",
+         {"--json", dir.path("r"), "--html", dir.path("r")},
          "[ERROR] --json, --csv and --html cannot share the file " + dir.path("r") +
              "\nRun with --help for more information.\n"},
-        {"a missing folder", {"--json", dir.path("fine.json"), "--csv", dir.path("missing/r.csv")},
+        {"a missing folder",
+         {"--json", dir.path("fine.json"), "--csv", dir.path("missing/r.csv")},
          "[ERROR] Cannot write " + dir.path("missing/r.csv") + ": No such file or directory\n"},
         {"a folder", {"--html", folder}, "[ERROR] Cannot write " + folder + ": Is a directory\n"},
-        {"a name with a line end", {"--csv", dir.path("no\nsuch/r.csv")},
+        {"a name with a line end",
+         {"--csv", dir.path("no\nsuch/r.csv")},
          "[ERROR] Cannot write " + dir.path("no\\nsuch/r.csv") + ": No such file or directory\n"},
     };
     for (const Subcommand& subcommand : WRITERS) {

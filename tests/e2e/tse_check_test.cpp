@@ -62,8 +62,9 @@ std::vector<std::string> split(const std::string& text, char separator)
     return parts;
 }
 
-tse::LogContent transaction(tse::TransactionData data = {"FinishTransaction", "K1", {'B', '^', '1'}, "Kassenbeleg-V1", {}, 7, {}},
-                            tse::TimeFormat format = tse::TimeFormat::UnixTime, uint64_t counter = 538)
+tse::LogContent
+transaction(tse::TransactionData data = {"FinishTransaction", "K1", {'B', '^', '1'}, "Kassenbeleg-V1", {}, 7, {}},
+            tse::TimeFormat format = tse::TimeFormat::UnixTime, uint64_t counter = 538)
 {
     tse::LogContent content;
     content.certifiedData = tse::encodeTransactionData(data);
@@ -102,7 +103,10 @@ TEST(TseCheck, RealExportsVerifyAndRead)
         {"logMessages1", 17, "ecdsa-plain-SHA384", "unixTime", {"audit", "system", "transaction"}},
         {kSoftwareUpdate, 25, "ecdsa-plain-SHA384", "unixTime", {"audit", "system"}},
         {"2021-09-30_63641_TSE", 141, "ecdsa-plain-SHA256", "unixTime", {"system", "transaction"}},
-        {"TSE_Export_685e1812-79a4-4c8c-9a07-9e93a019efa7_202109171015", 155, "ecdsa-plain-SHA256", "utcTime",
+        {"TSE_Export_685e1812-79a4-4c8c-9a07-9e93a019efa7_202109171015",
+         155,
+         "ecdsa-plain-SHA256",
+         "utcTime",
          {"transaction"}},
     };
     fixtures::TempDir dir;
@@ -174,7 +178,10 @@ TEST(TseCheck, VerifyFindsCertificatesAndReportsEachLog)
         {{"verify", aLog, garbage, dir.path("missing.log")}, 2, {"VALID", "UNREADABLE", "UNREADABLE"}, ""},
         {{"verify", "--cert", bDer, "--cert", aPem, alone, bLog}, 0, {"VALID", "VALID"}, ""},
         {{"verify", "--cert", bDer, aLog}, 1, {"NO-CERTIFICATE"}, ""},
-        {{"verify", "--cert", dir.path("none.pem"), aLog}, 2, {}, "[ERROR] Certificate " + dir.path("none.pem") + " does not exist"},
+        {{"verify", "--cert", dir.path("none.pem"), aLog},
+         2,
+         {},
+         "[ERROR] Certificate " + dir.path("none.pem") + " does not exist"},
         {{"verify", "--cert", garbage, aLog}, 2, {}, "holds no certificate"},
         {{"verify"}, 2, {}, "LOGFILE is required"},
     };
@@ -234,12 +241,22 @@ TEST(TseCheck, ReadShowsEveryElementOnItsOwnLine)
         tse::LogContent content;
         std::map<std::string, std::string> expected;
     } cases[] = {
-        {system, {{"logType", "system"}, {"version", "3"}, {"eventType", "up\\n\\x1B["}, {"eventData", "0401AB"},
-                  {"logTime", "2021-08-02T11:28:58.500Z"}, {"logTimeFormat", "generalizedTime"}}},
-        {audit, {{"logType", "audit"}, {"seAuditData", "DEADBEEF"}, {"signatureCounter", "18446744073709551615"},
-                 {"logTime", "2021-08-02T11:28:00.000Z"}, {"logTimeEncoded", "2108021128Z"}}},
+        {system,
+         {{"logType", "system"},
+          {"version", "3"},
+          {"eventType", "up\\n\\x1B["},
+          {"eventData", "0401AB"},
+          {"logTime", "2021-08-02T11:28:58.500Z"},
+          {"logTimeFormat", "generalizedTime"}}},
+        {audit,
+         {{"logType", "audit"},
+          {"seAuditData", "DEADBEEF"},
+          {"signatureCounter", "18446744073709551615"},
+          {"logTime", "2021-08-02T11:28:00.000Z"},
+          {"logTimeEncoded", "2108021128Z"}}},
         {transaction({"FinishTransaction", "K1", {'p'}, std::nullopt, Bytes{0x0F}, UINT64_MAX, {true, 0}}),
-         {{"transactionNumber", "18446744073709551615"}, {"additionalExternalData", "0F"},
+         {{"transactionNumber", "18446744073709551615"},
+          {"additionalExternalData", "0F"},
           {"signatureAlgorithm", "ecdsa-plain-SHA256 (0.4.0.127.0.7.1.1.4.1.3)"},
           {"processDataEncoding", "indefinite length, 1 chunk"}}},
     };
@@ -247,7 +264,8 @@ TEST(TseCheck, ReadShowsEveryElementOnItsOwnLine)
         const auto result = run(tseCheckPath(), {"read", dir.write("x.log", tse.log(c.content))});
         EXPECT_EQ(result.status, 0) << result.err;
         const auto fields = fieldsOf(result.out);
-        for (const auto& [name, value] : c.expected) EXPECT_EQ(fields.count(name) ? fields.at(name) : "(none)", value) << name;
+        for (const auto& [name, value] : c.expected)
+            EXPECT_EQ(fields.count(name) ? fields.at(name) : "(none)", value) << name;
         EXPECT_EQ(fields.at("serialNumber"), tse.serial());
     }
     // A transaction log keeps the nine lines tse-check always printed first.
@@ -260,7 +278,8 @@ TEST(TseCheck, ReadShowsEveryElementOnItsOwnLine)
     const std::string broken = dir.write("broken.log", Bytes{0x30, 0x06, 0x02, 0x01, 0x05, 0x06, 0x01, 0x00});
     const auto refused = run(tseCheckPath(), {"read", broken});
     EXPECT_EQ(refused.status, 2);
-    EXPECT_EQ(refused.err, "[ERROR] Log file " + broken + " cannot be read as a log message: version 5 is neither 2 nor 3 (at byte 2)\n");
+    EXPECT_EQ(refused.err, "[ERROR] Log file " + broken +
+                               " cannot be read as a log message: version 5 is neither 2 nor 3 (at byte 2)\n");
 }
 
 TEST(TseCheck, ToQrForEveryAlgorithmAndTimeForm)
@@ -272,8 +291,8 @@ TEST(TseCheck, ToQrForEveryAlgorithmAndTimeForm)
     const tse::TransactionData small{"FinishTransaction", "K1", {'p'}, "PT", {}, 1, {}};
     const std::string utc256 = dir.write("utc.log", p256.log(transaction(small, tse::TimeFormat::UtcTime)));
     // Numbers at their width limits, and a processData longer than 255 octets.
-    const tse::TransactionData wide{"FinishTransaction", std::string(200, 'c'), Bytes(1000, 'p'), "\xC3\xA4", {},
-                                    UINT32_MAX, {}};
+    const tse::TransactionData wide{
+        "FinishTransaction", std::string(200, 'c'), Bytes(1000, 'p'), "\xC3\xA4", {}, UINT32_MAX, {}};
     const std::string bp = dir.write("bp.log", bp384.log(transaction(wide, tse::TimeFormat::UnixTime, 2147483648u)));
     tse::LogContent systemLog = transaction();
     systemLog.type = tse::LogType::System;
@@ -282,7 +301,9 @@ TEST(TseCheck, ToQrForEveryAlgorithmAndTimeForm)
     tse::TransactionData semicolon = small, emptyType = small, zeroByte = small, update = small;
     semicolon.processData = {'a', ';'};
     emptyType.processType = "";
-    zeroByte.clientId = std::string("K\0" "1", 3);
+    zeroByte.clientId = std::string("K\0"
+                                    "1",
+                                    3);
     update.operationType = "UpdateTransaction";
     auto signedLog = [&](const char* name, const tse::TransactionData& data) {
         return dir.write(name, p256.log(transaction(data)));
@@ -301,14 +322,18 @@ TEST(TseCheck, ToQrForEveryAlgorithmAndTimeForm)
         int status;
         std::vector<std::pair<size_t, std::string>> fields;  // QR code fields by position; or part of the error
     } cases[] = {
-        {{"to-qr", "--cert", p256Cert, unix256}, 0,
+        {{"to-qr", "--cert", p256Cert, unix256},
+         0,
          {{5, "538"}, {7, "2021-08-02T11:28:58.000Z"}, {8, "ecdsa-plain-SHA256"}, {9, "unixTime"}}},
-        {{"to-qr", "--cert", p256Cert, utc256, "--start-time", "2021-08-02T13:27:00+02:00"}, 0,
+        {{"to-qr", "--cert", p256Cert, utc256, "--start-time", "2021-08-02T13:27:00+02:00"},
+         0,
          {{6, "2021-08-02T13:27:00+02:00"}, {7, "2021-08-02T11:28:58.000Z"}, {9, "utcTime"}}},
         {{"to-qr", "--cert", "/dev/fd/" + std::to_string(pipeEnds[0]), unix256}, 0, {{8, "ecdsa-plain-SHA256"}}},
         {{"to-qr", "--cert", bp384Cert, bp}, 0, {{4, "4294967295"}, {5, "2147483648"}, {8, "ecdsa-plain-SHA384"}}},
         {{"to-qr", "--cert", p256Cert, unix256, "--start-time", "02.08.2021"}, 2, {{0, "is not an ISO 8601 time"}}},
-        {{"to-qr", "--cert", p256Cert, unix256, "--start-time", "2021-08-02T11:28:59Z"}, 2, {{0, "is after the log time"}}},
+        {{"to-qr", "--cert", p256Cert, unix256, "--start-time", "2021-08-02T11:28:59Z"},
+         2,
+         {{0, "is after the log time"}}},
         {{"to-qr", "--cert", p256Cert, dir.write("forged.log", forged)}, 1, {{0, "does not verify with certificate"}}},
         {{"to-qr", "--cert", bp384Cert, unix256}, 2, {{0, "does not belong to the TSE"}}},
         {{"to-qr", "--cert", p256Cert, system}, 2, {{0, "a receipt QR code stands for a FinishTransaction only"}}},
@@ -326,7 +351,9 @@ TEST(TseCheck, ToQrForEveryAlgorithmAndTimeForm)
         {{"read", missing}, 2, {{0, missing + " does not exist"}}},
         {{"read", dir.path("")}, 2, {{0, "is a directory"}}},
         {{"to-qr", "--cert", missing, unix256}, 2, {{0, missing + " does not exist"}}},
-        {{"to-qr", "--cert", p256Cert, dir.write("big.log", Bytes((16u << 20) + 1, 0x30))}, 2, {{0, "is larger than 16777216 bytes"}}},
+        {{"to-qr", "--cert", p256Cert, dir.write("big.log", Bytes((16u << 20) + 1, 0x30))},
+         2,
+         {{0, "is larger than 16777216 bytes"}}},
     };
     for (const auto& c : cases) {
         const auto result = run(tseCheckPath(), c.args);
@@ -396,9 +423,8 @@ Judgements auditJudgements(const std::string& root)
     }
     for (const Json& log : report["logs"]) {
         const std::string file = log["file"];
-        const std::string relative = std::filesystem::path(file).is_absolute()
-                                         ? std::filesystem::relative(file, root).string()
-                                         : file;
+        const std::string relative =
+            std::filesystem::path(file).is_absolute() ? std::filesystem::relative(file, root).string() : file;
         out[relative] = {log["verdict"], reasonOf(log)};
     }
     return out;
@@ -430,13 +456,12 @@ TEST(TseCheck, AuditAndVerifyAgree)
                              "2021-09-30_63641_TSE", "TSE_Export_685e1812-79a4-4c8c-9a07-9e93a019efa7_202109171015"}) {
         expectAgreement(fixtures::unpackRealExport(dir, name), name);
     }
-    const std::string makeExport =
-        (std::filesystem::path(tseCheckPath()).parent_path() / "make-export").string();
+    const std::string makeExport = (std::filesystem::path(tseCheckPath()).parent_path() / "make-export").string();
     for (const char* defect : {"signature-invalid", "certificate-missing", "log-unreadable", "counter-duplicate",
                                "name-mismatch", "ecsdsa", "certificate-renamed", "time-regression"}) {
         const std::string out = dir.path(std::string("made-") + defect);
-        const auto made = run(makeExport, {"-o", out, "--format", "dir", "-n", "4", "--curve", "secp256r1",
-                                           "--defect", defect});
+        const auto made =
+            run(makeExport, {"-o", out, "--format", "dir", "-n", "4", "--curve", "secp256r1", "--defect", defect});
         ASSERT_EQ(made.status, 0) << made.err;
         expectAgreement(out, defect);
     }

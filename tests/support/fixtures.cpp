@@ -3,9 +3,9 @@
 #include <archive.h>
 #include <archive_entry.h>
 
-#include <fcntl.h>
 #include <chrono>
 #include <csignal>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <iomanip>
@@ -41,8 +41,8 @@ X509Ptr selfSigned(EVP_PKEY* pkey, const std::string& commonName)
     X509_gmtime_adj(X509_getm_notBefore(cert.get()), 0);
     X509_gmtime_adj(X509_getm_notAfter(cert.get()), 3650L * 24 * 3600);
     X509_NAME* name = X509_get_subject_name(cert.get());
-    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
-                               reinterpret_cast<const unsigned char*>(commonName.c_str()), -1, -1, 0);
+    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(commonName.c_str()), -1,
+                               -1, 0);
     X509_set_issuer_name(cert.get(), name);
     require(X509_set_pubkey(cert.get(), pkey) == 1 && X509_sign(cert.get(), pkey, EVP_sha256()) > 0, "sign cert");
     return cert;
@@ -167,8 +167,8 @@ Bytes sha256(const Bytes& data)
 std::string base64(const Bytes& data)
 {
     std::string encoded(4 * ((data.size() + 2) / 3) + 1, '\0');
-    encoded.resize(static_cast<size_t>(EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&encoded[0]),
-                                                       data.data(), static_cast<int>(data.size()))));
+    encoded.resize(static_cast<size_t>(
+        EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&encoded[0]), data.data(), static_cast<int>(data.size()))));
     return encoded;
 }
 
@@ -241,9 +241,9 @@ Bytes signedExportedLog(const EC_KEY* key, LogFields fields)
 std::string QrFields::text() const
 {
     std::string joined = version;
-    for (const std::string* field : {&clientId, &processType, &processData, &transactionNumber, &signatureCounter,
-                                     &startTime, &logTime, &signatureAlgorithm, &logTimeFormat, &signature,
-                                     &publicKey}) {
+    for (const std::string* field :
+         {&clientId, &processType, &processData, &transactionNumber, &signatureCounter, &startTime, &logTime,
+          &signatureAlgorithm, &logTimeFormat, &signature, &publicKey}) {
         joined += ";" + *field;
     }
     return joined;

@@ -42,7 +42,7 @@ Bytes signRaw(const EC_KEY* key, const Bytes& data);
 Bytes sha256(const Bytes& data);
 std::string base64(const Bytes& data);
 Bytes fromHex(const std::string& hex);  // blanks are ignored
-std::string toHex(const Bytes& data);  // uppercase, a blank after every octet
+std::string toHex(const Bytes& data);   // uppercase, a blank after every octet
 
 // The fields of a finish-transaction log message.
 struct LogFields {
@@ -53,7 +53,7 @@ struct LogFields {
     uint64_t transactionNumber = 7;
     uint64_t signatureCounter = 538;
     int64_t logTime = 1592922010;  // 2020-06-23T14:20:10Z
-    Bytes serialNumber;             // SHA-256 of the public key when empty
+    Bytes serialNumber;            // SHA-256 of the public key when empty
 };
 
 // A DER element: tag, length octets, content.
@@ -114,8 +114,8 @@ struct RunResult {
 struct RunLimits {
     int seconds = 0;
     long rssKiB = 0;
-    int cpuSeconds = 0;         // the kernel's limit on processor time (SIGXCPU past it)
-    long addressSpaceMiB = 0;   // the kernel's limit on the address space
+    int cpuSeconds = 0;        // the kernel's limit on processor time (SIGXCPU past it)
+    long addressSpaceMiB = 0;  // the kernel's limit on the address space
 };
 // Runs the program with the arguments (not through a shell) and with the
 // extra environment settings given as NAME=value.

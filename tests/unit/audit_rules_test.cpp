@@ -19,8 +19,7 @@ struct Log {
     Log(uint64_t c, int64_t s = 1600000000, tse::LogType t = tse::LogType::Transaction, const char* op = "",
         std::optional<uint64_t> number = std::nullopt, const char* serialHex = TSE_A)
         : counter(c), seconds(s), type(t), operation(op), transaction(number), serial(serialHex)
-    {
-    }
+    {}
 
     uint64_t counter;
     int64_t seconds;
@@ -75,8 +74,8 @@ TEST(AuditRules, TransactionsOpenAtTheExportsEdgesAreNoFinding)
 {
     // 4 began before the export, 9 is still open at its end; 6 lost its
     // Start and 7 its Finish in the middle.
-    const std::vector<Log> logs = {tx(1, 4, "Update"), tx(2, 4, "Finish"), tx(3, 5, "Start"), tx(4, 5, "Finish"),
-                                   tx(5, 6, "Update"), tx(6, 6, "Finish"), tx(7, 7, "Start"), tx(8, 8, "Start"),
+    const std::vector<Log> logs = {tx(1, 4, "Update"), tx(2, 4, "Finish"), tx(3, 5, "Start"),  tx(4, 5, "Finish"),
+                                   tx(5, 6, "Update"), tx(6, 6, "Finish"), tx(7, 7, "Start"),  tx(8, 8, "Start"),
                                    tx(9, 8, "Finish"), tx(10, 9, "Start"), tx(11, 9, "Update")};
     const std::vector<std::string> found = findings(logs, "transaction-incomplete");
     ASSERT_EQ(found.size(), 2u);
@@ -110,7 +109,10 @@ TEST(AuditRules, CountersOfUnreadableLogsCloseGapsOnlyWithOneTse)
          {{1}, {2}, {Log{7, 0, tse::LogType::Transaction, "", std::nullopt, nullptr}}, {4}},
          1,
          "3 signature counters missing between 1 and 7: 3, 5-6"},
-        {"one TSE, a counter twice and a gap", {{1}, {2}, {2}, {5}}, 1, "2 signature counters missing between 1 and 5: 3-4"},
+        {"one TSE, a counter twice and a gap",
+         {{1}, {2}, {2}, {5}},
+         1,
+         "2 signature counters missing between 1 and 5: 3-4"},
         {"two TSEs, the unreadable log is neither's",
          {{1}, {2}, unreadable, {4}, {Log{1, 0, tse::LogType::Transaction, "", std::nullopt, TSE_B}}},
          1,

@@ -11,10 +11,19 @@ namespace {
 // 3 * characters / 4, so one trailing newline passes and two do not.
 TEST(Base64, DecodedLengthAgainstExpectedLength)
 {
-    const struct { std::string text; bool ok; int length; Bytes decoded; } cases[] = {
+    const struct {
+        std::string text;
+        bool ok;
+        int length;
+        Bytes decoded;
+    } cases[] = {
         {fixtures::base64(Bytes(97, 0)), true, 99, Bytes(99, 0)},  // 132 characters ending in ==
-        {"QUJD", true, 3, {'A', 'B', 'C'}}, {"QUJD\n", true, 3, {'A', 'B', 'C'}}, {"QUI=", true, 3, {'A', 'B', 0}},
-        {"QUJD\n\n", false, 3, {'A', 'B', 'C'}}, {"", true, 0, {}}, {"QUJDR", false, -1, {}},
+        {"QUJD", true, 3, {'A', 'B', 'C'}},
+        {"QUJD\n", true, 3, {'A', 'B', 'C'}},
+        {"QUI=", true, 3, {'A', 'B', 0}},
+        {"QUJD\n\n", false, 3, {'A', 'B', 'C'}},
+        {"", true, 0, {}},
+        {"QUJDR", false, -1, {}},
     };
     for (const auto& c : cases) {
         unsigned char* raw = nullptr;

@@ -60,8 +60,8 @@ TEST(Calendar, DaysAndDatesRoundTrip)
         int64_t year;
         unsigned month, day;
         int64_t days;
-    } cases[] = {{1970, 1, 1, 0},       {2000, 2, 29, 11016}, {2000, 3, 1, 11017}, {2023, 11, 14, 19675},
-                 {2100, 3, 1, 47541},   {1969, 12, 31, -1},   {1900, 3, 1, -25508}};
+    } cases[] = {{1970, 1, 1, 0},     {2000, 2, 29, 11016}, {2000, 3, 1, 11017}, {2023, 11, 14, 19675},
+                 {2100, 3, 1, 47541}, {1969, 12, 31, -1},   {1900, 3, 1, -25508}};
     for (const Case& c : cases) {
         EXPECT_EQ(tse::daysFromCivil(c.year, c.month, c.day), c.days) << c.year << "-" << c.month << "-" << c.day;
         const tse::CivilTime back = tse::civilFromSeconds(c.days * 86400 + 86399);

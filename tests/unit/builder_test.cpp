@@ -36,8 +36,8 @@ TEST(Builder, HeaderIsBuiltAroundTheElementsAndPrinted)
     output.text.str("");
     builder.doASN_header();
     const std::string hex = "30 81 6B 02 01 02 06 09 04 00 7F 00 07 03 07 01 01 80 11 46 69 6E 69 73 68 54 72 61 6E "
-                            "73 61 63 74 69 6F 6E 81 02 4B 31 82 03 41 42 43 83 02 50 54 85 01 07 04 20 " + serial +
-                            "30 0C 06 0A 04 00 7F 00 07 01 01 04 01 04 02 02 02 1A 02 04 5E F2 0D 42 ";
+                            "73 61 63 74 69 6F 6E 81 02 4B 31 82 03 41 42 43 83 02 50 54 85 01 07 04 20 " +
+                            serial + "30 0C 06 0A 04 00 7F 00 07 01 01 04 01 04 02 02 02 1A 02 04 5E F2 0D 42 ";
     EXPECT_EQ(output.text.str(), "[INFO] Derived ASN.1 Data: " + hex + "\n");
     EXPECT_EQ(builder.getASN1Data(), fromHex(hex));
     EXPECT_EQ(builder.getASN1Data().size(), 110u);
@@ -63,10 +63,18 @@ TEST(Builder, HeaderIsBuiltAroundTheElementsAndPrinted)
 
 TEST(Builder, NumbersTakeTheShortestTwosComplementForm)
 {
-    const std::pair<const char*, const char*> cases[] = {{"0", "01 00"}, {"127", "01 7F"}, {"128", "02 00 80"},
-        {"32767", "02 7F FF"}, {"32768", "03 00 80 00"}, {"65535", "03 00 FF FF"}, {"16777216", "04 01 00 00 00"},
-        {"2147483648", "05 00 80 00 00 00"}, {"4294967295", "05 00 FF FF FF FF"}, {"4294967296", "05 01 00 00 00 00"},
-        {"18446744073709551615", "09 00 FF FF FF FF FF FF FF FF"}, {" 42", "01 2A"}};
+    const std::pair<const char*, const char*> cases[] = {{"0", "01 00"},
+                                                         {"127", "01 7F"},
+                                                         {"128", "02 00 80"},
+                                                         {"32767", "02 7F FF"},
+                                                         {"32768", "03 00 80 00"},
+                                                         {"65535", "03 00 FF FF"},
+                                                         {"16777216", "04 01 00 00 00"},
+                                                         {"2147483648", "05 00 80 00 00 00"},
+                                                         {"4294967295", "05 00 FF FF FF FF"},
+                                                         {"4294967296", "05 01 00 00 00 00"},
+                                                         {"18446744073709551615", "09 00 FF FF FF FF FF FF FF FF"},
+                                                         {" 42", "01 2A"}};
     CapturedOutput quiet;
     for (const auto& [text, encoded] : cases) {
         const QrCodeToASN builder = exampleBuilder(text, text);

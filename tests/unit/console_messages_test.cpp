@@ -14,16 +14,24 @@ struct ConsoleMessages : ::testing::Test {
     std::ostringstream out, message;  // one message stream, reused as callers do
     std::streambuf* previous = std::cout.rdbuf(out.rdbuf());
     void SetUp() override { clearErrorMsg(ERROR_ALL); }
-    ~ConsoleMessages() override { std::cout.rdbuf(previous); setConsoleOutput(true); }
+    ~ConsoleMessages() override
+    {
+        std::cout.rdbuf(previous);
+        setConsoleOutput(true);
+    }
     template <typename T>
-    void send(const T& value, int level) { message << value; outputMsg(message, static_cast<ERROR_TYPE>(level)); }
+    void send(const T& value, int level)
+    {
+        message << value;
+        outputMsg(message, static_cast<ERROR_TYPE>(level));
+    }
 };
 
 // ERROR_ALL joins the buffers QR, LOG, CMP, with one extra newline before the
 // second and the third part whenever anything came before, even if it is empty.
 TEST_F(ConsoleMessages, EachLevelPrintsAndCollectsInItsBuffers)
 {
-    const std::pair<int, std::string> cases[] = {{ERROR_NONE, ""}, {ERROR_QR, "x\n\n\n"}, {ERROR_LOG, "x\n\n"},
+    const std::pair<int, std::string> cases[] = {{ERROR_NONE, ""},   {ERROR_QR, "x\n\n\n"},        {ERROR_LOG, "x\n\n"},
                                                  {ERROR_CMP, "x\n"}, {ERROR_ALL, "x\n\nx\n\nx\n"}, {7, ""}};
     for (const auto& [level, joined] : cases) {
         send("x", level);
@@ -34,8 +42,12 @@ TEST_F(ConsoleMessages, EachLevelPrintsAndCollectsInItsBuffers)
 
 TEST_F(ConsoleMessages, ReadingAndClearingTouchOnlyTheirLevel)
 {
-    for (auto [text, level] : {std::pair{"first", ERROR_LOG}, {"two\nlines", ERROR_LOG}, {"", ERROR_LOG},
-                               {"qr", ERROR_QR}, {"cmp", ERROR_CMP}}) send(text, level);
+    for (auto [text, level] : {std::pair{"first", ERROR_LOG},
+                               {"two\nlines", ERROR_LOG},
+                               {"", ERROR_LOG},
+                               {"qr", ERROR_QR},
+                               {"cmp", ERROR_CMP}})
+        send(text, level);
     EXPECT_EQ(out.str(), "first\ntwo\nlines\n\nqr\ncmp\n");
     EXPECT_EQ(getErrorMsg(ERROR_NONE) + getErrorMsg(static_cast<ERROR_TYPE>(7)), "");
     for (int level : {int{ERROR_NONE}, 7, int{ERROR_CMP}}) clearErrorMsg(static_cast<ERROR_TYPE>(level));

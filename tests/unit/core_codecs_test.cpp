@@ -13,7 +13,10 @@
 
 namespace {
 
-tse::Bytes hex(const std::string& text) { return tse::fromHex(text).value(); }
+tse::Bytes hex(const std::string& text)
+{
+    return tse::fromHex(text).value();
+}
 
 // Reads one element from exactly the octets given (an exact-size copy, so a
 // read past the end shows under AddressSanitizer); "" when it reads whole.
@@ -33,7 +36,7 @@ TEST(CoreBer, LengthsAndTheirLimits)
 {
     const struct {
         std::string header;
-        size_t content;  // zero octets of content follow the header
+        size_t content;     // zero octets of content follow the header
         std::string error;  // part of the reason and its offset; "" when it reads
     } cases[] = {
         {"04 00", 0, ""},
@@ -122,9 +125,18 @@ TEST(CoreBytes, Base64AndHexEdges)
         std::string text;
         std::optional<std::string> octets;
     } base64[] = {
-        {"", ""},         {"QQ==", "A"},      {"QUI=", "AB"},      {"QUJD", "ABC"},    {"QQ", "A"},
-        {"QUJD\r\nREVG", "ABCDEF"}, {"Q", std::nullopt}, {"QQ=", std::nullopt}, {"QQ===", std::nullopt},
-        {"QQ==QQ==", std::nullopt}, {"QU*D", std::nullopt}, {"QUJD-_", std::nullopt},
+        {"", ""},
+        {"QQ==", "A"},
+        {"QUI=", "AB"},
+        {"QUJD", "ABC"},
+        {"QQ", "A"},
+        {"QUJD\r\nREVG", "ABCDEF"},
+        {"Q", std::nullopt},
+        {"QQ=", std::nullopt},
+        {"QQ===", std::nullopt},
+        {"QQ==QQ==", std::nullopt},
+        {"QU*D", std::nullopt},
+        {"QUJD-_", std::nullopt},
     };
     for (const auto& c : base64) {
         const auto decoded = tse::fromBase64(c.text);
@@ -177,9 +189,11 @@ TEST(CoreTime, ParsesAndWritesEveryForm)
     for (const auto& c : cases) {
         std::optional<tse::LogTime> time;
         if (c.form == 'I') {
-            if (const auto parsed = tse::parseIsoTime(c.text)) time = tse::LogTime{{}, parsed->seconds, parsed->fraction, {}};
+            if (const auto parsed = tse::parseIsoTime(c.text))
+                time = tse::LogTime{{}, parsed->seconds, parsed->fraction, {}};
         } else {
-            const tse::Result<tse::LogTime> parsed = c.form == 'U' ? tse::parseUtcTime(c.text) : tse::parseGeneralizedTime(c.text);
+            const tse::Result<tse::LogTime> parsed =
+                c.form == 'U' ? tse::parseUtcTime(c.text) : tse::parseGeneralizedTime(c.text);
             if (parsed) time = *parsed;
         }
         EXPECT_EQ(time ? time->iso() : "", c.iso) << c.text;
@@ -204,21 +218,25 @@ TEST(CoreText, EscapingKeepsOneLine)
         {"back\\slash", "back\\\\slash"},
         {std::string("nul\0\x01\x7F", 6), "nul\\x00\\x01\\x7F"},
         {"\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80", "\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80"},  // UTF-8 stays
-        {"\xC3", "\\xC3"},                       // cut short
-        {"\xC2\x85\xC2\x9B", "\\xC2\\x85\\xC2\\x9B"},  // C1 controls: NEL, CSI
-        {"\xE2\x80\xA8", "\\xE2\\x80\\xA8"},      // line separator
-        {"\xE2\x80\xA9", "\\xE2\\x80\\xA9"},      // paragraph separator
-        {"\xE2\x80\xA7\xE2\x80\xAA", "\xE2\x80\xA7\\xE2\\x80\\xAA"},  // a printable neighbour stays, an embedding does not
+        {"\xC3", "\\xC3"},                                                                 // cut short
+        {"\xC2\x85\xC2\x9B", "\\xC2\\x85\\xC2\\x9B"},                                      // C1 controls: NEL, CSI
+        {"\xE2\x80\xA8", "\\xE2\\x80\\xA8"},                                               // line separator
+        {"\xE2\x80\xA9", "\\xE2\\x80\\xA9"},                                               // paragraph separator
+        {"\xE2\x80\xA7\xE2\x80\xAA",
+         "\xE2\x80\xA7\\xE2\\x80\\xAA"},  // a printable neighbour stays, an embedding does not
         // What turns an amount around on screen: RIGHT-TO-LEFT OVERRIDE,
         // RIGHT-TO-LEFT ISOLATE, ARABIC LETTER MARK; a zero-width space and
         // a byte order mark inside the text. Arabic letters themselves stay.
-        {"9.\xE2\x80\xAE" "00", "9.\\xE2\\x80\\xAE" "00"},
+        {"9.\xE2\x80\xAE"
+         "00",
+         "9.\\xE2\\x80\\xAE"
+         "00"},
         {"\xE2\x81\xA7x\xD8\x9C", "\\xE2\\x81\\xA7x\\xD8\\x9C"},
         {"a\xE2\x80\x8B\xEF\xBB\xBF", "a\\xE2\\x80\\x8B\\xEF\\xBB\\xBF"},
         {"\xD8\xB3\xE2\x80\x8C", "\xD8\xB3\\xE2\\x80\\x8C"},
         {"\xC0\xAF\xE0\x80\xAF", "\\xC0\\xAF\\xE0\\x80\\xAF"},  // overlong
-        {"\xED\xA0\x80", "\\xED\\xA0\\x80"},      // surrogate
-        {"\xF4\x90\x80\x80", "\\xF4\\x90\\x80\\x80"},  // past U+10FFFF
+        {"\xED\xA0\x80", "\\xED\\xA0\\x80"},                    // surrogate
+        {"\xF4\x90\x80\x80", "\\xF4\\x90\\x80\\x80"},           // past U+10FFFF
     };
     for (const auto& c : cases) {
         EXPECT_EQ(tse::escapeText(c.value), c.shown);
@@ -252,4 +270,3 @@ TEST(CoreOid, DecodesArcsAndRefusesBadEncodings)
 }
 
 }  // namespace
-

@@ -11,17 +11,20 @@
 #include "der.h"
 #include "fixtures.h"
 #include "log_encoder.h"
+#include "log_verify.h"
 #include "openssl_ptr.h"
 #include "public_key.h"
 #include "signer.h"
-#include "log_verify.h"
 
 namespace {
 
 using tse::Bytes;
 using tse::Verdict;
 
-Bytes text(const std::string& s) { return Bytes(s.begin(), s.end()); }
+Bytes text(const std::string& s)
+{
+    return Bytes(s.begin(), s.end());
+}
 
 tse::LogContent transaction(uint64_t number = 7, tse::ProcessDataForm form = {})
 {
@@ -51,7 +54,8 @@ Bytes signedLog(const tse::Signer& signer, tse::Hash hash, tse::LogContent conte
 tse::LogMessage parsed(const Bytes& log)
 {
     tse::Result<tse::LogMessage> parse = tse::parseLogMessage(log);
-    if (!parse) throw std::runtime_error(parse.error().message + " @" + std::to_string(parse.error().offset.value_or(0)));
+    if (!parse)
+        throw std::runtime_error(parse.error().message + " @" + std::to_string(parse.error().offset.value_or(0)));
     return std::move(parse).value();
 }
 
@@ -66,7 +70,8 @@ TEST(CoreMessages, EachVerdictSaysWhy)
         std::string reason;
     } cases[] = {
         {"", [](tse::LogMessage&) {}, false, Verdict::Valid, ""},
-        {"0.4.0.127.0.7.1.1.4.4.3", [](tse::LogMessage&) {}, false, Verdict::UnsupportedAlgorithm, "ecsdsa-plain-SHA384"},
+        {"0.4.0.127.0.7.1.1.4.4.3", [](tse::LogMessage&) {}, false, Verdict::UnsupportedAlgorithm,
+         "ecsdsa-plain-SHA384"},
         {"1.2.3.4", [](tse::LogMessage&) {}, false, Verdict::UnsupportedAlgorithm, "the OID 1.2.3.4 is unknown"},
         {"", [](tse::LogMessage& m) { m.signatureValue.pop_back(); }, false, Verdict::Malformed, "63 bytes"},
         {"", [](tse::LogMessage& m) { m.signedOctets[5] ^= 1; }, false, Verdict::Invalid, "does not match"},
@@ -97,8 +102,10 @@ TEST(CoreMessages, EveryLogTypeAndTimeFormReadsBack)
     using Fields = std::vector<std::pair<std::string, std::string>>;
     const Bytes start = tse::derElement(0x80, text("StartTransaction")), client = tse::derElement(0x81, text("K1"));
     const Bytes number = tse::derUnsigned(0x85, 1);
-    const Fields transactionFields = {{"operationType", "StartTransaction"}, {"clientId", "K1"},
-                                      {"processData", "abcdefghij"}, {"transactionNumber", "\x01"}};
+    const Fields transactionFields = {{"operationType", "StartTransaction"},
+                                      {"clientId", "K1"},
+                                      {"processData", "abcdefghij"},
+                                      {"transactionNumber", "\x01"}};
     const Bytes nested = tse::fromHex("A2 80 24 80 04 02 6162 04 01 63 0000 04 07 6465666768696A 0000").value();
     const struct {
         uint64_t version;
@@ -107,23 +114,39 @@ TEST(CoreMessages, EveryLogTypeAndTimeFormReadsBack)
         Fields fields;
         size_t chunks;  // of an indefinite processData
     } types[] = {
-        {2, tse::LogType::Transaction,
+        {2,
+         tse::LogType::Transaction,
          concat({start, client, tse::derElement(0x82, text("p")), tse::derElement(0x83, text("PT")),
                  tse::derElement(0x84, Bytes{0xAB}), number, tse::derElement(0x86, Bytes{0xCD})}),
-         {{"operationType", "StartTransaction"}, {"clientId", "K1"}, {"processData", "p"}, {"processType", "PT"},
-          {"additionalExternalData", "\xAB"}, {"transactionNumber", "\x01"}, {"additionalInternalData", "\xCD"}}, 0},
+         {{"operationType", "StartTransaction"},
+          {"clientId", "K1"},
+          {"processData", "p"},
+          {"processType", "PT"},
+          {"additionalExternalData", "\xAB"},
+          {"transactionNumber", "\x01"},
+          {"additionalInternalData", "\xCD"}},
+         0},
         {2, tse::LogType::Transaction,
          concat({start, client, tse::berIndefiniteChunks(0x82, text("abcdefghij")), number}), transactionFields, 1},
         {2, tse::LogType::Transaction,
          concat({start, client, tse::berIndefiniteChunks(0x82, text("abcdefghij"), 4), number}), transactionFields, 3},
         {2, tse::LogType::Transaction, concat({start, client, nested, number}), transactionFields, 3},
-        {2, tse::LogType::System, tse::encodeSystemData({"updateTime", Bytes{1, 2}}),
-         {{"operationType", "updateTime"}, {"systemOperationData", "\x01\x02"}}, 0},
-        {3, tse::LogType::System,
-         concat({tse::derElement(0x80, text("updateTime")), tse::derElement(0x81, text("SMA")), tse::derElement(0x82, text("admin")),
-                 tse::derElement(0xA3, tse::derElement(0x04, text("\x01\x02"))), tse::derElement(0x84, text("\xFF"))}),
-         {{"eventType", "updateTime"}, {"eventOrigin", "SMA"}, {"eventTriggeredByUser", "admin"},
-          {"eventData", "\x04\x02\x01\x02"}, {"additionalInternalData", "\xFF"}}, 0},
+        {2,
+         tse::LogType::System,
+         tse::encodeSystemData({"updateTime", Bytes{1, 2}}),
+         {{"operationType", "updateTime"}, {"systemOperationData", "\x01\x02"}},
+         0},
+        {3,
+         tse::LogType::System,
+         concat({tse::derElement(0x80, text("updateTime")), tse::derElement(0x81, text("SMA")),
+                 tse::derElement(0x82, text("admin")), tse::derElement(0xA3, tse::derElement(0x04, text("\x01\x02"))),
+                 tse::derElement(0x84, text("\xFF"))}),
+         {{"eventType", "updateTime"},
+          {"eventOrigin", "SMA"},
+          {"eventTriggeredByUser", "admin"},
+          {"eventData", "\x04\x02\x01\x02"},
+          {"additionalInternalData", "\xFF"}},
+         0},
         {2, tse::LogType::Audit, {}, {}, 0},
     };
     const int64_t t = 1627903738;
@@ -144,7 +167,13 @@ TEST(CoreMessages, EveryLogTypeAndTimeFormReadsBack)
     };
     for (const auto& type : types) {
         for (const auto& time : times) {
-            tse::LogContent content{type.version, type.type, type.certifiedData, {}, {}, std::nullopt, 9,
+            tse::LogContent content{type.version,
+                                    type.type,
+                                    type.certifiedData,
+                                    {},
+                                    {},
+                                    std::nullopt,
+                                    9,
                                     tse::encodeLogTime(time.format, time.seconds, time.fraction, time.withSeconds)};
             if (type.type == tse::LogType::Audit) content.seAuditData = Bytes{0x30, 0x00};
             const tse::LogMessage m = parsed(signedLog(signer, tse::Hash::Sha384, content));
@@ -167,9 +196,9 @@ TEST(CoreMessages, EveryLogTypeAndTimeFormReadsBack)
 TEST(CoreMessages, NumbersReadBackWhole)
 {
     const tse::Signer signer(tse::Curve::Secp256r1);
-    for (const uint64_t n : {uint64_t{0}, uint64_t{127}, uint64_t{128}, uint64_t{255}, uint64_t{256},
-                             uint64_t{INT32_MAX}, uint64_t{1} << 31, uint64_t{UINT32_MAX}, uint64_t{1} << 32,
-                             uint64_t{1} << 63, UINT64_MAX}) {
+    for (const uint64_t n :
+         {uint64_t{0}, uint64_t{127}, uint64_t{128}, uint64_t{255}, uint64_t{256}, uint64_t{INT32_MAX},
+          uint64_t{1} << 31, uint64_t{UINT32_MAX}, uint64_t{1} << 32, uint64_t{1} << 63, UINT64_MAX}) {
         tse::LogContent content = transaction(n);
         content.signatureCounter = n;
         const tse::LogMessage m = parsed(signedLog(signer, tse::Hash::Sha256, content));
@@ -191,8 +220,9 @@ TEST(CoreMessages, NumbersReadBackWhole)
         EXPECT_NE(tse::parseLogMessage(wider).error().message.find("wider than 64 bits"), std::string::npos);
     }
     content.logTime = tse::derUnsigned(0x02, UINT64_MAX);
-    EXPECT_NE(tse::parseLogMessage(signedLog(signer, tse::Hash::Sha256, content)).error().message.find("beyond any calendar"),
-              std::string::npos);
+    EXPECT_NE(
+        tse::parseLogMessage(signedLog(signer, tse::Hash::Sha256, content)).error().message.find("beyond any calendar"),
+        std::string::npos);
 }
 
 TEST(CoreMessages, EveryTruncationIsAClearError)
@@ -245,7 +275,8 @@ TEST(CoreKeys, EveryEncodingGivesTheTseKey)
         const int spkiSize = i2d_PUBKEY(key.evpKey(), &spki);
         const Bytes spkiDer(spki, spki + spkiSize);
         OPENSSL_free(spki);
-        const std::string spkiPem = "-----BEGIN PUBLIC KEY-----\n" + tse::toBase64(spkiDer) + "\n-----END PUBLIC KEY-----\n";
+        const std::string spkiPem =
+            "-----BEGIN PUBLIC KEY-----\n" + tse::toBase64(spkiDer) + "\n-----END PUBLIC KEY-----\n";
         const tse::Result<tse::PublicKey> results[] = {
             keyOf(tse::loadCertificates(pem).value().at(0)),
             keyOf(tse::loadCertificates(der).value().at(0)),
@@ -318,8 +349,9 @@ bool libcryptoVerifies(const tse::PublicKey& key, tse::Hash hash, const Bytes& d
     unsigned char* der = nullptr;
     const int derSize = i2d_ECDSA_SIG(signature.get(), &der);
     tse::EvpMdCtxPtr context(EVP_MD_CTX_new());
-    const bool valid = EVP_DigestVerifyInit(context.get(), nullptr, tse::hashFunction(hash), nullptr, key.evpKey()) == 1 &&
-                       EVP_DigestVerify(context.get(), der, static_cast<size_t>(derSize), data.data(), data.size()) == 1;
+    const bool valid =
+        EVP_DigestVerifyInit(context.get(), nullptr, tse::hashFunction(hash), nullptr, key.evpKey()) == 1 &&
+        EVP_DigestVerify(context.get(), der, static_cast<size_t>(derSize), data.data(), data.size()) == 1;
     OPENSSL_free(der);
     return valid;
 }

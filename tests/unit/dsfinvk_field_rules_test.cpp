@@ -9,8 +9,8 @@
 
 #include "dsfinvk_field_rules.h"
 #include "dsfinvk_findings.h"
-#include "dsfinvk_receipt_rows.h"
 #include "dsfinvk_rebuild.h"
+#include "dsfinvk_receipt_rows.h"
 #include "dsfinvk_tally.h"
 
 namespace {
@@ -23,13 +23,24 @@ TEST(DsfinvkFieldRules, DecimalPlacesAsWritten)
         std::optional<unsigned> decimals;
     };
     const Case cases[] = {
-        {"12,50", ',', '.', 2u},     {"12", ',', '.', 0u},         {"-0,001", ',', '.', 3u},
-        {"1.234,5", ',', '.', 1u},   {" 7,00 ", ',', '.', 2u},     {"12.50", '.', ',', 2u},
+        {"12,50", ',', '.', 2u},
+        {"12", ',', '.', 0u},
+        {"-0,001", ',', '.', 3u},
+        {"1.234,5", ',', '.', 1u},
+        {" 7,00 ", ',', '.', 2u},
+        {"12.50", '.', ',', 2u},
         {"12.50", ',', '.', std::nullopt},  // a grouping symbol inside the fraction
-        {"12,5,0", ',', '.', std::nullopt}, {",5", ',', '.', 1u},  {"", ',', '.', std::nullopt},
-        {"-", ',', '.', std::nullopt},      {"1e5", ',', '.', std::nullopt}, {".5", ',', '.', std::nullopt},
-        {"1.000", ',', '\0', std::nullopt}, {"1.234.567,5", ',', '.', 1u}, {"1234.567", ',', '.', std::nullopt},
-        {"1.23", ',', '.', std::nullopt},   {"12.5000", ',', '.', std::nullopt},
+        {"12,5,0", ',', '.', std::nullopt},
+        {",5", ',', '.', 1u},
+        {"", ',', '.', std::nullopt},
+        {"-", ',', '.', std::nullopt},
+        {"1e5", ',', '.', std::nullopt},
+        {".5", ',', '.', std::nullopt},
+        {"1.000", ',', '\0', std::nullopt},
+        {"1.234.567,5", ',', '.', 1u},
+        {"1234.567", ',', '.', std::nullopt},
+        {"1.23", ',', '.', std::nullopt},
+        {"12.5000", ',', '.', std::nullopt},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(tse::writtenDecimals(c.text, c.decimal, c.grouping), c.decimals) << "\"" << c.text << "\"";
@@ -43,11 +54,20 @@ TEST(DsfinvkFieldRules, FixedVocabularies)
         bool valid;
     };
     const Case cases[] = {
-        {"BON_TYP", "Beleg", true},          {"BON_TYP", "beleg", false},      {"BON_TYP", "AVRechnung", true},
-        {"GV_TYP", "MehrzweckgutscheinKauf", true}, {"GV_TYP", "Verkauf", false}, {"ZAHLART_TYP", "Keine", true},
-        {"ZAHLART_TYP", "EC", false},        {"REF_TYP", "Transaktion", true}, {"REF_TYP", "", false},
-        {"TSE_ZEITFORMAT", "unixTime", true}, {"TSE_ZEITFORMAT", "UNIXTIME", true}, {"TSE_ZEITFORMAT", "epoch", false},
-        {"TSE_SIG_ALGO", "ecdsa-plain-SHA256", true}, {"TSE_SIG_ALGO", "ecdsa-plain-SHA999", false},
+        {"BON_TYP", "Beleg", true},
+        {"BON_TYP", "beleg", false},
+        {"BON_TYP", "AVRechnung", true},
+        {"GV_TYP", "MehrzweckgutscheinKauf", true},
+        {"GV_TYP", "Verkauf", false},
+        {"ZAHLART_TYP", "Keine", true},
+        {"ZAHLART_TYP", "EC", false},
+        {"REF_TYP", "Transaktion", true},
+        {"REF_TYP", "", false},
+        {"TSE_ZEITFORMAT", "unixTime", true},
+        {"TSE_ZEITFORMAT", "UNIXTIME", true},
+        {"TSE_ZEITFORMAT", "epoch", false},
+        {"TSE_SIG_ALGO", "ecdsa-plain-SHA256", true},
+        {"TSE_SIG_ALGO", "ecdsa-plain-SHA999", false},
         {"ARTIKELTEXT", "anything", true},
     };
     for (const Case& c : cases) EXPECT_EQ(tse::inVocabulary(c.column, c.value), c.valid) << c.column << " " << c.value;
@@ -62,15 +82,18 @@ TEST(DsfinvkFieldRules, ARuleBrokenByManyRowsIsOneFindingWithThreeExamples)
     }
     tally.add(tse::FindingCode::FieldFormat, "lines.csv: MENGE with more decimals", "row", [] { return "line 9"; });
     // The same place twice is one case.
-    tally.addOnce(tse::FindingCode::FieldFormat, "lines.csv: MENGE with more decimals", "row", 9, [] { return "again"; });
-    tally.addOnce(tse::FindingCode::FieldFormat, "lines.csv: MENGE with more decimals", "row", 9, [] { return "again"; });
+    tally.addOnce(tse::FindingCode::FieldFormat, "lines.csv: MENGE with more decimals", "row", 9,
+                  [] { return "again"; });
+    tally.addOnce(tse::FindingCode::FieldFormat, "lines.csv: MENGE with more decimals", "row", 9,
+                  [] { return "again"; });
     tse::RaisedFindings findings;
     tally.raiseAll(findings);
     EXPECT_EQ(findings.count(tse::FindingCode::FieldInvalid), 1u);
     EXPECT_EQ(findings.count(tse::FindingCode::FieldFormat), 1u);
     const std::vector<tse::RaisedFinding> sorted = findings.sorted();
     ASSERT_EQ(sorted.size(), 2u);
-    EXPECT_EQ(findings.words(sorted[0]), "lines.csv: rows without their full key: 5 rows: line 1; line 2; line 3; and 2 more");
+    EXPECT_EQ(findings.words(sorted[0]),
+              "lines.csv: rows without their full key: 5 rows: line 1; line 2; line 3; and 2 more");
     EXPECT_EQ(findings.words(sorted[1]), "lines.csv: MENGE with more decimals: 2 rows: line 9; again");
 }
 
@@ -95,7 +118,8 @@ TEST(DsfinvkRebuild, KassenbelegTextOfTheBookedAmounts)
     tse::ReceiptAmounts amounts;
     amounts.vat[0] = 1250, amounts.vat[4] = -300;
     amounts.payments = {{true, "", 950}, {false, "", 100}, {true, "CHF", 5}};
-    EXPECT_EQ(tse::kassenbelegText("Beleg", amounts), "Beleg^12.50_0.00_0.00_0.00_-3.00^9.50:Bar_1.00:Unbar_0.05:Bar:CHF");
+    EXPECT_EQ(tse::kassenbelegText("Beleg", amounts),
+              "Beleg^12.50_0.00_0.00_0.00_-3.00^9.50:Bar_1.00:Unbar_0.05:Bar:CHF");
     EXPECT_EQ(tse::kassenbelegText("AVTraining", tse::ReceiptAmounts{}), "AVTraining^0.00_0.00_0.00_0.00_0.00^");
 }
 

@@ -6,11 +6,11 @@
 #include <gtest/gtest.h>
 
 #include "dsfinvk_check.h"
-#include "log_time.h"
 #include "dsfinvk_csv.h"
 #include "dsfinvk_index.h"
 #include "dsfinvk_model.h"
 #include "file_reader.h"
+#include "log_time.h"
 
 namespace {
 
@@ -26,11 +26,11 @@ struct Read {
 Read readText(const std::string& text, tse::CsvDialect dialect = {}, const std::vector<tse::CsvColumn>& declared = {})
 {
     Read out;
-    const tse::CsvRead read =
-        tse::readCsv(tse::ByteView(text), dialect, declared, [&](const std::vector<std::string>&, const tse::CsvRecord& r) {
-            out.records.push_back(r.fields);
-            out.lines.push_back(r.line);
-        });
+    const tse::CsvRead read = tse::readCsv(tse::ByteView(text), dialect, declared,
+                                           [&](const std::vector<std::string>&, const tse::CsvRecord& r) {
+                                               out.records.push_back(r.fields);
+                                               out.lines.push_back(r.line);
+                                           });
     out.header = read.header;
     for (const tse::CsvProblem& p : read.problems) {
         EXPECT_NE(p.message.find("line " + std::to_string(p.line)), std::string::npos) << p.message;
@@ -51,25 +51,67 @@ TEST(DsfinvkCsv, RecordsAsExportersWriteThem)
         std::vector<size_t> problems;
     };
     const std::vector<Case> cases = {
-        {"quoted delimiter and quotes", "A;B\r\n\"x;y\";\"say \"\"hi\"\"\"\r\n", tse::CsvEncoding::Utf8,
-         Records{{"x;y", "say \"hi\""}}, {2}, {}},
+        {"quoted delimiter and quotes",
+         "A;B\r\n\"x;y\";\"say \"\"hi\"\"\"\r\n",
+         tse::CsvEncoding::Utf8,
+         Records{{"x;y", "say \"hi\""}},
+         {2},
+         {}},
         // Bestellung-V1 separates order lines with CR inside processData.
-        {"line breaks inside a field", "A;B\r\n\"1\r2\r\n3\n4\";z\r\nq;r\r\n", tse::CsvEncoding::Utf8,
-         Records{{"1\r2\r\n3\n4", "z"}, {"q", "r"}}, {2, 6}, {}},
-        {"byte order mark", "\xEF\xBB\xBF" "A;B\r\n1;2\r\n", tse::CsvEncoding::Utf8, Records{{"1", "2"}}, {2}, {}},
-        {"byte order mark beats ANSI", "\xEF\xBB\xBF" "A;B\r\n\xC3\xA4;2\r\n", tse::CsvEncoding::Windows1252,
-         Records{{"\xC3\xA4", "2"}}, {2}, {}},
-        {"Windows-1252", "A;B\r\nM\xFC" "ller;\x80 5\r\n", tse::CsvEncoding::Windows1252,
-         Records{{"M\xC3\xBCller", "\xE2\x82\xAC 5"}}, {2}, {}},
+        {"line breaks inside a field",
+         "A;B\r\n\"1\r2\r\n3\n4\";z\r\nq;r\r\n",
+         tse::CsvEncoding::Utf8,
+         Records{{"1\r2\r\n3\n4", "z"}, {"q", "r"}},
+         {2, 6},
+         {}},
+        {"byte order mark",
+         "\xEF\xBB\xBF"
+         "A;B\r\n1;2\r\n",
+         tse::CsvEncoding::Utf8,
+         Records{{"1", "2"}},
+         {2},
+         {}},
+        {"byte order mark beats ANSI",
+         "\xEF\xBB\xBF"
+         "A;B\r\n\xC3\xA4;2\r\n",
+         tse::CsvEncoding::Windows1252,
+         Records{{"\xC3\xA4", "2"}},
+         {2},
+         {}},
+        {"Windows-1252",
+         "A;B\r\nM\xFC"
+         "ller;\x80 5\r\n",
+         tse::CsvEncoding::Windows1252,
+         Records{{"M\xC3\xBCller", "\xE2\x82\xAC 5"}},
+         {2},
+         {}},
         {"CR-only lines", "A;B\r1;2\r3;4", tse::CsvEncoding::Utf8, Records{{"1", "2"}, {"3", "4"}}, {2, 3}, {}},
-        {"LF-only lines and a blank line", "A;B\n1;2\n\n3;4\n", tse::CsvEncoding::Utf8, Records{{"1", "2"}, {"3", "4"}},
-         {2, 4}, {}},
+        {"LF-only lines and a blank line",
+         "A;B\n1;2\n\n3;4\n",
+         tse::CsvEncoding::Utf8,
+         Records{{"1", "2"}, {"3", "4"}},
+         {2, 4},
+         {}},
         {"empty fields", "A;B;C\r\n;;\r\n", tse::CsvEncoding::Utf8, Records{{"", "", ""}}, {2}, {}},
         {"truncated inside a quote", "A;B\r\n1;2\r\n3;\"cut of", tse::CsvEncoding::Utf8, Records{{"1", "2"}}, {2}, {3}},
-        {"too many fields, then good", "A;B\r\n1;2;3\r\n4;5\r\n", tse::CsvEncoding::Utf8, Records{{"4", "5"}}, {3}, {2}},
-        {"text after closing quote", "A;B\r\n\"1\"x;2\r\n3;4\r\n", tse::CsvEncoding::Utf8, Records{{"3", "4"}}, {3}, {2}},
-        {"stray quote in a bare field", "A;B\r\nKunde \"Nord;2\r\n3;4\r\n", tse::CsvEncoding::Utf8, Records{{"3", "4"}},
-         {3}, {2}},
+        {"too many fields, then good",
+         "A;B\r\n1;2;3\r\n4;5\r\n",
+         tse::CsvEncoding::Utf8,
+         Records{{"4", "5"}},
+         {3},
+         {2}},
+        {"text after closing quote",
+         "A;B\r\n\"1\"x;2\r\n3;4\r\n",
+         tse::CsvEncoding::Utf8,
+         Records{{"3", "4"}},
+         {3},
+         {2}},
+        {"stray quote in a bare field",
+         "A;B\r\nKunde \"Nord;2\r\n3;4\r\n",
+         tse::CsvEncoding::Utf8,
+         Records{{"3", "4"}},
+         {3},
+         {2}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -77,7 +119,8 @@ TEST(DsfinvkCsv, RecordsAsExportersWriteThem)
         dialect.encoding = c.encoding;
         const Read read = readText(c.text, dialect);
         const bool three = c.text.find("A;B;C") != std::string::npos;
-        const std::vector<std::string> header = three ? std::vector<std::string>{"A", "B", "C"} : std::vector<std::string>{"A", "B"};
+        const std::vector<std::string> header =
+            three ? std::vector<std::string>{"A", "B", "C"} : std::vector<std::string>{"A", "B"};
         EXPECT_EQ(read.header, header);
         EXPECT_EQ(read.records, c.records);
         EXPECT_EQ(read.lines, c.lines);
@@ -90,7 +133,8 @@ TEST(DsfinvkCsv, DeclaredLengthsAndDialect)
     // Lengths count characters, not bytes: "ä" is one.
     const std::vector<tse::CsvColumn> declared = {{"A", 3}, {"B", 0}};
     Read read = readText("A;B\r\n\xC3\xA4\xC3\xA4\xC3\xA4;long long long\r\nabcd;x\r\nok;y\r\n", {}, declared);
-    EXPECT_EQ(read.records, (std::vector<std::vector<std::string>>{{"\xC3\xA4\xC3\xA4\xC3\xA4", "long long long"}, {"ok", "y"}}));
+    EXPECT_EQ(read.records,
+              (std::vector<std::vector<std::string>>{{"\xC3\xA4\xC3\xA4\xC3\xA4", "long long long"}, {"ok", "y"}}));
     EXPECT_EQ(read.problemLines, std::vector<size_t>{3});
 
     // No header line: the declared columns name the fields; another delimiter and no quoting.
@@ -129,10 +173,11 @@ TEST(DsfinvkIndex, OfficialDescription)
     EXPECT_EQ(rows->columns.back().name, "TSE_VORGANGSDATEN");
     EXPECT_EQ(rows->columns.front().maxLength, 50u);
 
-    const std::string ansi = "<DataSet><Version>1</Version><Media><Name>x</Name><Table><URL>a.csv</URL>"
-                             "<DecimalSymbol>.</DecimalSymbol><DigitGroupingSymbol>,</DigitGroupingSymbol>"
-                             "<VariableLength><ColumnDelimiter>&#x9;</ColumnDelimiter><VariableColumn><Name>A</Name>"
-                             "<AlphaNumeric/><MaxLength>5</MaxLength></VariableColumn></VariableLength></Table></Media></DataSet>";
+    const std::string ansi =
+        "<DataSet><Version>1</Version><Media><Name>x</Name><Table><URL>a.csv</URL>"
+        "<DecimalSymbol>.</DecimalSymbol><DigitGroupingSymbol>,</DigitGroupingSymbol>"
+        "<VariableLength><ColumnDelimiter>&#x9;</ColumnDelimiter><VariableColumn><Name>A</Name>"
+        "<AlphaNumeric/><MaxLength>5</MaxLength></VariableColumn></VariableLength></Table></Media></DataSet>";
     const tse::Result<std::vector<tse::TableDescription>> parsed = tse::parseIndexXml(tse::ByteView(ansi));
     ASSERT_TRUE(parsed) << parsed.error().message;
     ASSERT_EQ(parsed->size(), 1u);
@@ -219,7 +264,7 @@ TEST(DsfinvkAmounts, ExactToTheFifthDecimal)
                                            {"-0,05", ',', '.', -5000},
                                            {"+7", ',', '.', 700000},
                                            {"3,000.00", '.', ',', 300000000},
-                                           {"0,123450000", ',', '.', 12345},  // trailing zeros beyond the fifth
+                                           {"0,123450000", ',', '.', 12345},      // trailing zeros beyond the fifth
                                            {"0,123456", ',', '.', std::nullopt},  // a sixth digit is no cent of ours
                                            {"1,2,3", ',', '.', std::nullopt},
                                            {"1,2.3", ',', '.', std::nullopt},
@@ -239,15 +284,30 @@ TEST(DsfinvkAmounts, ExactToTheFifthDecimal)
 
 TEST(DsfinvkAmounts, VatKeysMapOntoTheSignedAmounts)
 {
-    const std::vector<std::pair<uint32_t, std::optional<size_t>>> keys = {
-        {1, 0}, {11, 0}, {21, 0}, {2, 1}, {12, 1}, {22, 1}, {3, 2}, {13, 2}, {43, 2},
-        {4, 3}, {5, 4}, {6, 4}, {7, 4}, {8, 4}, {9, std::nullopt}, {1000, std::nullopt}, {0, std::nullopt}};
+    const std::vector<std::pair<uint32_t, std::optional<size_t>>> keys = {{1, 0},
+                                                                          {11, 0},
+                                                                          {21, 0},
+                                                                          {2, 1},
+                                                                          {12, 1},
+                                                                          {22, 1},
+                                                                          {3, 2},
+                                                                          {13, 2},
+                                                                          {43, 2},
+                                                                          {4, 3},
+                                                                          {5, 4},
+                                                                          {6, 4},
+                                                                          {7, 4},
+                                                                          {8, 4},
+                                                                          {9, std::nullopt},
+                                                                          {1000, std::nullopt},
+                                                                          {0, std::nullopt}};
     for (const auto& [key, field] : keys) EXPECT_EQ(tse::processDataField(key), field) << key;
 }
 
 TEST(DsfinvkIndex, RangeFromSaysWhetherAHeaderLineComes)
 {
-    for (const auto& [from, header] : std::vector<std::pair<std::string, bool>>{{"1", false}, {"2", true}, {"3", true}}) {
+    for (const auto& [from, header] :
+         std::vector<std::pair<std::string, bool>>{{"1", false}, {"2", true}, {"3", true}}) {
         const std::string xml = "<DataSet><Media><Table><URL>a.csv</URL><UTF8/><Range><From>" + from +
                                 "</From></Range><VariableLength><VariableColumn><Name>A</Name></VariableColumn>"
                                 "</VariableLength></Table></Media></DataSet>";
@@ -261,7 +321,8 @@ TEST(DsfinvkModel, RecordsKeepTheirFieldsWhateverTheirLengths)
 {
     tse::RecordPool pool;
     std::vector<std::pair<tse::RecordPool::Ref, std::vector<std::string>>> written;
-    for (const size_t length : {size_t{0}, size_t{1}, size_t{127}, size_t{128}, size_t{16383}, size_t{16384}, size_t{1} << 20}) {
+    for (const size_t length :
+         {size_t{0}, size_t{1}, size_t{127}, size_t{128}, size_t{16383}, size_t{16384}, size_t{1} << 20}) {
         std::vector<std::string> fields = {std::string(length, 'a'), "", std::string(length / 2 + 1, '\xFF')};
         written.emplace_back(pool.add({fields[0], fields[1], fields[2]}), fields);
     }

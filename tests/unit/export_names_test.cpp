@@ -21,7 +21,8 @@ TEST(ExportNames, LogNames)
     };
     using tse::LogType;
     for (const Case& c : std::vector<Case>{
-             {"Unixt_1627903738_Sig-1207_Log-Tra_No-538_Finish_Client-K1.log", true, LogType::Transaction, 1207, "Finish", "K1"},
+             {"Unixt_1627903738_Sig-1207_Log-Tra_No-538_Finish_Client-K1.log", true, LogType::Transaction, 1207,
+              "Finish", "K1"},
              {"./x/Utc_181109153045Z_Sig-15_Log-Tra_No-7_Start_Client-137741-0007 Hioneu_Fc-2.log", true,
               LogType::Transaction, 15, "Start", "137741-0007 Hioneu"},
              {"Gent_20181109084236Z_Sig-1743_Log-Sys_UpdateTime.log", true, LogType::System, 1743, "UpdateTime", ""},
@@ -62,18 +63,20 @@ TEST(ExportNames, MemberKindsAndUnsafeNames)
         EXPECT_EQ(tse::classifyMember(other), MemberKind::Other) << other;
     }
     EXPECT_EQ(tse::classifyMember("dir/info.csv"), MemberKind::Info);
-    for (const char* unsafe : {"../a.log", "/etc/passwd", "a/../../b.log", ""}) EXPECT_TRUE(tse::unsafeMemberName(unsafe));
+    for (const char* unsafe : {"../a.log", "/etc/passwd", "a/../../b.log", ""})
+        EXPECT_TRUE(tse::unsafeMemberName(unsafe));
     for (const char* safe : {"./a.log", "a..b.log", "x/y.log"}) EXPECT_FALSE(tse::unsafeMemberName(safe));
 }
 
 TEST(InfoCsv, BothFormsAndQuoting)
 {
-    const auto single = tse::parseInfoCsv(std::string("\"description:\", Applause Cafe 35, \"manufacturer:\",\"a \"\"b\"\", c\",\"version:\",0.1.0"));
+    const auto single = tse::parseInfoCsv(
+        std::string("\"description:\", Applause Cafe 35, \"manufacturer:\",\"a \"\"b\"\", c\",\"version:\",0.1.0"));
     ASSERT_TRUE(single) << single.error().message;
     EXPECT_FALSE(single->perComponent);
-    EXPECT_EQ(single->records.at(0), (tse::InfoRecord{{"description", "Applause Cafe 35"},
-                                                          {"manufacturer", "a \"b\", c"},
-                                                          {"version", "0.1.0"}}));
+    EXPECT_EQ(
+        single->records.at(0),
+        (tse::InfoRecord{{"description", "Applause Cafe 35"}, {"manufacturer", "a \"b\", c"}, {"version", "0.1.0"}}));
     const auto components = tse::parseInfoCsv(std::string(
         "\"component:\",\"device\",\"manufacturer:\",\"M\",\"model:\",\"X\",\"version:\",\"1\",\"certification-id:\",\"C\"\r\n"
         "\"description:\",\"d\",,,,,,,,\n"));
@@ -81,7 +84,8 @@ TEST(InfoCsv, BothFormsAndQuoting)
     EXPECT_TRUE(components->perComponent);
     EXPECT_EQ(components->records.size(), 2u);
     EXPECT_EQ(components->records[1], (tse::InfoRecord{{"description", "d"}}));
-    for (const char* bad : {"\"description:,x", "loose,\"version:\",1", ""}) EXPECT_FALSE(tse::parseInfoCsv(std::string(bad))) << bad;
+    for (const char* bad : {"\"description:,x", "loose,\"version:\",1", ""})
+        EXPECT_FALSE(tse::parseInfoCsv(std::string(bad))) << bad;
     // Quotes keep the blanks inside them, in the middle of a line and at the
     // end of the text; bare fields lose theirs.
     const auto blanks = tse::parseInfoCsv(std::string("\"model:\",\"  X 1 \", version: , 2 \n\"serial:\",\" 0815 \""));

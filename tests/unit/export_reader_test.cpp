@@ -112,7 +112,8 @@ TEST(ExportReader, EveryMemberArrivesWithItsBytesOrItsReason)
         std::map<std::string, Arrived> expected;
     };
     const std::vector<Case> cases = {
-        {false, false,
+        {false,
+         false,
          {file("first.log", "abc"), file("large.log", large), link("symbolic.log", "/etc/passwd"),
           link("hard.log", "first.log", true), fifo("fifo.log"), file("caf\xE9.csv", "latin-1 name"),
           file("last.log", "xyz")},
@@ -123,12 +124,14 @@ TEST(ExportReader, EveryMemberArrivesWithItsBytesOrItsReason)
           {"fifo.log", refused("is not a regular file", true)},
           {"caf\xE9.csv", bytes("latin-1 name", false)},
           {"last.log", bytes("xyz")}}},
-        {true, false,
+        {true,
+         false,
          {file("Kassenabschl\xC3\xBCsse/transactions.csv", "1;2"), file("large.csv", large), file("plain.csv", "4;5")},
          {{"Kassenabschl\xC3\xBCsse/transactions.csv", bytes("1;2")},
           {"large.csv", refused("is larger than 1 MiB (1048577 bytes)")},
           {"plain.csv", bytes("4;5")}}},
-        {true, true,
+        {true,
+         true,
          {file("secret.csv", "hidden"), file("also secret.csv", "more")},
          {{"secret.csv", refused("is encrypted")}, {"also secret.csv", refused("is encrypted")}}},
     };
@@ -162,7 +165,9 @@ struct TarHeader {
     std::string name;
     size_t size = 0;
     char type = '0';
-    std::string magic = std::string("ustar\0" "00", 8);
+    std::string magic = std::string("ustar\0"
+                                    "00",
+                                    8);
     std::string prefix;
     std::string sizeField;  // as written, when not the usual octal
     bool signedChecksum = false;
@@ -209,7 +214,7 @@ const std::string END(1024, '\0');
 
 struct Reading {
     std::vector<std::pair<std::string, std::string>> members;  // name, bytes or reason
-    std::string outcome;  // the error or the truncation; empty for a whole archive
+    std::string outcome;                                       // the error or the truncation; empty for a whole archive
 
     bool operator==(const Reading& other) const { return members == other.members && outcome == other.outcome; }
 };
@@ -258,18 +263,66 @@ std::vector<std::pair<std::string, std::string>> libarchiveMembers(const std::st
 
 TEST(ExportReader, PlainTarsReadAsLibarchiveReadsThem)
 {
-    TarHeader prefixed{"name.log", 3, '0', std::string("ustar\0" "00", 8), "some/folder", "", false};
+    TarHeader prefixed{"name.log",
+                       3,
+                       '0',
+                       std::string("ustar\0"
+                                   "00",
+                                   8),
+                       "some/folder",
+                       "",
+                       false};
     TarHeader slashed = prefixed;
     slashed.prefix = "folder/";
     TarHeader gnu{"gnu.log", 3, '0', std::string("ustar  \0", 8), "ignored as times", "", false};
     TarHeader odd{"odd magic.log", 3, '0', std::string("ustar\0 \0", 8), "", "", false};
     TarHeader old{"old.log", 3, '0', "", "", "", false};
-    TarHeader spaced{"spaced.log", 3, '0', std::string("ustar\0" "00", 8), "", "      3 ", false};
-    TarHeader latin{"caf\xE9 signed.log", 3, '0', std::string("ustar\0" "00", 8), "", "", true};
-    TarHeader directory{"folder/", 0, '5', std::string("ustar\0" "00", 8), "", "", false};
-    TarHeader slashFile{"looks like a folder/", 0, '0', std::string("ustar\0" "00", 8), "", "", false};
+    TarHeader spaced{"spaced.log",
+                     3,
+                     '0',
+                     std::string("ustar\0"
+                                 "00",
+                                 8),
+                     "",
+                     "      3 ",
+                     false};
+    TarHeader latin{"caf\xE9 signed.log",
+                    3,
+                    '0',
+                    std::string("ustar\0"
+                                "00",
+                                8),
+                    "",
+                    "",
+                    true};
+    TarHeader directory{"folder/",
+                        0,
+                        '5',
+                        std::string("ustar\0"
+                                    "00",
+                                    8),
+                        "",
+                        "",
+                        false};
+    TarHeader slashFile{"looks like a folder/",
+                        0,
+                        '0',
+                        std::string("ustar\0"
+                                    "00",
+                                    8),
+                        "",
+                        "",
+                        false};
     const std::string paxRecord = "27 path=renamed by pax.log\n";
-    TarHeader pax{"././@PaxHeader", paxRecord.size(), 'x', std::string("ustar\0" "00", 8), "", "", false};
+    TarHeader pax{"././@PaxHeader",
+                  paxRecord.size(),
+                  'x',
+                  std::string("ustar\0"
+                              "00",
+                              8),
+                  "",
+                  "",
+                  false};
     std::string damaged = block(old);
     damaged[0] = 'D';
     const std::string every = member(prefixed, "abc") + member(slashed, "def") + member(gnu, "ghi") +

@@ -86,12 +86,14 @@ TEST(FindingCatalogue, TheManPageListsExactlyItsCodes)
 TEST(FindingCatalogue, EveryCodeIsExpectedBySomeTest)
 {
     std::string tests;
-    for (const char* file : {"audit_test.cpp", "audit_hostile_test.cpp", "dsfinvk_test.cpp", "dsfinvk_reconcile_test.cpp",
-                             "dsfinvk_intake_test.cpp", "dsfinvk_books_test.cpp", "tse_check_test.cpp"}) {
+    for (const char* file :
+         {"audit_test.cpp", "audit_hostile_test.cpp", "dsfinvk_test.cpp", "dsfinvk_reconcile_test.cpp",
+          "dsfinvk_intake_test.cpp", "dsfinvk_books_test.cpp", "tse_check_test.cpp"}) {
         tests += slurp(ROOT + "tests/e2e/" + file);
     }
     for (const tse::FindingInfo& info : tse::findingCatalogue()) {
-        EXPECT_NE(tests.find("\"" + std::string(info.name) + "\""), std::string::npos) << info.name << " is expected by no test";
+        EXPECT_NE(tests.find("\"" + std::string(info.name) + "\""), std::string::npos)
+            << info.name << " is expected by no test";
     }
 }
 

@@ -23,22 +23,27 @@ TEST(HtmlEscaping, InputNeverBecomesMarkup)
         {"line\nbreak\ttab", "line\nbreak\ttab"},
         {std::string("nul\0end", 7), "nul" + bad + "end"},
         {"\x1B[31m\x7F", bad + "[31m" + bad},
-        {"K\xC3\xA4sse \xE2\x82\xAC \xF0\x9F\x98\x80", "K\xC3\xA4sse \xE2\x82\xAC \xF0\x9F\x98\x80"},  // valid UTF-8 stays
-        {"\x80x", bad + "x"},                        // a lone continuation byte
-        {"\xC0\xAF", bad + bad},                     // an overlong '/'
-        {"\xE0\x80\xBC", bad + bad + bad},           // an overlong '<' in three octets
-        {"\xF0\x80\x80\x80", bad + bad + bad + bad},  // an overlong NUL in four
+        {"K\xC3\xA4sse \xE2\x82\xAC \xF0\x9F\x98\x80",
+         "K\xC3\xA4sse \xE2\x82\xAC \xF0\x9F\x98\x80"},                    // valid UTF-8 stays
+        {"\x80x", bad + "x"},                                              // a lone continuation byte
+        {"\xC0\xAF", bad + bad},                                           // an overlong '/'
+        {"\xE0\x80\xBC", bad + bad + bad},                                 // an overlong '<' in three octets
+        {"\xF0\x80\x80\x80", bad + bad + bad + bad},                       // an overlong NUL in four
         {"\xE0\xA0\x80\xF0\x90\x80\x80", "\xE0\xA0\x80\xF0\x90\x80\x80"},  // the smallest of each length stay
-        {"\xED\xA0\x80", bad + bad + bad},           // a surrogate
-        {"\xE2\x82", bad + bad},                     // cut short at the end
-        {"\xE2\x82<", bad + bad + "&lt;"},           // cut short before markup
-        {"\xF4\x90\x80\x80", bad + bad + bad + bad},  // above U+10FFFF
+        {"\xED\xA0\x80", bad + bad + bad},                                 // a surrogate
+        {"\xE2\x82", bad + bad},                                           // cut short at the end
+        {"\xE2\x82<", bad + bad + "&lt;"},                                 // cut short before markup
+        {"\xF4\x90\x80\x80", bad + bad + bad + bad},                       // above U+10FFFF
         // What would turn an amount around or hide in it: RIGHT-TO-LEFT
         // OVERRIDE, an isolate, a zero-width space, a C1 control (CSI), a
         // line separator; each one replacement. Arabic letters stay.
-        {"9.\xE2\x80\xAE" "00", "9." + bad + "00"},
+        {"9.\xE2\x80\xAE"
+         "00",
+         "9." + bad + "00"},
         {"\xE2\x81\xA7x\xE2\x80\x8B", bad + "x" + bad},
-        {"\xC2\x9B" "2J\xE2\x80\xA8", bad + "2J" + bad},
+        {"\xC2\x9B"
+         "2J\xE2\x80\xA8",
+         bad + "2J" + bad},
         {"\xD8\xB3\xD8\xA7", "\xD8\xB3\xD8\xA7"},
     };
     for (const Case& c : cases) EXPECT_EQ(report::escaped(c.input), c.expected) << c.input;
@@ -88,7 +93,10 @@ TEST(ChartAxes, NumberTicksAreRoundAndCoverTheRange)
         double step;
         std::string someLabel;
     } cases[] = {
-        {0, 100000, 20000, "100,000"}, {1, 18, 5, "15"}, {3, 4, 1, "4"}, {999990, 1000020, 10, "1,000,000"},
+        {0, 100000, 20000, "100,000"},
+        {1, 18, 5, "15"},
+        {3, 4, 1, "4"},
+        {999990, 1000020, 10, "1,000,000"},
     };
     for (const Case& c : cases) {
         const std::vector<report::Tick> ticks = report::numberTicks(c.low, c.high, 5);

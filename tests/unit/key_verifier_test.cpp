@@ -106,7 +106,8 @@ TEST_P(KeyVerifierTest, SignatureSearchAgreesWithLibcrypto)
     cases.emplace_back(crafted.key, crafted.signatureCase);
     for (const auto& [key, c] : cases) {
         const bool expected = referenceVerdict(key, c);
-        for (const std::shared_ptr<const GeneratorTable>& multiples : {table, std::shared_ptr<const GeneratorTable>()}) {
+        for (const std::shared_ptr<const GeneratorTable>& multiples :
+             {table, std::shared_ptr<const GeneratorTable>()}) {
             const SignatureSearch search(key, {c.signature}, multiples);
             EXPECT_EQ(search.find(c.hash, c.data, scratch).has_value(), expected)
                 << c.kind << (multiples ? " (table)" : "");
@@ -114,8 +115,8 @@ TEST_P(KeyVerifierTest, SignatureSearchAgreesWithLibcrypto)
     }
     const Bytes message = {1, 2, 3};
     const Bytes valid = signer.signPlain(Hash::Sha256, message);
-    const SignatureSearch search(signer.publicKey(), {other.signPlain(Hash::Sha256, message), Bytes(3, 0), valid, valid},
-                                 table);
+    const SignatureSearch search(signer.publicKey(),
+                                 {other.signPlain(Hash::Sha256, message), Bytes(3, 0), valid, valid}, table);
     EXPECT_EQ(search.find(Hash::Sha256, message, scratch), std::optional<size_t>(2));
     EXPECT_EQ(search.find(Hash::Sha384, message, scratch), std::nullopt);
     int gates = 0;
@@ -149,7 +150,8 @@ TEST(KeyVerifier, ServesManyThreads)
         threads.emplace_back([&, t] {
             VerifyScratch scratch;
             for (int pass = 0; pass < 3; ++pass) {
-                for (size_t i = 0; i < cases.size(); ++i) mismatches[t] += fast.verify(cases[i].check(), scratch) != expected[i];
+                for (size_t i = 0; i < cases.size(); ++i)
+                    mismatches[t] += fast.verify(cases[i].check(), scratch) != expected[i];
             }
         });
     }

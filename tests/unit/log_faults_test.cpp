@@ -88,7 +88,9 @@ TEST(LogFaults, EachFaultIsRefusedAndNamed)
         {"a chunk of another tag in processData", [](Parts& p, const Bytes& chunk) { p.fields[2] = chunk; },
          "instead of an OCTET STRING"},
         {"hour 24 in a UTCTime",
-         [](Parts& p, const Bytes&) { p.time = tse::derElement(tse::tag::UTC_TIME, tse::ByteView(std::string("2108022400Z"))); },
+         [](Parts& p, const Bytes&) {
+             p.time = tse::derElement(tse::tag::UTC_TIME, tse::ByteView(std::string("2108022400Z")));
+         },
          "is not a valid date and time"},
         {"hour 24 in a GeneralizedTime",
          [](Parts& p, const Bytes&) {

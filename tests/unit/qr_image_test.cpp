@@ -81,7 +81,8 @@ TEST(ScanImage, ReadsBothCodesOfASpoiltReceipt)
 
 TEST(ScanImage, ReportsCodesTopToBottom)
 {
-    const tse::ImageScan scan = tse::scanImage(pictures::png(pictures::receipt({brainpoolReceipt(), p256Receipt()}, 4)));
+    const tse::ImageScan scan =
+        tse::scanImage(pictures::png(pictures::receipt({brainpoolReceipt(), p256Receipt()}, 4)));
     ASSERT_EQ(scan.codes.size(), 2u);
     EXPECT_EQ(scan.codes[0].text, brainpoolReceipt());
     EXPECT_EQ(scan.codes[1].text, p256Receipt());

@@ -15,31 +15,68 @@ namespace {
 
 // The elements of a log message in layout order, and the error that a
 // message cut at an element's first octet, or inside it, ends with.
-enum Element { HEADER, VERSION, DATA_TYPE, OPERATION, CLIENT, PROCESS_DATA, PROCESS_TYPE,
-               TRANSACTION, SERIAL, ALGORITHM, COUNTER, LOG_TIME, SIGNATURE, ELEMENT_COUNT };
-const char* const kErrorAtStart[ELEMENT_COUNT] = {
-    "ExpectedHeader", "WrongLogVersion", "WrongCertfiedDataType", "ExpectedOperationType",
-    "ExpectedClientID", "ExpectedProcessData", "ExpectedProcessType", "ExpectedTransactionNumber",
-    "ExpectedSerialNumber", "ExpectedSignatureAlgorithm", "ExpectedSignatureCounter", "ExpectedLogtime",
-    "InvalidSignatureSize"};
+enum Element {
+    HEADER,
+    VERSION,
+    DATA_TYPE,
+    OPERATION,
+    CLIENT,
+    PROCESS_DATA,
+    PROCESS_TYPE,
+    TRANSACTION,
+    SERIAL,
+    ALGORITHM,
+    COUNTER,
+    LOG_TIME,
+    SIGNATURE,
+    ELEMENT_COUNT
+};
+const char* const kErrorAtStart[ELEMENT_COUNT] = {"ExpectedHeader",           "WrongLogVersion",
+                                                  "WrongCertfiedDataType",    "ExpectedOperationType",
+                                                  "ExpectedClientID",         "ExpectedProcessData",
+                                                  "ExpectedProcessType",      "ExpectedTransactionNumber",
+                                                  "ExpectedSerialNumber",     "ExpectedSignatureAlgorithm",
+                                                  "ExpectedSignatureCounter", "ExpectedLogtime",
+                                                  "InvalidSignatureSize"};
 
-Bytes text(const std::string& s) { return Bytes(s.begin(), s.end()); }
+Bytes text(const std::string& s)
+{
+    return Bytes(s.begin(), s.end());
+}
 
-Bytes counting(size_t n) { Bytes octets(n); std::iota(octets.begin(), octets.end(), uint8_t{0}); return octets; }
+Bytes counting(size_t n)
+{
+    Bytes octets(n);
+    std::iota(octets.begin(), octets.end(), uint8_t{0});
+    return octets;
+}
 
 using Pieces = std::vector<Bytes>;
 
-Bytes join(const Pieces& ps) { Bytes m; for (const Bytes& p : ps) m.insert(m.end(), p.begin(), p.end()); return m; }
+Bytes join(const Pieces& ps)
+{
+    Bytes m;
+    for (const Bytes& p : ps) m.insert(m.end(), p.begin(), p.end());
+    return m;
+}
 
 // A valid message with one element replaced; an empty header becomes the
 // long form of the size.
 Pieces pieces(Element replaced = HEADER, const Bytes& octets = {})
 {
-    Pieces p = {{}, fromHex("02 01 02"), fromHex("06 09 04 00 7F 00 07 03 07 01 01"),
-                derElement(0x80, text("FinishTransaction")), derElement(0x81, text("K1")),
-                derElement(0x82, text("ABC")), derElement(0x83, text("PT")), fromHex("85 01 07"),
-                derElement(0x04, Bytes(32, 0xAA)), fromHex("30 0C 06 0A 04 00 7F 00 07 01 01 04 01 04"),
-                fromHex("02 02 02 1A"), fromHex("02 04 5E F2 0D 42"), derElement(0x04, counting(96))};
+    Pieces p = {{},
+                fromHex("02 01 02"),
+                fromHex("06 09 04 00 7F 00 07 03 07 01 01"),
+                derElement(0x80, text("FinishTransaction")),
+                derElement(0x81, text("K1")),
+                derElement(0x82, text("ABC")),
+                derElement(0x83, text("PT")),
+                fromHex("85 01 07"),
+                derElement(0x04, Bytes(32, 0xAA)),
+                fromHex("30 0C 06 0A 04 00 7F 00 07 01 01 04 01 04"),
+                fromHex("02 02 02 1A"),
+                fromHex("02 04 5E F2 0D 42"),
+                derElement(0x04, counting(96))};
     p[replaced] = octets;
     if (p[HEADER].empty()) {
         const size_t n = join(p).size();
@@ -48,7 +85,10 @@ Pieces pieces(Element replaced = HEADER, const Bytes& octets = {})
     return p;
 }
 
-std::string errorLine(const std::string& error) { return "[ERROR] Error parsing ASN.1 data. ERR: " + error + "\n\n"; }
+std::string errorLine(const std::string& error)
+{
+    return "[ERROR] Error parsing ASN.1 data. ERR: " + error + "\n\n";
+}
 
 // Parses an exact copy of the octets and returns the error text kept ("" when
 // the message reads); a failure must throw -1.
@@ -57,7 +97,11 @@ std::string parse(ASNToQrCode& reader, Bytes message)
     clearErrorMsg(ERROR_ALL);
     setConsoleOutput(false);
     int thrown = 0;
-    try { reader.parse(message); } catch (int code) { thrown = code; }
+    try {
+        reader.parse(message);
+    } catch (int code) {
+        thrown = code;
+    }
     setConsoleOutput(true);
     const std::string error = getErrorMsg(ERROR_LOG);
     EXPECT_EQ(thrown, error.empty() ? 0 : -1);
@@ -68,7 +112,7 @@ struct ReaderCase {
     const char* name;
     Element replaced;
     Bytes octets;
-    const char* error = nullptr;  // nullptr: the message reads, keeping the first 96 signature octets
+    const char* error = nullptr;           // nullptr: the message reads, keeping the first 96 signature octets
     std::string Record::*field = nullptr;  // checked also after a failure
     std::string value = "";
 };
@@ -87,7 +131,8 @@ TEST(Reader, ReadsFieldsOrNamesTheFirstDeviation)
         {"other algorithm", ALGORITHM, fromHex("30 0C 06 0A 04 00 7F 00 07 01 01 04 01 03"), "WrongSignatureAlgorithm"},
         {"tag 0x31", ALGORITHM, fromHex("31 0C 06 0A 04 00 7F 00 07 01 01 04 01 04"), "ExpectedSignatureAlgorithm"},
         {"no client ID", CLIENT, {}, "ExpectedClientID", &Record::operationType, "FinishTransaction"},
-        {"eight length octets", CLIENT, fromHex("81 88 00 00 00 00 00 00 00 02 4B 31"), nullptr, &Record::clientId, "K1"},
+        {"eight length octets", CLIENT, fromHex("81 88 00 00 00 00 00 00 00 02 4B 31"), nullptr, &Record::clientId,
+         "K1"},
         {"nine length octets", CLIENT, fromHex("81 89 00 00 00 00 00 00 00 00 02 4B 31"), "ExpectedClientID"},
         {"length 2^64 - 1", PROCESS_DATA, fromHex("82 88 FF FF FF FF FF FF FF FF 41"), "ExpectedProcessData"},
         {"empty", OPERATION, fromHex("80 00"), nullptr, &Record::operationType, ""},
@@ -125,8 +170,8 @@ TEST(Reader, EveryTruncationFails)
                 const Bytes kept(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(cut));
                 ASNToQrCode reader;
                 const bool insideAlgorithm = element == ALGORITHM && cut > start;
-                EXPECT_EQ(parse(reader, kept), errorLine(insideAlgorithm ? "WrongSignatureAlgorithm"
-                                                                         : kErrorAtStart[element]));
+                EXPECT_EQ(parse(reader, kept),
+                          errorLine(insideAlgorithm ? "WrongSignatureAlgorithm" : kErrorAtStart[element]));
                 const Bytes claim = join({kept, fromHex("84 7F FF FF FF")});
                 EXPECT_TRUE(cut + 96 >= whole.size() || !parse(reader, claim).empty());
             }

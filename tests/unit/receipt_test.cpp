@@ -54,9 +54,18 @@ std::vector<std::string> receiptFields(const tse::Signer& signer, const Signed& 
     content.logTime = s.timeElement.empty() ? tse::encodeLogTime(tse::TimeFormat::UnixTime, s.logTime) : s.timeElement;
     const Bytes signature = signer.signPlain(s.hash, tse::encodeSignedOctets(content));
     const std::string time = tse::isoSeconds(s.logTime);
-    return {"V0", s.clientId, s.processType, s.processData, std::to_string(s.transactionNumber),
-            std::to_string(s.signatureCounter), time, time, std::string(tse::ecdsaPlain(s.hash).name), "unixTime",
-            tse::toBase64(signature), tse::toBase64(signer.publicKey().point())};
+    return {"V0",
+            s.clientId,
+            s.processType,
+            s.processData,
+            std::to_string(s.transactionNumber),
+            std::to_string(s.signatureCounter),
+            time,
+            time,
+            std::string(tse::ecdsaPlain(s.hash).name),
+            "unixTime",
+            tse::toBase64(signature),
+            tse::toBase64(signer.publicKey().point())};
 }
 
 std::string joined(const std::vector<std::string>& fields)
@@ -107,7 +116,10 @@ TEST(Receipt, VerifiesEveryTimeFormatAndEncoding)
         {"unixTime", t, {}, "2020-05-22T11:11:17.000Z", tse::TimeEncoding::MinimalInteger},
         {"UNIXTIME", t, {}, "2020-05-22T13:11:17+02:00", tse::TimeEncoding::MinimalInteger},
         {"unixtime", t, {}, "2020-05-22T06:41:17.000-0430", tse::TimeEncoding::MinimalInteger},
-        {"unixTime", 100000, {0x02, 0x04, 0x00, 0x01, 0x86, 0xA0}, "1970-01-02T03:46:40Z",
+        {"unixTime",
+         100000,
+         {0x02, 0x04, 0x00, 0x01, 0x86, 0xA0},
+         "1970-01-02T03:46:40Z",
          tse::TimeEncoding::FourOctetInteger},
         {"utcTime", t, element(0x17, "200522111117Z"), "2020-05-22T11:11:17.000Z", tse::TimeEncoding::UtcWithSeconds},
         {"utcTime", t - 17, element(0x17, "2005221111Z"), "2020-05-22T11:11:00Z", tse::TimeEncoding::UtcWithoutSeconds},
@@ -248,16 +260,17 @@ TEST(Receipt, NamesEachSignatureEncodingAsWritten)
         std::string text;
         E encoding;
     } cases[] = {
-        {tse::toBase64(der), E::DerBase64},        {tse::toHex(der), E::DerHex},
-        {lowercase(tse::toHex(der)), E::DerHex},   {separated(der, ':'), E::DerHex},
-        {separated(der, ' '), E::DerHex},          {fields[SIGNATURE], E::PlainBase64},
-        {separated(plain, ':'), E::PlainHex},      {lowercase(separated(plain, ' ')), E::PlainHex},
+        {tse::toBase64(der), E::DerBase64},      {tse::toHex(der), E::DerHex},
+        {lowercase(tse::toHex(der)), E::DerHex}, {separated(der, ':'), E::DerHex},
+        {separated(der, ' '), E::DerHex},        {fields[SIGNATURE], E::PlainBase64},
+        {separated(plain, ':'), E::PlainHex},    {lowercase(separated(plain, ' ')), E::PlainHex},
     };
     for (const auto& c : cases) {
         fields[SIGNATURE] = c.text;
         const tse::ReceiptVerification result = verified(joined(fields));
         EXPECT_TRUE(result.valid()) << c.text << ": " << result.reason;
-        EXPECT_EQ(tse::describeForm(result.form), tse::describeForm({{}, tse::TimeEncoding::MinimalInteger, c.encoding}))
+        EXPECT_EQ(tse::describeForm(result.form),
+                  tse::describeForm({{}, tse::TimeEncoding::MinimalInteger, c.encoding}))
             << c.text;
     }
 }
@@ -271,11 +284,11 @@ TEST(Receipt, AlgorithmNamesInEverySpelling)
         const char* name;
         Hash hash;
     } names[] = {
-        {"ecdsa-plain-SHA256", Hash::Sha256},   {"SHA256withECDSA", Hash::Sha256},
-        {"ecdsa-with-SHA384", Hash::Sha384},    {"sha512WITHecdsa", Hash::Sha512},
+        {"ecdsa-plain-SHA256", Hash::Sha256},     {"SHA256withECDSA", Hash::Sha256},
+        {"ecdsa-with-SHA384", Hash::Sha384},      {"sha512WITHecdsa", Hash::Sha512},
         {"ecdsa-plain-SHA3-256", Hash::Sha3_256}, {"SHA3-256withECDSA", Hash::Sha3_256},
-        {"SHA3256withECDSA", Hash::Sha3_256},   {"ecdsa-plain-SHA3256", Hash::Sha3_256},
-        {"ecdsa-with-SHA3224", Hash::Sha3_224}, {"ECDSA-PLAIN-sha3512", Hash::Sha3_512},
+        {"SHA3256withECDSA", Hash::Sha3_256},     {"ecdsa-plain-SHA3256", Hash::Sha3_256},
+        {"ecdsa-with-SHA3224", Hash::Sha3_224},   {"ECDSA-PLAIN-sha3512", Hash::Sha3_512},
         {"sha3384withecdsa", Hash::Sha3_384},
     };
     for (const auto& n : names) {
@@ -334,7 +347,8 @@ TEST(Receipt, NamesTheBadFieldAndWhatItShouldHold)
         {VERSION, "V1", "qrCodeVersion \"V1\" is not V0"},
         {CLIENT, "", "clientId is empty"},
         {TXN, "7a", "transactionNumber \"7a\" is not a whole number"},
-        {COUNTER, "99999999999999999999", "signatureCounter \"99999999999999999999\" is not a whole number of at most 64 bits"},
+        {COUNTER, "99999999999999999999",
+         "signatureCounter \"99999999999999999999\" is not a whole number of at most 64 bits"},
         {START, "22.05.2020 11:11", "startTime \"22.05.2020 11:11\" is not an ISO 8601 time"},
         {LOGTIME, "2020-05-22T11:11:17+25:00", "logTime \"2020-05-22T11:11:17+25:00\" is not an ISO 8601 time"},
         {ALG, "ecdsa-plain-MD5", "signatureAlgorithm \"ecdsa-plain-MD5\" is no known name"},
@@ -368,21 +382,54 @@ TEST(ReceiptExplain, FindsEachPlantedChange)
         std::string signedValue;
     } cases[] = {
         {"time zone", {}, [](auto& f) { f[LOGTIME] = "2020-05-22T13:11:17Z"; }, "logTime", "2020-05-22T11:11:17Z"},
-        {"offset ignored", {}, [](auto& f) { f[LOGTIME] = "2020-05-22T11:11:17+05:30"; }, "logTime",
+        {"offset ignored",
+         {},
+         [](auto& f) { f[LOGTIME] = "2020-05-22T11:11:17+05:30"; },
+         "logTime",
          "2020-05-22T11:11:17Z"},
         {"log time off", {}, [](auto& f) { f[LOGTIME] = "2020-05-22T10:48:17Z"; }, "logTime", "2020-05-22T11:11:17Z"},
-        {"swapped", {}, [](auto& f) { f[START] = f[LOGTIME]; f[LOGTIME] = "2020-05-22T12:40:00Z"; }, "logTime",
+        {"swapped",
+         {},
+         [](auto& f) {
+             f[START] = f[LOGTIME];
+             f[LOGTIME] = "2020-05-22T12:40:00Z";
+         },
+         "logTime",
          "2020-05-22T11:11:17Z"},
         {"case", {}, [](auto& f) { f[TYPE] = "KASSENBELEG-V1"; }, "processType", "\"Kassenbeleg-V1\""},
-        {"case", {}, [](auto& f) { f[DATA] = "beleg^8.57_0.00_0.00_0.00_0.00^8.57:bar"; }, "processData",
+        {"case",
+         {},
+         [](auto& f) { f[DATA] = "beleg^8.57_0.00_0.00_0.00_0.00^8.57:bar"; },
+         "processData",
          "\"Beleg^8.57_0.00_0.00_0.00_0.00^8.57:Bar\""},
-        {"trailing blank", [] { Signed s; s.processData = "Beleg^1.00 "; return s; }(),
+        {"trailing blank",
+         [] {
+             Signed s;
+             s.processData = "Beleg^1.00 ";
+             return s;
+         }(),
          [](auto& f) { f[DATA] = "Beleg^1.00"; }, "processData", "\"Beleg^1.00 \""},
-        {"CR LF", [] { Signed s; s.processData = "a\r\nb"; return s; }(), [](auto& f) { f[DATA] = "a\nb"; },
-         "processData", "\"a\\r\\nb\""},
-        {"Latin-1", [] { Signed s; s.clientId = "M\xFC" "nchen"; return s; }(),
+        {"CR LF",
+         [] {
+             Signed s;
+             s.processData = "a\r\nb";
+             return s;
+         }(),
+         [](auto& f) { f[DATA] = "a\nb"; }, "processData", "\"a\\r\\nb\""},
+        {"Latin-1",
+         [] {
+             Signed s;
+             s.clientId = "M\xFC"
+                          "nchen";
+             return s;
+         }(),
          [](auto& f) { f[CLIENT] = "M\xC3\xBCnchen"; }, "clientId", "\"M\\xFCnchen\""},
-        {"hash", [] { Signed s; s.hash = Hash::Sha384; return s; }(),
+        {"hash",
+         [] {
+             Signed s;
+             s.hash = Hash::Sha384;
+             return s;
+         }(),
          [](auto& f) { f[ALG] = "ecdsa-plain-SHA256"; }, "signatureAlgorithm", "ecdsa-plain-SHA384"},
         {"transaction number", {}, [](auto& f) { f[TXN] = "8"; }, "transactionNumber", "7"},
         {"signature counter", {}, [](auto& f) { f[COUNTER] = "537"; }, "signatureCounter", "538"},

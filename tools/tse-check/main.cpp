@@ -61,12 +61,8 @@ int runProgram(int argc, char** argv)
     app.set_version_flag("--version", std::string("tse-check ") + TSE_CHECK_VERSION);
 
     const std::vector<tsecheck::Command> commands = {
-        tsecheck::addReadCommand(app),
-        tsecheck::addReceiptCommand(app),
-        tsecheck::addToQrCommand(app),
-        tsecheck::addVerifyCommand(app),
-        tsecheck::addAuditCommand(app),
-        tsecheck::addDsfinvkCommand(app),
+        tsecheck::addReadCommand(app),   tsecheck::addReceiptCommand(app), tsecheck::addToQrCommand(app),
+        tsecheck::addVerifyCommand(app), tsecheck::addAuditCommand(app),   tsecheck::addDsfinvkCommand(app),
         tsecheck::addServeCommand(app),
     };
 
@@ -78,7 +74,7 @@ int runProgram(int argc, char** argv)
         const std::vector<std::string> unknown = app.remaining(true);
         if (error.get_exit_code() != 0 && !unknown.empty()) {
             const std::string& word = unknown.front();
-            const char* kind = word.rfind('-', 0) == 0     ? "option"
+            const char* kind = word.rfind('-', 0) == 0         ? "option"
                                : app.get_subcommands().empty() ? "subcommand"
                                                                : "argument";
             std::cerr << "[ERROR] Unknown " << kind << ": " << word << "\nRun with --help for more information."

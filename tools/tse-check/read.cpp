@@ -32,9 +32,9 @@ std::string algorithmText(const std::string& oid)
 
 std::string encodingNote(const tse::LogField& field)
 {
-    return field.indefinite ? "indefinite length, " + std::to_string(field.chunks) +
-                                  (field.chunks == 1 ? " chunk" : " chunks")
-                            : "";
+    return field.indefinite
+               ? "indefinite length, " + std::to_string(field.chunks) + (field.chunks == 1 ? " chunk" : " chunks")
+               : "";
 }
 
 // A transaction log keeps the nine lines that tse-check always printed, in
@@ -92,8 +92,7 @@ void innerElementLines(const tse::LogField& field, std::vector<Line>& lines)
 
 std::vector<Line> otherLines(const tse::LogMessage& m)
 {
-    std::vector<Line> lines{{"logType", std::string(tse::logTypeName(m.type))},
-                            {"version", std::to_string(m.version)}};
+    std::vector<Line> lines{{"logType", std::string(tse::logTypeName(m.type))}, {"version", std::to_string(m.version)}};
     for (const tse::LogField& f : m.certifiedData) {
         lines.emplace_back(f.name, fieldValue(f));
         if (f.name == "systemOperationData" || f.name == "eventData") innerElementLines(f, lines);
@@ -109,8 +108,8 @@ std::vector<Line> otherLines(const tse::LogMessage& m)
 int readCommand(const std::string& path)
 {
     const tse::LogMessage message = readLogFile(path);
-    std::vector<Line> lines = message.type == tse::LogType::Transaction ? transactionLines(message)
-                                                                        : otherLines(message);
+    std::vector<Line> lines =
+        message.type == tse::LogType::Transaction ? transactionLines(message) : otherLines(message);
     lines.emplace_back("signatureAlgorithm", algorithmText(message.signatureAlgorithmOid));
     if (message.signatureAlgorithmParameters) {
         lines.emplace_back("signatureAlgorithmParameters", tse::toHex(*message.signatureAlgorithmParameters));

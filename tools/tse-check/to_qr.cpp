@@ -56,10 +56,10 @@ std::pair<tse::PublicKey, std::string> keyOfTse(const std::vector<CertificateFil
         }
     }
     if (!unusable.empty() && count == 1) refuse(EXIT_BAD_INPUT, unusable);
-    refuse(EXIT_BAD_INPUT, (files.size() == 1 ? "Certificate " + names + " does not" : "Certificates " + names + " do not") +
-                               " belong to the TSE of the log message (no key in " +
-                               (files.size() == 1 ? "it" : "them") + " has the SHA-256 " +
-                               tse::toHex(message.serialNumber) + ")");
+    refuse(EXIT_BAD_INPUT,
+           (files.size() == 1 ? "Certificate " + names + " does not" : "Certificates " + names + " do not") +
+               " belong to the TSE of the log message (no key in " + (files.size() == 1 ? "it" : "them") +
+               " has the SHA-256 " + tse::toHex(message.serialNumber) + ")");
 }
 
 void requireFinishTransaction(const tse::LogMessage& message)
@@ -73,8 +73,8 @@ void requireFinishTransaction(const tse::LogMessage& message)
     }
     for (const char* name : {"additionalExternalData", "additionalInternalData"}) {
         if (message.field(name)) {
-            refuse(EXIT_BAD_INPUT, std::string("the log message holds ") + name +
-                                       ", which a receipt QR code cannot carry");
+            refuse(EXIT_BAD_INPUT,
+                   std::string("the log message holds ") + name + ", which a receipt QR code cannot carry");
         }
     }
 }
@@ -101,12 +101,12 @@ std::string checkedStartTime(const ToQrOptions& options, const tse::LogMessage& 
     if (!options.startTime) return message.logTime.iso();
     const std::optional<tse::IsoTime> start = tse::parseIsoTime(*options.startTime);
     if (!start) {
-        refuse(EXIT_BAD_INPUT, "--start-time \"" + *options.startTime +
-                                   "\" is not an ISO 8601 time such as 2021-08-02T11:28:41.000Z");
+        refuse(EXIT_BAD_INPUT,
+               "--start-time \"" + *options.startTime + "\" is not an ISO 8601 time such as 2021-08-02T11:28:41.000Z");
     }
     if (start->seconds > message.logTime.seconds) {
-        refuse(EXIT_BAD_INPUT, "--start-time " + *options.startTime + " is after the log time " +
-                                   message.logTime.iso());
+        refuse(EXIT_BAD_INPUT,
+               "--start-time " + *options.startTime + " is after the log time " + message.logTime.iso());
     }
     return *options.startTime;
 }
@@ -157,8 +157,7 @@ bool verifierRebuilds(const std::string& qrText, const tse::LogMessage& m)
         const std::vector<uint8_t> rebuilt = QrCodeToASN(qrText).getASN1Data();
         const size_t header = rebuilt.size() > 1 && rebuilt[1] == 0x81 ? 3 : 4;
         same = rebuilt.size() >= header &&
-               std::vector<uint8_t>(rebuilt.begin() + static_cast<long>(header), rebuilt.end()) ==
-                   m.signedOctets;
+               std::vector<uint8_t>(rebuilt.begin() + static_cast<long>(header), rebuilt.end()) == m.signedOctets;
     } catch (...) {
         same = false;
     }

@@ -113,10 +113,11 @@ LogResult verifyOne(const std::string& path, const KeyIndex& keys)
 
 nlohmann::json toJson(const LogResult& r)
 {
-    nlohmann::json j = {{"file", tse::escapeText(r.file)},
-                        {"verdict", tse::logVerdictName(r.judgement.verdict)},
-                        {"reason", r.judgement.reason.empty() ? nlohmann::json(nullptr) : nlohmann::json(r.judgement.reason)},
-                        {"certificate", r.certificate.empty() ? nlohmann::json(nullptr) : nlohmann::json(r.certificate)}};
+    nlohmann::json j = {
+        {"file", tse::escapeText(r.file)},
+        {"verdict", tse::logVerdictName(r.judgement.verdict)},
+        {"reason", r.judgement.reason.empty() ? nlohmann::json(nullptr) : nlohmann::json(r.judgement.reason)},
+        {"certificate", r.certificate.empty() ? nlohmann::json(nullptr) : nlohmann::json(r.certificate)}};
     if (!r.message) {
         for (const char* key : {"type", "signatureCounter", "signatureAlgorithm", "logTime", "logTimeFormat",
                                 "serialNumber", "operationType"}) {

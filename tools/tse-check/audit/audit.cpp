@@ -103,7 +103,7 @@ public:
 
 private:
     int64_t day_ = 0;
-    std::string text_;    // the day's date and the 'T'
+    std::string text_;  // the day's date and the 'T'
     std::string result_;
 };
 
@@ -116,7 +116,8 @@ bool isPlain(std::string_view text)
 std::string_view numberText(const std::optional<uint64_t>& value, char (&digits)[24])
 {
     if (!value) return {};
-    return std::string_view(digits, static_cast<size_t>(std::to_chars(digits, digits + sizeof digits, *value).ptr - digits));
+    return std::string_view(digits,
+                            static_cast<size_t>(std::to_chars(digits, digits + sizeof digits, *value).ptr - digits));
 }
 
 // One log's line, as appendText writes its fields. Nearly every text is
@@ -283,12 +284,19 @@ void writeCsv(std::ostream& out, const tse::AuditReport& report)
     for (size_t n = 0; n < report.logs.size(); ++n) {
         report.logs.read(n, log);
         const auto time = log.logTime();
-        const std::vector<std::string> fields{
-            log.file, log.type ? std::string(tse::logTypeName(*log.type)) : "", std::string(tse::logVerdictName(log.verdict)),
-            log.counter ? std::to_string(*log.counter) : "", time ? time->iso() : "",
-            log.transactionNumber ? std::to_string(*log.transactionNumber) : "", std::string(log.operation),
-            std::string(log.clientId), std::string(log.processType), std::string(log.serialNumber),
-            std::string(log.algorithm), log.reason, std::string(log.source)};
+        const std::vector<std::string> fields{log.file,
+                                              log.type ? std::string(tse::logTypeName(*log.type)) : "",
+                                              std::string(tse::logVerdictName(log.verdict)),
+                                              log.counter ? std::to_string(*log.counter) : "",
+                                              time ? time->iso() : "",
+                                              log.transactionNumber ? std::to_string(*log.transactionNumber) : "",
+                                              std::string(log.operation),
+                                              std::string(log.clientId),
+                                              std::string(log.processType),
+                                              std::string(log.serialNumber),
+                                              std::string(log.algorithm),
+                                              log.reason,
+                                              std::string(log.source)};
         for (size_t i = 0; i < fields.size(); ++i) out << (i ? "," : "") << csvCell(fields[i]);
         out << '\n';
     }
@@ -306,7 +314,7 @@ void writeLogsJson(std::ostream& out, const tse::AuditReport& report, unsigned j
         tse::parallelFor(texts.size(), jobs, [&](size_t i) {
             const size_t begin = (first + i) * CHUNK, end = std::min(begin + CHUNK, report.logs.size());
             texts[i].reserve((end - begin) * 512);  // a log's line is some 400 characters
-            tse::LogRecord log;  // read into again and again, so its strings keep their room
+            tse::LogRecord log;                     // read into again and again, so its strings keep their room
             LogLines lines;
             for (size_t n = begin; n < end; ++n) {
                 texts[i] += n ? ",\n    " : "\n    ";
@@ -337,7 +345,8 @@ void writeJson(std::ostream& out, const tse::AuditReport& report, unsigned jobs)
     const std::string marker = "\"logs\": []";
     const size_t at = whole.find(marker);
     out << "{\n  \"verdict\": " << json(auditVerdict(report.summary)).dump()
-        << ",\n  \"exitStatus\": " << auditExitStatus(report.summary) << ',' << whole.substr(1, at - 1) << "\"logs\": [";
+        << ",\n  \"exitStatus\": " << auditExitStatus(report.summary) << ',' << whole.substr(1, at - 1)
+        << "\"logs\": [";
     writeLogsJson(out, report, jobs);
     out << (report.logs.empty() ? "]" : "\n  ]") << whole.substr(at + marker.size()) << '\n';
 }
@@ -345,15 +354,16 @@ void writeJson(std::ostream& out, const tse::AuditReport& report, unsigned jobs)
 void printSummary(std::ostream& out, const tse::AuditReport& report, bool strict)
 {
     const tse::AuditSummary& s = report.summary;
-    out << auditVerdict(s) << ": " << tse::counted(s.logs, "log", "logs") << ", " << tse::counted(s.errors, "error", "errors")
-        << ", " << tse::counted(s.warnings, "warning", "warnings")
+    out << auditVerdict(s) << ": " << tse::counted(s.logs, "log", "logs") << ", "
+        << tse::counted(s.errors, "error", "errors") << ", " << tse::counted(s.warnings, "warning", "warnings")
         << (strict ? " (strict)" : "") << "\n\n";
     printAligned(out, {{"Logs", "total", "valid", "invalid", "no-certificate", "unreadable"},
                        {"", std::to_string(s.logs), std::to_string(s.valid), std::to_string(s.invalid),
                         std::to_string(s.noCertificate), std::to_string(s.unreadable)}});
     out << "By type: " << s.transaction << " transaction, " << s.system << " system, " << s.audit << " audit";
     if (s.duplicatesSkipped) {
-        out << "; " << tse::counted(s.duplicatesSkipped, "identical duplicate", "identical duplicates") << " counted once";
+        out << "; " << tse::counted(s.duplicatesSkipped, "identical duplicate", "identical duplicates")
+            << " counted once";
     }
     out << "\n\nFindings:\n";
     std::map<std::pair<std::string, std::string>, std::vector<const tse::Finding*>> byCode;
@@ -371,7 +381,8 @@ void printSummary(std::ostream& out, const tse::AuditReport& report, bool strict
             out << "    " << tse::escapeUnsafe((several && !source.empty() ? source + ": " : "") + findings[i]->message)
                 << '\n';
         }
-        if (findings.size() > FILES_SHOWN_PER_CODE) out << "    ... " << findings.size() - FILES_SHOWN_PER_CODE << " more\n";
+        if (findings.size() > FILES_SHOWN_PER_CODE)
+            out << "    ... " << findings.size() - FILES_SHOWN_PER_CODE << " more\n";
     }
     out << "\nCertificates:\n";
     std::vector<std::vector<std::string>> rows;
@@ -392,7 +403,8 @@ void printSummary(std::ostream& out, const tse::AuditReport& report, bool strict
         if (!e.info) out << " " << tse::escapeUnsafe(e.infoProblem.empty() ? "missing" : e.infoProblem);
         for (const tse::InfoRecord& record : e.info ? e.info->records : std::vector<tse::InfoRecord>{}) {
             out << "\n ";
-            for (const auto& [key, value] : record) out << " " << tse::escapeUnsafe(key) << ": " << tse::escapeUnsafe(value) << ";";
+            for (const auto& [key, value] : record)
+                out << " " << tse::escapeUnsafe(key) << ": " << tse::escapeUnsafe(value) << ";";
         }
         out << '\n';
     }
@@ -413,7 +425,8 @@ public:
         const int filled = static_cast<int>(share * 30);
         std::fprintf(stderr, "\r[%-30s] %llu logs, %.0f logs/s, %.0f s left ",
                      std::string(static_cast<size_t>(std::max(0, std::min(30, filled))), '#').c_str(),
-                     static_cast<unsigned long long>(p.logsDone), elapsed > 0 ? static_cast<double>(p.logsDone) / elapsed : 0.0, left);
+                     static_cast<unsigned long long>(p.logsDone),
+                     elapsed > 0 ? static_cast<double>(p.logsDone) / elapsed : 0.0, left);
         drawn_ = true;
     }
     ~ProgressBar()

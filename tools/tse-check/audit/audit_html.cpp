@@ -16,7 +16,7 @@ namespace {
 using report::formatNumber;
 using report::formatTime;
 
-constexpr size_t MAX_MARKS = 300;        // gaps or regressions drawn per TSE
+constexpr size_t MAX_MARKS = 300;  // gaps or regressions drawn per TSE
 
 std::string count(size_t n, const std::string& word)
 {
@@ -32,8 +32,8 @@ std::string shortSerial(std::string_view serial)
 struct TseLogs {
     std::string_view serial;
     std::string_view algorithm;
-    std::vector<size_t> rows;  // indices into the report's logs
-    std::vector<report::Point> points;  // (log time, counter)
+    std::vector<size_t> rows;                  // indices into the report's logs
+    std::vector<report::Point> points;         // (log time, counter)
     std::vector<uint64_t> updateTimeCounters;  // logs that set the clock, which may go back then
     std::optional<int64_t> firstTime, lastTime;
     std::optional<uint64_t> lowestCounter, highestCounter;
@@ -189,17 +189,19 @@ void counterCharts(report::ReportPage& page, const std::vector<TseLogs>& groups)
         chart.description =
             tseName(group) + ": " + count(group.points.size(), "logs") + " with counters " + counterRange(group) +
             " from " + timeRange(group.firstTime, group.lastTime) + ". " +
-            (group.gapCount ? count(group.gapCount, "gaps") + " in the counters, " + count(group.missing, "missing") + "; "
-                            : std::string("No gap in the counters; ")) +
+            (group.gapCount
+                 ? count(group.gapCount, "gaps") + " in the counters, " + count(group.missing, "missing") + "; "
+                 : std::string("No gap in the counters; ")) +
             (group.regressionCount ? count(group.regressionCount, "times") + " a log is older than the one before it."
                                    : std::string("the log time never goes back."));
         // The regressions go into the text as well, the first ones named.
         for (size_t i = 0; i < group.regressions.points.size() && i < 5; ++i) {
-            chart.description += " Counter " + formatNumber(group.regressions.points[i].y) + ": " +
-                                 group.regressions.labels[i] + ".";
+            chart.description +=
+                " Counter " + formatNumber(group.regressions.points[i].y) + ": " + group.regressions.labels[i] + ".";
         }
         for (size_t i = 0; i < group.gaps.points.size() && i < 5; ++i) {
-            chart.description += " Before counter " + formatNumber(group.gaps.points[i].y) + ": " + group.gaps.labels[i] + ".";
+            chart.description +=
+                " Before counter " + formatNumber(group.gaps.points[i].y) + ": " + group.gaps.labels[i] + ".";
         }
         page.figure(report::lineChart(chart, "counter" + std::to_string(n++)), chart.description);
     }
@@ -227,7 +229,10 @@ void logsPerDayChart(report::ReportPage& page, const tse::AuditReport& report)
             continue;
         }
         const size_t bar = buckets.of(*log.seconds);
-        const size_t layer = !log.type ? 3 : log.type == tse::LogType::Transaction ? 0 : log.type == tse::LogType::System ? 1 : 2;
+        const size_t layer = !log.type                               ? 3
+                             : log.type == tse::LogType::Transaction ? 0
+                             : log.type == tse::LogType::System      ? 1
+                                                                     : 2;
         chart.layers[layer].values[bar] += 1;
     }
     if (std::all_of(chart.layers[3].values.begin(), chart.layers[3].values.end(), [](double v) { return v == 0; })) {
@@ -244,10 +249,13 @@ void logsPerDayChart(report::ReportPage& page, const tse::AuditReport& report)
     };
     std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) { return total(a) > total(b); });
     chart.description = count(report.logs.size() - withoutTime, "logs with a time") + " over " +
-                        count(bars, unit == "day" ? "days" : unit == "week" ? "weeks" : "periods of 30 days") + " from " +
-                        chart.categories.front() + " to " + chart.categories.back() + ": " +
-                        count(report.summary.transaction, "transaction") + ", " + count(report.summary.system, "system") +
-                        ", " + count(report.summary.audit, "audit logs") + ". Busiest:";
+                        count(bars, unit == "day"    ? "days"
+                                    : unit == "week" ? "weeks"
+                                                     : "periods of 30 days") +
+                        " from " + chart.categories.front() + " to " + chart.categories.back() + ": " +
+                        count(report.summary.transaction, "transaction") + ", " +
+                        count(report.summary.system, "system") + ", " + count(report.summary.audit, "audit logs") +
+                        ". Busiest:";
     for (size_t i = 0; i < order.size() && i < 3; ++i) {
         chart.description += (i ? "; " : " ") + chart.categories[order[i]] + " with " + formatNumber(total(order[i]));
     }
@@ -295,7 +303,8 @@ void validityChart(report::ReportPage& page, const tse::AuditReport& report, con
         chart.rows.push_back(report::Interval{"logs of " + tseName(group), group.firstTime, group.lastTime, 2});
     }
     if (chart.rows.empty()) return;
-    chart.description = (first ? "The logs span " + timeRange(first, last) + "." : std::string("No log has a time.")) + text;
+    chart.description =
+        (first ? "The logs span " + timeRange(first, last) + "." : std::string("No log has a time.")) + text;
     page.figure(report::intervalChart(chart, "validity"), chart.description);
 }
 
@@ -320,12 +329,12 @@ void logTables(report::ReportPage& page, const tse::AuditReport& report, const s
 {
     for (const TseLogs& group : groups) {
         report::Table table;
-        table.caption = group.serial.empty()
-                            ? "Logs without a readable serial number"
-                            : "Logs of the TSE with serialNumber " + std::string(group.serial) +
-                                  ", signatureAlgorithm " + std::string(group.algorithm);
-        table.columns = {"file",    "type",          "verdict",  "signatureCounter", "logTime", "transactionNumber",
-                         "operationType", "clientId", "processType", "reason"};
+        table.caption = group.serial.empty() ? "Logs without a readable serial number"
+                                             : "Logs of the TSE with serialNumber " + std::string(group.serial) +
+                                                   ", signatureAlgorithm " + std::string(group.algorithm);
+        table.columns = {
+            "file",     "type",        "verdict", "signatureCounter", "logTime", "transactionNumber", "operationType",
+            "clientId", "processType", "reason"};
         table.rows = group.rows.size();
         table.cells = [&](size_t row, std::vector<std::string>& cells) {
             const tse::LogRecord& log = report.logs[group.rows[row]];
@@ -356,16 +365,18 @@ report::PageHead auditHead(const tse::AuditReport& report, const std::vector<Tse
                                          count(s.warnings, "warnings") + (context.strict ? " (strict)" : ""),
                                      context);
     const auto [first, last] = logSpan(groups);
-    head.facts = {{"Logs", count(s.logs, "") + "(" + count(s.valid, "valid") + ", " + count(s.invalid, "invalid") + ", " +
-                               count(s.noCertificate, "without certificate") + ", " + count(s.unreadable, "unreadable") + ")"},
-                  {"By type", count(s.transaction, "transaction") + ", " + count(s.system, "system") + ", " +
-                                  count(s.audit, "audit")},
-                  {"Log time", timeRange(first, last)}};
+    head.facts = {
+        {"Logs", count(s.logs, "") + "(" + count(s.valid, "valid") + ", " + count(s.invalid, "invalid") + ", " +
+                     count(s.noCertificate, "without certificate") + ", " + count(s.unreadable, "unreadable") + ")"},
+        {"By type",
+         count(s.transaction, "transaction") + ", " + count(s.system, "system") + ", " + count(s.audit, "audit")},
+        {"Log time", timeRange(first, last)}};
     for (const TseLogs& group : groups) {
         if (group.lowestCounter) head.facts.push_back({"Counters of " + tseName(group), counterRange(group)});
     }
     if (s.duplicatesSkipped) head.facts.push_back({"Identical copies", count(s.duplicatesSkipped, "counted once")});
-    head.facts.push_back({"info.csv", report.info ? "read" : (report.infoProblem.empty() ? "missing" : report.infoProblem)});
+    head.facts.push_back(
+        {"info.csv", report.info ? "read" : (report.infoProblem.empty() ? "missing" : report.infoProblem)});
     return head;
 }
 
@@ -389,8 +400,8 @@ void certificateTables(report::ReportPage& page, const tse::AuditReport& report)
     std::vector<std::vector<std::string>> certificates{
         {"File", "Key hash", "Subject", "Issuer", "Valid from", "Valid to", "Curve", "Chain"}};
     for (const tse::CertificateRecord& c : report.certificates) {
-        certificates.push_back({c.file + (c.keyProblem.empty() ? "" : " (" + c.keyProblem + ")"), c.serialNumber, c.subject,
-                                c.issuer, c.notBefore ? tse::isoSeconds(*c.notBefore) : "-",
+        certificates.push_back({c.file + (c.keyProblem.empty() ? "" : " (" + c.keyProblem + ")"), c.serialNumber,
+                                c.subject, c.issuer, c.notBefore ? tse::isoSeconds(*c.notBefore) : "-",
                                 c.notAfter ? tse::isoSeconds(*c.notAfter) : "-", c.curve,
                                 std::string(tse::chainStatusName(c.chain.status)) +
                                     (c.chain.reason.empty() ? "" : ": " + c.chain.reason)});

@@ -74,8 +74,13 @@ json transactionJson(const tse::BookedTransaction& t)
 
 json auditJson(const tse::AuditSummary& a)
 {
-    return {{"logs", a.logs},       {"valid", a.valid},   {"invalid", a.invalid},   {"noCertificate", a.noCertificate},
-            {"unreadable", a.unreadable}, {"errors", a.errors}, {"warnings", a.warnings}};
+    return {{"logs", a.logs},
+            {"valid", a.valid},
+            {"invalid", a.invalid},
+            {"noCertificate", a.noCertificate},
+            {"unreadable", a.unreadable},
+            {"errors", a.errors},
+            {"warnings", a.warnings}};
 }
 
 json findingJson(const tse::BookkeepingFinding& f)
@@ -99,10 +104,15 @@ json closingsJson(const tse::BookkeepingReport& report)
     for (const tse::ClosingCheck& c : report.closings) {
         json totals = json::array();
         for (const tse::ClosingTotal& t : c.totals) {
-            totals.push_back({{"name", t.name}, {"booked", textOrNull(t.booked)}, {"computed", t.computed}, {"differs", t.differs}});
+            totals.push_back(
+                {{"name", t.name}, {"booked", textOrNull(t.booked)}, {"computed", t.computed}, {"differs", t.differs}});
         }
-        out.push_back({{"kasseId", c.kasseId}, {"closing", c.closing}, {"created", c.created}, {"receipts", c.receipts},
-                       {"differs", c.differs()}, {"totals", std::move(totals)}});
+        out.push_back({{"kasseId", c.kasseId},
+                       {"closing", c.closing},
+                       {"created", c.created},
+                       {"receipts", c.receipts},
+                       {"differs", c.differs()},
+                       {"totals", std::move(totals)}});
     }
     return out;
 }
@@ -212,12 +222,20 @@ void writeCsv(std::ostream& out, const tse::BookkeepingReport& report)
     for (const tse::BookedTransaction& t : report.transactions) {
         std::string differences;
         for (const std::string& d : t.differences) differences += (differences.empty() ? "" : " ") + d;
-        const std::vector<std::string> fields{
-            t.bonId, t.kasseId, t.closing, t.clientId, t.serialNumber,
-            t.transactionNumber ? std::to_string(*t.transactionNumber) : "",
-            t.signatureCounter ? std::to_string(*t.signatureCounter) : "", t.processType, t.logTime(),
-            std::string(tse::rowVerdictName(t.verdict)), t.match ? std::string(tse::matchStateName(*t.match)) : "",
-            differences, t.reason, t.file};
+        const std::vector<std::string> fields{t.bonId,
+                                              t.kasseId,
+                                              t.closing,
+                                              t.clientId,
+                                              t.serialNumber,
+                                              t.transactionNumber ? std::to_string(*t.transactionNumber) : "",
+                                              t.signatureCounter ? std::to_string(*t.signatureCounter) : "",
+                                              t.processType,
+                                              t.logTime(),
+                                              std::string(tse::rowVerdictName(t.verdict)),
+                                              t.match ? std::string(tse::matchStateName(*t.match)) : "",
+                                              differences,
+                                              t.reason,
+                                              t.file};
         for (size_t i = 0; i < fields.size(); ++i) out << (i ? "," : "") << csvCell(fields[i]);
         out << '\n';
     }
@@ -269,9 +287,10 @@ void printCoverage(std::ostream& out, const tse::BookkeepingReport& report)
     out << "Signed by the TSE outside the covered periods (not checked against the bookkeeping):\n";
     std::vector<std::vector<std::string>> rows;
     for (const tse::UncoveredSales& u : report.uncovered) {
-        rows.push_back({"  " + (u.kasseId.empty() ? "client " + tse::quoted(u.clientId) + " (no register of the bookkeeping)"
-                                                  : "register " + tse::quoted(u.kasseId)),
-                        counted(u.sales, "sale", "sales"), tse::isoSeconds(u.first) + " to " + tse::isoSeconds(u.last)});
+        rows.push_back(
+            {"  " + (u.kasseId.empty() ? "client " + tse::quoted(u.clientId) + " (no register of the bookkeeping)"
+                                       : "register " + tse::quoted(u.kasseId)),
+             counted(u.sales, "sale", "sales"), tse::isoSeconds(u.first) + " to " + tse::isoSeconds(u.last)});
     }
     printAligned(out, rows);
 }
@@ -308,7 +327,8 @@ void printTses(std::ostream& out, const tse::BookkeepingReport& report)
     printAligned(out, tses);
     std::map<std::string, size_t> sources;
     for (const tse::BookedTransaction& t : report.transactions) {
-        if (t.row && t.verdict == tse::RowVerdict::Valid && !t.clientIdSource.empty()) ++sources[std::string(t.clientIdSource)];
+        if (t.row && t.verdict == tse::RowVerdict::Valid && !t.clientIdSource.empty())
+            ++sources[std::string(t.clientIdSource)];
     }
     if (sources.empty()) return;
     out << "\nClient ID signed:";
@@ -320,9 +340,9 @@ void printTses(std::ostream& out, const tse::BookkeepingReport& report)
 void printSummary(std::ostream& out, const tse::BookkeepingReport& report, bool strict)
 {
     const tse::BookkeepingSummary& s = report.summary;
-    out << report.verdict() << ": " << counted(s.rows, "row", "rows") << " in " << counted(s.closings, "closing", "closings")
-        << ", " << counted(s.errors, "error", "errors") << ", " << counted(s.warnings, "warning", "warnings")
-        << (strict ? " (strict)" : "") << "\n\n";
+    out << report.verdict() << ": " << counted(s.rows, "row", "rows") << " in "
+        << counted(s.closings, "closing", "closings") << ", " << counted(s.errors, "error", "errors") << ", "
+        << counted(s.warnings, "warning", "warnings") << (strict ? " (strict)" : "") << "\n\n";
     printCounts(out, report);
     printCoverage(out, report);
     printFindings(out, report);

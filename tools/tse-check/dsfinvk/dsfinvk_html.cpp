@@ -86,8 +86,10 @@ void booksSection(report::ReportPage& page, const tse::BookkeepingReport& bookke
     table.cells = [&](size_t i, std::vector<std::string>& cells) {
         const tse::ClosingCheck& c = bookkeeping.closings[totals[i].first];
         const tse::ClosingTotal& t = c.totals[totals[i].second];
-        cells = {c.kasseId, c.closing, c.created, std::to_string(c.receipts), t.name,
-                 t.booked.empty() ? "-" : t.booked, t.computed, t.differs ? "DIFFERS" : "yes"};
+        cells = {c.kasseId,  c.closing,
+                 c.created,  std::to_string(c.receipts),
+                 t.name,     t.booked.empty() ? "-" : t.booked,
+                 t.computed, t.differs ? "DIFFERS" : "yes"};
     };
     if (totals.empty()) page.paragraph("No closing of cashpointclosing.csv could be added up.");
     else page.table(table);
@@ -98,7 +100,9 @@ void booksSection(report::ReportPage& page, const tse::BookkeepingReport& bookke
         if (receipts.size() <= report::ReportPage::ITEMS_SHOWN) receipts.push_back({f.message});
         else ++more;
     }
-    if (receipts.size() > 1) page.smallTable(receipts, "Receipts that do not add up" + (more ? " (and " + count(more, "more") + ")" : std::string()));
+    if (receipts.size() > 1)
+        page.smallTable(receipts,
+                        "Receipts that do not add up" + (more ? " (and " + count(more, "more") + ")" : std::string()));
     else page.paragraph("Every receipt adds up: its lines, VAT table, total and payments.");
     page.endSection();
 }
@@ -109,8 +113,20 @@ void transactionsSection(report::ReportPage& page, const tse::BookkeepingReport&
     page.beginSection("Transactions", "transactions");
     report::Table table;
     table.caption = "Every transaction, as in the CSV report";
-    table.columns = {"bonId", "kasseId", "closing", "clientId", "serialNumber", "transactionNumber",
-                     "signatureCounter", "processType", "logTime", "verdict", "match", "differences", "reason", "file"};
+    table.columns = {"bonId",
+                     "kasseId",
+                     "closing",
+                     "clientId",
+                     "serialNumber",
+                     "transactionNumber",
+                     "signatureCounter",
+                     "processType",
+                     "logTime",
+                     "verdict",
+                     "match",
+                     "differences",
+                     "reason",
+                     "file"};
     table.rows = bookkeeping.transactions.size();
     table.cells = [&](size_t i, std::vector<std::string>& cells) {
         const tse::BookedTransaction t = bookkeeping.transactions[i];
@@ -150,13 +166,15 @@ void tseFacts(const tse::BookkeepingReport& bookkeeping, std::vector<report::Fac
     std::string audit = count(s.tseLogs, "logs") + ", " + count(s.tseFinishLogs, "finished transactions");
     if (bookkeeping.tseAudit) {
         audit += "; its own audit: " + count(bookkeeping.tseAudit->invalid, "invalid logs") + ", " +
-                 count(bookkeeping.tseAudit->errors, "errors") + ", " + count(bookkeeping.tseAudit->warnings, "warnings");
+                 count(bookkeeping.tseAudit->errors, "errors") + ", " +
+                 count(bookkeeping.tseAudit->warnings, "warnings");
     }
     facts.push_back({"TSE export", audit});
     std::string outside;
     for (const tse::UncoveredSales& u : bookkeeping.uncovered) {
-        outside += (outside.empty() ? "" : "; ") + (u.kasseId.empty() ? "client " + u.clientId : "register " + u.kasseId) +
-                   ": " + count(u.sales, "sales") + " from " + tse::isoSeconds(u.first) + " to " + tse::isoSeconds(u.last);
+        outside += (outside.empty() ? "" : "; ") +
+                   (u.kasseId.empty() ? "client " + u.clientId : "register " + u.kasseId) + ": " +
+                   count(u.sales, "sales") + " from " + tse::isoSeconds(u.first) + " to " + tse::isoSeconds(u.last);
     }
     facts.push_back({"Signed outside the covered periods", outside.empty() ? "none" : outside});
 }
@@ -167,11 +185,11 @@ report::PageHead headOf(const tse::BookkeepingReport& bookkeeping, const HtmlCon
     const report::Verdict verdict = s.errors     ? report::Verdict::Failed
                                     : s.warnings ? report::Verdict::PassedWithWarnings
                                                  : report::Verdict::Passed;
-    report::PageHead head = pageHead("DSFinV-K bookkeeping against its TSE", verdict,
-                                     count(s.rows, "rows") + " in " + count(s.closings, "closings") + ", " +
-                                         count(s.errors, "errors") + ", " + count(s.warnings, "warnings") +
-                                         (context.strict ? " (strict)" : ""),
-                                     context);
+    report::PageHead head =
+        pageHead("DSFinV-K bookkeeping against its TSE", verdict,
+                 count(s.rows, "rows") + " in " + count(s.closings, "closings") + ", " + count(s.errors, "errors") +
+                     ", " + count(s.warnings, "warnings") + (context.strict ? " (strict)" : ""),
+                 context);
     head.facts = {{"Signatures", count(s.valid, "valid") + ", " + count(s.invalid, "invalid") + ", " +
                                      count(s.unsigned_, "unsigned") + ", " + count(s.unverifiable, "unverifiable")}};
     if (bookkeeping.tseGiven) tseFacts(bookkeeping, head.facts);

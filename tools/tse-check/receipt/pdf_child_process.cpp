@@ -203,12 +203,11 @@ std::string failure(int status, int page, bool timedOut)
     if (WIFSIGNALED(status)) {
         const int signal = WTERMSIG(status);
         if (signal == SIGXCPU || signal == SIGKILL) {
-            return where + " could not be rendered within its processor time (" +
-                   std::to_string(PDF_SECONDS_PER_PAGE) + " s a page, " + std::to_string(PDF_SECONDS_PER_FILE) +
-                   " s a file)";
+            return where + " could not be rendered within its processor time (" + std::to_string(PDF_SECONDS_PER_PAGE) +
+                   " s a page, " + std::to_string(PDF_SECONDS_PER_FILE) + " s a file)";
         }
-        return "the PDF renderer stopped with " + signalName(signal) + " on " + where +
-               " (it may use " + std::to_string(PDF_MEMORY_LIMIT >> 20) + " MiB of memory)";
+        return "the PDF renderer stopped with " + signalName(signal) + " on " + where + " (it may use " +
+               std::to_string(PDF_MEMORY_LIMIT >> 20) + " MiB of memory)";
     }
     return "the PDF renderer ended on " + where + " without a result (exit status " +
            std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : -1) + ")";
@@ -300,8 +299,8 @@ tse::Result<void> readPage(Reading& r, const tse::PdfPageHandler& onPage)
     }
     const int64_t page = numberAt(head), pages = numberAt(head + 4);
     const int64_t width = numberAt(head + 8), height = numberAt(head + 12);
-    if (pages < 1 || pages > tse::maxPdfPages || page != r.lastPage + 1 || page > pages || width < 1 ||
-        height < 1 || width * height > tse::maxPageRenderPixels + PIXEL_SLACK ||
+    if (pages < 1 || pages > tse::maxPdfPages || page != r.lastPage + 1 || page > pages || width < 1 || height < 1 ||
+        width * height > tse::maxPageRenderPixels + PIXEL_SLACK ||
         r.pixelsSoFar + width * height > tse::maxPdfRenderPixels + pages * PIXEL_SLACK) {
         return r.garbled();
     }
@@ -347,17 +346,18 @@ int renderPdfChild()
         error = "the PDF could not be handed to its renderer";
     } else {
         try {
-            const tse::Result<void> rendered = tse::renderPdfPages(*data, [](int page, int pages, const tse::GreyImage& image) {
-                std::string head(1, PAGE_TAG);
-                for (const int value : {page, pages, image.width, image.height}) {
-                    putNumber(head, static_cast<uint32_t>(value));
-                }
-                if (!writeAll(STDOUT_FILENO, head.data(), head.size()) ||
-                    !writeAll(STDOUT_FILENO, image.pixels.data(), image.pixels.size())) {
-                    std::_Exit(1);
-                }
-                allowNextPage();
-            });
+            const tse::Result<void> rendered =
+                tse::renderPdfPages(*data, [](int page, int pages, const tse::GreyImage& image) {
+                    std::string head(1, PAGE_TAG);
+                    for (const int value : {page, pages, image.width, image.height}) {
+                        putNumber(head, static_cast<uint32_t>(value));
+                    }
+                    if (!writeAll(STDOUT_FILENO, head.data(), head.size()) ||
+                        !writeAll(STDOUT_FILENO, image.pixels.data(), image.pixels.size())) {
+                        std::_Exit(1);
+                    }
+                    allowNextPage();
+                });
             if (!rendered) error = rendered.error().message;
         } catch (const std::bad_alloc&) {
             error = "the PDF could not be rendered within " + std::to_string(PDF_MEMORY_LIMIT >> 20) + " MiB of memory";

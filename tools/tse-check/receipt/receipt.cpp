@@ -58,14 +58,16 @@ public:
 
     void addTexts(const std::vector<std::string>& texts)
     {
-        for (size_t i = 0; i < texts.size(); ++i) inputs.push_back({"argument " + std::to_string(i + 1), texts[i], std::nullopt});
+        for (size_t i = 0; i < texts.size(); ++i)
+            inputs.push_back({"argument " + std::to_string(i + 1), texts[i], std::nullopt});
     }
 
     void addList(const std::string& path)
     {
         const bool standardInput = path == "-";
         const std::string name = standardInput ? "stdin" : path;
-        const tse::Result<tse::Bytes> read = tse::readFileBounded(standardInput ? "/dev/stdin" : path, MAX_RECEIPT_LIST_SIZE);
+        const tse::Result<tse::Bytes> read =
+            tse::readFileBounded(standardInput ? "/dev/stdin" : path, MAX_RECEIPT_LIST_SIZE);
         if (!read) return report("Receipt list " + name + " " + read.error().message);
         const std::string text = tse::ByteView(*read).text();
         size_t lineNumber = 0;
@@ -74,7 +76,8 @@ public:
             if (end == std::string::npos) end = text.size();
             ++lineNumber;
             const std::string_view line = tse::trimReceiptText(std::string_view(text).substr(start, end - start));
-            if (!line.empty()) inputs.push_back({name + ":" + std::to_string(lineNumber), std::string(line), std::nullopt});
+            if (!line.empty())
+                inputs.push_back({name + ":" + std::to_string(lineNumber), std::string(line), std::nullopt});
             start = end + 1;
         }
     }
@@ -206,10 +209,10 @@ std::vector<std::string> textColumns(const ReceiptResult& r)
     std::vector<std::string> columns{verdictWord(r.verification.verdict), r.input.source};
     if (r.receipt) {
         const tse::Receipt& receipt = *r.receipt;
-        columns.insert(columns.end(), {"No-" + std::to_string(receipt.transactionNumber),
-                                       "Sig-" + std::to_string(receipt.signatureCounter),
-                                       tse::escapeText(receipt.clientId), algorithmAndCurve(receipt),
-                                       normalizedTime(receipt.logTime)});
+        columns.insert(columns.end(),
+                       {"No-" + std::to_string(receipt.transactionNumber),
+                        "Sig-" + std::to_string(receipt.signatureCounter), tse::escapeText(receipt.clientId),
+                        algorithmAndCurve(receipt), normalizedTime(receipt.logTime)});
     } else {
         columns.insert(columns.end(), 5, "-");
     }
@@ -224,11 +227,16 @@ nlohmann::json orNull(const std::string& value)
 
 nlohmann::json explanationJson(const tse::Explanation& e)
 {
-    return {{"found", e.found},           {"change", orNull(e.change)},
-            {"field", orNull(e.field)},   {"shownValue", orNull(e.shownValue)},
-            {"signedValue", orNull(e.signedValue)}, {"form", orNull(e.form)},
-            {"sentence", e.sentence},     {"tried", e.tried},
-            {"checks", e.checks},         {"cutShort", e.cutShort},
+    return {{"found", e.found},
+            {"change", orNull(e.change)},
+            {"field", orNull(e.field)},
+            {"shownValue", orNull(e.shownValue)},
+            {"signedValue", orNull(e.signedValue)},
+            {"form", orNull(e.form)},
+            {"sentence", e.sentence},
+            {"tried", e.tried},
+            {"checks", e.checks},
+            {"cutShort", e.cutShort},
             {"searchedWindow", e.searchedWindow}};
 }
 
@@ -283,7 +291,9 @@ InputCollector collectInputs(const ReceiptOptions& options)
     if (options.texts.empty() && options.lists.empty() && options.pictures.empty()) {
         refuse(EXIT_BAD_INPUT, "No receipt given: pass QR code texts, --from FILE or --image FILE");
     }
-    const auto fromStdin = [](const std::vector<std::string>& paths) { return std::count(paths.begin(), paths.end(), "-"); };
+    const auto fromStdin = [](const std::vector<std::string>& paths) {
+        return std::count(paths.begin(), paths.end(), "-");
+    };
     if (fromStdin(options.lists) + fromStdin(options.pictures) > 1) {
         refuse(EXIT_BAD_INPUT, "Standard input can be read once: give - to one --from or --image only");
     }
@@ -389,8 +399,8 @@ ReceiptBatch checkReceipts(const ReceiptOptions& options)
 Command addReceiptCommand(CLI::App& parent)
 {
     auto options = std::make_shared<ReceiptOptions>();
-    CLI::App* app = parent.add_subcommand(
-        "receipt", "Verify receipt QR code texts (DSFinV-K) from arguments, files or pictures");
+    CLI::App* app =
+        parent.add_subcommand("receipt", "Verify receipt QR code texts (DSFinV-K) from arguments, files or pictures");
     app->footer("Exit status: 0 all valid, 1 any invalid, 2 any malformed, a picture without a QR code,\n"
                 "an unreadable file or a usage error.");
     app->add_option("TEXT", options->texts, "QR code texts (quote them: they hold ';')")->type_name("TEXT...");

@@ -74,9 +74,9 @@ std::string randomToken()
 }
 
 AccessPolicy::AccessPolicy(std::string token, std::string formToken, std::set<std::string> hosts, bool tokenForReading)
-    : token_(std::move(token)), formToken_(std::move(formToken)), hosts_(std::move(hosts)), tokenForReading_(tokenForReading)
-{
-}
+    : token_(std::move(token)), formToken_(std::move(formToken)), hosts_(std::move(hosts)),
+      tokenForReading_(tokenForReading)
+{}
 
 bool AccessPolicy::sameSecret(std::string_view given, const std::string& secret)
 {
@@ -98,18 +98,19 @@ bool AccessPolicy::knownHost(std::string_view host) const
 Access AccessPolicy::judge(const AccessRequest& request) const
 {
     if (!knownHost(request.host)) return Access::ForeignHost;
-    const std::string_view bearer = request.authorization.substr(0, 7) == "Bearer " ? request.authorization.substr(7) : "";
+    const std::string_view bearer =
+        request.authorization.substr(0, 7) == "Bearer " ? request.authorization.substr(7) : "";
     const bool reading = request.method == "GET" || request.method == "HEAD";
     const bool presented = !bearer.empty() || !request.queryToken.empty();
-    const bool given = (!bearer.empty() && tokenMatches(bearer)) ||
-                       (!request.queryToken.empty() && tokenMatches(request.queryToken));
+    const bool given =
+        (!bearer.empty() && tokenMatches(bearer)) || (!request.queryToken.empty() && tokenMatches(request.queryToken));
     const bool cookie = !request.cookieToken.empty() && tokenMatches(request.cookieToken);
     // A wrong token is refused as such, wherever the server listens.
     if (presented && !given) return Access::NoToken;
     if (tokenForReading_ && !given && !cookie) return Access::NoToken;
     if (reading || given) return Access::Allowed;
     return !request.formToken.empty() && sameSecret(request.formToken, formToken_) ? Access::Allowed
-                                                                                    : Access::NoFormToken;
+                                                                                   : Access::NoFormToken;
 }
 
 std::set<std::string> servedHosts(const std::string& listenHost, int port)

@@ -38,7 +38,8 @@ bool welcomeWithToken(const httplib::Request& request, httplib::Response& respon
 {
     if (request.method != "GET" || request.path.rfind("/api/", 0) == 0 || !access.tokenForReading()) return false;
     if (!access.tokenMatches(request.get_param_value("token"))) return false;
-    response.set_header("Set-Cookie", std::string(COOKIE) + "=" + access.token() + "; Path=/; HttpOnly; SameSite=Strict");
+    response.set_header("Set-Cookie",
+                        std::string(COOKIE) + "=" + access.token() + "; Path=/; HttpOnly; SameSite=Strict");
     response.set_redirect(request.path, 303);
     setSecurityHeaders(response, Content::Data);
     return true;
@@ -49,14 +50,15 @@ httplib::Server::HandlerResponse checkAccess(const httplib::Request& request, ht
 {
     GuardedServer::headersRead();
     const std::string cookie = cookieValue(request, COOKIE), token = request.get_param_value("token");
-    const std::string form = request.has_param("form") ? request.get_param_value("form")
-                                                        : request.get_header_value("X-Form-Token");
-    const std::string host = request.get_header_value("Host"), authorization = request.get_header_value("Authorization");
+    const std::string form =
+        request.has_param("form") ? request.get_param_value("form") : request.get_header_value("X-Form-Token");
+    const std::string host = request.get_header_value("Host"),
+                      authorization = request.get_header_value("Authorization");
     switch (context.access.judge(accessRequest(request, cookie, token, form, host, authorization))) {
     case Access::Allowed: break;
     case Access::ForeignHost:
-        answerError(request, response, 403, "this server answers only to its own address, not to the host " +
-                                                tse::escapeText(host));
+        answerError(request, response, 403,
+                    "this server answers only to its own address, not to the host " + tse::escapeText(host));
         return httplib::Server::HandlerResponse::Handled;
     case Access::NoToken:
         response.set_header("WWW-Authenticate", "Bearer");
@@ -96,24 +98,26 @@ HttpServer::HttpServer(ServerContext& context) : library_(std::make_unique<Libra
     // Above this the body is refused before it is read; an upload's own
     // bound (--max-upload) is kept as it streams in.
     server.set_payload_max_length(static_cast<size_t>(context.maxUpload + MAX_FIELD_BYTES + (uint64_t{1} << 20)));
-    server.set_pre_routing_handler(
-        [this](const httplib::Request& request, httplib::Response& response) { return checkAccess(request, response, context_); });
+    server.set_pre_routing_handler([this](const httplib::Request& request, httplib::Response& response) {
+        return checkAccess(request, response, context_);
+    });
     server.set_error_handler([](const httplib::Request& request, httplib::Response& response) {
         if (!response.body.empty() || response.content_length_ > 0) return;
         answerError(request, response, response.status,
                     response.status == 404 ? "there is nothing at this address" : "the request cannot be answered");
     });
-    server.set_exception_handler([this](const httplib::Request& request, httplib::Response& response, std::exception_ptr error) {
-        std::string what = "unknown";
-        try {
-            if (error) std::rethrow_exception(error);
-        } catch (const std::exception& e) {
-            what = e.what();
-        } catch (...) {
-        }
-        context_.log("error in " + tse::escapeText(request.path) + ": " + tse::escapeText(what));
-        answerError(request, response, 500, "the server failed on this request");
-    });
+    server.set_exception_handler(
+        [this](const httplib::Request& request, httplib::Response& response, std::exception_ptr error) {
+            std::string what = "unknown";
+            try {
+                if (error) std::rethrow_exception(error);
+            } catch (const std::exception& e) {
+                what = e.what();
+            } catch (...) {
+            }
+            context_.log("error in " + tse::escapeText(request.path) + ": " + tse::escapeText(what));
+            answerError(request, response, 500, "the server failed on this request");
+        });
     server.set_logger([this](const httplib::Request& request, const httplib::Response& response) {
         // The path only: a query may hold the token.
         context_.log(request.remote_addr + " " + request.method + " " + tse::escapeText(request.path) + " " +

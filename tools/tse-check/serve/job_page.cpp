@@ -31,7 +31,8 @@ void progressSection(Html& html, const Job& job, const std::string& formToken)
 {
     const uint64_t total = job.progress.total, done = std::min<uint64_t>(job.progress.done, total);
     html.open("section", {{"id", "progress"}}).element("h2", job.state == JobState::Queued ? "Waiting" : "Checking");
-    html.open("progress", {{"id", "bar"}, {"max", std::to_string(std::max<uint64_t>(total, 1))}, {"value", std::to_string(done)}});
+    html.open("progress",
+              {{"id", "bar"}, {"max", std::to_string(std::max<uint64_t>(total, 1))}, {"value", std::to_string(done)}});
     html.close("progress");
     html.element("p", progressLine(job), {{"id", "progress-line"}});
     html.open("form", {{"method", "post"}, {"action", "/jobs/" + job.id + "/cancel?form=" + formToken}});
@@ -43,13 +44,17 @@ const char* verdictClass(const std::string& verdict)
     return verdict == "PASSED" ? "passed" : verdict == "FAILED" ? "failed" : "passed-with-warnings";
 }
 
-void checkResult(Html& html, const Job& job, const std::string& check, const std::string& title, const std::string& summary)
+void checkResult(Html& html, const Job& job, const std::string& check, const std::string& title,
+                 const std::string& summary)
 {
     const std::string verdict = verdictOf(summary);
     const std::string firstLine = summary.substr(0, summary.find('\n'));
     html.open("section", {{"class", "result"}, {"id", check}}).element("h2", title);
     html.open("p", {{"class", std::string("verdict ") + verdictClass(verdict)}});
-    html.text(verdict).open("small").text(firstLine.substr(std::min(firstLine.size(), verdict.size() + 2))).close("small");
+    html.text(verdict)
+        .open("small")
+        .text(firstLine.substr(std::min(firstLine.size(), verdict.size() + 2)))
+        .close("small");
     html.close("p").open("p", {{"class", "actions"}});
     const std::string base = "/jobs/" + job.id + "/" + check;
     html.element("a", "Open the report", {{"class", "button"}, {"href", base + ".html"}, {"id", check + "-report"}});
@@ -65,7 +70,8 @@ void outcomeSection(Html& html, const Job& job)
 {
     const JobOutcome& outcome = job.outcome;
     if (job.state == JobState::Cancelled) {
-        html.element("p", "The job was cancelled; its files are deleted.", {{"class", "verdict cancelled"}, {"id", "cancelled"}});
+        html.element("p", "The job was cancelled; its files are deleted.",
+                     {{"class", "verdict cancelled"}, {"id", "cancelled"}});
         return;
     }
     if (job.state == JobState::Failed) {
@@ -87,7 +93,8 @@ void outcomeSection(Html& html, const Job& job)
     if (job.input.kind == JobKind::Audit && next < outcome.summaries.size()) {
         checkResult(html, job, "audit", "TSE export audit", outcome.summaries[next++]);
     }
-    if (next < outcome.summaries.size()) checkResult(html, job, "dsfinvk", "Bookkeeping (DSFinV-K)", outcome.summaries[next]);
+    if (next < outcome.summaries.size())
+        checkResult(html, job, "dsfinvk", "Bookkeeping (DSFinV-K)", outcome.summaries[next]);
 }
 
 const char* titleOf(JobKind kind)
@@ -113,7 +120,10 @@ std::string jobPage(const Job& job, const PageContext& context)
     if (!job.input.files.empty() || !job.input.texts.empty()) {
         html.open("ul", {{"class", "files"}});
         for (const StoredFile& file : job.input.files) {
-            html.open("li").element("span", file.shownName, {{"class", "name"}}).text(" (" + thousands(file.size) + " bytes)").close("li");
+            html.open("li")
+                .element("span", file.shownName, {{"class", "name"}})
+                .text(" (" + thousands(file.size) + " bytes)")
+                .close("li");
         }
         if (!job.input.texts.empty()) html.element("li", thousands(job.input.texts.size()) + " QR code texts");
         html.close("ul");

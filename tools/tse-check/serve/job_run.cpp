@@ -112,7 +112,8 @@ void runCheck(Job& job)
 
 std::string stripFolderText(std::string text, const std::string& folder)
 {
-    for (size_t at = text.find(folder); at != std::string::npos; at = text.find(folder, at)) text.erase(at, folder.size());
+    for (size_t at = text.find(folder); at != std::string::npos; at = text.find(folder, at))
+        text.erase(at, folder.size());
     return text;
 }
 
@@ -159,9 +160,7 @@ void runJob(Job& job)
     std::error_code error;
     fs::remove_all(folder, error);
     job.finished = std::chrono::steady_clock::now();
-    job.state = job.cancel                      ? JobState::Cancelled
-                : job.outcome.error.empty() ? JobState::Done
-                                            : JobState::Failed;
+    job.state = job.cancel ? JobState::Cancelled : job.outcome.error.empty() ? JobState::Done : JobState::Failed;
 }
 
 }  // namespace tsecheck::serve

@@ -10,10 +10,11 @@ nlohmann::json progressJson(const Job& job)
     const JobProgress& p = job.progress;
     const int stage = p.stage;
     const char* unit = job.input.kind == JobKind::Receipt ? "pictures" : stage == 1 ? "rows" : "bytes";
-    const char* check = job.input.kind == JobKind::Receipt ? "receipt"
+    const char* check = job.input.kind == JobKind::Receipt                ? "receipt"
                         : job.input.kind == JobKind::Dsfinvk || stage > 0 ? "dsfinvk"
                                                                           : "audit";
-    return {{"check", check}, {"done", p.done.load()}, {"total", p.total.load()}, {"unit", unit}, {"logs", p.logs.load()}};
+    return {
+        {"check", check}, {"done", p.done.load()}, {"total", p.total.load()}, {"unit", unit}, {"logs", p.logs.load()}};
 }
 
 }  // namespace
@@ -38,7 +39,8 @@ nlohmann::json jobStatus(const Job& job)
                              {"files", nlohmann::json::array()},
                              {"texts", job.input.texts.size()}};
     for (const StoredFile& file : job.input.files) {
-        status["files"].push_back({{"field", file.field}, {"name", tse::escapeUnsafe(file.shownName)}, {"size", file.size}});
+        status["files"].push_back(
+            {{"field", file.field}, {"name", tse::escapeUnsafe(file.shownName)}, {"size", file.size}});
     }
     if (!job.over()) return status;
     const JobOutcome& outcome = job.outcome;

@@ -26,7 +26,7 @@ namespace tsecheck::serve {
 
 enum class JobKind { Audit, Dsfinvk, Receipt };
 enum class JobState { Queued, Running, Done, Failed, Cancelled };
-const char* jobKindName(JobKind kind);    // "audit", "dsfinvk", "receipt"
+const char* jobKindName(JobKind kind);     // "audit", "dsfinvk", "receipt"
 const char* jobStateName(JobState state);  // "queued", "running", "done", "failed", "cancelled"
 
 // What a job was given.
@@ -48,7 +48,7 @@ struct JobProgress {
 // A document a finished job wrote: "audit.json", "dsfinvk.html", ...
 struct JobOutcome {
     int exitStatus = 0;
-    std::string error;    // the refusal, as the command line words it
+    std::string error;                   // the refusal, as the command line words it
     std::vector<std::string> summaries;  // the text summary of each check, as the command line prints it
     std::vector<std::string> documents;  // file names in the job's folder
 };

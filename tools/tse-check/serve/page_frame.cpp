@@ -19,7 +19,9 @@ void beginPage(report::Html& html, const std::string& title, const std::string& 
 void endPage(report::Html& html, const std::string& version)
 {
     html.trusted("</main>\n<footer>");
-    html.text(version + ": the checks of the command line, served on this machine. Files are deleted when their keep time is over.");
+    html.text(
+        version +
+        ": the checks of the command line, served on this machine. Files are deleted when their keep time is over.");
     html.trusted("</footer></body></html>\n");
 }
 

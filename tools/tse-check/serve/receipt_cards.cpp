@@ -65,13 +65,14 @@ void card(Html& html, const json& receipt)
     html.element("p", text(receipt.value("source", json())), {{"class", "source"}});
     html.open("dl");
     html.element("dt", "Register").element("dd", text(receipt.value("clientId", json())));
-    html.element("dt", "Transaction").element("dd", text(receipt.value("transactionNumber", json())) + ", signature " +
-                                                        text(receipt.value("signatureCounter", json())));
+    html.element("dt", "Transaction")
+        .element("dd", text(receipt.value("transactionNumber", json())) + ", signature " +
+                           text(receipt.value("signatureCounter", json())));
     html.element("dt", "Time (UTC)").element("dd", text(receipt.value("logTime", json())));
     const std::string amounts = amountsOf(text(receipt.value("text", json())));
     if (!amounts.empty()) html.element("dt", "Amounts").element("dd", amounts);
-    html.element("dt", "Signed with").element("dd", text(receipt.value("signatureAlgorithm", json())) + " " +
-                                                        text(receipt.value("curve", json())));
+    html.element("dt", "Signed with")
+        .element("dd", text(receipt.value("signatureAlgorithm", json())) + " " + text(receipt.value("curve", json())));
     html.close("dl");
     if (receipt.value("reason", json()).is_string()) html.element("p", text(receipt["reason"]), {{"class", "reason"}});
     const json explanation = receipt.value("explanation", json());

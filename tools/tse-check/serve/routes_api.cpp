@@ -16,8 +16,8 @@ constexpr const char* JOB_ID = "([0-9a-f]{32})";
 constexpr size_t BLOCK = 64 * 1024;
 
 struct Part {
-    std::string text;   // written as it is
-    std::string file;   // or this file's bytes
+    std::string text;  // written as it is
+    std::string file;  // or this file's bytes
     uint64_t size = 0;
 };
 
@@ -30,34 +30,33 @@ void sendParts(httplib::Response& response, std::vector<Part> parts)
     auto state = std::make_shared<std::pair<std::vector<Part>, std::ifstream>>(std::move(parts), std::ifstream());
     auto index = std::make_shared<size_t>(0);
     response.set_content_provider(static_cast<size_t>(total), "application/json",
-        [state, index](size_t, size_t, httplib::DataSink& sink) {
-            std::vector<Part>& all = state->first;
-            std::ifstream& in = state->second;
-            for (; *index < all.size(); ++*index) {
-                Part& part = all[*index];
-                if (part.file.empty()) {
-                    ++*index;
-                    return sink.write(part.text.data(), part.text.size());
-                }
-                if (!in.is_open()) in.open(part.file, std::ios::binary);
-                std::string block(BLOCK, '\0');
-                in.read(block.data(), static_cast<std::streamsize>(block.size()));
-                const auto got = static_cast<size_t>(in.gcount());
-                if (got > 0) return sink.write(block.data(), got);
-                in.close();
-            }
-            return false;
-        });
+                                  [state, index](size_t, size_t, httplib::DataSink& sink) {
+                                      std::vector<Part>& all = state->first;
+                                      std::ifstream& in = state->second;
+                                      for (; *index < all.size(); ++*index) {
+                                          Part& part = all[*index];
+                                          if (part.file.empty()) {
+                                              ++*index;
+                                              return sink.write(part.text.data(), part.text.size());
+                                          }
+                                          if (!in.is_open()) in.open(part.file, std::ios::binary);
+                                          std::string block(BLOCK, '\0');
+                                          in.read(block.data(), static_cast<std::streamsize>(block.size()));
+                                          const auto got = static_cast<size_t>(in.gcount());
+                                          if (got > 0) return sink.write(block.data(), got);
+                                          in.close();
+                                      }
+                                      return false;
+                                  });
 }
 
-void answerStatus(const httplib::Request& request, httplib::Response& response, const Job& job,
-                  int status)
+void answerStatus(const httplib::Request& request, httplib::Response& response, const Job& job, int status)
 {
     response.status = status;
     setSecurityHeaders(response, Content::Data);
     std::string text = dumpStatus(jobStatus(job));
-    const std::vector<ResultPart> results = request.get_param_value("result") == "none" ? std::vector<ResultPart>{}
-                                                                                         : resultParts(job);
+    const std::vector<ResultPart> results =
+        request.get_param_value("result") == "none" ? std::vector<ResultPart>{} : resultParts(job);
     if (results.empty()) return response.set_content(text + "\n", "application/json");
     text.pop_back();  // the status's closing brace
     std::vector<Part> parts;
@@ -98,7 +97,7 @@ void sendDocument(const httplib::Request& request, httplib::Response& response, 
     if (job->state != JobState::Done || std::find(documents.begin(), documents.end(), name) == documents.end()) {
         return answerError(request, response, 404, "this job has no " + name);
     }
-    const std::string type = request.matches[3] == "html" ? "text/html; charset=utf-8"
+    const std::string type = request.matches[3] == "html"  ? "text/html; charset=utf-8"
                              : request.matches[3] == "csv" ? "text/csv; charset=utf-8"
                                                            : "application/json";
     std::error_code error;
@@ -106,7 +105,8 @@ void sendDocument(const httplib::Request& request, httplib::Response& response, 
     std::vector<Part> parts{{{}, path, std::filesystem::file_size(path, error)}};
     sendParts(response, std::move(parts));
     response.set_header("Content-Type", type);
-    if (request.has_param("download")) response.set_header("Content-Disposition", "attachment; filename=\"" + name + "\"");
+    if (request.has_param("download"))
+        response.set_header("Content-Disposition", "attachment; filename=\"" + name + "\"");
     setSecurityHeaders(response, request.matches[3] == "html" ? Content::Report : Content::Data);
 }
 
@@ -116,9 +116,10 @@ void registerApiRoutes(httplib::Server& server, ServerContext& context)
 {
     server.Get("/api/health", [&context](const httplib::Request&, httplib::Response& response) {
         setSecurityHeaders(response, Content::Data);
-        response.set_content(nlohmann::json{{"status", "ok"}, {"version", context.version}, {"jobs", context.jobs.count()}}
-                                     .dump() + "\n",
-                             "application/json");
+        response.set_content(
+            nlohmann::json{{"status", "ok"}, {"version", context.version}, {"jobs", context.jobs.count()}}.dump() +
+                "\n",
+            "application/json");
     });
     const std::pair<const char*, JobKind> kinds[] = {
         {"/api/audit", JobKind::Audit}, {"/api/dsfinvk", JobKind::Dsfinvk}, {"/api/receipt", JobKind::Receipt}};
@@ -128,16 +129,19 @@ void registerApiRoutes(httplib::Server& server, ServerContext& context)
             startJob(request, response, reader, context, kind);
         });
     }
-    server.Get(std::string("/api/jobs/") + JOB_ID, [&context](const httplib::Request& request, httplib::Response& response) {
-        if (const std::shared_ptr<Job> job = jobOf(request, response, context)) answerStatus(request, response, *job, 200);
-    });
-    server.Delete(std::string("/api/jobs/") + JOB_ID, [&context](const httplib::Request& request, httplib::Response& response) {
-        const std::shared_ptr<Job> job = jobOf(request, response, context);
-        if (!job) return;
-        job->cancel = true;
-        context.log("job " + job->id + ": cancel asked");
-        answerStatus(request, response, *job, 202);
-    });
+    server.Get(std::string("/api/jobs/") + JOB_ID,
+               [&context](const httplib::Request& request, httplib::Response& response) {
+                   if (const std::shared_ptr<Job> job = jobOf(request, response, context))
+                       answerStatus(request, response, *job, 200);
+               });
+    server.Delete(std::string("/api/jobs/") + JOB_ID,
+                  [&context](const httplib::Request& request, httplib::Response& response) {
+                      const std::shared_ptr<Job> job = jobOf(request, response, context);
+                      if (!job) return;
+                      job->cancel = true;
+                      context.log("job " + job->id + ": cancel asked");
+                      answerStatus(request, response, *job, 202);
+                  });
     server.Get(std::string("/jobs/") + JOB_ID + "/(audit|dsfinvk|receipt)\\.(json|csv|html)",
                [&context](const httplib::Request& request, httplib::Response& response) {
                    sendDocument(request, response, context);

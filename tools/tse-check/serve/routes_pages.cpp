@@ -36,7 +36,8 @@ void registerPageRoutes(httplib::Server& server, ServerContext& context)
         setSecurityHeaders(response, Content::Data);
         response.set_content(APP_JS.data(), APP_JS.size(), "text/javascript; charset=utf-8");
     });
-    const std::pair<const char*, JobKind> kinds[] = {{"/jobs/audit", JobKind::Audit}, {"/jobs/receipt", JobKind::Receipt}};
+    const std::pair<const char*, JobKind> kinds[] = {{"/jobs/audit", JobKind::Audit},
+                                                     {"/jobs/receipt", JobKind::Receipt}};
     for (const auto& [path, kind] : kinds) {
         server.Post(path, [&context, kind = kind](const httplib::Request& request, httplib::Response& response,
                                                   const httplib::ContentReader& reader) {
@@ -46,18 +47,22 @@ void registerPageRoutes(httplib::Server& server, ServerContext& context)
             }
         });
     }
-    server.Get(std::string("/jobs/") + JOB_ID, [&context](const httplib::Request& request, httplib::Response& response) {
-        const std::shared_ptr<Job> job = context.jobs.find(request.matches[1]);
-        if (!job) return answerError(request, response, 404, "no such job: it never was, or its keep time is over");
-        if (request.get_param_value("part") == "cards" && job->state == JobState::Done) return sendPage(response, receiptCards(*job));
-        sendPage(response, jobPage(*job, pageContext(context)));
-    });
-    server.Post(std::string("/jobs/") + JOB_ID + "/cancel", [&context](const httplib::Request& request, httplib::Response& response) {
-        if (!context.jobs.cancel(request.matches[1])) return answerError(request, response, 404, "no such job");
-        context.log("job " + std::string(request.matches[1]) + ": cancel asked");
-        response.set_redirect("/jobs/" + std::string(request.matches[1]), 303);
-        setSecurityHeaders(response, Content::Data);
-    });
+    server.Get(
+        std::string("/jobs/") + JOB_ID, [&context](const httplib::Request& request, httplib::Response& response) {
+            const std::shared_ptr<Job> job = context.jobs.find(request.matches[1]);
+            if (!job) return answerError(request, response, 404, "no such job: it never was, or its keep time is over");
+            if (request.get_param_value("part") == "cards" && job->state == JobState::Done)
+                return sendPage(response, receiptCards(*job));
+            sendPage(response, jobPage(*job, pageContext(context)));
+        });
+    server.Post(std::string("/jobs/") + JOB_ID + "/cancel",
+                [&context](const httplib::Request& request, httplib::Response& response) {
+                    if (!context.jobs.cancel(request.matches[1]))
+                        return answerError(request, response, 404, "no such job");
+                    context.log("job " + std::string(request.matches[1]) + ": cancel asked");
+                    response.set_redirect("/jobs/" + std::string(request.matches[1]), 303);
+                    setSecurityHeaders(response, Content::Data);
+                });
 }
 
 }  // namespace tsecheck::serve

@@ -139,7 +139,8 @@ int serveCommand(const ServeOptions& options)
     ServeFolder folder;
     JobBoard board(folder.path(), settings.jobs, settings.jobs * WAITING_PER_SLOT, settings.keep, jobRunner(log));
     AccessPolicy access(settings.token, randomToken(), {}, !settings.address.loopback);
-    ServerContext context{access, board, settings.idle, settings.maxUpload, std::string("tse-check ") + TSE_CHECK_VERSION, log};
+    ServerContext context{
+        access, board, settings.idle, settings.maxUpload, std::string("tse-check ") + TSE_CHECK_VERSION, log};
     HttpServer http(context);
     const int port = http.bind(settings.address.host, settings.address.port);
     if (port < 0) {
@@ -169,7 +170,8 @@ Command addServeCommand(CLI::App& parent)
     app->footer("Listens on 127.0.0.1:8146 by default; any other address needs the access token, which is\n"
                 "printed with the address and as a QR code. Runs until Ctrl-C or SIGTERM, then deletes its files.\n"
                 "Exit status: 0 after a stop signal, 2 usage or an address that cannot be served.");
-    app->add_option("--listen", options->listen, "Address and port to serve (default 127.0.0.1:8146; port 0: a free one)")
+    app->add_option("--listen", options->listen,
+                    "Address and port to serve (default 127.0.0.1:8146; port 0: a free one)")
         ->type_name("HOST:PORT");
     app->add_option("--token", options->token, "Access token (default: a random 128-bit one)")->type_name("TEXT");
     app->add_option("--max-upload", options->maxUpload, "Largest upload of one job (default 4GiB)")->type_name("SIZE");

@@ -30,7 +30,8 @@ bool abandoned(const fs::directory_entry& entry)
     const std::string name = entry.path().filename().string();
     if (name.rfind(PREFIX, 0) != 0) return false;
     struct stat status {};
-    if (::lstat(entry.path().c_str(), &status) != 0 || !S_ISDIR(status.st_mode) || status.st_uid != ::getuid()) return false;
+    if (::lstat(entry.path().c_str(), &status) != 0 || !S_ISDIR(status.st_mode) || status.st_uid != ::getuid())
+        return false;
     const long pid = std::strtol(name.c_str() + std::strlen(PREFIX), nullptr, 10);
     return pid > 0 && pid != ::getpid() && ::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH;
 }

@@ -31,7 +31,8 @@ tse::Result<ListenAddress> parseListen(std::string_view text)
         const size_t close = host.find(']');
         if (close == std::string::npos) return tse::Error{"--listen " + std::string(text) + " has no closing ]"};
         port = close + 1 < host.size() && host[close + 1] == ':' ? host.substr(close + 2) : "";
-        if (close + 1 < host.size() && host[close + 1] != ':') return tse::Error{"--listen " + std::string(text) + " is not HOST:PORT"};
+        if (close + 1 < host.size() && host[close + 1] != ':')
+            return tse::Error{"--listen " + std::string(text) + " is not HOST:PORT"};
         host = host.substr(1, close - 1);
     } else if (const size_t colon = host.rfind(':'); colon != std::string::npos && host.find(':') == colon) {
         port = host.substr(colon + 1);

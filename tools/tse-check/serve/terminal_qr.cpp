@@ -8,8 +8,8 @@ namespace tsecheck::serve {
 
 std::string terminalQr(const std::string& text)
 {
-    std::unique_ptr<QRcode, decltype(&QRcode_free)> code(QRcode_encodeString(text.c_str(), 0, QR_ECLEVEL_L, QR_MODE_8, 1),
-                                                         QRcode_free);
+    std::unique_ptr<QRcode, decltype(&QRcode_free)> code(
+        QRcode_encodeString(text.c_str(), 0, QR_ECLEVEL_L, QR_MODE_8, 1), QRcode_free);
     if (!code) return {};
     constexpr int QUIET = 2;
     const int width = code->width, size = width + 2 * QUIET;

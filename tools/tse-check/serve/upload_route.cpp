@@ -93,9 +93,9 @@ std::shared_ptr<Job> acceptUpload(const httplib::Request& request, httplib::Resp
         return nullptr;
     }
     UploadFolder upload(job->folder + "/in", context.maxUpload);
-    const bool read = reader(
-        [&](const httplib::MultipartFormData& part) { return upload.begin(part.name, part.filename); },
-        [&](const char* data, size_t size) { return upload.append(data, size); });
+    const bool read =
+        reader([&](const httplib::MultipartFormData& part) { return upload.begin(part.name, part.filename); },
+               [&](const char* data, size_t size) { return upload.append(data, size); });
     const bool complete = upload.finish() && read;
     JobInput& input = job->input;
     input.kind = kind;
@@ -108,13 +108,14 @@ std::shared_ptr<Job> acceptUpload(const httplib::Request& request, httplib::Resp
         context.jobs.release(job);
         const int status = upload.status() ? upload.status() : 400;
         answerError(request, response, status,
-                    !problem.empty() ? problem
+                    !problem.empty()  ? problem
                     : upload.status() ? upload.problem()
                                       : "the upload broke off or is no well-formed multipart/form-data");
         return nullptr;
     }
     context.log("job " + job->id + " " + jobKindName(kind) + ": queued, " + std::to_string(input.files.size()) +
-                " files, " + std::to_string(upload.bytes()) + " bytes, " + std::to_string(input.texts.size()) + " texts");
+                " files, " + std::to_string(upload.bytes()) + " bytes, " + std::to_string(input.texts.size()) +
+                " texts");
     context.jobs.submit(job);
     return job;
 }

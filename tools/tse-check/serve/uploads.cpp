@@ -70,7 +70,8 @@ bool UploadFolder::begin(std::string_view field, std::string_view fileName)
 {
     if (!closeFile()) return false;
     if (fileName.empty()) {
-        if (++fieldCount_ > MAX_FIELDS) return fail(400, "the form has more than " + std::to_string(MAX_FIELDS) + " fields");
+        if (++fieldCount_ > MAX_FIELDS)
+            return fail(400, "the form has more than " + std::to_string(MAX_FIELDS) + " fields");
         field_ = &fields_.emplace(std::string(field), std::string())->second;
         return true;
     }
