@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <tuple>
@@ -121,6 +122,79 @@ TEST(Bytes, FileDigestIsTheDigestOfTheContents)
     ASSERT_TRUE(digest) << digest.error().message;
     EXPECT_EQ(*digest, tse::sha256(contents));
     EXPECT_EQ(tse::sha256OfFile(dir.path("missing")).error().message, "cannot be read");
+}
+
+TEST(Bytes, Base64AndHexEdges)
+{
+    const struct {
+        std::string text;
+        std::optional<std::string> octets;
+    } base64[] = {
+        {"", ""},
+        {"QQ==", "A"},
+        {"QUI=", "AB"},
+        {"QUJD", "ABC"},
+        {"QQ", "A"},
+        {"QUJD\r\nREVG", "ABCDEF"},
+        {"Q", std::nullopt},
+        {"QQ=", std::nullopt},
+        {"QQ===", std::nullopt},
+        {"QQ==QQ==", std::nullopt},
+        {"QU*D", std::nullopt},
+        {"QUJD-_", std::nullopt},
+    };
+    for (const auto& c : base64) {
+        const auto decoded = tse::fromBase64(c.text);
+        EXPECT_EQ(decoded.has_value(), c.octets.has_value()) << c.text;
+        if (decoded && c.octets) {
+            EXPECT_EQ(tse::ByteView(*decoded).text(), *c.octets) << c.text;
+        }
+    }
+    for (size_t n = 0; n < 7; ++n) {
+        const tse::Bytes octets(n, 0xFB);
+        EXPECT_EQ(tse::fromBase64(tse::toBase64(octets)), octets);
+    }
+    EXPECT_EQ(tse::fromHex("0a:FF 10"), (tse::Bytes{0x0A, 0xFF, 0x10}));
+    EXPECT_EQ(tse::toHex(tse::Bytes{0x0A, 0xFF}), "0AFF");
+    for (const char* bad : {"0 a", "abc", "zz", "0x0A", ":0"}) {
+        EXPECT_FALSE(tse::fromHex(bad)) << bad;
+    }
+}
+
+TEST(Text, EscapingKeepsOneLine)
+{
+    const struct {
+        std::string value;
+        std::string shown;
+    } cases[] = {
+        {"Beleg^8.57", "Beleg^8.57"},
+        {"a\nb\tc\rd", "a\\nb\\tc\\rd"},
+        {"back\\slash", "back\\\\slash"},
+        {std::string("nul\0\x01\x7F", 6), "nul\\x00\\x01\\x7F"},
+        {"\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80", "\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80"},  // UTF-8 stays
+        {"\xC3", "\\xC3"},                                                                 // cut short
+        {"\xC2\x85\xC2\x9B", "\\xC2\\x85\\xC2\\x9B"},                                      // C1 controls: NEL, CSI
+        {"\xE2\x80\xA8", "\\xE2\\x80\\xA8"},                                               // line separator
+        {"\xE2\x80\xA9", "\\xE2\\x80\\xA9"},                                               // paragraph separator
+        {"\xE2\x80\xA7\xE2\x80\xAA",
+         "\xE2\x80\xA7\\xE2\\x80\\xAA"},  // a printable neighbour stays, an embedding does not
+        // What turns an amount around on screen: RIGHT-TO-LEFT OVERRIDE,
+        // RIGHT-TO-LEFT ISOLATE, ARABIC LETTER MARK; a zero-width space and
+        // a byte order mark inside the text. Arabic letters themselves stay.
+        {"9.\xE2\x80\xAE"
+         "00",
+         "9.\\xE2\\x80\\xAE"
+         "00"},
+        {"\xE2\x81\xA7x\xD8\x9C", "\\xE2\\x81\\xA7x\\xD8\\x9C"},
+        {"a\xE2\x80\x8B\xEF\xBB\xBF", "a\\xE2\\x80\\x8B\\xEF\\xBB\\xBF"},
+        {"\xD8\xB3\xE2\x80\x8C", "\xD8\xB3\\xE2\\x80\\x8C"},
+        {"\xC0\xAF\xE0\x80\xAF", "\\xC0\\xAF\\xE0\\x80\\xAF"},  // overlong
+        {"\xED\xA0\x80", "\\xED\\xA0\\x80"},                    // surrogate
+        {"\xF4\x90\x80\x80", "\\xF4\\x90\\x80\\x80"},           // past U+10FFFF
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(tse::escapeText(c.value), c.shown);
+    }
 }
 
 }  // namespace

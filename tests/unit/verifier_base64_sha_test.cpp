@@ -1,3 +1,5 @@
+// The verifier's base64 decoding and the SHA-256 it prints, at the lengths where
+// padding and digests go wrong.
 #include <gtest/gtest.h>
 
 #include "fixtures.h"

@@ -1,3 +1,5 @@
+// The verifier's console: what each level prints and keeps, and a stream
+// that comes back as it was.
 #include <gtest/gtest.h>
 
 #include <iostream>

@@ -1,3 +1,5 @@
+// The verifier's reader of log messages: each field or the first deviation
+// named, and no cut-off message read as whole.
 #include <gtest/gtest.h>
 
 #include <numeric>

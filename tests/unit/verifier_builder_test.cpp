@@ -1,3 +1,5 @@
+// The verifier's writer of log messages from receipt texts: the header built
+// around the elements, and numbers in their shortest form.
 #include <gtest/gtest.h>
 
 #include <iostream>

@@ -1,3 +1,4 @@
+// The verifier's DER length octets, written and read in every form.
 #include <gtest/gtest.h>
 
 #include "fixtures.h"
