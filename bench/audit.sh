@@ -9,16 +9,9 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 BUILD="${1:-build}"
-cmake --build "$BUILD" -j"${JOBS:-2}" --target tse-check make-export >/dev/null
-WORK="$(mktemp -d)"
-trap 'rm -rf "$WORK"' EXIT
-CORES="$(nproc)"
-echo "machine: $CORES cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2- | sed 's/^ //'); load $(cut -d' ' -f1-3 /proc/loadavg)"
-
-# The verify column of openssl speed's last line, in verifications per second.
-raw_rate() {
-    openssl speed -seconds 3 -multi "$CORES" "$1" 2>/dev/null | awk '/^ *[0-9]+ bits? ecdsa/ || /ecdsa \(/ {line=$0} END {n=split(line, f, " "); print f[n]}'
-}
+# shellcheck source=bench/lib.sh
+source bench/lib.sh
+bench_setup "$BUILD" tse-check make-export
 
 # audit ARCHIVE: "valid-logs seconds peak-KiB"
 audit() {
@@ -36,7 +29,7 @@ row() {
     "$BUILD/make-export" -o "$WORK/$curve.tar" -n "$transactions" --curve "$curve" -j "$CORES"
     local result raw
     result="$(audit "$WORK/$curve.tar")"
-    raw="$(raw_rate "$speed")"
+    raw="$(openssl_verify_rate "$speed")"
     rm -f "$WORK/$curve.tar"
     echo "$curve $result $raw $goal" >>"$ROWS"
 }

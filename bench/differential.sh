@@ -8,10 +8,9 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 BUILD="${1:-build}"
 CASES="${2:-1000000}"
-cmake --build "$BUILD" -j"${JOBS:-2}" --target key-verifier >/dev/null
-CORES="$(nproc)"
-WORK="$(mktemp -d)"
-trap 'rm -rf "$WORK"' EXIT
+# shellcheck source=bench/lib.sh
+source bench/lib.sh
+bench_setup "$BUILD" key-verifier
 pids=()
 for ((i = 0; i < CORES; i++)); do
     "$BUILD/bench/key-verifier" differential $((CASES / CORES)) $((i + 1)) >"$WORK/$i.out" &

@@ -10,19 +10,16 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 BUILD="${1:-build}"
 TRANSACTIONS="${2:-100000}"
-cmake --build "$BUILD" -j"${JOBS:-2}" --target tse-check make-export make-dsfinvk >/dev/null
-WORK="$(mktemp -d)"
-trap 'rm -rf "$WORK"' EXIT
-CORES="$(nproc)"
-echo "machine: $CORES cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2- | sed 's/^ //')"
+# shellcheck source=bench/lib.sh
+source bench/lib.sh
+bench_setup "$BUILD" tse-check make-export make-dsfinvk
 
 "$BUILD/make-export" -o "$WORK/tse.tar" -n "$TRANSACTIONS" --curve brainpoolP384r1 -j "$CORES"
 "$BUILD/make-dsfinvk" --tse "$WORK/tse.tar" --out "$WORK/dsfinvk"
 /usr/bin/time -f '%e %M' -o "$WORK/time" \
     "$BUILD/tse-check" dsfinvk --no-progress --json "$WORK/report.json" "$WORK/dsfinvk" --tse "$WORK/tse.tar" >/dev/null
 read -r seconds kib <"$WORK/time"
-raw="$(openssl speed -seconds 3 -multi "$CORES" ecdsabrp384r1 2>/dev/null |
-       awk '/^ *[0-9]+ bits? ecdsa/ || /ecdsa \(/ {line=$0} END {n=split(line, f, " "); print f[n]}')"
+raw="$(openssl_verify_rate ecdsabrp384r1)"
 python3 - "$WORK/report.json" "$seconds" "$kib" "$raw" <<'PY'
 import json, sys
 report = json.load(open(sys.argv[1]))

@@ -13,11 +13,9 @@ cd "$(dirname "$0")/.."
 BUILD="${1:-build}"
 BASE="${2:-}"
 TRANSACTIONS="${3:-100000}"
-cmake --build "$BUILD" -j"${JOBS:-2}" --target tse-check make-export make-dsfinvk >/dev/null
-WORK="$(mktemp -d)"
-trap 'rm -rf "$WORK"' EXIT
-CORES="$(nproc)"
-echo "machine: $CORES cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2- | sed 's/^ //'), load $(cut -d' ' -f1-3 /proc/loadavg)"
+# shellcheck source=bench/lib.sh
+source bench/lib.sh
+bench_setup "$BUILD" tse-check make-export make-dsfinvk
 
 "$BUILD/make-export" -o "$WORK/tse.tar" -n "$TRANSACTIONS" --curve secp256r1 --varied -j "$CORES" >/dev/null
 "$BUILD/make-dsfinvk" --tse "$WORK/tse.tar" --out "$WORK/dsfinvk" --lines 5 >/dev/null

@@ -10,15 +10,9 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 COUNT="${1:-5000}"
 BUILD=build
-cmake --build "$BUILD" -j"${JOBS:-2}" --target tse-check make-receipts >/dev/null
-WORK="$(mktemp -d)"
-trap 'rm -rf "$WORK"' EXIT
-CORES="$(nproc)"
-echo "machine: $CORES cores; load $(cut -d' ' -f1-3 /proc/loadavg)"
-
-raw_rate() {
-    openssl speed -seconds 3 -multi "$CORES" "$1" 2>/dev/null | awk '/^ *[0-9]+ bits? ecdsa/ || /ecdsa \(/ {line=$0} END {n=split(line, f, " "); print f[n]}'
-}
+# shellcheck source=bench/lib.sh
+source bench/lib.sh
+bench_setup "$BUILD" tse-check make-receipts
 
 : >"$WORK/rows"
 for pair in brainpoolP256r1:ecdsabrp256r1 brainpoolP384r1:ecdsabrp384r1 brainpoolP512r1:ecdsabrp512r1 \
@@ -29,7 +23,7 @@ for pair in brainpoolP256r1:ecdsabrp256r1 brainpoolP384r1:ecdsabrp384r1 brainpoo
     valid="$(grep -c '^VALID' "$WORK/out.txt" || true)"
     [ "$valid" -eq "$COUNT" ] || { echo "$curve: only $valid of $COUNT receipts verified" >&2; exit 1; }
     read -r seconds kib <"$WORK/time"
-    echo "$curve $valid $seconds $kib $(raw_rate "${pair#*:}")" >>"$WORK/rows"
+    echo "$curve $valid $seconds $kib $(openssl_verify_rate "${pair#*:}")" >>"$WORK/rows"
 done
 
 python3 - "$WORK/rows" <<'PY'

@@ -17,6 +17,7 @@
 
 #include "commands.h"
 #include "dsfinvk/dsfinvk_html.h"
+#include "dsfinvk/transaction_row.h"
 #include "shared/inputs.h"
 #include "shared/jobs.h"
 #include "shared/output.h"
@@ -217,25 +218,11 @@ void writeJson(std::ostream& out, const tse::BookkeepingReport& report, int exit
 
 void writeCsv(std::ostream& out, const tse::BookkeepingReport& report)
 {
-    out << "bonId,kasseId,closing,clientId,serialNumber,transactionNumber,signatureCounter,processType,logTime,"
-           "verdict,match,differences,reason,file\n";
+    const std::vector<std::string>& columns = transactionColumns();
+    for (size_t i = 0; i < columns.size(); ++i) out << (i ? "," : "") << columns[i];
+    out << '\n';
     for (const tse::BookedTransaction& t : report.transactions) {
-        std::string differences;
-        for (const std::string& d : t.differences) differences += (differences.empty() ? "" : " ") + d;
-        const std::vector<std::string> fields{t.bonId,
-                                              t.kasseId,
-                                              t.closing,
-                                              t.clientId,
-                                              t.serialNumber,
-                                              t.transactionNumber ? std::to_string(*t.transactionNumber) : "",
-                                              t.signatureCounter ? std::to_string(*t.signatureCounter) : "",
-                                              t.processType,
-                                              t.logTime(),
-                                              std::string(tse::rowVerdictName(t.verdict)),
-                                              t.match ? std::string(tse::matchStateName(*t.match)) : "",
-                                              differences,
-                                              t.reason,
-                                              t.file};
+        const std::vector<std::string> fields = transactionCells(t);
         for (size_t i = 0; i < fields.size(); ++i) out << (i ? "," : "") << csvCell(fields[i]);
         out << '\n';
     }

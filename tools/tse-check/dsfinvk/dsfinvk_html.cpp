@@ -2,6 +2,7 @@
 // export, for people. It says what the text summary says, shows the sales
 // per day on both sides, and lists every transaction.
 #include "dsfinvk/dsfinvk_html.h"
+#include "dsfinvk/transaction_row.h"
 
 #include <algorithm>
 #include <optional>
@@ -113,39 +114,10 @@ void transactionsSection(report::ReportPage& page, const tse::BookkeepingReport&
     page.beginSection("Transactions", "transactions");
     report::Table table;
     table.caption = "Every transaction, as in the CSV report";
-    table.columns = {"bonId",
-                     "kasseId",
-                     "closing",
-                     "clientId",
-                     "serialNumber",
-                     "transactionNumber",
-                     "signatureCounter",
-                     "processType",
-                     "logTime",
-                     "verdict",
-                     "match",
-                     "differences",
-                     "reason",
-                     "file"};
+    table.columns = transactionColumns();
     table.rows = bookkeeping.transactions.size();
     table.cells = [&](size_t i, std::vector<std::string>& cells) {
-        const tse::BookedTransaction t = bookkeeping.transactions[i];
-        std::string differences;
-        for (const std::string& d : t.differences) differences += (differences.empty() ? "" : " ") + d;
-        cells = {t.bonId,
-                 t.kasseId,
-                 t.closing,
-                 t.clientId,
-                 t.serialNumber,
-                 t.transactionNumber ? std::to_string(*t.transactionNumber) : "",
-                 t.signatureCounter ? std::to_string(*t.signatureCounter) : "",
-                 t.processType,
-                 t.logTime(),
-                 std::string(tse::rowVerdictName(t.verdict)),
-                 t.match ? std::string(tse::matchStateName(*t.match)) : "",
-                 differences,
-                 t.reason,
-                 t.file};
+        cells = transactionCells(bookkeeping.transactions[i]);
     };
     page.table(table);
     page.endSection();
