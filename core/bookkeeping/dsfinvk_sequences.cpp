@@ -130,7 +130,7 @@ void receiptsOutside(const Bookkeeping& books, const std::vector<uint32_t>& clos
             if (!end || (*end <= *created && (!before || *end > *before))) continue;
             tally.add(FindingCode::ReceiptOutsideClosing,
                       closingName(books, c) + ": receipts that end " +
-                          (before ? "outside its period, after " + isoSeconds(*before) + " and up to its creation"
+                          (before ? "outside its period (after " + isoSeconds(*before) + ", up to its creation)"
                                   : "after its creation"),
                       "receipt", [&] {
                           return "BON_ID " + quoted(books.receiptField(books.receipts[r], BON_ID)) + " ended " +

@@ -140,6 +140,61 @@ TEST(DsfinvkBooks, EachPlantedDefectGivesExactlyItsFinding)
     }
 }
 
+// The words of the numbering findings name what an auditor looks up: the
+// register, the closings, the numbers and times on both sides of the fault,
+// and the message agrees with itself (the missing number lies between the
+// two, the earlier closing is earlier, the receipt ends after the period).
+TEST(DsfinvkBooks, NumberingFindingsNameBothSidesOfTheFault)
+{
+    const struct {
+        const char* defect;
+        const char* severity;
+        std::regex words;
+        std::function<void(const std::smatch&)> agrees;
+    } cases[] = {
+        {"closing-gap", "error",
+         std::regex(R"(cashpointclosing\.csv:\d+: closing numbers of register "Kasse 1": (\d+) \(created [^)]+\) )"
+                    R"(follows (\d+) \(created [^)]+\): (\d+) missing$)"),
+         [](const std::smatch& m) {
+             EXPECT_EQ(std::stoi(m[3]), std::stoi(m[2]) + 1);
+             EXPECT_EQ(std::stoi(m[1]), std::stoi(m[2]) + 2);
+         }},
+        {"bon-duplicate", "error",
+         std::regex(R"(^closing (\d+) of register "Kasse 1" \(created [^)]+\): receipts with a BON_ID an earlier )"
+                    R"(receipt of the register has: 1 receipt: BON_ID "\d+" \(first in closing (\d+)\)$)"),
+         [](const std::smatch& m) { EXPECT_LT(std::stoi(m[2]), std::stoi(m[1])); }},
+        {"receipt-outside-closing", "warning",
+         std::regex(R"(^closing \d+ of register "Kasse 1" \(created ([0-9T:-]+)Z\): receipts that end outside its )"
+                    R"(period \(after ([0-9T:-]+)Z, up to its creation\): 1 receipt: BON_ID "\d+" ended )"
+                    R"("([0-9T:-]+)\.\d+Z"$)"),
+         [](const std::smatch& m) {
+             // ISO 8601 texts of one form order as their times do.
+             EXPECT_LT(m[2].str(), m[1].str());
+             EXPECT_GT(m[3].str(), m[1].str());
+         }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.defect);
+        fixtures::TempDir dir;
+        ASSERT_EQ(make("make-dsfinvk", {"--tse", CLOUD, "--out", dir.path("d"), "--defect", c.defect}).status, 0);
+        const Report r = check(dir.path("d"), CLOUD);
+        int seen = 0;
+        for (const json& f : r.document["findings"]) {
+            if (f["code"] != c.defect) continue;
+            ++seen;
+            EXPECT_EQ(f["severity"], c.severity);
+            const std::string message = f["message"];
+            std::smatch m;
+            if (!std::regex_search(message, m, c.words)) {
+                ADD_FAILURE() << message;
+                continue;
+            }
+            c.agrees(m);
+        }
+        EXPECT_EQ(seen, 1) << r.document["findings"].dump(1);
+    }
+}
+
 TEST(DsfinvkBooks, WritersVariantsAndBothRealPairsGiveNoFinding)
 {
     for (const std::string& tse : {CLOUD, JSON_TSE}) {
