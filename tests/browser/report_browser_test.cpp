@@ -23,7 +23,7 @@ namespace {
 using nlohmann::json;
 namespace fs = std::filesystem;
 
-const std::string REAL = std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) + "/../data/real-exports/";
+const std::string REAL = fixtures::realExportsFolder();
 
 std::string programOnPath(const std::string& name)
 {
@@ -40,11 +40,6 @@ std::string fileText(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-std::string makeExportPath()
-{
-    return (fs::path(fixtures::tseCheckPath()).parent_path() / "make-export").string();
 }
 
 // Headless Chromium with a profile of its own that it never shares, and
@@ -198,7 +193,7 @@ TEST(BrowserReport, FailingExport)
     for (const char* defect : {"signature-invalid", "counter-gap", "time-regression"}) {
         exports.push_back(dir.path(std::string(defect) + ".tar"));
         const fixtures::RunResult made =
-            fixtures::run(makeExportPath(), {"-o", exports.back(), "-n", "30", "--defect", defect});
+            fixtures::run(fixtures::toolPath("make-export"), {"-o", exports.back(), "-n", "30", "--defect", defect});
         ASSERT_EQ(made.status, 0) << made.err;
     }
     const Audited a = auditToHtml(dir, "failing", exports);
@@ -256,7 +251,7 @@ TEST(BrowserReport, LargeExportFromAggregates)
     REQUIRE_BROWSER(browser);
     fixtures::TempDir dir;
     const std::string path = dir.path("large.tar");
-    const fixtures::RunResult made = fixtures::run(makeExportPath(), {"-o", path, "-n", "1667"});
+    const fixtures::RunResult made = fixtures::run(fixtures::toolPath("make-export"), {"-o", path, "-n", "1667"});
     ASSERT_EQ(made.status, 0) << made.err;
     const Audited a = auditToHtml(dir, "large", {path});
     const auto logs = a.report["summary"]["logs"].get<uintmax_t>();
@@ -305,8 +300,8 @@ TEST(BrowserReport, BookkeepingWithPlantedDefects)
     const std::string tools = fs::path(fixtures::tseCheckPath()).parent_path().string();
     const std::string tse = dir.path("tse.tar");
     const fixtures::RunResult exported =
-        fixtures::run(makeExportPath(), {"-o", tse, "-n", "20", "--curve", "secp256r1", "--client",
-                                         "<script>document.title='RAN'</script>"});
+        fixtures::run(fixtures::toolPath("make-export"), {"-o", tse, "-n", "20", "--curve", "secp256r1", "--client",
+                                                          "<script>document.title='RAN'</script>"});
     ASSERT_EQ(exported.status, 0) << exported.err;
     struct Case {
         std::string defect, code;

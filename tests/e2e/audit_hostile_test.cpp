@@ -22,7 +22,7 @@ namespace {
 using nlohmann::json;
 namespace fs = std::filesystem;
 
-const std::string REAL = std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) + "/../data/real-exports/";
+const std::string REAL = fixtures::realExportsFolder();
 constexpr fixtures::RunLimits LIMITS{60, 0};
 
 std::string fileText(const std::string& path)

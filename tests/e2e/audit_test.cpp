@@ -24,16 +24,11 @@ namespace {
 using nlohmann::json;
 namespace fs = std::filesystem;
 
-const std::string REAL = std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) + "/../data/real-exports/";
-
-std::string makeExportPath()
-{
-    return (fs::path(fixtures::tseCheckPath()).parent_path() / "make-export").string();
-}
+const std::string REAL = fixtures::realExportsFolder();
 
 void makeExport(const std::vector<std::string>& arguments)
 {
-    const fixtures::RunResult made = fixtures::run(makeExportPath(), arguments);
+    const fixtures::RunResult made = fixtures::run(fixtures::toolPath("make-export"), arguments);
     ASSERT_EQ(made.status, 0) << made.err;
 }
 
@@ -126,7 +121,7 @@ TEST(Audit, PlantedDefects)
     fixtures::TempDir dir;
     // What make-export says each defect gives, taken from the catalogue.
     std::map<std::string, std::string> listed;
-    std::istringstream list(fixtures::run(makeExportPath(), {"--list-defects"}).out);
+    std::istringstream list(fixtures::run(fixtures::toolPath("make-export"), {"--list-defects"}).out);
     for (std::string name, code; list >> name >> code;) listed[name] = code;
     size_t tested = 0;
     for (const Case& c : std::vector<Case>{

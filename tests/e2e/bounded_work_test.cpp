@@ -16,7 +16,7 @@ namespace {
 
 using nlohmann::json;
 
-const std::string REAL = std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) + "/../data/real-exports/";
+const std::string REAL = fixtures::realExportsFolder();
 
 std::vector<std::string> fieldsOf(const std::string& text)
 {

@@ -22,14 +22,13 @@ using nlohmann::json;
 namespace fs = std::filesystem;
 using Codes = std::multiset<std::string>;
 
-const std::string REAL = std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) + "/../data/real-exports/";
+const std::string REAL = fixtures::realExportsFolder();
 const std::string CLOUD = REAL + "2021-09-30_63641_TSE.tar";
 const std::string JSON_TSE = REAL + "TSE_Export_685e1812-79a4-4c8c-9a07-9e93a019efa7_202109171015.tar";
 
 fixtures::RunResult make(const std::string& program, const std::vector<std::string>& arguments)
 {
-    const std::string path = (fs::path(fixtures::tseCheckPath()).parent_path() / program).string();
-    return fixtures::run(path, arguments, {}, {180, 0});
+    return fixtures::run(fixtures::toolPath(program), arguments, {}, {180, 0});
 }
 
 struct Report {

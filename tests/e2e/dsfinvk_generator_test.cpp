@@ -35,14 +35,9 @@ const std::string JSON_TSE =
     HERE + "/../data/real-exports/TSE_Export_685e1812-79a4-4c8c-9a07-9e93a019efa7_202109171015.tar";
 const std::string INDEX = HERE + "/../data/dsfinvk/index.xml";
 
-std::string tool(const std::string& name)
-{
-    return (fs::path(fixtures::tseCheckPath()).parent_path() / name).string();
-}
-
 fixtures::RunResult make(const std::string& program, const std::vector<std::string>& arguments)
 {
-    fixtures::RunResult made = fixtures::run(tool(program), arguments, {}, {120, 0});
+    fixtures::RunResult made = fixtures::run(fixtures::toolPath(program), arguments, {}, {120, 0});
     EXPECT_EQ(made.status, 0) << program << ": " << made.err;
     return made;
 }

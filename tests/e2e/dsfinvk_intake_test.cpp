@@ -20,15 +20,10 @@ namespace {
 using nlohmann::json;
 namespace fs = std::filesystem;
 
-const std::string REAL = std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) + "/../data/real-exports/";
+const std::string REAL = fixtures::realExportsFolder();
 const std::string CLOUD = REAL + "2021-09-30_63641_TSE.tar";
 const std::string INDEX_XML =
     std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) + "/../data/dsfinvk/index.xml";
-
-std::string tool(const std::string& name)
-{
-    return (fs::path(fixtures::tseCheckPath()).parent_path() / name).string();
-}
 
 std::string slurp(const std::string& path)
 {
@@ -104,7 +99,7 @@ Check dsfinvk(std::vector<std::string> arguments, fixtures::RunLimits limits = {
 std::vector<Member> realTables(const fixtures::TempDir& dir, const std::string& folder)
 {
     const fixtures::RunResult made =
-        fixtures::run(tool("make-dsfinvk"), {"--tse", CLOUD, "--out", dir.path("books")}, {}, {120, 0});
+        fixtures::run(fixtures::toolPath("make-dsfinvk"), {"--tse", CLOUD, "--out", dir.path("books")}, {}, {120, 0});
     EXPECT_EQ(made.status, 0) << made.err;
     std::vector<Member> members;
     for (const fs::directory_entry& e : fs::directory_iterator(dir.path("books"))) {
@@ -177,11 +172,11 @@ TEST(DsfinvkIntake, EncodingThatTheSignaturesContradict)
 {
     fixtures::TempDir dir;
     auto made = fixtures::run(
-        tool("make-export"),
+        fixtures::toolPath("make-export"),
         {"--out", dir.path("tse.tar"), "-n", "6", "--curve", "secp256r1", "--client", "Kasse-Müller"}, {}, {120, 0});
     ASSERT_EQ(made.status, 0) << made.err;
-    made =
-        fixtures::run(tool("make-dsfinvk"), {"--tse", dir.path("tse.tar"), "--out", dir.path("books")}, {}, {120, 0});
+    made = fixtures::run(fixtures::toolPath("make-dsfinvk"), {"--tse", dir.path("tse.tar"), "--out", dir.path("books")},
+                         {}, {120, 0});
     ASSERT_EQ(made.status, 0) << made.err;
     declareAnsi(dir.path("books"));
     const Check check = dsfinvk({dir.path("books"), "--json", "-"});

@@ -27,18 +27,13 @@ using nlohmann::json;
 namespace fs = std::filesystem;
 using fixtures::DsfinvkTable;
 
-const std::string REAL = std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) + "/../data/real-exports/";
+const std::string REAL = fixtures::realExportsFolder();
 const std::string CLOUD = REAL + "2021-09-30_63641_TSE.tar";  // Kassenbeleg-V1 with amounts, unixTime
 const std::string JSON_TSE = REAL + "TSE_Export_685e1812-79a4-4c8c-9a07-9e93a019efa7_202109171015.tar";  // utcTime
 
-std::string tool(const std::string& name)
-{
-    return (fs::path(fixtures::tseCheckPath()).parent_path() / name).string();
-}
-
 void run(const std::string& program, const std::vector<std::string>& arguments)
 {
-    const fixtures::RunResult made = fixtures::run(tool(program), arguments, {}, {120, 0});
+    const fixtures::RunResult made = fixtures::run(fixtures::toolPath(program), arguments, {}, {120, 0});
     ASSERT_EQ(made.status, 0) << program << ": " << made.err;
 }
 

@@ -456,7 +456,7 @@ TEST(TseCheck, AuditAndVerifyAgree)
                              "2021-09-30_63641_TSE", "TSE_Export_685e1812-79a4-4c8c-9a07-9e93a019efa7_202109171015"}) {
         expectAgreement(fixtures::unpackRealExport(dir, name), name);
     }
-    const std::string makeExport = (std::filesystem::path(tseCheckPath()).parent_path() / "make-export").string();
+    const std::string makeExport = fixtures::toolPath("make-export");
     for (const char* defect : {"signature-invalid", "certificate-missing", "log-unreadable", "counter-duplicate",
                                "name-mismatch", "ecsdsa", "certificate-renamed", "time-regression"}) {
         const std::string out = dir.path(std::string("made-") + defect);

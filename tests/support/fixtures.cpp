@@ -371,10 +371,26 @@ std::string tseCheckPath()
     return TSE_CHECK_BIN;
 }
 
-std::string unpackRealExport(const TempDir& dir, const std::string& name)
+std::string toolPath(const std::string& name)
+{
+    return (std::filesystem::path(tseCheckPath()).parent_path() / name).string();
+}
+
+std::string realExportsFolder()
 {
     const std::string source = __FILE__;
-    const std::string tar = source.substr(0, source.rfind('/')) + "/../data/real-exports/" + name + ".tar";
+    return source.substr(0, source.rfind('/')) + "/../data/real-exports/";
+}
+
+std::string samplesFolder()
+{
+    const std::string source = __FILE__;
+    return source.substr(0, source.rfind('/')) + "/../../samples/";
+}
+
+std::string unpackRealExport(const TempDir& dir, const std::string& name)
+{
+    const std::string tar = realExportsFolder() + name + ".tar";
     const std::string target = dir.path(name);
     std::filesystem::create_directory(target);
     require(run("/bin/tar", {"-xf", tar, "-C", target}).status == 0, "unpack a real export");

@@ -127,6 +127,16 @@ std::string verifierPath();
 // new directory below dir; returns that directory.
 std::string unpackRealExport(const TempDir& dir, const std::string& name);
 std::string tseCheckPath();
+// Another program of the build (make-export, make-dsfinvk, ...), which
+// lies beside tse-check.
+std::string toolPath(const std::string& name);
+
+// The repository's folders the tests read from: the real TSE exports
+// (tests/data/real-exports/) and the samples (samples/), with a slash at
+// the end. Functions, not constants: a test's own constants are made from
+// them before any constant of this file would be.
+std::string realExportsFolder();
+std::string samplesFolder();
 
 // A plain TAR archive of the given members (name, contents), in order.
 void writeTar(const std::string& path, const std::vector<std::pair<std::string, std::string>>& members);

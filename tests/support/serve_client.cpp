@@ -14,30 +14,7 @@ namespace {
 namespace fs = std::filesystem;
 using nlohmann::json;
 
-// A function, not a constant: the tests' own constants are made from it
-// before this file's would be.
-std::string sourceFolder()
-{
-    const std::string file = __FILE__;
-    return file.substr(0, file.rfind('/')) + "/../../";
-}
-
-std::string tool(const std::string& name)
-{
-    return (fs::path(tseCheckPath()).parent_path() / name).string();
-}
-
 }  // namespace
-
-std::string realExportsFolder()
-{
-    return sourceFolder() + "tests/data/real-exports/";
-}
-
-std::string samplesFolder()
-{
-    return sourceFolder() + "samples/";
-}
 
 std::string fileText(const std::string& path)
 {
@@ -98,7 +75,7 @@ std::string madeExport(const std::string& name, std::vector<std::string> options
     fs::create_directories(kept.parent_path());
     const std::string part = kept.string() + ".part";
     options.insert(options.begin(), {"-o", part});
-    if (run(tool("make-export"), options, {}, {600, 0}).status != 0) return {};
+    if (run(toolPath("make-export"), options, {}, {600, 0}).status != 0) return {};
     fs::rename(part, kept);
     return kept.string();
 }

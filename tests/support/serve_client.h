@@ -18,10 +18,6 @@
 
 namespace fixtures {
 
-// The repository's folders the server tests upload from.
-std::string realExportsFolder();  // tests/data/real-exports/
-std::string samplesFolder();      // samples/
-
 std::string fileText(const std::string& path);
 
 // A server with its TMPDIR in the test's folder, so that the test sees
