@@ -166,21 +166,17 @@ void receiptProblems(const Books& books, Problems& out)
 
 using Sums = std::map<std::string, std::vector<int64_t>>;
 
-// The closing module and cashpointclosing.csv against the closing's sales.
-void closingProblems(const Books& books, Problems& out)
+using ClosingSums = std::map<std::string, Sums>;  // closing -> what -> amounts
+
+// What the sales of each closing add up to, from their lines and payments.
+ClosingSums computedSums(const Books& books, const std::set<std::string>& sales)
 {
-    std::set<std::string> sales;
-    std::map<std::string, std::vector<uint64_t>> bons;
-    for (const Row& r : books["transactions.csv"]) {
-        if (value(r, "BON_TYP") == "Beleg") sales.insert(receiptOf(r));
-        bons[closingOf(r)].push_back(std::stoull(value(r, "BON_ID")));
-    }
     std::map<std::string, std::string> caseOf;
     for (const Row& r : books["lines.csv"]) {
         caseOf[receiptOf(r) + "|" + value(r, "POS_ZEILE")] =
             value(r, "GV_TYP") + "|" + value(r, "GV_NAME") + "|" + value(r, "AGENTUR_ID");
     }
-    std::map<std::string, Sums> computed, booked;  // closing -> what -> amounts
+    ClosingSums computed;
     for (const Row& r : books["lines_vat.csv"]) {
         if (!sales.count(receiptOf(r))) continue;
         std::vector<int64_t>& sum =
@@ -204,6 +200,14 @@ void closingProblems(const Books& books, Problems& out)
         cash.resize(1), cash[0] += currency.empty() ? base : units(value(r, "ZAHLWAEH_BETRAG"), 2);
         sums["Z_SE_BARZAHLUNGEN"].resize(1), sums["Z_SE_BARZAHLUNGEN"][0] += base;
     }
+    return computed;
+}
+
+// What the closing module books for each closing; a base-currency cash row
+// of nothing counts only where cash was taken, as writers differ there.
+ClosingSums bookedSums(const Books& books, const ClosingSums& computed)
+{
+    ClosingSums booked;
     for (const Row& r : books["businesscases.csv"]) {
         booked[closingOf(r)]["case " + value(r, "GV_TYP") + "|" + value(r, "GV_NAME") + "|" + value(r, "AGENTUR_ID") +
                              "|" + value(r, "UST_SCHLUESSEL")] = {
@@ -216,9 +220,24 @@ void closingProblems(const Books& books, Problems& out)
     for (const Row& r : books["cash_per_currency.csv"]) {
         const int64_t amount = units(value(r, "ZAHLART_BETRAG_WAEH"), 2);
         const std::string what = "cash " + value(r, "ZAHLART_WAEH");
-        // A base-currency row of nothing where no cash was taken: writers differ.
-        if (amount != 0 || computed[closingOf(r)].count(what)) booked[closingOf(r)][what] = {amount};
+        const auto closing = computed.find(closingOf(r));
+        const bool taken = closing != computed.end() && closing->second.count(what);
+        if (amount != 0 || taken) booked[closingOf(r)][what] = {amount};
     }
+    return booked;
+}
+
+// The closing module and cashpointclosing.csv against the closing's sales.
+void closingProblems(const Books& books, Problems& out)
+{
+    std::set<std::string> sales;
+    std::map<std::string, std::vector<uint64_t>> bons;
+    for (const Row& r : books["transactions.csv"]) {
+        if (value(r, "BON_TYP") == "Beleg") sales.insert(receiptOf(r));
+        bons[closingOf(r)].push_back(std::stoull(value(r, "BON_ID")));
+    }
+    ClosingSums computed = computedSums(books, sales);
+    ClosingSums booked = bookedSums(books, computed);
     for (const Row& r : books["cashpointclosing.csv"]) {
         const std::string c = closingOf(r);
         for (const char* total : {"Z_SE_ZAHLUNGEN", "Z_SE_BARZAHLUNGEN"}) {
