@@ -1,7 +1,7 @@
 // Work that could grow without end is bounded: explanations of invalid
-// receipts share a work bound, and a system that grants fewer threads than
-// asked for gets the work done on those. The kernel's limits on processor
-// time and address space hold the real executables to it.
+// receipts share a work bound, which the kernel's limit on processor time
+// holds the real executable to. (Fewer threads than asked for: in
+// resource_bounds_test.)
 #include <filesystem>
 #include <sstream>
 
@@ -95,39 +95,6 @@ TEST(BoundedWork, ExplainingABatchOfInvalidReceipts)
         checks += e["checks"].get<uint64_t>();
     }
     EXPECT_LE(checks, tse::MAX_EXPLAIN_BATCH_CHECKS);
-}
-
-// -j 1024 in an address space that holds a few hundred thread stacks: the
-// audit and the receipt check run on the threads they get, and report.
-TEST(BoundedWork, FewerThreadsThanAskedFor)
-{
-#if defined(ADDRESS_SANITIZER)
-    GTEST_SKIP() << "AddressSanitizer reserves more address space than the limit allows";
-#else
-    const fixtures::RunLimits limits{120, 0, 0, 1024};
-    const fixtures::RunResult audit = fixtures::run(
-        fixtures::tseCheckPath(), {"audit", "--jobs", "1024", "--json", "-", REAL + "logMessages1.tar"}, {}, limits);
-    EXPECT_EQ(audit.stopped, "");
-    EXPECT_EQ(audit.status, 0) << audit.err;
-    const json report = json::parse(audit.out, nullptr, false);
-    ASSERT_FALSE(report.is_discarded()) << audit.err;
-    EXPECT_EQ(report["summary"]["valid"], 17);
-
-    const tse::Signer signer(tse::Curve::Secp256r1);
-    tse::TransactionData transaction;
-    transaction.clientId = "K1";
-    transaction.processType = "Kassenbeleg-V1";
-    transaction.processData = {'B', 'e', 'l', 'e', 'g'};
-    std::string texts;
-    for (uint64_t n = 1; n <= 50; ++n) {
-        texts += tse::signedReceiptText(signer, tse::Hash::Sha256, transaction, n, 1627903700, 1627903738) + "\n";
-    }
-    fixtures::TempDir dir;
-    const fixtures::RunResult receipts = fixtures::run(
-        fixtures::tseCheckPath(), {"receipt", "--jobs", "1024", "--from", dir.write("r.txt", texts)}, {}, limits);
-    EXPECT_EQ(receipts.stopped, "");
-    EXPECT_EQ(receipts.status, 0) << receipts.out << receipts.err;
-#endif
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include <nlohmann/json.hpp>
 
 #include "dsfinvk_tables.h"
+#include "dsfinvk_zip.h"
 #include "fixtures.h"
 
 namespace {
@@ -41,13 +42,14 @@ Report check(const std::string& books, const std::string& tse)
 {
     std::vector<std::string> arguments = {"dsfinvk", books};
     if (!tse.empty()) arguments.insert(arguments.end(), {"--tse", tse});
-    Report r;
+    // One run gives both: the text on standard output, the JSON to a file.
+    const fixtures::TempDir out;
+    arguments.insert(arguments.end(), {"--json", out.path("report.json")});
     const fixtures::RunResult text = fixtures::run(fixtures::tseCheckPath(), arguments, {}, {180, 0});
-    arguments.insert(arguments.end(), {"--json", "-"});
-    const fixtures::RunResult machine = fixtures::run(fixtures::tseCheckPath(), arguments, {}, {180, 0});
-    r.status = machine.status;
-    r.document = json::parse(machine.out, nullptr, false);
-    EXPECT_FALSE(r.document.is_discarded()) << machine.err;
+    Report r;
+    r.status = text.status;
+    r.document = json::parse(fixtures::slurp(out.path("report.json")), nullptr, false);
+    EXPECT_FALSE(r.document.is_discarded()) << text.err;
     if (r.document.is_discarded()) return r;
     for (const json& f : r.document["findings"]) r.codes.insert(f["code"].get<std::string>());
     // "  error  closing-sum-differs (2)"
@@ -58,7 +60,6 @@ Report check(const std::string& books, const std::string& tse)
         if (!std::regex_match(line, m, heading)) continue;
         for (int i = std::stoi(m[3]); i > 0; --i) r.text.insert(m[2]);
     }
-    EXPECT_EQ(text.status, r.status);
     return r;
 }
 

@@ -1,10 +1,7 @@
 // How `tse-check dsfinvk` reads what it is given: archive members that
-// cannot be read are named as what they are, a table's encoding is checked
-// against its signatures, and a ZIP of many rows takes memory in proportion
-// to its rows, not ten times more.
-#include <archive.h>
-#include <archive_entry.h>
-
+// cannot be read are named as what they are, and a table's encoding is
+// checked against its signatures. (What a ZIP of many rows costs in memory
+// is measured in resource_bounds_test.)
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -13,10 +10,16 @@
 #include <nlohmann/json.hpp>
 
 #include "dsfinvk_tables.h"
+#include "dsfinvk_zip.h"
 #include "fixtures.h"
 
 namespace {
 
+using fixtures::Member;
+using fixtures::memberNamed;
+using fixtures::realTables;
+using fixtures::slurp;
+using fixtures::writeZip;
 using nlohmann::json;
 namespace fs = std::filesystem;
 
@@ -24,47 +27,6 @@ const std::string REAL = fixtures::realExportsFolder();
 const std::string CLOUD = REAL + "2021-09-30_63641_TSE.tar";
 const std::string INDEX_XML =
     std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) + "/../data/dsfinvk/index.xml";
-
-std::string slurp(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-struct Member {
-    std::string name, data;
-    std::string link;        // a symbolic link to this target instead of data
-    bool encrypted = false;  // in a ZIP of its own, read beside the others
-};
-
-// A ZIP of the members, encrypted with the traditional PKWARE cipher when asked.
-void writeZip(const std::string& path, const std::vector<Member>& members, bool encrypted = false)
-{
-    std::unique_ptr<archive, int (*)(archive*)> a(archive_write_new(), archive_write_free);
-    archive_write_set_format_zip(a.get());
-    if (encrypted) {
-        ASSERT_EQ(archive_write_set_options(a.get(), "zip:encryption=zipcrypt"), ARCHIVE_OK)
-            << archive_error_string(a.get());
-        archive_write_set_passphrase(a.get(), "secret");
-    }
-    ASSERT_EQ(archive_write_open_filename(a.get(), path.c_str()), ARCHIVE_OK);
-    for (const Member& m : members) {
-        std::unique_ptr<archive_entry, void (*)(archive_entry*)> entry(archive_entry_new(), archive_entry_free);
-        archive_entry_set_pathname_utf8(entry.get(), m.name.c_str());
-        if (!m.link.empty()) {
-            archive_entry_set_filetype(entry.get(), AE_IFLNK);
-            archive_entry_set_symlink(entry.get(), m.link.c_str());
-            archive_entry_set_size(entry.get(), 0);
-        } else {
-            archive_entry_set_filetype(entry.get(), AE_IFREG);
-            archive_entry_set_size(entry.get(), static_cast<la_int64_t>(m.data.size()));
-        }
-        archive_entry_set_perm(entry.get(), 0644);
-        ASSERT_EQ(archive_write_header(a.get(), entry.get()), ARCHIVE_OK) << archive_error_string(a.get());
-        if (m.link.empty()) archive_write_data(a.get(), m.data.data(), m.data.size());
-    }
-    ASSERT_EQ(archive_write_close(a.get()), ARCHIVE_OK) << archive_error_string(a.get());
-}
 
 struct Check {
     int status = -1;
@@ -93,28 +55,6 @@ Check dsfinvk(std::vector<std::string> arguments, fixtures::RunLimits limits = {
         check.report = json::parse(path == "-" ? r.out : slurp(path), nullptr, false);
     }
     return check;
-}
-
-// The tables of the real cloud export's bookkeeping, to pack as members.
-std::vector<Member> realTables(const fixtures::TempDir& dir, const std::string& folder)
-{
-    const fixtures::RunResult made =
-        fixtures::run(fixtures::toolPath("make-dsfinvk"), {"--tse", CLOUD, "--out", dir.path("books")}, {}, {120, 0});
-    EXPECT_EQ(made.status, 0) << made.err;
-    std::vector<Member> members;
-    for (const fs::directory_entry& e : fs::directory_iterator(dir.path("books"))) {
-        members.push_back({folder + e.path().filename().string(), slurp(e.path().string()), "", false});
-    }
-    return members;
-}
-
-Member& memberNamed(std::vector<Member>& members, const std::string& suffix)
-{
-    for (Member& m : members) {
-        if (m.name.size() >= suffix.size() && m.name.compare(m.name.size() - suffix.size(), suffix.size(), suffix) == 0)
-            return m;
-    }
-    throw std::runtime_error("no member " + suffix);
 }
 
 TEST(DsfinvkIntake, MembersThatCannotBeReadAreNamed)
@@ -186,35 +126,6 @@ TEST(DsfinvkIntake, EncodingThatTheSignaturesContradict)
     EXPECT_NE(found.front().find("UTF-8"), std::string::npos);
     EXPECT_EQ(check.status, 1);
     EXPECT_TRUE(check.messages("signature-invalid").empty());
-}
-
-// A ZIP that inflates to 32 MiB of TSE failure rows: the check takes
-// memory in proportion to the rows (at most twice their bytes and 100 MiB),
-// measured, not guessed.
-TEST(DsfinvkIntake, ManyRowsInASmallZipTakeBoundedMemory)
-{
-    fixtures::TempDir dir;
-    std::vector<Member> members = realTables(dir, "");
-    std::string& rows = memberNamed(members, "transactions_tse.csv").data;
-    rows = rows.substr(0, rows.find("\r\n") + 2);
-    constexpr size_t TABLE = 32u << 20;
-    for (size_t n = 0; rows.size() < TABLE; ++n) {
-        rows += "Kasse 1;2021-07-28T13:17:12Z;1;F" + std::to_string(n) + ";1;;;;;;;TSE ausgefallen;\r\n";
-    }
-    writeZip(dir.path("many.zip"), members);
-    EXPECT_LT(fs::file_size(dir.path("many.zip")), 2u << 20);
-    // The text report: a JSON document of half a million findings would
-    // measure the test's disk, not the check.
-    const fixtures::RunResult r =
-        fixtures::run(fixtures::tseCheckPath(), {"dsfinvk", dir.path("many.zip")}, {}, {300, 0});
-    EXPECT_EQ(r.status, 1) << r.err;  // the failure rows name no receipt
-    // AddressSanitizer's shadow and quarantine are no measure of the check.
-#if !defined(ADDRESS_SANITIZER)
-    const long boundKiB = static_cast<long>((2 * (TABLE >> 20) + 100) << 10);
-    EXPECT_LT(r.maxRssKiB, boundKiB) << "peak " << (r.maxRssKiB >> 10) << " MiB";
-#endif
-    const size_t rowsChecked = std::stoul(r.out.substr(r.out.find(": ") + 2));
-    EXPECT_GT(rowsChecked, 500000u) << r.out.substr(0, 200);
 }
 
 }  // namespace
