@@ -48,7 +48,7 @@ Report check(const std::string& books, const std::string& tse)
     const fixtures::RunResult text = fixtures::run(fixtures::tseCheckPath(), arguments, {}, {180, 0});
     Report r;
     r.status = text.status;
-    r.document = json::parse(fixtures::slurp(out.path("report.json")), nullptr, false);
+    r.document = json::parse(fixtures::fileText(out.path("report.json")), nullptr, false);
     EXPECT_FALSE(r.document.is_discarded()) << text.err;
     if (r.document.is_discarded()) return r;
     for (const json& f : r.document["findings"]) r.codes.insert(f["code"].get<std::string>());

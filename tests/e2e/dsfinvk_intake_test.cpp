@@ -15,10 +15,10 @@
 
 namespace {
 
+using fixtures::fileText;
 using fixtures::Member;
 using fixtures::memberNamed;
 using fixtures::realTables;
-using fixtures::slurp;
 using fixtures::writeZip;
 using nlohmann::json;
 namespace fs = std::filesystem;
@@ -52,7 +52,7 @@ Check dsfinvk(std::vector<std::string> arguments, fixtures::RunLimits limits = {
     const auto option = std::find(arguments.begin(), arguments.end(), "--json");
     if (option != arguments.end() && option + 1 != arguments.end()) {
         const std::string path = *(option + 1);
-        check.report = json::parse(path == "-" ? r.out : slurp(path), nullptr, false);
+        check.report = json::parse(path == "-" ? r.out : fileText(path), nullptr, false);
     }
     return check;
 }
@@ -103,7 +103,7 @@ TEST(DsfinvkIntake, MembersThatCannotBeReadAreNamed)
 // index.xml that declares every table ANSI.
 void declareAnsi(const std::string& folder)
 {
-    std::string xml = slurp(folder + "/index.xml");
+    std::string xml = fileText(folder + "/index.xml");
     for (size_t at; (at = xml.find("<UTF8 />")) != std::string::npos;) xml.replace(at, 8, "<ANSI />");
     std::ofstream(folder + "/index.xml", std::ios::binary | std::ios::trunc) << xml;
 }

@@ -12,12 +12,6 @@
 
 namespace fixtures {
 
-std::string slurp(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 void writeZip(const std::string& path, const std::vector<Member>& members, bool encrypted)
 {
     std::unique_ptr<archive, int (*)(archive*)> a(archive_write_new(), archive_write_free);
@@ -53,7 +47,7 @@ std::vector<Member> realTables(const TempDir& dir, const std::string& folder)
     EXPECT_EQ(made.status, 0) << made.err;
     std::vector<Member> members;
     for (const std::filesystem::directory_entry& e : std::filesystem::directory_iterator(dir.path("books"))) {
-        members.push_back({folder + e.path().filename().string(), slurp(e.path().string()), "", false});
+        members.push_back({folder + e.path().filename().string(), fileText(e.path().string()), "", false});
     }
     return members;
 }

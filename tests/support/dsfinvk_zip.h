@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "file_text.h"
 #include "fixtures.h"
 
 namespace fixtures {
@@ -26,8 +27,6 @@ std::vector<Member> realTables(const TempDir& dir, const std::string& folder);
 
 // The member whose name ends in SUFFIX; throws when there is none.
 Member& memberNamed(std::vector<Member>& members, const std::string& suffix);
-
-std::string slurp(const std::string& path);
 
 }  // namespace fixtures
 

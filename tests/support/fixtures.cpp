@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iomanip>
+#include <iterator>
 #include <sstream>
 #include <stdexcept>
 #include <sys/resource.h>
@@ -20,6 +21,7 @@
 #include <openssl/sha.h>
 
 #include "der.h"
+#include "file_text.h"
 #include "openssl_ptr.h"
 
 namespace fixtures {
@@ -369,6 +371,12 @@ std::string verifierPath()
 std::string tseCheckPath()
 {
     return TSE_CHECK_BIN;
+}
+
+std::string fileText(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 std::string toolPath(const std::string& name)

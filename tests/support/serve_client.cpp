@@ -16,12 +16,6 @@ using nlohmann::json;
 
 }  // namespace
 
-std::string fileText(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 // A server that refuses an upload may close the connection while the
 // client is still sending; the test must see the answer or the error, not
 // die of SIGPIPE.

@@ -13,12 +13,11 @@
 #include <string>
 #include <vector>
 
+#include "file_text.h"
 #include "fixtures.h"
 #include "serve_process.h"
 
 namespace fixtures {
-
-std::string fileText(const std::string& path);
 
 // A server with its TMPDIR in the test's folder, so that the test sees
 // every file it writes.
